@@ -87,7 +87,6 @@ class LabelManagerClient : public Zinc::Entity {
 
  public:
   explicit LabelManagerClient(Zinc::Name name) : Entity(std::move(name)) {}
-  void requestIs(const ClientLabelRequest::PtrConst& r) { requestIs(r->name(), r); }
 };
 
 class LabelManagerClientInfo : public Zinc::Entity {

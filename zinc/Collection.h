@@ -15,8 +15,9 @@
 //
 // which gives block(k) (the element, or a default value / null Ptr when absent), blockIs(k, v),
 // blockDel(k) (returns the removed element; an absent key is not an error), blockDelAll(),
-// blockNotify(k), blockCount(), blockHas(k), blockKeys() (a snapshot, safe to walk while the
-// collection changes) and blockColl() (the collection itself, for iteration: ordered
+// blockIs(v) for a value that knows its key (v.key()) or an entity Ptr (keyed by its
+// name()), blockNotify(k), blockCount(), blockHas(k), blockKeys() (a snapshot, safe to walk while
+// the collection changes) and blockColl() (the collection itself, for iteration: ordered
 // collections iterate in ascending key order, hash collections in no defined order).
 // Every add, replace with a different element, and delete calls onBlock(k) on each bound
 // notifiee after the change; a receiver learns of a deletion by finding the key absent.
@@ -106,27 +107,34 @@ class Coll {
 #define ZINC_NOTIFIEE(Type) \
   class Notifiee : public ::Zinc::NotifieeOf<Type, NotifieeConst> {};
 
-#define ZINC_COLLECTION_(attr, Attr, K, V, kind)                               \
- public:                                                                       \
-  V attr(const K& k) const { return attr##_.get(k); }                          \
-  bool attr##Has(const K& k) const { return attr##_.contains(k); }             \
-  size_t attr##Count() const { return attr##_.size(); }                        \
-  std::vector<K> attr##Keys() const { return attr##_.keys(); }                 \
-  const ::Zinc::Coll<K, V, kind>& attr##Coll() const { return attr##_; }       \
-  void attr##Is(const K& k, const V& v) {                                      \
-    if (attr##_.set(k, v)) notify(&NotifieeConst::on##Attr, k);                \
-  }                                                                            \
-  std::optional<V> attr##Del(const K& k) {                                     \
-    std::optional<V> old = attr##_.erase(k);                                   \
-    if (old) notify(&NotifieeConst::on##Attr, k);                              \
-    return old;                                                                \
-  }                                                                            \
-  void attr##DelAll() {                                                        \
-    for (const K& k : attr##_.keys()) attr##Del(k);                            \
-  }                                                                            \
-  void attr##Notify(const K& k) const { notify(&NotifieeConst::on##Attr, k); } \
-                                                                               \
- private:                                                                      \
+#define ZINC_COLLECTION_(attr, Attr, K, V, kind)                                        \
+ public:                                                                                \
+  V attr(const K& k) const { return attr##_.get(k); }                                   \
+  bool attr##Has(const K& k) const { return attr##_.contains(k); }                      \
+  size_t attr##Count() const { return attr##_.size(); }                                 \
+  std::vector<K> attr##Keys() const { return attr##_.keys(); }                          \
+  const ::Zinc::Coll<K, V, kind>& attr##Coll() const { return attr##_; }                \
+  void attr##Is(const K& k, const V& v) {                                               \
+    if (attr##_.set(k, v)) notify(&NotifieeConst::on##Attr, k);                         \
+  }                                                                                     \
+  /* A value that knows its key (value.key()), or an entity Ptr keyed by its name(). */ \
+  template <class VV = V>                                                               \
+  requires requires(const VV& v) { K(v.key()); }                                        \
+  void attr##Is(const VV& v) { attr##Is(K(v.key()), v); }                               \
+  template <class VV = V>                                                               \
+  requires requires(const VV& v) { K(v->name()); }                                      \
+  void attr##Is(const VV& v) { attr##Is(K(v->name()), v); }                             \
+  std::optional<V> attr##Del(const K& k) {                                              \
+    std::optional<V> old = attr##_.erase(k);                                            \
+    if (old) notify(&NotifieeConst::on##Attr, k);                                       \
+    return old;                                                                         \
+  }                                                                                     \
+  void attr##DelAll() {                                                                 \
+    for (const K& k : attr##_.keys()) attr##Del(k);                                     \
+  }                                                                                     \
+  void attr##Notify(const K& k) const { notify(&NotifieeConst::on##Attr, k); }          \
+                                                                                        \
+ private:                                                                               \
   ::Zinc::Coll<K, V, kind> attr##_;
 
 #define ZINC_ORDERED_COLLECTION(attr, Attr, K, V) \

@@ -78,6 +78,11 @@ class Entity : public PtrInterface {
   // type N. All notifiees of an entity type T derive from T::NotifieeConst.
   template <class N, class... P, class... A>
   void notify(void (N::*method)(P...), A&&... args) const {
+    if (notifiees_.empty()) return;
+    // A notifiee that unbinds may drop the last reference to this entity: hold one until
+    // the delivery is over. (With notifiees bound the count is at least one, so this never
+    // runs on an entity still under construction.)
+    Zinc::Ptr<Entity const> keepAlive(this);
     notifiees_.forEach([&](NotifieeBase* n) { (static_cast<N*>(n)->*method)(args...); });
   }
 

@@ -11,6 +11,13 @@ namespace {
 
 using Zinc::Name;
 
+struct Neighbor {
+  Name id;
+  int metric = 0;
+  Name key() const { return id; }
+  bool operator==(const Neighbor&) const = default;
+};
+
 // A small entity with one attribute and two collections, declared the way library entities are.
 class Router : public Zinc::Entity {
   ZINC_ENTITY(Router, "Test::Router")
@@ -21,11 +28,13 @@ class Router : public Zinc::Entity {
     virtual void onEnabled() {}
     virtual void onRoute(const uint32_t&) {}
     virtual void onPeer(const Name&) {}
+    virtual void onNeighbor(const Name&) {}
   };
   ZINC_NOTIFIEE(Router)
   ZINC_ATTRIBUTE(enabled, Enabled, bool)
   ZINC_ORDERED_COLLECTION(route, Route, uint32_t, Zinc::String)
   ZINC_HASH_COLLECTION(peer, Peer, Name, Ptr)
+  ZINC_ORDERED_COLLECTION(neighbor, Neighbor, Name, Neighbor)
 
  public:
   explicit Router(Name name) : Entity(std::move(name)) {}
@@ -79,6 +88,44 @@ TEST(Collection, LookupIterationAndDeleteAll) {
   r->routeDelAll();
   EXPECT_EQ(r->routeCount(), 0u);
   EXPECT_EQ(rec.log, (std::vector<std::string>{"route:10=", "route:30="}));
+}
+
+TEST(Collection, KeysTakenFromValueOrEntityName) {
+  auto r = routerFactory("r1");
+  Recorder rec;
+  rec.notifierIs(r);
+  r->neighborIs(Neighbor{"n1", 10});
+  EXPECT_EQ(r->neighbor("n1").metric, 10);
+  auto p1 = routerFactory("p1");
+  auto p2 = routerFactory("p2");
+  r->peerIs(p1);
+  r->peerIs(p2);
+  r->peerDel("p1");
+  EXPECT_EQ(r->peer("p2"), p2);
+  std::vector<std::string> peers;
+  for (const auto& [k, v] : r->peerColl()) peers.push_back(v->name().str());
+  EXPECT_EQ(peers, std::vector<std::string>{"p2"});
+  EXPECT_EQ(rec.log, (std::vector<std::string>{"peer:p1+", "peer:p2+", "peer:p1-"}));
+}
+
+// Drops the only reference to its notifier while being notified.
+class LastReference : public Router::NotifieeConst {
+ public:
+  void onEnabled() override { notifierIs(nullptr); }
+};
+
+TEST(Notifiee, NotifierSurvivesLosingItsLastReferenceDuringDelivery) {
+  Router::destroyed = 0;
+  LastReference n1, n2;
+  Router* raw;
+  {
+    auto r = routerFactory("r");
+    raw = r.get();
+    n1.notifierIs(r);
+    n2.notifierIs(r);
+  }
+  raw->enabledIs(true);  // both unbind; the entity goes only after the delivery
+  EXPECT_EQ(Router::destroyed, 1);
 }
 
 TEST(Notifiee, BindRebindUnbindAndDestruction) {
