@@ -182,9 +182,9 @@ void Loop::armTimerFd() {
   }
   TimePoint next = heap_.empty() ? TimePoint::max() : heap_.top().when;
   if (next == armedFor_) return;
-  itimerspec spec{};
-  if (next != TimePoint::max()) spec.it_value = toTimespec(next);
-  check(timerfd_settime(timerFd_, TFD_TIMER_ABSTIME, &spec, nullptr), "timerfd_settime");
+  itimerspec arm{};
+  if (next != TimePoint::max()) arm.it_value = toTimespec(next);
+  check(timerfd_settime(timerFd_, TFD_TIMER_ABSTIME, &arm, nullptr), "timerfd_settime");
   armedFor_ = next;
 }
 

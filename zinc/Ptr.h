@@ -23,7 +23,8 @@ bool threadSafePtrs();
 
 class PtrInterface;
 
-// Told once, just before an object whose count dropped to zero is destroyed.
+// Told once, just before an object whose count dropped to zero is destroyed. The object is
+// still whole; the notifiee must not take a new reference to it.
 class ZeroReferencesNotifiee {
  public:
   virtual ~ZeroReferencesNotifiee() = default;
