@@ -151,13 +151,13 @@ int64_t LabelManagerSm::gridStart(int64_t index) const {
 uint32_t LabelManagerSm::blockStart(int64_t index) const {
   int64_t start = gridStart(index);
   LMTRACE(9, " index: " << index << ", start: " << start);
-  return checkedMplsLabel(start);
+  return Local::MplsLabel(start).value();
 }
 
 bool LabelManagerSm::blockIsValid(const LabelBlock& block) const {
-  bool valid = block.blockStart() >= configRangeBase() &&
-               uint64_t(block.blockStart()) + labelBlockSize <= configRangeMax();
-  LMTRACE(9, " block start: " << block.blockStart() << ", valid: " << valid);
+  const uint32_t start = block.blockStart().value();
+  bool valid = start >= configRangeBase() && uint64_t(start) + labelBlockSize <= configRangeMax();
+  LMTRACE(9, " block start: " << start << ", valid: " << valid);
   return valid;
 }
 
@@ -190,9 +190,10 @@ void LabelManagerSm::handleLabelRange() {
   const LabelRange range = configRange();
   LMTRACE(8, " range: " << range);
   allocValid_ = false;
-  const uint64_t end = std::min<uint64_t>(uint64_t(range.base()) + range.size(), mplsLabelMax);
-  if (range.base() < end && end - range.base() >= labelBlockSize) {
-    const int64_t blocks = int64_t(end - range.base()) >> labelBlockShift;
+  const uint64_t base = range.base().value();
+  const uint64_t end = std::min<uint64_t>(range.end(), Local::MplsLabel::max);
+  if (base < end && end - base >= labelBlockSize) {
+    const int64_t blocks = int64_t(end - base) >> labelBlockShift;
     LMTRACE(1, " allocate " << blocks << " blocks.");
     drAllocConfig_->rangeIs(Keel::Range(0, blocks - 1));
     drAllocConfig_->expiryTimeIs(1.0);
@@ -230,7 +231,7 @@ bool LabelManagerSm::syncAllocations() {
     auto alloc = status_->labelBlockAllocation(client);
     auto info = clientInfo(client);
     for (const auto& [id, block] : alloc->blockColl()) {
-      const uint32_t start = block.blockStart();
+      const uint32_t start = block.blockStart().value();
       const int64_t idx = blockIdx(start);
       const int64_t computed = gridStart(idx);
       if (computed != start || idx < 0 || idx > idxMax) {
@@ -367,7 +368,7 @@ void LabelManagerSm::allocateLabelBlock(const Zinc::Name& client, const Zinc::St
   ZINC_ASSERT(cltInfo, "no client info for client " + client.str());
   if (alloc->blockHas(id)) {
     LMTRACE(8, " ID " << id << " already fulfilled");
-    const uint64_t start = alloc->block(id).blockStart();
+    const uint64_t start = alloc->block(id).blockStart().value();
     const uint64_t end = start + labelBlockSize;
     ZINC_ASSERT(start < end, "empty block");
     ZINC_ASSERT(start >= configRangeBase(), "block starts below the range");
@@ -394,7 +395,7 @@ bool LabelManagerSm::republishRecordedBlock(const Zinc::Name& client, const Zinc
                                             LabelManagerClientInfo& info) {
   if (!info.blockIndexHas(id)) return false;
   const uint32_t idx = info.blockIndex(id);
-  const LabelBlock block(checkedMplsLabel(gridStart(idx)));
+  const LabelBlock block(Local::MplsLabel(gridStart(idx)));
   if (drAlloc_->isReserved(idx) && !drAlloc_->isHeld(idx) && blockIsValid(block)) {
     alloc.blockIs(id, block);
     ZTRACE(1, "allocateLabelBlock ID " << id << " was added again, index: " << idx);

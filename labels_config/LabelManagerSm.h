@@ -82,8 +82,8 @@ class LabelManagerSm : public Zinc::Entity {
 
   // Derived values.
   LabelRange configRange() const;
-  uint32_t configRangeBase() const { return configRange().base(); }
-  uint64_t configRangeMax() const { return uint64_t(configRange().base()) + configRange().size(); }
+  uint32_t configRangeBase() const { return configRange().base().value(); }
+  uint64_t configRangeMax() const { return configRange().end(); }
   int64_t blockIdx(uint32_t label) const;
   uint32_t blockStart(int64_t index) const;
   bool blockIsValid(const LabelBlock& block) const;

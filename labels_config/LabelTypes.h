@@ -1,75 +1,57 @@
-// Value types of the label manager: Mpls::LabelRange and Mpls::LabelBlock, and the label
-// bounds they are checked against.
-//
-// Both are written out by hand here (==, <, hash, string form and parsing); they move onto
-// the framework's declared value types once those exist.
+// Value types of the label manager, Mpls::LabelRange and Mpls::LabelBlock, and the label bounds
+// they are checked against.
 #pragma once
 
 #include <cstdint>
-#include <ostream>
-#include <string>
 #include <string_view>
 
-#include "zinc/Hash.h"
+#include "zinc/Value.h"
+#include "zinc/Word.h"
 
 namespace Mpls {
 
-// Label values held in a 32-bit word: ordinary labels go up to 0xFFFFF; 0x800000 is the
-// special value "withdraw", the largest a label word may hold.
-inline constexpr uint32_t mplsLabelMax = 0xFFFFF;
-inline constexpr uint32_t mplsLabelLuWithdraw = 0x800000;
+namespace Local {
+
+// A label word: ordinary labels go up to max (20 bits); luWithdraw, the largest value a label
+// word may hold, marks a labelled-unicast withdrawal. A label past luWithdraw raises
+// "MplsLabel::value < MplsLabel::min or > MplsLabel::luWithdraw not allowed".
+// Same bounds, messages, text and stored form as the shared Wire::MplsLabel, which replaces it
+// here once the MPLS base types are in the tree.
+class MplsLabel {
+  ZINC_BOUNDED_BODY(MplsLabel, uint32_t, 0, 0x800000, "luWithdraw");
+
+ public:
+  static constexpr uint32_t max = 0xfffff;
+  static constexpr uint32_t luWithdraw = 0x800000;
+};
+
+}  // namespace Local
+
 inline constexpr uint32_t labelBlockSize = 16384;
 inline constexpr int labelBlockShift = 14;
 
-// Throws the label range error when `value` is not a valid label word.
-uint32_t checkedMplsLabel(int64_t value);
+// A range of labels [base, base + size). The base must be an ordinary label
+// ("LabelRange::base > Wire::MplsLabel::max not allowed") and the range may not run past the
+// 20-bit label space ("LabelRange::size > Expr @Mpls:176 not allowed"). The empty range is
+// base 0, size 0.
+ZINC_VALUE_ATTRS(LabelRange, "Mpls::LabelRange", (Local::MplsLabel, base), (uint32_t, size));
+class LabelRange : public LabelRangeZincAttrs {
+  ZINC_VALUE_BODY(LabelRange);
 
-class LabelRange {
  public:
-  LabelRange() = default;
   LabelRange(uint32_t base, uint32_t size);
-
-  uint32_t base() const { return base_; }
-  uint32_t size() const { return size_; }
+  LabelRange(const Local::MplsLabel& base, const uint32_t& size) : LabelRange(base.value(), size) {}
   void baseIs(uint32_t base);
   void sizeIs(uint32_t size);
-
-  friend bool operator==(const LabelRange&, const LabelRange&) = default;
-  friend bool operator<(const LabelRange& a, const LabelRange& b) {
-    return a.base_ != b.base_ ? a.base_ < b.base_ : a.size_ < b.size_;
-  }
-  uint32_t hash() const;
-
- private:
-  uint32_t base_ = 0;
-  uint32_t size_ = 0;
+  uint64_t end() const { return uint64_t(base_.value()) + size_; }
 };
 
-class LabelBlock {
- public:
-  LabelBlock() = default;
-  explicit LabelBlock(uint32_t blockStart) : blockStart_(checkedMplsLabel(blockStart)) {}
+// The first label of a block of labelBlockSize labels.
+ZINC_VALUE(LabelBlock, "Mpls::LabelBlock", (Local::MplsLabel, blockStart));
 
-  uint32_t blockStart() const { return blockStart_; }
-  void blockStartIs(uint32_t start) { blockStart_ = checkedMplsLabel(start); }
-
-  friend bool operator==(const LabelBlock&, const LabelBlock&) = default;
-  friend bool operator<(const LabelBlock& a, const LabelBlock& b) {
-    return a.blockStart_ < b.blockStart_;
-  }
-  uint32_t hash() const;
-
- private:
-  uint32_t blockStart_ = 0;
-};
-
-// "Value('Mpls::LabelRange', ** {'base': 100000, 'size': 262144})" and back.
-std::string valueToStrep(const LabelRange& v);
-std::string valueToStrep(const LabelBlock& v);
-std::ostream& operator<<(std::ostream& os, const LabelRange& v);
-std::ostream& operator<<(std::ostream& os, const LabelBlock& v);
-// Throw Zinc::RangeException on a malformed string or an out-of-range value.
-LabelRange labelRangeFromStrep(std::string_view s);
-LabelBlock labelBlockFromStrep(std::string_view s);
+// Parsing of the text form, with every check of construction. Malformed text raises
+// Zinc::Exception, an out-of-range value Zinc::RangeException.
+LabelRange labelRangeFromStrep(std::string_view text);
+LabelBlock labelBlockFromStrep(std::string_view text);
 
 }  // namespace Mpls

@@ -49,7 +49,7 @@ class LabelManagerTest : public ::testing::Test {
   Blocks blocks(const std::string& client) const {
     Blocks out;
     if (auto alloc = status->labelBlockAllocation(client)) {
-      for (const auto& [id, block] : alloc->blockColl()) out[id.str()] = block.blockStart();
+      for (const auto& [id, block] : alloc->blockColl()) out[id.str()] = block.blockStart().value();
     }
     return out;
   }
@@ -373,13 +373,25 @@ TEST(LabelRange, BoundsAndStringForm) {
             "MplsLabel::value < MplsLabel::min or > MplsLabel::luWithdraw not allowed");
 
   Mpls::LabelRange r(100000, 262144);
-  EXPECT_EQ(Mpls::valueToStrep(r),
-            "Value('Mpls::LabelRange', ** {'base': 100000, 'size': 262144})");
-  EXPECT_EQ(Mpls::labelRangeFromStrep(Mpls::valueToStrep(r)), r);
-  EXPECT_EQ(Mpls::labelBlockFromStrep(Mpls::valueToStrep(Mpls::LabelBlock(7))),
-            Mpls::LabelBlock(7));
+  EXPECT_EQ(valueToStrep(r), "Value('Mpls::LabelRange', ** {'base': 100000, 'size': 262144})");
+  EXPECT_EQ(Mpls::labelRangeFromStrep(valueToStrep(r)), r);
+  EXPECT_EQ(Mpls::labelBlockFromStrep(valueToStrep(Mpls::LabelBlock(7))), Mpls::LabelBlock(7));
+  EXPECT_EQ(
+      message([] {
+        Mpls::labelRangeFromStrep("Value('Mpls::LabelRange', ** {'base': 1000, 'size': 1048000})");
+      }),
+      "LabelRange::size > Expr @Mpls:176 not allowed");
+  EXPECT_EQ(
+      message([] {
+        Mpls::labelRangeFromStrep("Value('Mpls::LabelRange', ** {'base': 1048576, 'size': 0})");
+      }),
+      "LabelRange::base > Wire::MplsLabel::max not allowed");
+  EXPECT_EQ(message([] {
+              Mpls::labelBlockFromStrep("Value('Mpls::LabelBlock', ** {'blockStart': 8388609})");
+            }),
+            "MplsLabel::value < MplsLabel::min or > MplsLabel::luWithdraw not allowed");
   EXPECT_THROW(Mpls::labelRangeFromStrep("Value('Mpls::LabelRange', ** {'base': 1})"),
-               Zinc::RangeException);
+               Zinc::Exception);
   EXPECT_TRUE(Mpls::LabelRange(1, 5) < Mpls::LabelRange(2, 0));
   EXPECT_TRUE(Mpls::LabelRange(1, 5) < Mpls::LabelRange(1, 6));
   EXPECT_EQ(r.hash(), Mpls::LabelRange(100000, 262144).hash());
