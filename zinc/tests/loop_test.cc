@@ -75,6 +75,47 @@ TEST(Loop, PipeReadableHandlerAndUnwatch) {
   close(fds[1]);
 }
 
+TEST(Loop, HandlerUnwatchingAnotherReadyFdStopsItsDelivery) {
+  Zinc::Loop loop;
+  int a[2], b[2];
+  ASSERT_EQ(pipe(a), 0);
+  ASSERT_EQ(pipe(b), 0);
+  int calls = 0;
+  // Both become readable in the same iteration; whichever runs first unwatches the other.
+  loop.fdWatchIs(a[0], [&](uint32_t) {
+    ++calls;
+    loop.fdWatchDel(b[0]);
+    loop.fdWatchDel(a[0]);
+  });
+  loop.fdWatchIs(b[0], [&](uint32_t) {
+    ++calls;
+    loop.fdWatchDel(a[0]);
+    loop.fdWatchDel(b[0]);
+  });
+  ASSERT_EQ(write(a[1], "x", 1), 1);
+  ASSERT_EQ(write(b[1], "y", 1), 1);
+  loop.runFor(10ms);
+  EXPECT_EQ(calls, 1);
+  for (int fd : {a[0], a[1], b[0], b[1]}) close(fd);
+}
+
+TEST(Loop, WritableWatch) {
+  Zinc::Loop loop;
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  bool writable = false;
+  loop.fdWatchIs(
+      fds[1],
+      [&](uint32_t events) {
+        writable = events & Zinc::Loop::writable;
+        loop.fdWatchDel(fds[1]);
+      },
+      Zinc::Loop::writable);
+  EXPECT_TRUE(loop.runUntil([&] { return writable; }, 5s));
+  close(fds[0]);
+  close(fds[1]);
+}
+
 TEST(Loop, DeferredCallsRunOnTheNextIteration) {
   Zinc::Loop loop;
   std::vector<std::string> order;
