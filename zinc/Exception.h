@@ -44,8 +44,8 @@ std::string assertionText(std::string_view file, int line, std::string_view func
 
 // ZINC_ASSERT(cond, message): throws Zinc::InternalException when cond is false. The condition
 // is quoted in the text exactly as written at the call.
-#define ZINC_ASSERT(cond, message)                                                   \
-  do {                                                                               \
-    if (!(cond)) [[unlikely]]                                                        \
+#define ZINC_ASSERT(cond, message)                                                      \
+  do {                                                                                  \
+    if (!(cond)) [[unlikely]]                                                           \
       ::Zinc::assertionFailed(__FILE__, __LINE__, __PRETTY_FUNCTION__, #cond, message); \
   } while (0)

@@ -26,9 +26,7 @@ class Trace {
   ~Trace();
 
   const char* name() const { return name_; }
-  bool enabled(int level) const {
-    return (mask_.load(std::memory_order_relaxed) >> level) & 1u;
-  }
+  bool enabled(int level) const { return (mask_.load(std::memory_order_relaxed) >> level) & 1u; }
   void write(int level, std::string_view text) const;
 
   // Replaces the configuration (same syntax as ZINC_TRACE) for every trace, present and future.
@@ -48,18 +46,18 @@ class Trace {
 }  // namespace Zinc
 
 // One file-level trace per source file: ZINC_TRACE_FILE("LabelManagerSm");
-#define ZINC_TRACE_FILE(traceName) \
-  namespace {                      \
+#define ZINC_TRACE_FILE(traceName)         \
+  namespace {                              \
   ::Zinc::Trace zincFileTrace_(traceName); \
   }
 
 // ZTRACE(level, a << b << c): formats and writes only when the level is enabled.
-#define ZTRACE_TO(trace, level, expr)          \
-  do {                                         \
-    if ((trace).enabled(level)) [[unlikely]] { \
-      std::ostringstream zincTraceOs_;         \
-      zincTraceOs_ << expr;                    \
+#define ZTRACE_TO(trace, level, expr)           \
+  do {                                          \
+    if ((trace).enabled(level)) [[unlikely]] {  \
+      std::ostringstream zincTraceOs_;          \
+      zincTraceOs_ << expr;                     \
       (trace).write(level, zincTraceOs_.str()); \
-    }                                          \
+    }                                           \
   } while (0)
 #define ZTRACE(level, expr) ZTRACE_TO(zincFileTrace_, level, expr)

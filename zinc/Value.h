@@ -11,7 +11,7 @@
 //
 // Generated for every value type T:
 //   T()                          every attribute zero/empty/its enumeration's first value
-//   T(a, b, ...)                 from all attributes in order
+//   T(a, b, ...)                 from all attributes in order (explicit for a single attribute)
 //   a(), aIs(v)                  per attribute
 //   for an inline array x indexed by I: x(I), xIs(I, v), xDel(I), xDelAll(), xs() (the count)
 //   ==, <                        all attributes; lexicographic in declared order
@@ -117,15 +117,20 @@ bool valueEqual(const T& a, const T& b) {
   });
 }
 
+// Lexicographic over the attributes in declared order: -1, 0 or 1.
 template <ZincValue T>
-bool valueLess(const T& a, const T& b) {
-  bool result = false;
+int valueCompare(const T& a, const T& b) {
+  int result = 0;
   anyField<T>([&](const auto& f) {
-    using Tr = ValueTraits<typename std::decay_t<decltype(f)>::Type>;
-    if (Tr::less(a.*f.member, b.*f.member)) return result = true;
-    return Tr::less(b.*f.member, a.*f.member);
+    result = compareOf(a.*f.member, b.*f.member);
+    return result != 0;
   });
   return result;
+}
+
+template <ZincValue T>
+bool valueLess(const T& a, const T& b) {
+  return valueCompare(a, b) < 0;
 }
 
 template <ZincValue T>
@@ -207,6 +212,7 @@ struct ValueTraits<T> {
   static constexpr size_t maxSize = serializable ? fieldMaxSizeSum<T>() : 0;
 
   static bool less(const T& a, const T& b) { return valueLess(a, b); }
+  static int compare(const T& a, const T& b) { return valueCompare(a, b); }
   static bool equal(const T& a, const T& b) { return valueEqual(a, b); }
   static void mix(Hash& h, const T& v) { h.mix(v.hash()); }
   static void print(std::ostream& os, const T& v) { valuePrint(os, v); }
@@ -267,6 +273,12 @@ T strepToValue(std::string_view text) {
     p.expectEnd();
     return v;
   }
+}
+
+// The same reader, under the name that enumeration code knows it by.
+template <class T>
+T sequenceToValue(std::string_view text) {
+  return strepToValue<T>(text);
 }
 
 // The serialised form of a value (packed little-endian attributes in declared order):
@@ -373,7 +385,8 @@ struct Serial {
                                                                                   \
    public:                                                                        \
     T##ZincAttrs() = default;                                                     \
-    T##ZincAttrs(ZINC_PP_FOR_EACH_COMMA(ZINC_VF_PARAM, __VA_ARGS__))              \
+    explicit(ZINC_PP_NARGS(__VA_ARGS__) == 1) T                                   \
+        ##ZincAttrs(ZINC_PP_FOR_EACH_COMMA(ZINC_VF_PARAM, __VA_ARGS__))           \
         : ZINC_PP_FOR_EACH_COMMA(ZINC_VF_INIT, __VA_ARGS__) {}                    \
     static constexpr std::string_view zincTypeName() { return qualifiedName; }    \
     static constexpr std::string_view zincShortName() { return #T; }              \

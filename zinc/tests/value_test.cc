@@ -23,6 +23,8 @@ ZINC_VALUE(Item, "Shop::Item", (ItemKey, key), (bool, inStock), (Flags, flags), 
            (Labels, labels), (uint64_t, weight), (double, price));
 ZINC_VALUE(Note, "Shop::Note", (ItemKey, key), (Zinc::String, text));
 ZINC_VALUE(Shelf, "Shop::Shelf", (ItemKey, key), (ItemKey, item, SlotIndex));
+ZINC_VALUE(Tag, "Shop::Tag", (uint32_t, id));
+static_assert(!std::is_convertible_v<uint32_t, Tag>, "one attribute: no implicit conversion");
 
 ZINC_VALUE_ATTRS(Order, "Shop::Order", (ItemKey, key), (uint32_t, quantity));
 class Order : public OrderZincAttrs {
@@ -50,6 +52,7 @@ TEST(ValueType, EveryDeclaredTypePassesTheGenericChecks) {
   checkValueType(arbitrarySamples<Note>(40));
   checkValueType(arbitrarySamples<Shelf>(40));
   checkValueType(arbitrarySamples<Order>(40));
+  checkValueType(arbitrarySamples<Tag>(20));
 }
 
 TEST(ValueType, DefaultIsZeroAndConstructionFollowsDeclaredOrder) {
