@@ -377,6 +377,7 @@ struct Serial {
 #define ZINC_VF_FIELD_3(Elem, name, Index) ::Zinc::field(#name, &ZincAttrs::name##_)
 #define ZINC_VF_FIELD(f) ZINC_VF_DISPATCH(ZINC_VF_FIELD_, f)
 
+// clang-format off
 #define ZINC_VALUE_ATTRS(T, qualifiedName, ...)                                   \
   class T;                                                                        \
   class T##ZincAttrs {                                                            \
@@ -385,8 +386,8 @@ struct Serial {
                                                                                   \
    public:                                                                        \
     T##ZincAttrs() = default;                                                     \
-    explicit(ZINC_PP_NARGS(__VA_ARGS__) == 1) T                                   \
-        ##ZincAttrs(ZINC_PP_FOR_EACH_COMMA(ZINC_VF_PARAM, __VA_ARGS__))           \
+    explicit(ZINC_PP_NARGS(__VA_ARGS__) == 1)                                     \
+    T##ZincAttrs(ZINC_PP_FOR_EACH_COMMA(ZINC_VF_PARAM, __VA_ARGS__))              \
         : ZINC_PP_FOR_EACH_COMMA(ZINC_VF_INIT, __VA_ARGS__) {}                    \
     static constexpr std::string_view zincTypeName() { return qualifiedName; }    \
     static constexpr std::string_view zincShortName() { return #T; }              \
@@ -415,6 +416,8 @@ struct Serial {
     }                                                                             \
     ZINC_PP_FOR_EACH(ZINC_VF_ATTR, __VA_ARGS__)                                   \
   }
+
+// clang-format on
 
 #define ZINC_VALUE_BODY(T)                                                            \
  public:                                                                              \
