@@ -6,8 +6,9 @@
 //   }
 //
 // Each attribute is a (type, name) pair, in declared order; a type containing a comma needs an
-// alias. An inline array attribute is (element type, name, index type): the array holds at most
-// Index::maxValue + 1 elements (see InlineArray.h).
+// alias. A set of values is a Zinc::ValueSet<E> attribute (ValueSet.h). An inline array attribute
+// is (element type, name, index type): the array holds at most Index::maxValue + 1 elements (see
+// InlineArray.h).
 //
 // Generated for every value type T:
 //   T()                          every attribute zero/empty/its enumeration's first value
@@ -50,6 +51,7 @@
 #include "zinc/InlineArray.h"
 #include "zinc/Preprocessor.h"
 #include "zinc/Strep.h"
+#include "zinc/ValueSet.h"
 #include "zinc/ValueTraits.h"
 #include "zinc/Word.h"
 

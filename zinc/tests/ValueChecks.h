@@ -112,6 +112,15 @@ struct Arbitrary<InlineArray<E, Index>> {
   }
 };
 
+template <class E>
+struct Arbitrary<ValueSet<E>> {
+  static ValueSet<E> make(Rng& rng) {
+    ValueSet<E> set;
+    for (int n = rng() % 4; n > 0; --n) set.insert(Arbitrary<E>::make(rng));
+    return set;
+  }
+};
+
 template <ZincValue T>
 struct Arbitrary<T> {
   static T make(Rng& rng) {
