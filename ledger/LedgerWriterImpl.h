@@ -11,7 +11,7 @@ SlotTableConfig LedgerWriter<Key, Value, OpsT>::slotConfig() const {
   c.shape = TableShape{ops_.valueSize(), config_.tableParameter, ops_.valueTypeName(),
                        ops_.classTypeName()};
   c.capacity = config_.capacity;
-  c.minSlots = std::max(config_.minSize, 1u);
+  c.minSlots = config_.minSize;
   c.maxSlots = std::min(config_.maxSize, kMaxSlots);
   c.fixedSize = config_.fixedSize;
   c.shrinkEnabled = config_.shrinkEnabled;
