@@ -211,6 +211,7 @@ const void* LedgerWriter<Key, Value, OpsT>::write(const Value& value, WriteFlag 
   const ChainPosition pos = map_.find(key, hash);
   uint32_t slot = pos.hit;
   if (slot != kNoSlot) {
+    rally_.prefetch(slot);
     if (flag == WriteFlag::ifChanged && ops_.sameStored(slots_.value(slot), value)) {
       ++counters_.unchanged;
       return slots_.value(slot);
@@ -362,6 +363,9 @@ void LedgerWriter<Key, Value, OpsT>::doMaybeShrinkSlots() {
   rally_.markShrinkStart(target, n);
   slots_.purgeFreeSlots(target);
   for (uint32_t from = target; from < n; ++from) {
+    if (uint32_t ahead = from + 8; ahead < n && (slots_.slot(ahead).status & kOccupied)) {
+      map_.prefetchBucket(OpsT::hash(ops_.storedKey(slots_.value(ahead))));
+    }
     if (slots_.slot(from).status & kOccupied) moveSlot(from);
   }
   slots_.cut(target);

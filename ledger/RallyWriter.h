@@ -130,6 +130,10 @@ class RallyWriter {
   bool attached() const { return control_ != nullptr; }
   bool adopted() const { return adopted_; }
 
+  // Starts fetching what notify(slot) will touch, so that the fetch overlaps other work.
+  void prefetch(uint32_t slot) const {
+    if (queue_ && slot < queue_->slotCapacity) __builtin_prefetch(&positions_[slot]);
+  }
   // Announces a change to `slot`; returns its sequence.
   uint64_t notify(uint32_t slot);
   void markShrinkStart(uint32_t corralStart, uint32_t corralEnd);

@@ -123,6 +123,7 @@ class WriterHashMap {
   }
 
   void setLink(LinkRef ref, uint32_t link) { SlotWriterTable::storeLink(pair(ref), link); }
+  void prefetchBucket(uint32_t hash) { __builtin_prefetch(&buckets_.head(bucketOf(hash))); }
 
   // Doubles the bucket count, splitting every chain in two (see Format.h for the readers'
   // side of the resize bracket).
@@ -132,6 +133,7 @@ class WriterHashMap {
     ZTRACE_TO(trace(), 1, "WriterHashMap::growBuckets() growing from: " << n << " to: " << 2 * n);
     buckets_.beginResize();
     for (uint32_t b = 0; b < n; ++b) {
+      prefetchChain(b + kPrefetchDistance, n);
       LinkRef low{b, true}, high{b + n, true};
       uint32_t link = SlotWriterTable::loadLink(buckets_.head(b));
       for (uint32_t count = 0; !isEndOfChain(link);) {
@@ -156,6 +158,8 @@ class WriterHashMap {
     const uint32_t half = buckets_.numBuckets() / 2;
     buckets_.beginResize();
     for (uint32_t b = 0; b < half; ++b) {
+      prefetchChain(b + kPrefetchDistance, half);
+      prefetchChain(b + half + kPrefetchDistance, 2 * half);
       uint32_t a = SlotWriterTable::loadLink(buckets_.head(b));
       uint32_t c = SlotWriterTable::loadLink(buckets_.head(b + half));
       LinkRef tail{b, true};
@@ -180,6 +184,15 @@ class WriterHashMap {
   }
 
  private:
+  // Chains are mostly one or two slots long: fetching the first slot of a bucket a few
+  // buckets ahead overlaps the cache misses of a whole-table walk.
+  static constexpr uint32_t kPrefetchDistance = 8;
+  void prefetchChain(uint32_t bucket, uint32_t end) {
+    if (bucket >= end) return;
+    uint32_t link = SlotWriterTable::loadLink(buckets_.head(bucket));
+    if (link < slots_.numSlots()) __builtin_prefetch(&slots_.slot(link));
+  }
+
   static const Zinc::Trace& trace() {
     static Zinc::Trace t("WriterHashMap");
     return t;
