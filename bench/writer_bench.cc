@@ -235,7 +235,8 @@ int main(int argc, char** argv) {
       for (const auto& t : s.samples) v.push_back(t.*field);
       return median(v);
     };
-    med[s.name] = {pick(&PhaseTimes::insert), pick(&PhaseTimes::update), pick(&PhaseTimes::remove)};
+    med[s.name] = {pick(&PhaseTimes::insert), pick(&PhaseTimes::update), pick(&PhaseTimes::remove),
+                   pick(&PhaseTimes::bulkLoad)};
   }
   for (System& s : systems) {
     const PhaseTimes& t = med[s.name];

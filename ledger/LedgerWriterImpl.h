@@ -212,6 +212,7 @@ const void* LedgerWriter<Key, Value, OpsT>::write(const Value& value, WriteFlag 
       map_.find(key, hash, "WriterHashMap::find()", [this](uint32_t s) { rally_.prefetch(s); });
   uint32_t slot = pos.hit;
   if (slot != kNoSlot) {
+    rally_.prefetchTombstone(slot);
     if (flag == WriteFlag::ifChanged && ops_.sameStored(slots_.value(slot), value)) {
       ++counters_.unchanged;
       return slots_.value(slot);
