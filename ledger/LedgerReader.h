@@ -115,6 +115,23 @@ class LedgerReader : public LedgerBase<Key, Value> {
     });
   }
 
+  // The slot that holds `key` now (its stored bytes left in slotBuffer()), or kNoSlot.
+  uint32_t findSlot(const Key& key) {
+    uint32_t found = kNoSlot;
+    guarded([&] {
+      return walkUntil(
+          OpsT::hash(key), "LedgerReader::doLookup()",
+          [&](uint32_t slot, bool& more) {
+            more = false;
+            if (!OpsT::equal(ops_.storedKey(buffer_.data()), key)) return false;
+            found = slot;
+            return true;
+          },
+          &key);
+    });
+    return found;
+  }
+
   bool doLookup(const Key& key, Value& out) {
     if (!buckets_.attached())
       throw CorruptionException("LedgerReader::doLookup() bucket table detached");
@@ -178,7 +195,10 @@ class LedgerReader : public LedgerBase<Key, Value> {
   bool validateFiles() override { return refuse("validateFiles to read-only Ledger table"), false; }
   bool cleanup() override { return refuse("cleanup to read-only Ledger table"), false; }
 
+  // The stored bytes of the slot that getValue() or a lookup read last.
+  const uint8_t* slotBuffer() const { return buffer_.data(); }
   SlotReaderTable& slotTable() { return slots_; }
+  const SlotReaderTable& slotTable() const { return slots_; }
   BucketReader& bucketTable() { return buckets_; }
   const OpsT& ops() const { return ops_; }
 
