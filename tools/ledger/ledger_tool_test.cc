@@ -147,7 +147,7 @@ TEST(LedgerTool, WatchPrintsEachChangeAsItHappens) {
     }
   };
   waitForLines(1);
-  w.writer.write(makeValue(3, 1), Ledger::WriteFlag::always);  // unchanged: no line
+  w.rewrite(3);  // unchanged: no line
   w.flush();
   w.writer.write(makeValue(1, 1));
   w.flush();
