@@ -279,6 +279,16 @@ T strepToValue(std::string_view text) {
 //                                    when the bytes hold an impossible value
 //   Serial<T>::lengthAt(in, avail)   the length of the serialised value at `in`
 //   Serial<T>::Key, loadKey(in, key) the first attribute (a record's key), read from the prefix
+//                                    (for a type that is not a record: the whole value)
+template <class T>
+struct FirstField {
+  using type = T;
+};
+template <ZincValue T>
+struct FirstField<T> {
+  using type = typename std::tuple_element_t<0, FieldsOf<T>>::Type;
+};
+
 template <class T>
 struct Serial {
   using Tr = ValueTraits<T>;
@@ -307,7 +317,7 @@ struct Serial {
     return Tr::lengthAt(i, i + avail);
   }
 
-  using Key = typename std::tuple_element_t<0, FieldsOf<T>>::Type;
+  using Key = typename FirstField<T>::type;
   static void loadKey(const void* in, Key& key) {
     auto* i = static_cast<const uint8_t*>(in);
     ValueTraits<Key>::load(i, i + ValueTraits<Key>::maxSize, key);

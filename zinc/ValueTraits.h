@@ -261,6 +261,8 @@ struct ValueTraits<W> : FixedSerial<sizeof(typename W::Rep)>, NoCollection {
 template <class X>
 struct Leaf {
   static constexpr bool zincLeaf = true;
+  // Lets a leaf default its own operator==.
+  constexpr bool operator==(const Leaf&) const = default;
   friend bool operator<(const X& a, const X& b) { return a.zincLess(b); }
   friend std::ostream& operator<<(std::ostream& os, const X& x) {
     x.zincPrint(os);
