@@ -1,0 +1,196 @@
+// LedgerWriter: the single writer of one shared-memory table.
+//
+// It owns the slot table (SlotWriterTable), the chains (WriterHashMap over BucketWriterTable)
+// and the writer end of the change queue (RallyWriter), and publishes every change in an
+// order that lets readers in other processes read without locks:
+//  - a rewrite goes look-aside copy, status + 2 (LOOKASIDE), value, status + 2 | OCCUPIED;
+//  - a new slot is complete (value, status, its own link) before the one 64-bit store of its
+//    predecessor's link pair makes it reachable;
+//  - a removed slot is unlinked by one 64-bit store, then its status changes, then its link
+//    is reused for the free list;
+//  - every change is then announced by slot index in the rally queue, and the kick hook runs
+//    once per public operation that announced something.
+// One process at a time may write a table: attach() takes an exclusive flock on
+// <table>/writer.lock, which the kernel drops when the process dies.
+#pragma once
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "ledger/BucketTable.h"
+#include "ledger/Exceptions.h"
+#include "ledger/LedgerBase.h"
+#include "ledger/Ops.h"
+#include "ledger/RallyWriter.h"
+#include "ledger/SlotWriterTable.h"
+#include "ledger/Validator.h"
+#include "ledger/WriterHashMap.h"
+#include "zinc/Exception.h"
+#include "zinc/Trace.h"
+
+namespace Ledger {
+
+struct LedgerConfig {
+  std::string root;  // empty: $LEDGER_ROOT or the default root
+  std::string table;
+  uint32_t capacity = 64;  // slots of a new table
+  uint32_t minSize = 1;
+  uint32_t maxSize = kMaxSlots;
+  bool fixedSize = false;
+  bool shrinkEnabled = true;
+  uint32_t tableParameter = 0;
+  uint32_t minBuckets = 16;  // a power of two
+  SharedMem::EmberFile::Perm perm = SharedMem::EmberFile::Perm::OwnerOnly;
+};
+
+enum class AttachResult { existing, recovered, newFile, reformatted };
+
+// The writer's lock on a table folder; released on close or when the process dies.
+class WriterLock {
+ public:
+  WriterLock() = default;
+  WriterLock(const WriterLock&) = delete;
+  WriterLock& operator=(const WriterLock&) = delete;
+  ~WriterLock() { release(); }
+  // Throws InitializationException when another process holds the table.
+  void acquire(const std::string& root, const std::string& table, SharedMem::EmberFile::Perm perm);
+  void release();
+
+ private:
+  int fd_ = -1;
+};
+
+template <class Key, class Value, class OpsT = Ops<Key, Value>>
+class LedgerWriter : public LedgerBase<Key, Value> {
+ public:
+  explicit LedgerWriter(LedgerConfig config, OpsT ops = OpsT())
+      : config_(std::move(config)), ops_(std::move(ops)) {}
+  ~LedgerWriter() override { detach(); }
+  LedgerWriter(const LedgerWriter&) = delete;
+  LedgerWriter& operator=(const LedgerWriter&) = delete;
+
+  // Maps the table's files: adopts a consistent table, recovers one that a dead writer left
+  // half-changed (rebuilding chains, free list and queue from the slots), creates or
+  // re-formats otherwise. Throws InitializationException.
+  AttachResult attach();
+  bool initialize() override {
+    attach();
+    return true;
+  }
+  void detach() override;
+  bool attached() const { return slots_.attached(); }
+
+  const void* write(const Value& value, WriteFlag flag = WriteFlag::always) override;
+  bool remove(const Key& key, Value* out = nullptr) override;
+  Value* directWrite(const Key& key) override { return openDirect(key, true); }
+  Value* directUpdate(const Key& key) override { return openDirect(key, false); }
+  void directCommit() override;
+
+  bool lookup(const Key& key, Value& out) override;
+  bool first(Value& out) override;
+  bool next(const Key& prev, Value& out, uint32_t* hint = nullptr) override;
+
+  uint32_t capacity() const override { return slots_.numSlots(); }
+  uint32_t maxSize() const override { return config_.maxSize; }
+  uint32_t minSize() const override { return config_.minSize; }
+  uint32_t members() const override { return slots_.occupiedSlots(); }
+  uint64_t sequence() const override { return rally_.sequence(); }
+  bool connected() const override { return attached(); }
+  // The writer's side is quiet when no direct slot is open; readers' acknowledgements are
+  // the readers' business.
+  bool quiesced() const override { return writerQuiesced(); }
+  bool writerQuiesced() const { return !direct_.has_value(); }
+  uint32_t emberId() const override { return attached() ? slots_.emberId() : 0; }
+  MountStatus mountStatus() const override {
+    return attached() ? MountStatus::mounted : MountStatus::unmounted;
+  }
+  WriterCounters writerCounters() const override;
+  uint32_t numBuckets() const { return buckets_.numBuckets(); }
+  uint32_t shrinkThreshold() const { return slots_.shrinkThreshold(); }
+  std::string dumpHeaders() const;
+  // Gives back unused slots now (as a remove would when occupancy is low enough).
+  void shrink() { doMaybeShrinkSlots(); }
+
+  bool validate() override { return validate(0); }
+  bool validate(uint32_t emberId) override;
+  bool validateFiles() override;
+  const std::string& validationError() const { return validationError_; }
+  // Detaches and removes the table's files.
+  bool cleanup() override;
+
+  RallyWriter& rally() { return rally_; }
+  SlotWriterTable& slotTable() { return slots_; }
+  BucketWriterTable& bucketTable() { return buckets_; }
+  const OpsT& ops() const { return ops_; }
+
+ private:
+  struct DirectSlot {
+    uint32_t slot;
+    Key key;
+    bool isNew;
+    LinkRef pred;
+  };
+  using Map = WriterHashMap<Key, OpsT>;
+
+  static const Zinc::Trace& trace() {
+    static Zinc::Trace t("LedgerWriter");
+    return t;
+  }
+  void checkNoDirect(const char* who) const {
+    if (direct_) {
+      throw Zinc::InternalException(std::string(who) +
+                                    " unbalanced directSlot:" + std::to_string(direct_->slot));
+    }
+  }
+  SlotTableConfig slotConfig() const;
+  Validator<Key, OpsT> validator() {
+    return Validator<Key, OpsT>(slots_, buckets_, rally_, ops_, config_.table);
+  }
+  void resetFresh();
+  void recover();
+  void relinkAll(std::vector<uint32_t>& occupied);
+  uint32_t insertNew(const ChainPosition& pos, uint32_t hash);
+  void publish(uint32_t slot, const Value& value);
+  Value* openDirect(const Key& key, bool create);
+  void maybeGrowBuckets();
+  void maybeShrinkBuckets();
+  void doMaybeShrinkSlots();
+  void moveSlot(uint32_t from);
+  void notify(uint32_t slot) { rally_.notify(slot); }
+  // Old stored bytes kept for Ops::retire, which must run only after the final status store.
+  std::vector<uint8_t> keepForRetire(uint32_t slot);
+  void retire(const std::vector<uint8_t>& old) {
+    if (!old.empty()) ops_.retire(old.data());
+  }
+  void setBucketThresholds() {
+    growThreshold_ = buckets_.numBuckets();
+    bucketShrinkThreshold_ = buckets_.numBuckets() / 4;
+  }
+
+  LedgerConfig config_;
+  OpsT ops_;
+  WriterLock lock_;
+  SlotWriterTable slots_;
+  BucketWriterTable buckets_;
+  RallyWriter rally_;
+  Map map_{slots_, buckets_, ops_};
+  std::optional<DirectSlot> direct_;
+  uint32_t growThreshold_ = 0;
+  uint32_t bucketShrinkThreshold_ = 0;
+  bool shrinking_ = false;
+  WriterCounters counters_;
+  std::string validationError_;
+};
+
+}  // namespace Ledger
+
+#include "ledger/LedgerWriterImpl.h"

@@ -1,0 +1,429 @@
+// Template bodies of LedgerWriter (included by LedgerWriter.h only).
+#pragma once
+
+namespace Ledger {
+
+template <class Key, class Value, class OpsT>
+SlotTableConfig LedgerWriter<Key, Value, OpsT>::slotConfig() const {
+  SlotTableConfig c;
+  c.root = config_.root;
+  c.table = config_.table;
+  c.shape = TableShape{ops_.valueSize(), config_.tableParameter, ops_.valueTypeName(),
+                       ops_.classTypeName()};
+  c.capacity = config_.capacity;
+  c.minSlots = config_.minSize;
+  c.maxSlots = std::min(config_.maxSize, kMaxSlots);
+  c.fixedSize = config_.fixedSize;
+  c.shrinkEnabled = config_.shrinkEnabled;
+  c.perm = config_.perm;
+  return c;
+}
+
+template <class Key, class Value, class OpsT>
+AttachResult LedgerWriter<Key, Value, OpsT>::attach() {
+  detach();
+  if (!SharedMem::validName(config_.table)) {
+    throw InitializationException("SlotWriter::attach() cannot attach to shmem, bad table name: " +
+                                  config_.table);
+  }
+  lock_.acquire(config_.root, config_.table, config_.perm);
+  auto slotResult = slots_.attach(slotConfig());
+  const bool existing = slotResult == SlotWriterTable::Attached::Existing;
+  uint32_t minBuckets = std::max(config_.minBuckets, 1u);
+  buckets_.attach(config_.root, config_.table, slots_.emberId(), config_.perm, existing,
+                  minBuckets);
+  rally_.attach(config_.root, config_.table, slots_.emberId(), slots_.numSlots(), existing,
+                config_.perm);
+  setBucketThresholds();
+  AttachResult result = slotResult == SlotWriterTable::Attached::NewFile
+                            ? AttachResult::newFile
+                            : AttachResult::reformatted;
+  if (!existing) {
+    resetFresh();
+  } else if (auto v = validator(); v.validate()) {
+    result = AttachResult::existing;
+  } else {
+    ZTRACE_TO(trace(), 0,
+              "LedgerWriter::attach() recovering " << config_.table << ": " << v.error());
+    recover();
+    if (auto again = validator(); again.validate()) {
+      result = AttachResult::recovered;
+      ++counters_.recoveries;
+    } else {
+      slots_.reformat(slots_.config().capacity);
+      buckets_.attach(config_.root, config_.table, slots_.emberId(), config_.perm, false,
+                      minBuckets);
+      rally_.attach(config_.root, config_.table, slots_.emberId(), slots_.numSlots(), false,
+                    config_.perm);
+      resetFresh();
+      ZTRACE_TO(trace(), 0, "SlotWriter::attach() re-formatted " << config_.table);
+    }
+  }
+  maybeGrowBuckets();
+  return result;
+}
+
+template <class Key, class Value, class OpsT>
+void LedgerWriter<Key, Value, OpsT>::resetFresh() {
+  buckets_.reset(std::max(config_.minBuckets, 1u));
+  rally_.reset(slots_.numSlots());
+  setBucketThresholds();
+}
+
+// Makes a table that a dead writer left half-changed consistent again, from the slots alone:
+// a slot caught in a rewrite gets its look-aside copy back, slots that hold no valid entry or
+// a second copy of a key (a move cut short) become free, and chains, free list and queue are
+// rebuilt. Only operations that had not returned can be undone by this.
+template <class Key, class Value, class OpsT>
+void LedgerWriter<Key, Value, OpsT>::recover() {
+  const uint32_t n = slots_.numSlots();
+  std::vector<uint32_t> occupied;
+  for (uint32_t i = 0; i < n; ++i) {
+    SlotHeader& s = slots_.slot(i);
+    if (s.status & kLookaside) {
+      if (s.status & kOccupied) {
+        std::memcpy(&s.rhash, &slots_.lookaside().rhash,
+                    slots_.slotSize() - offsetof(SlotHeader, rhash));
+      }
+      Shm::store(s.status, s.status + kLookaside, std::memory_order_release);
+    }
+    if (!(s.status & kOccupied)) continue;
+    if (s.rhash != reverseBits(OpsT::hash(ops_.storedKey(slots_.value(i))))) {
+      slots_.markFree(i);
+      continue;
+    }
+    occupied.push_back(i);
+  }
+  relinkAll(occupied);
+  slots_.rebuildFreeList();
+  rally_.reset(n);
+  for (uint32_t i : occupied) notify(i);
+  rally_.commit();
+}
+
+template <class Key, class Value, class OpsT>
+void LedgerWriter<Key, Value, OpsT>::relinkAll(std::vector<uint32_t>& occupied) {
+  uint32_t numBuckets = std::max(config_.minBuckets, 1u);
+  while (numBuckets < occupied.size() && numBuckets <= kMaxSlots / 2) numBuckets *= 2;
+  std::vector<std::pair<Key, uint32_t>> entries;
+  entries.reserve(occupied.size());
+  for (uint32_t i : occupied) entries.emplace_back(ops_.storedKey(slots_.value(i)), i);
+  const uint32_t mask = numBuckets - 1;
+  auto order = [&](const auto& a, const auto& b) {
+    uint32_t ha = OpsT::hash(a.first), hb = OpsT::hash(b.first);
+    if ((ha & mask) != (hb & mask)) return (ha & mask) < (hb & mask);
+    if (ha != hb) return reverseBits(ha) < reverseBits(hb);
+    if (!OpsT::equal(a.first, b.first)) return OpsT::less(a.first, b.first);
+    return a.second < b.second;
+  };
+  std::sort(entries.begin(), entries.end(), order);
+  buckets_.reset(numBuckets);
+  occupied.clear();
+  LinkRef tail{0, true};
+  uint32_t tailBucket = kNoSlot;
+  for (size_t k = 0; k < entries.size(); ++k) {
+    auto [key, slot] = entries[k];
+    if (k > 0 && OpsT::equal(entries[k - 1].first, key)) {
+      slots_.markFree(slot);  // the higher copy of a moved entry
+      continue;
+    }
+    uint32_t bucket = OpsT::hash(key) & mask;
+    if (bucket != tailBucket) {
+      if (tailBucket != kNoSlot) map_.setLink(tail, kEndOfChain | kNoSlot);
+      tail = LinkRef{bucket, true};
+      tailBucket = bucket;
+    }
+    map_.setLink(tail, slot);
+    tail = LinkRef{slot, false};
+    occupied.push_back(slot);
+  }
+  if (tailBucket != kNoSlot) map_.setLink(tail, kEndOfChain | kNoSlot);
+  setBucketThresholds();
+}
+
+template <class Key, class Value, class OpsT>
+void LedgerWriter<Key, Value, OpsT>::detach() {
+  if (!attached()) return;
+  ZTRACE_TO(trace(), 1,
+            "LedgerWriter::detach() rootPath:" << SharedMem::rootPath(config_.root)
+                                               << " table:" << config_.table);
+  if (direct_) {
+    ZTRACE_TO(trace(), 0, "LedgerWriter::detach() unbalanced directSlot:" << direct_->slot);
+    direct_.reset();  // left with LOOKASIDE set: the next writer's attach restores the slot
+  }
+  rally_.commit();
+  rally_.detach();
+  buckets_.detach();
+  slots_.detach();
+  lock_.release();
+}
+
+template <class Key, class Value, class OpsT>
+std::vector<uint8_t> LedgerWriter<Key, Value, OpsT>::keepForRetire(uint32_t slot) {
+  if constexpr (OpsT::kRetires) {
+    const uint8_t* stored = slots_.value(slot);
+    return std::vector<uint8_t>(stored, stored + ops_.valueSize());
+  } else {
+    (void)slot;
+    return {};
+  }
+}
+
+template <class Key, class Value, class OpsT>
+void LedgerWriter<Key, Value, OpsT>::publish(uint32_t slot, const Value& value) {
+  uint8_t* stored = slots_.openSlot(slot);
+  ops_.store(value, stored);
+  slots_.closeSlot(slot);
+}
+
+// A new slot for a key that `pos` says is missing: linked to its successor and stamped with
+// its rhash while still unreachable. The caller fills it and then links it in.
+template <class Key, class Value, class OpsT>
+uint32_t LedgerWriter<Key, Value, OpsT>::insertNew(const ChainPosition& pos, uint32_t hash) {
+  uint32_t slot = slots_.alloc();
+  SlotWriterTable::storeLink(slots_.slot(slot).linkPair, pos.next);
+  // Relaxed: the slot is unreachable and not OCCUPIED; readers ignore what it holds until
+  // the final status store (release) of its publication.
+  Shm::store(slots_.slot(slot).rhash, reverseBits(hash), std::memory_order_relaxed);
+  return slot;
+}
+
+template <class Key, class Value, class OpsT>
+const void* LedgerWriter<Key, Value, OpsT>::write(const Value& value, WriteFlag flag) {
+  checkNoDirect("LedgerWriter::write()");
+  const Key key = OpsT::keyOf(value);
+  const uint32_t hash = OpsT::hash(key);
+  const ChainPosition pos = map_.find(key, hash);
+  uint32_t slot = pos.hit;
+  if (slot != kNoSlot) {
+    if (flag == WriteFlag::ifChanged && ops_.sameStored(slots_.value(slot), value)) {
+      ++counters_.unchanged;
+      return slots_.value(slot);
+    }
+    auto old = keepForRetire(slot);
+    publish(slot, value);
+    retire(old);
+    ++counters_.updates;
+    ZTRACE_TO(trace(), 9, "LedgerWriter::write() existing slot:" << slot);
+  } else {
+    slot = insertNew(pos, hash);
+    publish(slot, value);
+    // The one store that makes the complete slot reachable.
+    map_.setLink(pos.pred, slot);
+    ++counters_.inserts;
+    ZTRACE_TO(trace(), 9, "LedgerWriter::write() new slot:" << slot);
+    maybeGrowBuckets();
+  }
+  notify(slot);
+  rally_.commit();
+  return slots_.value(slot);
+}
+
+template <class Key, class Value, class OpsT>
+bool LedgerWriter<Key, Value, OpsT>::remove(const Key& key, Value* out) {
+  checkNoDirect("LedgerWriter::remove()");
+  const ChainPosition pos = map_.find(key, OpsT::hash(key));
+  if (pos.hit == kNoSlot) return false;
+  const uint32_t slot = pos.hit;
+  if (out) ops_.load(slots_.value(slot), *out);
+  auto old = keepForRetire(slot);
+  map_.setLink(pos.pred, SlotWriterTable::loadLink(slots_.slot(slot).linkPair));
+  slots_.dealloc(slot);
+  retire(old);
+  ++counters_.removes;
+  notify(slot);
+  doMaybeShrinkSlots();
+  maybeShrinkBuckets();
+  rally_.commit();
+  return true;
+}
+
+template <class Key, class Value, class OpsT>
+Value* LedgerWriter<Key, Value, OpsT>::openDirect(const Key& key, bool create) {
+  static_assert(OpsT::kDirect, "the direct mode needs values stored as they are");
+  checkNoDirect(create ? "LedgerWriter::directWrite()" : "LedgerWriter::directUpdate()");
+  const uint32_t hash = OpsT::hash(key);
+  const ChainPosition pos = map_.find(key, hash);
+  if (pos.hit != kNoSlot) {
+    slots_.openSlot(pos.hit);  // readers take the look-aside copy until directCommit
+    direct_ = DirectSlot{pos.hit, key, false, pos.pred};
+  } else {
+    if (!create) return nullptr;
+    uint32_t slot = insertNew(pos, hash);
+    ops_.initStored(key, slots_.openSlot(slot));
+    direct_ = DirectSlot{slot, key, true, pos.pred};
+  }
+  return reinterpret_cast<Value*>(slots_.value(direct_->slot));
+}
+
+template <class Key, class Value, class OpsT>
+void LedgerWriter<Key, Value, OpsT>::directCommit() {
+  if (!direct_) {
+    throw Zinc::InternalException("LedgerWriter::directCommit() not in direct mode! ");
+  }
+  DirectSlot d = *direct_;
+  ZINC_ASSERT(OpsT::equal(ops_.storedKey(slots_.value(d.slot)), d.key),
+              "the key of a direct slot must not change");
+  direct_.reset();
+  slots_.closeSlot(d.slot);
+  if (d.isNew) {
+    map_.setLink(d.pred, d.slot);
+    ++counters_.inserts;
+    maybeGrowBuckets();
+  }
+  ++counters_.directCommits;
+  notify(d.slot);
+  rally_.commit();
+}
+
+template <class Key, class Value, class OpsT>
+bool LedgerWriter<Key, Value, OpsT>::lookup(const Key& key, Value& out) {
+  uint32_t slot = map_.lookup(key);
+  if (slot == kNoSlot) return false;
+  ops_.load(slots_.value(slot), out);
+  return true;
+}
+
+template <class Key, class Value, class OpsT>
+bool LedgerWriter<Key, Value, OpsT>::first(Value& out) {
+  uint32_t slot = map_.first();
+  if (slot == kNoSlot) return false;
+  ops_.load(slots_.value(slot), out);
+  return true;
+}
+
+template <class Key, class Value, class OpsT>
+bool LedgerWriter<Key, Value, OpsT>::next(const Key& prev, Value& out, uint32_t* hint) {
+  uint32_t slot = map_.next(prev, hint ? *hint : kNoSlot);
+  if (hint) *hint = slot;
+  if (slot == kNoSlot) return false;
+  ops_.load(slots_.value(slot), out);
+  return true;
+}
+
+template <class Key, class Value, class OpsT>
+void LedgerWriter<Key, Value, OpsT>::maybeGrowBuckets() {
+  while (slots_.occupiedSlots() > growThreshold_ && map_.growBuckets()) {
+    ++counters_.bucketGrowths;
+    setBucketThresholds();
+  }
+}
+
+template <class Key, class Value, class OpsT>
+void LedgerWriter<Key, Value, OpsT>::maybeShrinkBuckets() {
+  const uint32_t minBuckets = std::max(config_.minBuckets, 1u);
+  while (slots_.occupiedSlots() < bucketShrinkThreshold_ &&
+         buckets_.numBuckets() / 2 >= minBuckets) {
+    map_.shrinkBuckets();
+    ++counters_.bucketShrinks;
+    setBucketThresholds();
+  }
+}
+
+// Cuts the slot table to its shrink threshold once occupancy falls below half of it: every
+// entry above the cut moves to a free slot below it, then the file is cut. The corral marks
+// in the queue tell readers which slots are being emptied.
+template <class Key, class Value, class OpsT>
+void LedgerWriter<Key, Value, OpsT>::doMaybeShrinkSlots() {
+  const uint32_t threshold = slots_.shrinkThreshold();
+  const uint32_t n = slots_.numSlots();
+  if (shrinking_) {
+    ZTRACE_TO(trace(), 1,
+              "LedgerWriter::doMaybeShrinkSlots() shrink started, ignoring shrinkThreshold:"
+                  << threshold);
+    return;  // the shrink in progress runs to its end
+  }
+  if (threshold == 0 || slots_.occupiedSlots() >= threshold / 2) return;
+  const uint32_t target = std::max(threshold, slots_.config().minSlots);
+  if (target >= n) return;
+  ZTRACE_TO(trace(), 1,
+            "LedgerWriter::doMaybeShrinkSlots() at threshold:" << threshold << " occupiedSlots:"
+                                                               << slots_.occupiedSlots());
+  shrinking_ = true;
+  rally_.markShrinkStart(target, n);
+  slots_.purgeFreeSlots(target);
+  for (uint32_t from = target; from < n; ++from) {
+    if (slots_.slot(from).status & kOccupied) moveSlot(from);
+  }
+  slots_.cut(target);
+  rally_.markShrinkEnd();
+  shrinking_ = false;
+  ++counters_.slotShrinks;
+}
+
+template <class Key, class Value, class OpsT>
+void LedgerWriter<Key, Value, OpsT>::moveSlot(uint32_t from) {
+  const Key key = ops_.storedKey(slots_.value(from));
+  const ChainPosition pos = map_.find(key, OpsT::hash(key));
+  if (pos.hit != from) {
+    throw CorruptionException("SlotWriter::move() slot " + std::to_string(from) +
+                              " is not in its chain");
+  }
+  const uint32_t to = slots_.alloc();
+  ZINC_ASSERT(to < from,
+              "SlotWriter::move() should always move entries to lower section "
+              "fromSlotId:" +
+                  std::to_string(from) + " toSlotId:" + std::to_string(to));
+  SlotWriterTable::storeLink(slots_.slot(to).linkPair,
+                             SlotWriterTable::loadLink(slots_.slot(from).linkPair));
+  uint8_t* stored = slots_.openSlot(to);
+  Shm::store(slots_.slot(to).rhash, slots_.slot(from).rhash, std::memory_order_relaxed);
+  std::memcpy(stored, slots_.value(from), ops_.valueSize());
+  slots_.closeSlot(to);
+  map_.setLink(pos.pred, to);  // the copy replaces the original in one store
+  slots_.markFree(from);
+  Shm::store(slots_.header().occupiedSlots, slots_.occupiedSlots() - 1, std::memory_order_relaxed);
+  notify(to);
+  notify(from);
+}
+
+template <class Key, class Value, class OpsT>
+WriterCounters LedgerWriter<Key, Value, OpsT>::writerCounters() const {
+  WriterCounters c = counters_;
+  c.slotGrowths = slots_.growths();
+  c.rallyCompactions = rally_.compactions();
+  return c;
+}
+
+template <class Key, class Value, class OpsT>
+std::string LedgerWriter<Key, Value, OpsT>::dumpHeaders() const {
+  if (!attached()) return "detached\n";
+  std::ostringstream os;
+  os << SlotTable::describe(slots_.header()) << "numBuckets: " << buckets_.numBuckets()
+     << "\nrallyGeneration: " << rally_.generation() << "\nrallyCount: " << rally_.count()
+     << "\nrallyCapacity: " << rally_.capacity() << "\nsequence: " << rally_.sequence()
+     << "\nincarnation: " << rally_.incarnation() << "\n";
+  return os.str();
+}
+
+template <class Key, class Value, class OpsT>
+bool LedgerWriter<Key, Value, OpsT>::validate(uint32_t emberId) {
+  if (!attached()) {
+    validationError_ = "LedgerWriter::validate() not attached";
+    return false;
+  }
+  auto v = validator();
+  bool ok = v.validate(emberId);
+  validationError_ = v.error();
+  return ok;
+}
+
+template <class Key, class Value, class OpsT>
+bool LedgerWriter<Key, Value, OpsT>::validateFiles() {
+  if (!attached()) return false;
+  try {
+    SlotTable::validate(slots_.base(), slots_.mappedSize(), slots_.emberId());
+    return true;
+  } catch (const CorruptionException& e) {
+    validationError_ = e.what();
+    return false;
+  }
+}
+
+template <class Key, class Value, class OpsT>
+bool LedgerWriter<Key, Value, OpsT>::cleanup() {
+  detach();
+  return SharedMem::EmberFile::removeTable(config_.root, config_.table);
+}
+
+}  // namespace Ledger

@@ -1,0 +1,220 @@
+#include "ledger/RallyWriter.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "ledger/Exceptions.h"
+#include "ledger/Format.h"
+#include "zinc/Trace.h"
+
+ZINC_TRACE_FILE("RallyWriter")
+
+namespace Ledger {
+
+using SharedMem::EmberFile;
+
+std::string rallyQueueName(uint32_t generation) { return "rally." + std::to_string(generation); }
+
+namespace {
+
+uint32_t capacityFor(uint32_t slotCapacity) {
+  // Live entries never exceed slotCapacity, so a compaction always frees at least half.
+  return 2 * slotCapacity;
+}
+
+uint32_t slotCapacityFor(uint32_t numSlots) {
+  uint32_t cap = kMinRallySlots;
+  while (cap < numSlots && cap < kMaxSlots / 2) cap *= 2;
+  return cap;
+}
+
+}  // namespace
+
+void RallyWriter::attach(const std::string& root, const std::string& table, uint32_t emberId,
+                         uint32_t numSlots, bool adopt, EmberFile::Perm perm) {
+  detach();
+  root_ = root;
+  table_ = table;
+  emberId_ = emberId;
+  perm_ = perm;
+  if (!controlFile_.open(root, table, "rally", EmberFile::Access::ReadWrite, true, perm) ||
+      !controlFile_.resize(sizeof(RallyControl))) {
+    throw InitializationException("RallyWriter::attach() cannot attach to file " +
+                                  controlFile_.path() + ": " + controlFile_.error());
+  }
+  control_ = reinterpret_cast<RallyControl*>(controlFile_.base());
+  bool controlValid = std::memcmp(control_->magic, kRallyControlMagic, 8) == 0 &&
+                      control_->version == kRallyVersion;
+  uint64_t seq = controlValid ? control_->latestSeq : 0;
+  uint32_t oldGeneration = controlValid ? control_->generation : 0;
+  adopted_ = adopt && controlValid && control_->emberId == emberId && adoptQueue();
+  if (!adopted_) {
+    RallyControl fresh{};
+    fresh.version = kRallyVersion;
+    fresh.emberId = emberId;
+    fresh.generation = oldGeneration;
+    fresh.incarnation = controlValid ? control_->incarnation : 0;
+    fresh.latestSeq = seq;
+    std::memcpy(control_, &fresh, sizeof(fresh));
+    std::atomic_thread_fence(std::memory_order_release);
+    std::memcpy(control_->magic, kRallyControlMagic, 8);
+    unbindQueue();
+    swapIn(slotCapacityFor(numSlots), false);
+  }
+  // A reader that sees a new incarnation knows a writer (re)attached and resyncs.
+  Shm::store(control_->incarnation, control_->incarnation + 1, std::memory_order_release);
+  control_->writerPid = static_cast<uint32_t>(::getpid());
+  kickedSeq_ = sequence();
+  ZTRACE(1, "RallyWriter::attach() " << (adopted_ ? "adopted" : "new")
+                                     << " generation:" << generation() << " seq:" << sequence());
+}
+
+bool RallyWriter::adoptQueue() {
+  if (!queueFile_.open(root_, table_, rallyQueueName(control_->generation),
+                       EmberFile::Access::ReadWrite, false, perm_)) {
+    return false;
+  }
+  if (queueFile_.size() < sizeof(RallyQueueHeader)) return false;
+  const auto* q = reinterpret_cast<const RallyQueueHeader*>(queueFile_.base());
+  bool valid = std::memcmp(q->magic, kRallyQueueMagic, 8) == 0 && q->version == kRallyVersion &&
+               q->emberId == emberId_ && q->generation == control_->generation &&
+               q->slotCapacity <= kMaxSlots && q->count <= q->capacity &&
+               queueFile_.size() >= rallyFileSize(q->slotCapacity, q->capacity);
+  if (!valid) return false;
+  bindQueue();
+  // Positions are checked by the validator; the queue's sequences must at least be sane.
+  return q->count == 0 || entries_[q->count - 1].sequence <= control_->latestSeq;
+}
+
+void RallyWriter::bindQueue() {
+  queue_ = reinterpret_cast<RallyQueueHeader*>(queueFile_.base());
+  positions_ = reinterpret_cast<uint32_t*>(queueFile_.base() + sizeof(RallyQueueHeader));
+  entries_ =
+      reinterpret_cast<RallyEntry*>(queueFile_.base() + rallyEntriesOffset(queue_->slotCapacity));
+}
+
+void RallyWriter::unbindQueue() {
+  queueFile_.close();
+  queue_ = nullptr;
+  positions_ = nullptr;
+  entries_ = nullptr;
+}
+
+void RallyWriter::detach() {
+  unbindQueue();
+  controlFile_.close();
+  control_ = nullptr;
+}
+
+// Writes generation + 1 whole (live entries of the current queue, in order, when keepLive),
+// then publishes it in the control block, then drops the old file.
+void RallyWriter::swapIn(uint32_t slotCapacity, bool keepLive) {
+  uint32_t oldGeneration = control_->generation;
+  uint32_t generation = oldGeneration + 1;
+  uint32_t capacity = capacityFor(slotCapacity);
+  EmberFile::unlinkFile(root_, table_, rallyQueueName(generation));  // leftover of a crash
+  EmberFile next;
+  if (!next.open(root_, table_, rallyQueueName(generation), EmberFile::Access::ReadWrite, true,
+                 perm_) ||
+      !next.resize(rallyFileSize(slotCapacity, capacity))) {
+    throw InitializationException("RallyWriter::swapIn() cannot create queue " + next.path() +
+                                  ": " + next.error());
+  }
+  auto* q = reinterpret_cast<RallyQueueHeader*>(next.base());
+  auto* positions = reinterpret_cast<uint32_t*>(next.base() + sizeof(RallyQueueHeader));
+  auto* entries = reinterpret_cast<RallyEntry*>(next.base() + rallyEntriesOffset(slotCapacity));
+  std::fill(positions, positions + slotCapacity, kNoPosition);
+  uint32_t count = 0;
+  if (keepLive && queue_) {
+    for (uint32_t pos = 0; pos < queue_->count; ++pos) {
+      const RallyEntry& e = entries_[pos];
+      if (e.slotWord & kTombstone || e.slotWord >= slotCapacity) continue;
+      entries[count] = RallyEntry{e.sequence, e.slotWord, 0};
+      positions[e.slotWord] = count++;
+    }
+  }
+  q->version = kRallyVersion;
+  q->emberId = emberId_;
+  q->generation = generation;
+  q->capacity = capacity;
+  q->slotCapacity = slotCapacity;
+  q->count = count;
+  std::memcpy(q->magic, kRallyQueueMagic, 8);
+  // The new queue is complete before any reader can learn its generation: release.
+  Shm::store(control_->generation, generation, std::memory_order_release);
+  queueFile_ = std::move(next);
+  bindQueue();
+  EmberFile::unlinkFile(root_, table_, rallyQueueName(oldGeneration));
+  ZTRACE(3, "RallyWriter::swapIn() generation:" << generation << " live:" << count
+                                                << " capacity:" << capacity);
+}
+
+uint64_t RallyWriter::notify(uint32_t slot) {
+  if (slot >= queue_->slotCapacity) {
+    swapIn(slotCapacityFor(std::max(slot + 1, 2 * queue_->slotCapacity)), true);
+    ++compactions_;
+  } else if (queue_->count == queue_->capacity) {
+    swapIn(queue_->slotCapacity, true);
+    ++compactions_;
+  }
+  uint64_t seq = control_->latestSeq + 1;
+  uint32_t pos = queue_->count;
+  // The entry is private until `count` covers it: relaxed stores suffice here.
+  Shm::store(entries_[pos].sequence, seq, std::memory_order_relaxed);
+  Shm::store(entries_[pos].slotWord, slot, std::memory_order_relaxed);
+  // Release: a reader that loads the new count (acquire) sees the entry whole.
+  Shm::store(queue_->count, pos + 1, std::memory_order_release);
+  uint32_t old = positions_[slot];
+  if (old != kNoPosition && old < pos) {
+    // Release, and after the count store: whoever sees the tombstone also sees the newer
+    // entry of the same slot counted.
+    Shm::store(entries_[old].slotWord, slot | kTombstone, std::memory_order_release);
+  }
+  // Positions are the writer's and the validator's bookkeeping; readers do not use them.
+  positions_[slot] = pos;
+  // Release: a reader that sees latestSeq (acquire) sees every entry up to it.
+  Shm::store(control_->latestSeq, seq, std::memory_order_release);
+  return seq;
+}
+
+void RallyWriter::markShrinkStart(uint32_t corralStart, uint32_t corralEnd) {
+  ZTRACE(1, "RallyWriter::markShrinkStart() corralStart:" << corralStart
+                                                          << " corralEnd:" << corralEnd);
+  // End first, then start (release): a reader that sees the new start sees the range whole.
+  Shm::store(control_->corralEnd, corralEnd, std::memory_order_relaxed);
+  Shm::store(control_->corralStart, corralStart, std::memory_order_release);
+}
+
+void RallyWriter::markShrinkEnd() {
+  ZTRACE(1, "RallyWriter::markShrinkEnd() corralStart:" << control_->corralStart
+                                                        << " corralEnd:" << control_->corralEnd);
+  // Every move is announced before the corral closes (release).
+  Shm::store(control_->corralStart, 0u, std::memory_order_relaxed);
+  Shm::store(control_->corralEnd, 0u, std::memory_order_release);
+}
+
+void RallyWriter::reset(uint32_t numSlots) {
+  swapIn(slotCapacityFor(numSlots), false);
+  markShrinkEnd();
+}
+
+void RallyWriter::commit() {
+  uint64_t seq = sequence();
+  if (seq == kickedSeq_) return;
+  kickedSeq_ = seq;
+  if (kickHook_) kickHook_();
+}
+
+uint64_t RallyWriter::sequence() const {
+  return control_ ? Shm::load(control_->latestSeq, std::memory_order_relaxed) : 0;
+}
+uint32_t RallyWriter::generation() const { return control_ ? control_->generation : 0; }
+uint32_t RallyWriter::incarnation() const { return control_ ? control_->incarnation : 0; }
+
+uint32_t RallyWriter::position(uint32_t slot) const {
+  return queue_ && slot < queue_->slotCapacity ? positions_[slot] : kNoPosition;
+}
+
+}  // namespace Ledger

@@ -1,0 +1,303 @@
+#include "ledger/SlotWriterTable.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "ledger/Exceptions.h"
+#include "zinc/Exception.h"
+#include "zinc/Trace.h"
+
+ZINC_TRACE_FILE("SlotWriterTable")
+
+namespace Ledger {
+
+using SharedMem::EmberFile;
+
+namespace {
+
+[[noreturn]] void corrupt(const std::string& text) { throw CorruptionException(text); }
+
+uint32_t largestPowerOfTwoBelow(uint32_t n) {
+  uint32_t p = 1;
+  while (p * 2 < n && p < 0x80000000u) p *= 2;
+  return p;
+}
+
+}  // namespace
+
+void SlotWriterTable::bind() {
+  base_ = file_.base();
+  slotSize_ = header().slotSize;
+}
+
+SlotWriterTable::Attached SlotWriterTable::attach(const SlotTableConfig& config) {
+  config_ = config;
+  config_.capacity = std::clamp(config.capacity, std::max(config.minSlots, 1u), config.maxSlots);
+  if (!file_.open(config.root, config.table, "slots", EmberFile::Access::ReadWrite, true,
+                  config.perm)) {
+    throw InitializationException("SlotWriter::attach() cannot attach to shmem " + file_.path() +
+                                  ": " + file_.error());
+  }
+  if (file_.created() || file_.size() == 0) {
+    reformat(config_.capacity);
+    ZTRACE(1, "SlotWriter::attach() to new file " << file_.path());
+    return Attached::NewFile;
+  }
+  try {
+    SlotTable::validate(file_.base(), file_.size(), 0);
+    if (!SlotTable::matches(*reinterpret_cast<SlotTableHeader*>(file_.base()), config_.shape)) {
+      throw CorruptionException("SlotWriter::attach() table shape differs from the writer's");
+    }
+  } catch (const CorruptionException& e) {
+    reformat(config_.capacity);
+    ZTRACE(0, "SlotWriter::attach() re-formatted " << file_.path() << " " << e.what());
+    return Attached::Reformatted;
+  }
+  bind();
+  if (config_.fixedSize && numSlots() != config_.capacity) {
+    uint32_t existing = numSlots();
+    detach();
+    throw InitializationException(
+        "SlotWriter::attach() wanted capacity:" + std::to_string(config_.capacity) +
+        " for fixed-size table, but existing file has capacity:" + std::to_string(existing));
+  }
+  ZTRACE(1, "SlotWriter::attach() to existing " << file_.path());
+  return Attached::Existing;
+}
+
+void SlotWriterTable::reformat(uint32_t numSlots) {
+  uint64_t bytes = SlotTable::fileSizeFor(numSlots, config_.shape.slotSize());
+  if (!file_.resize(bytes)) {
+    throw InitializationException("SlotWriter::attach() failed to resize " + file_.path() + ": " +
+                                  file_.error());
+  }
+  SlotTable::format(file_.base(), numSlots, config_.shape, EmberFile::freshEmberId());
+  bind();
+  addFreeSlots(0, numSlots);
+}
+
+void SlotWriterTable::detach() {
+  file_.close();
+  base_ = nullptr;
+}
+
+void SlotWriterTable::storeFreeHead(uint32_t head) {
+  // Relaxed: readers never follow the free list; validators run in the writer or quiesced.
+  Shm::store(header().freeListHead, head, std::memory_order_relaxed);
+}
+
+void SlotWriterTable::storeOccupied(uint32_t occupied) {
+  // Relaxed: a count for statistics and validation; no reader decision hangs on its order.
+  Shm::store(header().occupiedSlots, occupied, std::memory_order_relaxed);
+}
+
+void SlotWriterTable::setNumSlots(uint32_t n) {
+  // Release: slots below n are formatted before a reader that loads n (acquire) maps them.
+  Shm::store(header().numSlots, n, std::memory_order_release);
+}
+
+void SlotWriterTable::storeLink(uint64_t& pair, uint32_t link) {
+  uint64_t old = Shm::load(pair, std::memory_order_relaxed);  // only the writer stores it
+  // One 64-bit store with the generation advanced by 4: a reader sees old or new pair whole.
+  // Release: whatever the link makes reachable (a complete value, a freed slot's status) is
+  // visible to a reader that loads this pair with acquire.
+  Shm::store(pair, packLink(generationOf(old) + 4, link), std::memory_order_release);
+}
+
+uint32_t SlotWriterTable::loadLink(const uint64_t& pair) {
+  return linkOf(Shm::load(pair, std::memory_order_relaxed));  // the writer reads its own store
+}
+
+uint32_t SlotWriterTable::alloc() {
+  if (header().freeListHead == kNoSlot && !grow()) {
+    throw TableFullException(
+        "SlotWriter::alloc() Ledger table full (occupancy:" + std::to_string(occupiedSlots()) +
+        " numSlots:" + std::to_string(numSlots()) + ")");
+  }
+  uint32_t index = header().freeListHead;
+  if (index >= numSlots()) corrupt("SlotWriter::alloc() bad free slot: " + std::to_string(index));
+  SlotHeader& s = slot(index);
+  if (s.status & (kOccupied | kLookaside)) {
+    corrupt("SlotWriter::alloc() free slot " + std::to_string(index) +
+            " is not free, status: " + std::to_string(s.status));
+  }
+  uint32_t next = loadLink(s.linkPair);
+  storeFreeHead(isEndOfChain(next) ? kNoSlot : next);
+  storeOccupied(occupiedSlots() + 1);
+  return index;
+}
+
+void SlotWriterTable::markFree(uint32_t index, uint32_t nextFree) {
+  SlotHeader& s = slot(index);
+  uint32_t status = s.status;
+  // Version + 1, OCCUPIED clear. Release, and before the link is reused below: a reader that
+  // reached this slot and re-checks the status after following its link sees the change.
+  Shm::store(s.status, (status & ~(kOccupied | kLookaside)) + kVersionStep,
+             std::memory_order_release);
+  storeLink(s.linkPair, nextFree);
+}
+
+void SlotWriterTable::dealloc(uint32_t index) {
+  markFree(index, header().freeListHead);
+  storeFreeHead(index);
+  storeOccupied(occupiedSlots() - 1);
+}
+
+uint8_t* SlotWriterTable::openSlot(uint32_t index) {
+  SlotHeader& s = slot(index);
+  uint32_t status = s.status;
+  if (status & kOccupied) {
+    // Step 1: rhash and value into the look-aside slot, while LOOKASIDE is still clear.
+    SlotHeader& la = lookaside();
+    std::memcpy(&la.rhash, &s.rhash, slotSize_ - offsetof(SlotHeader, rhash));
+  }
+  // Step 2: status + 2 sets LOOKASIDE. Release: the look-aside copy is complete before a
+  // reader can see the bit and go there.
+  Shm::store(s.status, status + kLookaside, std::memory_order_release);
+  // The value stores that follow must not rise above the status store: the fence is a
+  // compiler barrier, and stores leave this CPU in order (and after a store-store barrier
+  // where the hardware needs one). A reader that copies a value concurrently sees the status
+  // changed on its re-check and retries.
+  std::atomic_thread_fence(std::memory_order_release);
+  return value(index);
+}
+
+void SlotWriterTable::closeSlot(uint32_t index) {
+  SlotHeader& s = slot(index);
+  // Step 4: status + 2 | OCCUPIED: the carry clears LOOKASIDE and advances the version.
+  // Release: the new value is complete before a reader sees the final status.
+  Shm::store(s.status, (s.status + kLookaside) | kOccupied, std::memory_order_release);
+}
+
+bool SlotWriterTable::grow() {
+  uint32_t n = numSlots();
+  uint32_t wanted = std::min<uint64_t>(config_.maxSlots, std::max<uint64_t>(2ull * n, n + 1));
+  if (config_.fixedSize || wanted <= n) {
+    ZTRACE(0, "SlotWriter::grow() the slot table is full but numSlots: "
+                  << n << " and occupiedSlots: " << occupiedSlots());
+    return false;
+  }
+  if (!resize(wanted)) return false;
+  ++growths_;
+  return true;
+}
+
+bool SlotWriterTable::resize(uint32_t newNumSlots) {
+  uint32_t n = numSlots();
+  uint64_t bytes = SlotTable::fileSizeFor(newNumSlots, slotSize_);
+  ZTRACE(3, "SlotWriter::resize() to " << newNumSlots << " slots, " << bytes << " bytes");
+  if (newNumSlots > kMaxSlots) {
+    ZTRACE(0, "SlotWriter::resize() overflowing by " << (uint64_t{newNumSlots} - kMaxSlots));
+    return false;
+  }
+  uint8_t* oldBase = base_;
+  if (bytes > file_.size() && !file_.resize(bytes)) {
+    ZTRACE(0, "SlotWriter::resize() failed to resize " << file_.path() << " " << file_.error());
+    return false;
+  }
+  bind();
+  if (base_ != oldBase) {
+    ZTRACE(3, "SlotWriter::resize() remap base address changed from "
+                  << static_cast<void*>(oldBase) << " to " << static_cast<void*>(base_));
+  }
+  if (newNumSlots <= n) return true;
+  for (uint32_t i = n; i < newNumSlots; ++i) {
+    SlotTable::formatSlot(reinterpret_cast<uint8_t*>(&slot(i)), slotSize_);
+  }
+  Shm::store(header().mostSlots, std::max(header().mostSlots, newNumSlots),
+             std::memory_order_relaxed);
+  setNumSlots(newNumSlots);
+  addFreeSlots(n, newNumSlots);
+  return true;
+}
+
+void SlotWriterTable::addFreeSlots(uint32_t start, uint32_t end) {
+  if (start >= end || end > numSlots()) {
+    throw Zinc::InternalException(
+        "SlotWriterTable::addFreeSlots() bad index range, start: " + std::to_string(start) +
+        " end: " + std::to_string(end) + " numSlots: " + std::to_string(numSlots()));
+  }
+  if (header().freeListHead != kNoSlot) {
+    throw Zinc::InternalException("SlotWriterTable::addFreeSlots() free-list is not empty");
+  }
+  for (uint32_t i = start; i + 1 < end; ++i) storeLink(slot(i).linkPair, i + 1);
+  storeLink(slot(end - 1).linkPair, kNoSlot);
+  storeFreeHead(start);
+}
+
+uint32_t SlotWriterTable::freeListLength() const {
+  auto* self = const_cast<SlotWriterTable*>(this);
+  uint32_t length = 0;
+  for (uint32_t i = header().freeListHead; i != kNoSlot && !isEndOfChain(i);
+       i = loadLink(self->slot(i).linkPair)) {
+    if (i >= numSlots() || ++length > numSlots()) {
+      corrupt("SlotWriter::freeListLength() corrupt free list at slot: " + std::to_string(i));
+    }
+  }
+  return length;
+}
+
+void SlotWriterTable::purgeFreeSlots(uint32_t threshold) {
+  if (threshold == 0 || threshold > numSlots()) {
+    throw Zinc::InternalException("SlotWriter::purgeFreeSlots() bad threshold: " +
+                                  std::to_string(threshold));
+  }
+  if (header().freeListHead == kNoSlot) {
+    throw Zinc::InternalException("SlotWriterTable::purgeFreeSlots() free-list is empty");
+  }
+  uint32_t length = freeListLength();
+  if (length + occupiedSlots() != numSlots()) {
+    corrupt("SlotWriter::purgeFreeSlots() numSlots mismatch, length of freeList: " +
+            std::to_string(length) + ", occupiedSlots: " + std::to_string(occupiedSlots()) +
+            " do not add up to numSlots: " + std::to_string(numSlots()));
+  }
+  uint64_t* tail = nullptr;  // link pair of the last kept slot; null: the header's head
+  for (uint32_t i = header().freeListHead; i != kNoSlot && !isEndOfChain(i);) {
+    uint32_t next = loadLink(slot(i).linkPair);
+    if (i >= threshold) {
+      ZTRACE(9, "SlotWriter::purgeFreeSlots() removing slot id " << i << " from free-list");
+    } else {
+      if (tail) {
+        storeLink(*tail, i);
+      } else {
+        storeFreeHead(i);
+      }
+      tail = &slot(i).linkPair;
+    }
+    i = next;
+  }
+  if (tail) {
+    storeLink(*tail, kNoSlot);
+  } else {
+    storeFreeHead(kNoSlot);
+  }
+}
+
+uint32_t SlotWriterTable::shrinkThreshold() const {
+  uint32_t n = numSlots();
+  if (!config_.shrinkEnabled || config_.fixedSize || n <= config_.minSlots) return 0;
+  return n == 1 ? 1 : largestPowerOfTwoBelow(n);
+}
+
+void SlotWriterTable::cut(uint32_t newNumSlots) {
+  ZTRACE(1, "SlotWriter::shrink() newNumSlots:" << newNumSlots << " from:" << numSlots());
+  setNumSlots(newNumSlots);
+  uint64_t keep = SlotTable::fileSizeFor(newNumSlots, slotSize_);
+  if (keep < file_.size()) file_.releaseRange(keep, file_.size() - keep);
+}
+
+void SlotWriterTable::rebuildFreeList() {
+  storeFreeHead(kNoSlot);
+  uint32_t occupied = 0;
+  for (uint32_t i = numSlots(); i-- > 0;) {
+    if (slot(i).status & kOccupied) {
+      ++occupied;
+      continue;
+    }
+    storeLink(slot(i).linkPair, header().freeListHead);
+    storeFreeHead(i);
+  }
+  storeOccupied(occupied);
+}
+
+}  // namespace Ledger

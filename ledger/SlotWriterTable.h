@@ -1,0 +1,101 @@
+// SlotWriterTable: the writer's side of the slot table file: attach/format, slot allocation
+// with the free list, growth and shrink of the file, and the store sequences by which a slot
+// changes under lock-free readers. It knows nothing of keys; WriterHashMap does.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "ledger/Format.h"
+#include "ledger/SlotTable.h"
+#include "platform/shm/EmberFile.h"
+
+namespace Ledger {
+
+struct SlotTableConfig {
+  std::string root;  // empty: $LEDGER_ROOT or the default root
+  std::string table;
+  TableShape shape;
+  uint32_t capacity = 64;         // slots of a new file (the exact size of a fixed-size table)
+  uint32_t minSlots = 1;          // never shrinks below
+  uint32_t maxSlots = kMaxSlots;  // never grows above
+  bool fixedSize = false;
+  bool shrinkEnabled = true;
+  SharedMem::EmberFile::Perm perm = SharedMem::EmberFile::Perm::OwnerOnly;
+};
+
+class SlotWriterTable {
+ public:
+  enum class Attached { Existing, NewFile, Reformatted };
+
+  // Opens or creates the slot file; adopts a valid file of the same shape, formats a new one,
+  // re-formats an invalid one (with a fresh ember id). Throws InitializationException.
+  Attached attach(const SlotTableConfig& config);
+  // Formats the file afresh with `numSlots` slots and a fresh ember id.
+  void reformat(uint32_t numSlots);
+  void detach();
+  bool attached() const { return base_ != nullptr; }
+
+  SlotTableHeader& header() { return *reinterpret_cast<SlotTableHeader*>(base_); }
+  const SlotTableHeader& header() const { return *reinterpret_cast<const SlotTableHeader*>(base_); }
+  uint8_t* base() const { return base_; }
+  size_t mappedSize() const { return file_.size(); }
+  uint32_t emberId() const { return header().emberId; }
+  uint32_t slotSize() const { return slotSize_; }
+  uint32_t valueSize() const { return header().valueSize; }
+  uint32_t numSlots() const { return header().numSlots; }
+  uint32_t occupiedSlots() const { return header().occupiedSlots; }
+  const SlotTableConfig& config() const { return config_; }
+
+  SlotHeader& slot(uint32_t index) {
+    return *reinterpret_cast<SlotHeader*>(base_ + kSlotTableHeaderSize +
+                                          (uint64_t{index} + 1) * slotSize_);
+  }
+  uint8_t* value(uint32_t index) { return reinterpret_cast<uint8_t*>(&slot(index)) + 16; }
+  SlotHeader& lookaside() { return *reinterpret_cast<SlotHeader*>(base_ + kSlotTableHeaderSize); }
+
+  // Takes a slot off the free list, growing the file when the list is empty; the slot is
+  // counted as occupied but not yet reachable. Throws TableFullException, CorruptionException.
+  uint32_t alloc();
+  // Marks a slot free (a reader re-checking its status sees the change) and pushes it on the
+  // free list. The slot must already be unreachable.
+  void dealloc(uint32_t index);
+  // Marks a slot free (status first, then its link set to `nextFree`) without touching the
+  // free list or the counters: a slot cut by a shrink uses this alone.
+  void markFree(uint32_t index, uint32_t nextFree = kNoSlot);
+
+  // Rewrite protocol. openSlot: look-aside copy of an occupied slot, then LOOKASIDE set;
+  // returns the value bytes, which may now change. closeSlot: status + 2 | OCCUPIED.
+  uint8_t* openSlot(uint32_t index);
+  void closeSlot(uint32_t index);
+  // Stores (generation + 4, link) into a slot's or a bucket's link pair with one store.
+  static void storeLink(uint64_t& pair, uint32_t link);
+  static uint32_t loadLink(const uint64_t& pair);
+
+  bool grow();
+  bool resize(uint32_t newNumSlots);
+  void addFreeSlots(uint32_t start, uint32_t end);
+  void purgeFreeSlots(uint32_t threshold);
+  uint32_t shrinkThreshold() const;
+  // Publishes the smaller slot count and gives the cut slots' pages back.
+  void cut(uint32_t newNumSlots);
+  // Rebuilds the free list from every slot below numSlots whose status is not OCCUPIED.
+  void rebuildFreeList();
+  uint32_t freeListLength() const;
+
+  uint64_t growths() const { return growths_; }
+
+ private:
+  void bind();
+  void setNumSlots(uint32_t numSlots);
+  void storeFreeHead(uint32_t head);
+  void storeOccupied(uint32_t occupied);
+
+  SlotTableConfig config_;
+  SharedMem::EmberFile file_;
+  uint8_t* base_ = nullptr;
+  uint32_t slotSize_ = 0;
+  uint64_t growths_ = 0;
+};
+
+}  // namespace Ledger

@@ -1,0 +1,228 @@
+// Validator: a full consistency walk of a table's files, run by the writer on attach, by
+// tests and by the tools. It reports the first inconsistency it meets.
+//
+// Checks, in order: the slot header (SlotTable::validate); the free list (in range, no
+// duplicate, not OCCUPIED); every chain (in range, no slot twice, OCCUPIED without a stuck
+// LOOKASIDE, key hashing to its bucket with a matching rhash, strictly ascending (rhash, key),
+// a live notification in the rally queue); counts (walked == occupiedSlots, free + occupied
+// == numSlots); the rally queue (no open corral, sequences ascending, every live entry the
+// recorded position of its slot, no tombstone recorded as live).
+#pragma once
+
+#include <cstdint>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "ledger/BucketTable.h"
+#include "ledger/Exceptions.h"
+#include "ledger/RallyWriter.h"
+#include "ledger/SlotWriterTable.h"
+#include "zinc/Trace.h"
+
+namespace Ledger {
+
+template <class Key, class OpsT>
+class Validator {
+ public:
+  Validator(SlotWriterTable& slots, const BucketWriterTable& buckets, const RallyWriter& rally,
+            const OpsT& ops, std::string name)
+      : slots_(slots), buckets_(buckets), rally_(rally), ops_(ops), name_(std::move(name)) {}
+
+  // True when the table is consistent; otherwise logs and keeps the reason in error().
+  bool validate(uint32_t emberId = 0) {
+    try {
+      error_ = doValidate(emberId);
+    } catch (const std::exception& e) {
+      ZTRACE_TO(trace(), 0, "Validator::validate caught: " << e.what());
+      error_ = e.what();
+    }
+    if (!error_.empty()) {
+      ZTRACE_TO(trace(), 0,
+                "Validator::validate() Ledger " << name_ << " validation failed: " << error_);
+    }
+    return error_.empty();
+  }
+  const std::string& error() const { return error_; }
+
+  // The first inconsistency, or an empty string. Throws CorruptionException on a bad header.
+  std::string doValidate(uint32_t emberId) {
+    SlotTable::validate(slots_.base(), slots_.mappedSize(), emberId);
+    const uint32_t n = slots_.numSlots();
+    seen_.assign(n, kUnseen);
+    uint32_t freeCount = 0, walked = 0;
+    std::string problem = walkFreeSlots(freeCount);
+    if (problem.empty()) problem = walkOccupiedSlots(walked);
+    if (!problem.empty()) return problem;
+    if (freeCount + walked != n) {
+      return "Validator::doValidate() bad slotCount:" + std::to_string(freeCount + walked) +
+             " free:" + std::to_string(freeCount) + " occupied:" + std::to_string(walked) +
+             " numSlots:" + std::to_string(n);
+    }
+    return checkRally();
+  }
+
+ private:
+  enum : uint8_t { kUnseen, kFree, kOccupiedSeen };
+
+  static const Zinc::Trace& trace() {
+    static Zinc::Trace t("Validator");
+    return t;
+  }
+  static std::string hex(uint32_t v) {
+    std::ostringstream os;
+    os << std::hex << v;
+    return os.str();
+  }
+
+  std::string walkFreeSlots(uint32_t& freeCount) {
+    const uint32_t n = slots_.numSlots();
+    for (uint32_t i = slots_.header().freeListHead; !isEndOfChain(i);) {
+      if (i >= n) {
+        return "Validator::walkFreeSlots() corrupted free slot detected with out of bound "
+               "index: " +
+               std::to_string(i);
+      }
+      if (seen_[i] != kUnseen) {
+        return "Validator::walkFreeSlots() duplicate freeSlot detected: " + std::to_string(i);
+      }
+      if (slots_.slot(i).status & (kOccupied | kLookaside)) {
+        return "Validator::walkFreeSlots() corrupted free slot not marked as empty: " +
+               std::to_string(i);
+      }
+      seen_[i] = kFree;
+      ++freeCount;
+      i = SlotWriterTable::loadLink(slots_.slot(i).linkPair);
+    }
+    return {};
+  }
+
+  std::string walkOccupiedSlots(uint32_t& walked) {
+    const uint32_t n = slots_.numSlots();
+    const uint32_t occupied = slots_.occupiedSlots();
+    const uint32_t numBuckets = buckets_.numBuckets();
+    if (buckets_.header().numBuckets != numBuckets || (numBuckets & (numBuckets - 1)) != 0 ||
+        buckets_.mappedSize() < kBucketTableHeaderSize + 8ull * numBuckets) {
+      return "Validator::walkOccupiedSlots() bad numBuckets:" +
+             std::to_string(buckets_.header().numBuckets);
+    }
+    for (uint32_t b = 0; b < numBuckets; ++b) {
+      bool havePrev = false;
+      uint32_t prevRhash = 0, prevSlot = 0;
+      for (uint32_t i = SlotWriterTable::loadLink(buckets_.head(b)); !isEndOfChain(i);) {
+        if (i >= n) {
+          return "Validator::walkOccupiedSlots() bad link:" + std::to_string(i) +
+                 " in bucket:" + std::to_string(b);
+        }
+        if (std::string problem = markOccupied(i); !problem.empty()) return problem;
+        if (++walked > occupied) {
+          return "Validator::walkOccupiedSlots() walkedSlots:" + std::to_string(walked) +
+                 " is greater than header->occupiedSlots:" + std::to_string(occupied);
+        }
+        const SlotHeader& s = slots_.slot(i);
+        Key key = ops_.storedKey(slots_.value(i));
+        uint32_t hash = OpsT::hash(key);
+        if ((hash & (numBuckets - 1)) != b || s.rhash != reverseBits(hash)) {
+          return "Validator::walkOccupiedSlots() corrupt key in slot: " + std::to_string(i) +
+                 " bucket: " + std::to_string(b);
+        }
+        if (havePrev &&
+            (s.rhash < prevRhash ||
+             (s.rhash == prevRhash && !OpsT::less(ops_.storedKey(slots_.value(prevSlot)), key)))) {
+          return "Validator::walkOccupiedSlots() chain out of order at slot: " + std::to_string(i) +
+                 " bucket: " + std::to_string(b);
+        }
+        havePrev = true;
+        prevRhash = s.rhash;
+        prevSlot = i;
+        i = SlotWriterTable::loadLink(s.linkPair);
+      }
+    }
+    if (walked != occupied) {
+      return "Validator::walkOccupiedSlots() mismatch header->occupiedSlots:" +
+             std::to_string(occupied) + " walkedSlots:" + std::to_string(walked);
+    }
+    return {};
+  }
+
+  std::string markOccupied(uint32_t i) {
+    const std::string slot = std::to_string(i);
+    if (seen_[i] != kUnseen) return "Validator::markOccupied() duplicate slot: " + slot;
+    seen_[i] = kOccupiedSeen;
+    uint32_t status = slots_.slot(i).status;
+    if (!(status & kOccupied)) {
+      return "Validator::markOccupied() missing OCCUPIED bit: 0x" + hex(status) + " slot: " + slot;
+    }
+    if (status & kLookaside) {
+      return "Validator::markOccupied() stuck LOOKASIDE bit: 0x" + hex(status) + " slot: " + slot;
+    }
+    if (i >= rally_.slotCapacity()) {
+      return "Validator::markOccupied() slot: " + slot +
+             " has out of range rally slot: " + std::to_string(rally_.slotCapacity());
+    }
+    uint32_t pos = rally_.position(i);
+    if (pos == kNoPosition) {
+      return "Validator::markOccupied() no notification in rally queue, slot: " + slot;
+    }
+    if (pos >= rally_.count()) {
+      return "Validator::markOccupied() slot: " + slot + " bad rally index:" + std::to_string(pos);
+    }
+    if (rally_.entry(pos).slotWord != i) {
+      return "Validator::markOccupied() slot: " + slot +
+             " duplicate rally position:" + std::to_string(pos);
+    }
+    return {};
+  }
+
+  std::string checkRally() {
+    const RallyControl& control = rally_.control();
+    if (control.corralStart != control.corralEnd) {
+      return "Validator::doValidate() corral pos:" + std::to_string(control.corralStart) +
+             " end:" + std::to_string(control.corralEnd) + " with no shrink in progress";
+    }
+    const uint32_t count = rally_.count();
+    const uint32_t slotCapacity = rally_.slotCapacity();
+    uint64_t lastSeq = 0;
+    for (uint32_t pos = 0; pos < count; ++pos) {
+      const RallyEntry& e = rally_.entry(pos);
+      const uint32_t slot = e.slotWord & ~kTombstone;
+      if (e.sequence <= lastSeq || e.sequence > control.latestSeq) {
+        return "Validator::doValidate() rally pos:" + std::to_string(pos) +
+               " sequence out of order: " + std::to_string(e.sequence);
+      }
+      lastSeq = e.sequence;
+      if (slot >= slotCapacity) {
+        return "Validator::doValidate() rally pos:" + std::to_string(pos) +
+               " has out of range slot: " + std::to_string(slot);
+      }
+      const bool live = !(e.slotWord & kTombstone);
+      if (live && rally_.position(slot) != pos) {
+        return "Validator::doValidate() rally pos:" + std::to_string(pos) +
+               " with wrong rallySlot:" + std::to_string(rally_.position(slot)) +
+               " slot: " + std::to_string(slot);
+      }
+      if (!live && rally_.position(slot) == pos) {
+        return "Validator::doValidate() active tombstone pos:" + std::to_string(pos) +
+               " on deleted notification: slot " + std::to_string(slot);
+      }
+    }
+    for (uint32_t slot = 0; slot < slotCapacity; ++slot) {
+      uint32_t pos = rally_.position(slot);
+      if (pos != kNoPosition && (pos >= count || rally_.entry(pos).slotWord != slot)) {
+        return "Validator::doValidate() occupied slot:" + std::to_string(slot) +
+               " rally pos:" + std::to_string(pos) + " not its live notification";
+      }
+    }
+    return {};
+  }
+
+  SlotWriterTable& slots_;
+  const BucketWriterTable& buckets_;
+  const RallyWriter& rally_;
+  const OpsT& ops_;
+  std::string name_;
+  std::string error_;
+  std::vector<uint8_t> seen_;
+};
+
+}  // namespace Ledger

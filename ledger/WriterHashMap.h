@@ -1,0 +1,220 @@
+// WriterHashMap: the writer's hash chains over the slot and bucket tables.
+//
+// A key's hash h picks bucket h % numBuckets (numBuckets is a power of two) and orders the
+// chain by (rhash, key), rhash being h with its bits reversed. Reversed bits make growth and
+// shrink cheap: doubling splits each chain into two chains that keep their order, halving
+// merges two chains whose rhashes never tie.
+//
+// Every walk is bounded by numSlots and checks each slot it meets (in range, OCCUPIED, key
+// hashing to this bucket and matching the stored rhash): shared memory may hold anything.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "ledger/BucketTable.h"
+#include "ledger/Exceptions.h"
+#include "ledger/SlotWriterTable.h"
+#include "zinc/Trace.h"
+
+namespace Ledger {
+
+// A predecessor in a chain: a bucket head or a slot's link pair. An index, not a pointer:
+// the mappings may move while it is held.
+struct LinkRef {
+  uint32_t index;
+  bool isBucket;
+};
+
+// Where a key is or would go: `pred` links to `hit` (kNoSlot on a miss) or, on a miss, to
+// `next`, the link that a new slot inserted after `pred` must take over.
+struct ChainPosition {
+  LinkRef pred;
+  uint32_t hit;
+  uint32_t next;
+};
+
+template <class Key, class OpsT>
+class WriterHashMap {
+ public:
+  WriterHashMap(SlotWriterTable& slots, BucketWriterTable& buckets, const OpsT& ops)
+      : slots_(slots), buckets_(buckets), ops_(ops) {}
+
+  uint32_t bucketOf(uint32_t hash) const { return hash & (buckets_.numBuckets() - 1); }
+
+  uint64_t& pair(LinkRef ref) {
+    return ref.isBucket ? buckets_.head(ref.index) : slots_.slot(ref.index).linkPair;
+  }
+
+  ChainPosition find(const Key& key, uint32_t hash, const char* who = "WriterHashMap::find()") {
+    const uint32_t bucket = bucketOf(hash);
+    const uint32_t rhash = reverseBits(hash);
+    ChainPosition pos{{bucket, true}, kNoSlot, 0};
+    uint32_t link = SlotWriterTable::loadLink(buckets_.head(bucket));
+    for (uint32_t count = 0; !isEndOfChain(link);) {
+      checkSlot(link, bucket, who, ++count);
+      const SlotHeader& s = slots_.slot(link);
+      if (s.rhash == rhash) {
+        Key stored = ops_.storedKey(slots_.value(link));
+        if (OpsT::equal(stored, key)) {
+          pos.hit = link;
+          return pos;
+        }
+        if (OpsT::less(key, stored)) break;
+      } else if (rhash < s.rhash) {
+        break;
+      }
+      pos.pred = LinkRef{link, false};
+      link = SlotWriterTable::loadLink(s.linkPair);
+    }
+    pos.next = link;
+    return pos;
+  }
+
+  uint32_t lookup(const Key& key) {
+    uint32_t hash = OpsT::hash(key);
+    ChainPosition pos = find(key, hash, "WriterHashMap::lookup()");
+    if (pos.hit == kNoSlot) {
+      ZTRACE_TO(trace(), 9, "WriterHashMap::lookup() not found bucket:" << bucketOf(hash));
+    }
+    return pos.hit;
+  }
+
+  // The first slot in table order (buckets ascending, chains in order), or kNoSlot.
+  uint32_t first() { return firstFrom(0, "WriterHashMap::first()"); }
+
+  // The slot after `prev` in table order, whether or not `prev` is still in the table.
+  uint32_t next(const Key& prev, uint32_t hint = kNoSlot) {
+    const uint32_t hash = OpsT::hash(prev);
+    const uint32_t bucket = bucketOf(hash);
+    uint32_t successor;
+    if (hint < slots_.numSlots() && (slots_.slot(hint).status & kOccupied) &&
+        OpsT::equal(ops_.storedKey(slots_.value(hint)), prev) &&
+        bucketOf(OpsT::hash(prev)) == bucket) {
+      successor = SlotWriterTable::loadLink(slots_.slot(hint).linkPair);
+    } else {
+      ChainPosition pos = find(prev, hash, "WriterHashMap::next()");
+      successor =
+          pos.hit != kNoSlot ? SlotWriterTable::loadLink(slots_.slot(pos.hit).linkPair) : pos.next;
+    }
+    if (!isEndOfChain(successor)) {
+      checkSlot(successor, bucket, "WriterHashMap::next()", 1);
+      if (slots_.slot(successor).rhash < reverseBits(hash)) {
+        throw CorruptionException("WriterHashMap::next() corrupt rhash detected, slot: " +
+                                  std::to_string(successor));
+      }
+      return successor;
+    }
+    verifyNextBucket(bucket, bucket + 1);
+    return firstFrom(bucket + 1, "WriterHashMap::next()");
+  }
+
+  void verifyNextBucket(uint32_t bucket, uint32_t nextBucket) const {
+    if (nextBucket <= bucket || nextBucket > buckets_.numBuckets()) {
+      throw CorruptionException(
+          "WriterHashMap::verifyNextBucket() has bucket: " + std::to_string(bucket) +
+          " with next bucket: " + std::to_string(nextBucket) +
+          " and numBuckets: " + std::to_string(buckets_.numBuckets()));
+    }
+  }
+
+  void setLink(LinkRef ref, uint32_t link) { SlotWriterTable::storeLink(pair(ref), link); }
+
+  // Doubles the bucket count, splitting every chain in two (see Format.h for the readers'
+  // side of the resize bracket).
+  bool growBuckets() {
+    const uint32_t n = buckets_.numBuckets();
+    if (n > kMaxSlots / 2 || !buckets_.reserve(2 * n)) return false;
+    ZTRACE_TO(trace(), 1, "WriterHashMap::growBuckets() growing from: " << n << " to: " << 2 * n);
+    buckets_.beginResize();
+    for (uint32_t b = 0; b < n; ++b) {
+      LinkRef low{b, true}, high{b + n, true};
+      uint32_t link = SlotWriterTable::loadLink(buckets_.head(b));
+      for (uint32_t count = 0; !isEndOfChain(link);) {
+        boundWalk(link, ++count, "WriterHashMap::growBuckets()");
+        SlotHeader& s = slots_.slot(link);
+        uint32_t following = SlotWriterTable::loadLink(s.linkPair);
+        LinkRef& tail = (reverseBits(s.rhash) & n) ? high : low;
+        setLink(tail, link);
+        tail = LinkRef{link, false};
+        link = following;
+      }
+      setLink(low, kEndOfChain | kNoSlot);
+      setLink(high, kEndOfChain | kNoSlot);
+    }
+    buckets_.endResize(2 * n);
+    return true;
+  }
+
+  // Halves the bucket count: bucket b takes over bucket b + n/2's chain, merged by rhash
+  // (the two chains differ in one hash bit, so their rhashes never tie).
+  void shrinkBuckets() {
+    const uint32_t half = buckets_.numBuckets() / 2;
+    buckets_.beginResize();
+    for (uint32_t b = 0; b < half; ++b) {
+      uint32_t a = SlotWriterTable::loadLink(buckets_.head(b));
+      uint32_t c = SlotWriterTable::loadLink(buckets_.head(b + half));
+      LinkRef tail{b, true};
+      for (uint32_t count = 0; !isEndOfChain(a) || !isEndOfChain(c);) {
+        if (!isEndOfChain(a)) boundWalk(a, count + 1, "WriterHashMap::shrinkBuckets()");
+        if (!isEndOfChain(c)) boundWalk(c, count + 1, "WriterHashMap::shrinkBuckets()");
+        bool takeA =
+            isEndOfChain(c) || (!isEndOfChain(a) && slots_.slot(a).rhash < slots_.slot(c).rhash);
+        uint32_t& taken = takeA ? a : c;
+        ++count;
+        uint32_t following = SlotWriterTable::loadLink(slots_.slot(taken).linkPair);
+        setLink(tail, taken);
+        tail = LinkRef{taken, false};
+        taken = following;
+      }
+      setLink(tail, kEndOfChain | kNoSlot);
+      setLink(LinkRef{b + half, true}, kEndOfChain | kNoSlot);
+    }
+    buckets_.endResize(half);
+    buckets_.release(half);
+    ZTRACE_TO(trace(), 1, "WriterHashMap::shrinkBuckets() shrunk to numBuckets: " << half);
+  }
+
+ private:
+  static const Zinc::Trace& trace() {
+    static Zinc::Trace t("WriterHashMap");
+    return t;
+  }
+
+  void boundWalk(uint32_t link, uint32_t count, const char* who) const {
+    if (link >= slots_.numSlots()) {
+      throw CorruptionException(std::string(who) +
+                                " corrupt link detected, slot: " + std::to_string(link));
+    }
+    if (count > slots_.numSlots()) {
+      throw CorruptionException(std::string(who) +
+                                " hash chain cycle detected, slotCount:" + std::to_string(count));
+    }
+  }
+
+  void checkSlot(uint32_t link, uint32_t bucket, const char* who, uint32_t count) {
+    boundWalk(link, count, who);
+    const SlotHeader& s = slots_.slot(link);
+    uint32_t hash = OpsT::hash(ops_.storedKey(slots_.value(link)));
+    if (!(s.status & kOccupied) || bucketOf(hash) != bucket || s.rhash != reverseBits(hash)) {
+      throw CorruptionException(std::string(who) + " corrupt key detected, slot: " +
+                                std::to_string(link) + " bucket: " + std::to_string(bucket));
+    }
+  }
+
+  uint32_t firstFrom(uint32_t bucket, const char* who) {
+    for (uint32_t b = bucket; b < buckets_.numBuckets(); ++b) {
+      uint32_t link = SlotWriterTable::loadLink(buckets_.head(b));
+      if (isEndOfChain(link)) continue;
+      checkSlot(link, b, who, 1);
+      return link;
+    }
+    return kNoSlot;
+  }
+
+  SlotWriterTable& slots_;
+  BucketWriterTable& buckets_;
+  const OpsT& ops_;
+};
+
+}  // namespace Ledger

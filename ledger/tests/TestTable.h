@@ -1,0 +1,79 @@
+// Test helpers: a key and a value shaped like the library's records, and a private root
+// directory for a test's table files.
+#pragma once
+
+#include <unistd.h>
+
+#include <atomic>
+#include <compare>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "zinc/Hash.h"
+
+namespace LedgerTest {
+
+struct TestKey {
+  uint64_t id = 0;
+  uint32_t hash() const {
+    Zinc::Hash h;
+    h.mix64(id);
+    return h.result();
+  }
+  auto operator<=>(const TestKey&) const = default;
+};
+
+// A 116-byte record, key first, like the LFIB route record.
+struct TestValue {
+  TestKey k;
+  uint64_t version = 0;
+  uint32_t check = 0;
+  uint8_t payload[96] = {};
+  TestKey key() const { return k; }
+  static const char* typeName() { return "LedgerTest::TestValue"; }
+  bool operator==(const TestValue&) const = default;
+};
+static_assert(sizeof(TestValue) == 120);
+
+inline TestValue makeValue(uint64_t id, uint64_t version) {
+  TestValue v;
+  v.k.id = id;
+  v.version = version;
+  for (size_t i = 0; i < sizeof(v.payload); ++i) v.payload[i] = uint8_t(id * 31 + version + i);
+  v.check = Zinc::hashBytes(&v, offsetof(TestValue, check));
+  return v;
+}
+
+// Keys whose hash has few distinct values: many share a bucket and an rhash.
+struct CollidingKey {
+  uint64_t id = 0;
+  uint32_t hash() const { return static_cast<uint32_t>(id % 3) * 0x10001u; }
+  auto operator<=>(const CollidingKey&) const = default;
+};
+struct CollidingValue {
+  CollidingKey k;
+  uint64_t data = 0;
+  CollidingKey key() const { return k; }
+};
+
+// A root directory of its own under /dev/shm, removed with everything in it.
+class TempRoot {
+ public:
+  TempRoot() {
+    static std::atomic<int> counter{0};
+    path_ = "/dev/shm/ledger-test-" + std::to_string(::getpid()) + "-" + std::to_string(counter++);
+    std::filesystem::remove_all(path_);
+  }
+  ~TempRoot() { std::filesystem::remove_all(path_); }
+  const std::string& path() const { return path_; }
+  std::string file(const std::string& table, const std::string& name) const {
+    return path_ + "/" + table + "/" + name;
+  }
+
+ private:
+  std::string path_;
+};
+
+}  // namespace LedgerTest

@@ -1,0 +1,122 @@
+// EmberFile: the root directory and name rules, file modes, and growth seen from another
+// process that maps the same file.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+
+#include "platform/shm/DockHash.h"
+#include "platform/shm/EmberFile.h"
+#include "zinc/Hash.h"
+
+namespace {
+
+using SharedMem::EmberFile;
+
+class Ember : public ::testing::Test {
+ protected:
+  Ember() {
+    static std::atomic<int> counter{0};
+    root = "/dev/shm/ledger-test-" + std::to_string(::getpid()) + "-e" + std::to_string(counter++);
+  }
+  ~Ember() override { std::filesystem::remove_all(root); }
+  std::string root;
+};
+
+TEST(EmberRoot, ArgumentThenEnvironmentThenDefault) {
+  const char* saved = std::getenv("LEDGER_ROOT");
+  std::string keep = saved ? saved : "";
+  ::unsetenv("LEDGER_ROOT");
+  EXPECT_EQ(SharedMem::rootPath(), "/dev/shm/ledger");
+  ::setenv("LEDGER_ROOT", "/tmp/elsewhere", 1);
+  EXPECT_EQ(SharedMem::rootPath(), "/tmp/elsewhere");
+  EXPECT_EQ(SharedMem::rootPath("/dev/shm/mine"), "/dev/shm/mine");
+  if (saved) {
+    ::setenv("LEDGER_ROOT", keep.c_str(), 1);
+  } else {
+    ::unsetenv("LEDGER_ROOT");
+  }
+}
+
+TEST(EmberRoot, NamesAreChecked) {
+  for (const char* good : {"lfibRoute", "a.b", "x-1"})
+    EXPECT_TRUE(SharedMem::validName(good)) << good;
+  for (const char* bad : {"", ".", "..", "a/b", "/", "a..b", "../x"}) {
+    EXPECT_FALSE(SharedMem::validName(bad)) << bad;
+  }
+}
+
+TEST_F(Ember, CreatesFilesWithRestrictiveModesUnderTheRoot) {
+  ::umask(0);
+  EmberFile owner, group;
+  ASSERT_TRUE(owner.open(root, "t", "a", EmberFile::Access::ReadWrite, true));
+  ASSERT_TRUE(
+      group.open(root, "t", "b", EmberFile::Access::ReadWrite, true, EmberFile::Perm::GroupRead));
+  ::umask(022);
+  struct stat st;
+  ASSERT_EQ(::stat((root + "/t/a").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  ASSERT_EQ(::stat((root + "/t/b").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0640u);
+  EXPECT_TRUE(owner.created());
+  EmberFile missing;
+  EXPECT_FALSE(missing.open(root, "t", "c", EmberFile::Access::ReadOnly, false));
+  EXPECT_NE(missing.error().find("cannot open"), std::string::npos);
+  EXPECT_FALSE(missing.open(root, "t", "../x", EmberFile::Access::ReadWrite, true));
+  EXPECT_TRUE(EmberFile::removeTable(root, "t"));
+  EXPECT_FALSE(EmberFile::exists(root, "t", "a"));
+}
+
+TEST_F(Ember, GrowthIsSeenByAnotherProcessAndReleasedPagesReadZero) {
+  EmberFile writer;
+  ASSERT_TRUE(writer.open(root, "t", "data", EmberFile::Access::ReadWrite, true));
+  ASSERT_TRUE(writer.resize(4096));
+  std::memset(writer.base(), 1, 4096);
+  int toChild[2], toParent[2];
+  ASSERT_EQ(::pipe(toChild), 0);
+  ASSERT_EQ(::pipe(toParent), 0);
+  pid_t pid = ::fork();
+  if (pid == 0) {  // a reader: maps, waits for growth, re-maps, reports what it sees
+    EmberFile reader;
+    char c = 0;
+    bool ok = reader.open(root, "t", "data", EmberFile::Access::ReadOnly, false) &&
+              reader.size() == 4096 && reader.base()[4095] == 1;
+    ok = ok && ::read(toChild[0], &c, 1) == 1 && reader.remap() && reader.size() == 1 << 20 &&
+         reader.base()[(1 << 20) - 1] == 2 && reader.base()[0] == 1;
+    ok = ok && ::read(toChild[0], &c, 1) == 1 && reader.base()[(1 << 20) - 1] == 0 &&
+         reader.base()[100] == 1;  // released tail reads zero, no fault; the head is kept
+    c = ok ? 'y' : 'n';
+    ::_exit(::write(toParent[1], &c, 1) == 1 ? 0 : 1);
+  }
+  ASSERT_TRUE(writer.resize(1 << 20));  // may move
+  writer.base()[(1 << 20) - 1] = 2;
+  ASSERT_EQ(::write(toChild[1], "g", 1), 1);
+  writer.releaseRange(1 << 16, (1 << 20) - (1 << 16));
+  EXPECT_EQ(writer.fileSize(), 1u << 20);  // never cut
+  ASSERT_EQ(::write(toChild[1], "r", 1), 1);
+  char answer = 0;
+  ASSERT_EQ(::read(toParent[0], &answer, 1), 1);
+  EXPECT_EQ(answer, 'y');
+  int status;
+  ::waitpid(pid, &status, 0);
+  EXPECT_EQ(writer.base()[(1 << 20) - 1], 0);
+}
+
+TEST(EmberId, FreshIdsAreNonZeroAndVary) {
+  uint32_t a = EmberFile::freshEmberId(), b = EmberFile::freshEmberId();
+  EXPECT_NE(a, 0u);
+  EXPECT_NE(a, b);
+}
+
+TEST(DockHash, IsTheFrameworkByteHash) {
+  const char text[] = "LEDGRSLT";
+  EXPECT_EQ(Dock::Util::hash(text, 8), Zinc::hashBytes(text, 8));
+  EXPECT_NE(Dock::Util::hash(text, 8), Dock::Util::hash(text, 7));
+}
+
+}  // namespace

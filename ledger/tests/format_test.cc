@@ -1,0 +1,551 @@
+// The slot table file format: header formatting and the ordered header checks, chain order,
+// bounded walks over corrupt chains, and the writer's structural edge cases.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <random>
+#include <vector>
+
+#include "ledger/LedgerWriter.h"
+#include "ledger/SlotTable.h"
+#include "ledger/tests/TestTable.h"
+
+namespace {
+
+using namespace LedgerTest;
+using namespace Ledger;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+using Writer = LedgerWriter<TestKey, TestValue>;
+
+std::string validationError(const std::vector<uint8_t>& file, uint32_t ember = 0) {
+  try {
+    SlotTable::validate(file.data(), file.size(), ember);
+  } catch (const CorruptionException& e) {
+    return e.what();
+  }
+  return "";
+}
+
+SlotTableHeader& headerOf(std::vector<uint8_t>& file) {
+  return *reinterpret_cast<SlotTableHeader*>(file.data());
+}
+
+TableShape testShape() { return TableShape{120, 7, "LedgerTest::TestValue", "TestTable"}; }
+
+std::vector<uint8_t> formattedFile(uint32_t numSlots, uint32_t ember = 42) {
+  std::vector<uint8_t> file(SlotTable::fileSizeFor(numSlots, testShape().slotSize()));
+  SlotTable::format(file.data(), numSlots, testShape(), ember);
+  return file;
+}
+
+TEST(SlotTableFormat, FreshHeaderAndSlotsAreAsDocumented) {
+  auto file = formattedFile(3);
+  const SlotTableHeader& h = headerOf(file);
+  EXPECT_EQ(std::string(h.magic, 8), "LEDGRSLT");
+  EXPECT_EQ(h.version, 12u);
+  EXPECT_EQ(h.emberId, 42u);
+  EXPECT_EQ(h.platformSpec, 1u);
+  EXPECT_STREQ(h.valueTypeName, "LedgerTest::TestValue");
+  EXPECT_STREQ(h.classTypeName, "TestTable");
+  EXPECT_EQ(h.valueSize, 120u);
+  EXPECT_EQ(h.slotSize, 136u);
+  EXPECT_EQ(h.tableParameter, 7u);
+  EXPECT_EQ(h.tableKind, 2u);
+  EXPECT_EQ(h.checksum, SlotTable::checksum(h));
+  EXPECT_EQ(h.occupiedSlots, 0u);
+  EXPECT_EQ(h.freeListHead, kNoSlot);
+  EXPECT_EQ(h.mostSlots, 3u);
+  EXPECT_EQ(h.reservedCounter, 0u);
+  EXPECT_EQ(h.numSlots, 3u);
+  EXPECT_EQ(file.size(), 192u + 4 * 136u);
+  for (int i = 0; i < 4; ++i) {  // the look-aside slot and three slots
+    const auto* slot = reinterpret_cast<const SlotHeader*>(file.data() + 192 + i * 136);
+    EXPECT_EQ(slot->linkPair, packLink(0, kNoSlot));
+    EXPECT_EQ(slot->status, 0u);
+    EXPECT_EQ(slot->rhash, 0u);
+    const uint8_t* value = reinterpret_cast<const uint8_t*>(slot) + 16;
+    EXPECT_TRUE(std::all_of(value, value + 120, [](uint8_t b) { return b == 0; }));
+  }
+  EXPECT_EQ(validationError(file), "");
+}
+
+TEST(SlotTableFormat, ChecksumCoversNamesAndShapeWordsOnly) {
+  auto file = formattedFile(2);
+  SlotTableHeader& h = headerOf(file);
+  uint32_t sum = h.checksum;
+  h.occupiedSlots = 1;
+  h.numSlots = 1;
+  EXPECT_EQ(SlotTable::checksum(h), sum);
+  h.classTypeName[63] = 'x';  // bytes after the terminator count too
+  EXPECT_NE(SlotTable::checksum(h), sum);
+}
+
+TEST(SlotTableFormat, TypeNamesUpTo63CharactersFit) {
+  std::vector<uint8_t> file(SlotTable::fileSizeFor(1, 136));
+  TableShape shape = testShape();
+  shape.valueTypeName = std::string(63, 'v');
+  shape.classTypeName = std::string(63, 'c');
+  EXPECT_NO_THROW(SlotTable::format(file.data(), 1, shape, 1));
+  EXPECT_EQ(SlotTable::typeName(headerOf(file).valueTypeName), shape.valueTypeName);
+
+  shape.valueTypeName = std::string(64, 'v');
+  try {
+    SlotTable::format(file.data(), 1, shape, 1);
+    FAIL() << "64-character value type name accepted";
+  } catch (const InitializationException& e) {
+    EXPECT_EQ(std::string(e.what()), "SlotTable::Header() value typename " + shape.valueTypeName +
+                                         " exceeds 64 characters");
+  }
+  shape.valueTypeName = "v";
+  shape.classTypeName = std::string(64, 'c');
+  try {
+    SlotTable::format(file.data(), 1, shape, 1);
+    FAIL() << "64-character class type name accepted";
+  } catch (const InitializationException& e) {
+    EXPECT_THAT(e.what(), StartsWith("SlotTable::Header() class typename: " + shape.classTypeName));
+  }
+}
+
+// Each entry breaks one field; with the breaks from k on applied together, check k is the one
+// reported: the checks run in this order and stop at the first failure.
+TEST(SlotTableFormat, HeaderChecksRunInOrderWithTheirMessages) {
+  using Break = std::function<void(std::vector<uint8_t>&, uint32_t & ember)>;
+  const std::vector<std::pair<std::string, Break>> breaks = {
+      {"SlotTable::Header::validate() bad magic: LEDGRSLX",
+       [](auto& f, auto&) { headerOf(f).magic[7] = 'X'; }},
+      {"SlotTable::Header::validate() bad version: 11",
+       [](auto& f, auto&) { headerOf(f).version = 11; }},
+      {"SlotTable::validate() bad ember:42 wanted:43", [](auto&, auto& ember) { ember = 43; }},
+      {"SlotTable::Header::validate() bad platform specification: 2 expecting: 1",
+       [](auto& f, auto&) { headerOf(f).platformSpec = 2; }},
+      {"SlotTable::Header::validate() checksum fail: ",
+       [](auto& f, auto&) { headerOf(f).tableParameter = 8; }},
+      {"SlotTable::Header::validate() bad occupiedSlots: 5 num slots: 4",
+       [](auto& f, auto&) { headerOf(f).occupiedSlots = 5; }},
+      {"SlotTable::Header::validate() bad freeSlots: 4",
+       [](auto& f, auto&) { headerOf(f).freeListHead = 4; }},
+      {"SlotTable::Header::validate() bad mostSlots:3",
+       [](auto& f, auto&) { headerOf(f).mostSlots = 3; }},
+      {"SlotTable::Header::validate() bad header file size: 327",
+       [](auto& f, auto&) { f.resize(192 + 136 - 1); }},
+      {"SlotTable::Header::validate() bad shmem size:328 for 4 slots",
+       [](auto& f, auto&) { f.resize(192 + 136); }},
+  };
+  for (size_t k = 0; k < breaks.size(); ++k) {
+    auto file = formattedFile(4);
+    uint32_t ember = 0;
+    // Later breaks first: the file-size ones shorten the file, the rest only edit the header.
+    for (size_t j = breaks.size(); j-- > k;) breaks[j].second(file, ember);
+    EXPECT_THAT(validationError(file, ember), StartsWith(breaks[k].first)) << "check " << k;
+  }
+}
+
+TEST(SlotTableFormat, ShortFilesFailOnTheirSizeEvenWithAGoodMagic) {
+  auto file = formattedFile(1);
+  file.resize(192 + 136 - 1);
+  EXPECT_THAT(validationError(file),
+              StartsWith("SlotTable::Header::validate() bad header file size: "));
+  file.resize(100);  // not even the header: nothing is read from it
+  EXPECT_THAT(validationError(file),
+              StartsWith("SlotTable::Header::validate() bad header file size: 100"));
+  file = formattedFile(0);  // header and look-aside slot, no slots: fine
+  EXPECT_EQ(file.size(), 192u + 136u);
+  EXPECT_EQ(validationError(file), "");
+}
+
+TEST(SlotTableFormat, FullTableAndAnyExpectedEmberAreValid) {
+  auto file = formattedFile(4);
+  headerOf(file).occupiedSlots = 4;
+  EXPECT_EQ(validationError(file, 0), "");
+  EXPECT_EQ(validationError(file, 42), "");
+}
+
+class WriterFormat : public ::testing::Test {
+ protected:
+  LedgerConfig config(const std::string& table = "t") {
+    LedgerConfig c;
+    c.root = root.path();
+    c.table = table;
+    c.capacity = 8;
+    c.minBuckets = 4;
+    return c;
+  }
+  TempRoot root;
+};
+
+TEST_F(WriterFormat, OneSlotTableHasShrinkThresholdOne) {
+  auto c = config();
+  c.capacity = 1;
+  c.minSize = 0;
+  Writer w(c);
+  w.attach();
+  EXPECT_EQ(w.capacity(), 1u);
+  EXPECT_EQ(w.shrinkThreshold(), 1u);
+  w.write(makeValue(1, 1));
+  EXPECT_TRUE(w.remove(TestKey{1}));
+  EXPECT_EQ(w.capacity(), 1u);
+  EXPECT_TRUE(w.validate()) << w.validationError();
+  c.shrinkEnabled = false;
+  Writer fixed(c);
+  w.detach();
+  fixed.attach();
+  EXPECT_EQ(fixed.shrinkThreshold(), 0u);
+}
+
+TEST_F(WriterFormat, ShrinkThresholdIsTheLargestPowerOfTwoBelowNumSlots) {
+  auto c = config();
+  c.capacity = 100;
+  Writer w(c);
+  w.attach();
+  EXPECT_EQ(w.shrinkThreshold(), 64u);
+  w.detach();
+  c.table = "u";
+  c.capacity = 64;
+  Writer v(c);
+  v.attach();
+  EXPECT_EQ(v.shrinkThreshold(), 32u);
+}
+
+TEST_F(WriterFormat, EqualRhashKeysAreChainedInKeyOrder) {
+  using CWriter = LedgerWriter<CollidingKey, CollidingValue>;
+  CWriter w(config());
+  w.attach();
+  std::vector<uint64_t> ids(60);
+  for (size_t i = 0; i < ids.size(); ++i) ids[i] = i * 3;  // all hash to 0
+  std::shuffle(ids.begin(), ids.end(), std::mt19937(5));
+  for (uint64_t id : ids) w.write(CollidingValue{{id}, id});
+  ASSERT_TRUE(w.validate()) << w.validationError();
+  auto& slots = w.slotTable();
+  uint32_t link = linkOf(w.bucketTable().head(0));
+  uint64_t expected = 0;
+  for (; !isEndOfChain(link); link = linkOf(slots.slot(link).linkPair), expected += 3) {
+    EXPECT_EQ(slots.slot(link).rhash, 0u);
+    EXPECT_EQ(w.ops().storedKey(slots.value(link)).id, expected);
+  }
+  EXPECT_EQ(expected, 180u);
+  CollidingValue v;
+  EXPECT_TRUE(w.lookup(CollidingKey{90}, v));
+  EXPECT_EQ(v.data, 90u);
+  EXPECT_FALSE(w.lookup(CollidingKey{91 * 3 + 300}, v));
+}
+
+TEST_F(WriterFormat, LoopingChainIsReportedNotWalkedForever) {
+  using CWriter = LedgerWriter<CollidingKey, CollidingValue>;
+  CWriter w(config());
+  w.attach();
+  for (uint64_t id : {0, 3, 6}) w.write(CollidingValue{{id}, id});
+  auto& slots = w.slotTable();
+  uint32_t head = linkOf(w.bucketTable().head(0));
+  uint32_t second = linkOf(slots.slot(head).linkPair);
+  uint32_t third = linkOf(slots.slot(second).linkPair);
+  slots.slot(third).linkPair = packLink(0, head);  // 0 -> 3 -> 6 -> 0 ...
+  CollidingValue v;
+  try {
+    w.lookup(CollidingKey{999}, v);
+    FAIL() << "looping chain walked without a report";
+  } catch (const CorruptionException& e) {
+    EXPECT_THAT(e.what(),
+                StartsWith("WriterHashMap::lookup() hash chain cycle detected, slotCount:"));
+  }
+  EXPECT_THROW(w.write(CollidingValue{{999}, 1}), CorruptionException);
+  EXPECT_FALSE(w.validate());
+  EXPECT_THAT(w.validationError(), StartsWith("Validator::markOccupied() duplicate slot: "));
+}
+
+TEST_F(WriterFormat, ForeignKeyInAChainIsReported) {
+  Writer w(config());
+  w.attach();
+  w.write(makeValue(1, 1));
+  uint32_t slot = w.slotTable().config().capacity;  // any; find the real one below
+  for (uint32_t i = 0; i < w.capacity(); ++i) {
+    if (w.slotTable().slot(i).status & kOccupied) slot = i;
+  }
+  reinterpret_cast<TestValue*>(w.slotTable().value(slot))->k.id = 2;
+  TestValue v;
+  try {
+    w.lookup(TestKey{1}, v);
+    FAIL() << "foreign key not reported";
+  } catch (const CorruptionException& e) {
+    EXPECT_THAT(e.what(), StartsWith("WriterHashMap::lookup() corrupt key detected, slot: "));
+  }
+  EXPECT_THAT((w.validate(), w.validationError()),
+              StartsWith("Validator::walkOccupiedSlots() corrupt key in slot: "));
+}
+
+TEST_F(WriterFormat, BucketsDoubleAboveTheCountAndHalveBelowAQuarter) {
+  Writer w(config());
+  w.attach();
+  for (uint64_t id = 0; id < 4; ++id) w.write(makeValue(id, 1));
+  EXPECT_EQ(w.numBuckets(), 4u);
+  w.write(makeValue(4, 1));  // occupiedSlots 5 > 4
+  EXPECT_EQ(w.numBuckets(), 8u);
+  for (uint64_t id = 5; id < 9; ++id) w.write(makeValue(id, 1));
+  EXPECT_EQ(w.numBuckets(), 16u);
+  for (uint64_t id = 8; id >= 4; --id) w.remove(TestKey{id});  // 4 left: not below 16 / 4
+  EXPECT_EQ(w.numBuckets(), 16u);
+  w.remove(TestKey{3});  // 3 < 4
+  EXPECT_EQ(w.numBuckets(), 8u);
+  w.remove(TestKey{2});
+  w.remove(TestKey{1});  // 1 < 2
+  EXPECT_EQ(w.numBuckets(), 4u);
+  w.remove(TestKey{0});  // never below the minimum
+  EXPECT_EQ(w.numBuckets(), 4u);
+  EXPECT_TRUE(w.validate()) << w.validationError();
+}
+
+TEST_F(WriterFormat, RewriteKeepsLinksAndAdvancesTheVersionByOne) {
+  Writer w(config());
+  w.attach();
+  for (uint64_t id = 0; id < 5; ++id) w.write(makeValue(id, 1));
+  const auto* stored = static_cast<const uint8_t*>(w.write(makeValue(3, 2)));
+  const auto* slot = reinterpret_cast<const SlotHeader*>(stored - 16);
+  uint64_t pair = slot->linkPair;
+  uint32_t status = slot->status;
+  uint64_t seq = w.sequence();
+  EXPECT_EQ(w.write(makeValue(3, 3)), stored);
+  EXPECT_EQ(slot->linkPair, pair);
+  EXPECT_EQ(slot->status, status + kVersionStep);
+  EXPECT_EQ(w.sequence(), seq + 1);
+  EXPECT_EQ(w.write(makeValue(3, 3), WriteFlag::ifChanged), stored);  // unchanged: nothing
+  EXPECT_EQ(slot->status, status + kVersionStep);
+  EXPECT_EQ(w.sequence(), seq + 1);
+  // Remove then write the same key: the freed slot comes straight back.
+  EXPECT_TRUE(w.remove(TestKey{3}));
+  EXPECT_EQ(w.write(makeValue(3, 4)), stored);
+}
+
+TEST_F(WriterFormat, DirectModeRefusesEverythingElseUntilCommitted) {
+  Writer w(config());
+  w.attach();
+  w.write(makeValue(1, 1));
+  EXPECT_THAT([&] { w.directCommit(); }, ::testing::ThrowsMessage<Zinc::InternalException>(
+                                             "LedgerWriter::directCommit() not in direct mode! "));
+  TestValue* v = w.directUpdate(TestKey{1});
+  ASSERT_NE(v, nullptr);
+  uint64_t seq = w.sequence();
+  auto refused = [](auto&& op, const std::string& message) {
+    try {
+      op();
+      ADD_FAILURE() << "not refused: " << message;
+    } catch (const Zinc::InternalException& e) {
+      EXPECT_THAT(e.what(), StartsWith(message));
+    }
+  };
+  refused([&] { w.write(makeValue(2, 1)); }, "LedgerWriter::write() unbalanced directSlot:");
+  refused([&] { w.remove(TestKey{1}); }, "LedgerWriter::remove() unbalanced directSlot:");
+  refused([&] { w.directWrite(TestKey{2}); }, "LedgerWriter::directWrite() unbalanced directSlot:");
+  refused([&] { w.directUpdate(TestKey{1}); },
+          "LedgerWriter::directUpdate() unbalanced directSlot:");
+  EXPECT_EQ(w.sequence(), seq);
+  EXPECT_EQ(w.members(), 1u);
+  TestValue out;
+  EXPECT_FALSE(w.lookup(TestKey{2}, out));
+  v->version = 9;
+  w.directCommit();
+  EXPECT_TRUE(w.lookup(TestKey{1}, out));
+  EXPECT_EQ(out.version, 9u);
+  EXPECT_EQ(w.directUpdate(TestKey{5}), nullptr);
+  TestValue* fresh = w.directWrite(TestKey{5});
+  ASSERT_NE(fresh, nullptr);
+  EXPECT_EQ(fresh->k.id, 5u);
+  EXPECT_FALSE(w.lookup(TestKey{5}, out));  // not reachable before the commit
+  fresh->version = 3;
+  w.directCommit();
+  EXPECT_TRUE(w.lookup(TestKey{5}, out));
+  EXPECT_EQ(out.version, 3u);
+  EXPECT_TRUE(w.validate()) << w.validationError();
+}
+
+TEST_F(WriterFormat, FreeListRangeChecks) {
+  Writer w(config());
+  w.attach();
+  auto& slots = w.slotTable();
+  EXPECT_THAT([&] { slots.addFreeSlots(0, 4); },
+              ::testing::Throws<Zinc::InternalException>());  // list not empty
+  try {
+    slots.addFreeSlots(4, 4);
+    FAIL();
+  } catch (const Zinc::InternalException& e) {
+    EXPECT_THAT(e.what(), StartsWith("SlotWriterTable::addFreeSlots() bad index range, start: 4"));
+  }
+  try {
+    slots.addFreeSlots(0, 4);
+    FAIL();
+  } catch (const Zinc::InternalException& e) {
+    EXPECT_STREQ(e.what(), "SlotWriterTable::addFreeSlots() free-list is not empty");
+  }
+  try {
+    slots.purgeFreeSlots(0);
+    FAIL();
+  } catch (const Zinc::InternalException& e) {
+    EXPECT_THAT(e.what(), StartsWith("SlotWriter::purgeFreeSlots() bad threshold: 0"));
+  }
+  slots.header().occupiedSlots = 1;  // one slot unaccounted for
+  try {
+    slots.purgeFreeSlots(4);
+    FAIL();
+  } catch (const CorruptionException& e) {
+    EXPECT_EQ(std::string(e.what()),
+              "SlotWriter::purgeFreeSlots() numSlots mismatch, length of freeList: 8, "
+              "occupiedSlots: 1 do not add up to numSlots: 8");
+  }
+}
+
+TEST_F(WriterFormat, FixedSizeTablesRefuseAnotherCapacityAndFillUp) {
+  auto c = config();
+  c.fixedSize = true;
+  c.capacity = 4;
+  {
+    Writer w(c);
+    w.attach();
+    for (uint64_t id = 0; id < 4; ++id) w.write(makeValue(id, 1));
+    try {
+      w.write(makeValue(9, 1));
+      FAIL();
+    } catch (const TableFullException& e) {
+      EXPECT_THAT(e.what(), StartsWith("SlotWriter::alloc() Ledger table full (occupancy:4"));
+    }
+    EXPECT_TRUE(w.validate()) << w.validationError();
+  }
+  c.capacity = 8;
+  Writer other(c);
+  try {
+    other.attach();
+    FAIL();
+  } catch (const InitializationException& e) {
+    EXPECT_EQ(std::string(e.what()),
+              "SlotWriter::attach() wanted capacity:8 for fixed-size table, but existing file "
+              "has capacity:4");
+  }
+}
+
+TEST_F(WriterFormat, OneWriterAtATime) {
+  Writer a(config()), b(config());
+  a.attach();
+  EXPECT_THROW(b.attach(), InitializationException);
+  a.detach();
+  EXPECT_EQ(b.attach(), AttachResult::existing);
+}
+
+TEST_F(WriterFormat, BadHeaderIsReformattedWithANewEmber) {
+  uint32_t ember;
+  {
+    Writer w(config());
+    EXPECT_EQ(w.attach(), AttachResult::newFile);
+    w.write(makeValue(1, 1));
+    ember = w.emberId();
+    w.slotTable().header().version = 11;
+  }
+  Writer w(config());
+  EXPECT_EQ(w.attach(), AttachResult::reformatted);
+  EXPECT_NE(w.emberId(), ember);
+  EXPECT_EQ(w.members(), 0u);
+  EXPECT_TRUE(w.validate()) << w.validationError();
+}
+
+TEST_F(WriterFormat, FilesAreOwnerOnlyAndNamesAreChecked) {
+  Writer w(config());
+  w.attach();
+  struct stat st;
+  ASSERT_EQ(::stat(root.file("t", "slots").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  for (const char* bad : {"", "a/b", "..", "x..y"}) {
+    Writer bw(config(bad));
+    EXPECT_THROW(bw.attach(), InitializationException) << bad;
+  }
+}
+
+// A writer's own corruption checks and the recovery of a half-changed table.
+class Recovery : public WriterFormat {
+ protected:
+  void fill(Writer& w, uint64_t n) {
+    for (uint64_t id = 0; id < n; ++id) w.write(makeValue(id, id));
+  }
+  void expectRecovered(uint64_t n, std::vector<uint64_t> gone = {}) {
+    Writer w(config());
+    EXPECT_EQ(w.attach(), AttachResult::recovered);
+    EXPECT_TRUE(w.validate()) << w.validationError();
+    TestValue v;
+    for (uint64_t id = 0; id < n; ++id) {
+      bool expectGone = std::count(gone.begin(), gone.end(), id) > 0;
+      EXPECT_EQ(w.lookup(TestKey{id}, v), !expectGone) << id;
+      if (!expectGone) {
+        EXPECT_EQ(v, makeValue(id, id)) << id;
+      }
+    }
+  }
+  uint32_t slotOf(Writer& w, uint64_t id) {
+    return static_cast<uint32_t>(
+        (static_cast<const uint8_t*>(w.write(makeValue(id, id))) - w.slotTable().value(0)) /
+        w.slotTable().slotSize());
+  }
+};
+
+TEST_F(Recovery, StuckLookasideGetsItsCopyBack) {
+  {
+    Writer w(config());
+    w.attach();
+    fill(w, 20);
+    uint32_t slot = slotOf(w, 7);
+    uint8_t* stored = w.slotTable().openSlot(slot);  // a writer dying mid-rewrite
+    std::memset(stored, 0xab, 60);
+    EXPECT_FALSE(w.validate());
+    EXPECT_THAT(w.validationError(),
+                StartsWith("Validator::markOccupied() stuck LOOKASIDE bit: 0x"));
+  }
+  expectRecovered(20);
+}
+
+TEST_F(Recovery, UnlinkedAndDuplicatedSlotsAreResolved) {
+  {
+    Writer w(config());
+    w.attach();
+    fill(w, 30);
+    // An occupied slot that no chain reaches (a remove cut short after the unlink) and a
+    // second copy of a key (a move cut short after the copy).
+    uint32_t slot = slotOf(w, 11);
+    auto pos =
+        WriterHashMap<TestKey, Ops<TestKey, TestValue>>(w.slotTable(), w.bucketTable(), w.ops())
+            .find(TestKey{11}, TestKey{11}.hash());
+    WriterHashMap<TestKey, Ops<TestKey, TestValue>>(w.slotTable(), w.bucketTable(), w.ops())
+        .setLink(pos.pred, linkOf(w.slotTable().slot(slot).linkPair));
+    uint32_t copy = w.slotTable().alloc();
+    std::memcpy(&w.slotTable().slot(copy).status, &w.slotTable().slot(slotOf(w, 12)).status,
+                w.slotTable().slotSize() - 8);
+    EXPECT_FALSE(w.validate());
+  }
+  expectRecovered(30);
+}
+
+TEST_F(Recovery, ACorruptedFreeListAndCountsAreRebuilt) {
+  {
+    Writer w(config());
+    w.attach();
+    fill(w, 40);
+    w.remove(TestKey{5});
+    w.remove(TestKey{6});
+    auto& h = w.slotTable().header();
+    h.occupiedSlots += 3;
+    uint32_t occupiedSlot = slotOf(w, 9);
+    w.slotTable().slot(h.freeListHead).linkPair = packLink(0, occupiedSlot);
+    EXPECT_FALSE(w.validate());
+    EXPECT_THAT(w.validationError(),
+                StartsWith("Validator::walkFreeSlots() corrupted free slot not marked as empty: "));
+  }
+  expectRecovered(40, {5, 6});
+}
+
+TEST_F(Recovery, ALostQueueIsRebuilt) {
+  {
+    Writer w(config());
+    w.attach();
+    fill(w, 25);
+  }
+  ASSERT_TRUE(SharedMem::EmberFile::unlinkFile(root.path(), "t", "rally"));
+  expectRecovered(25);
+}
+
+}  // namespace

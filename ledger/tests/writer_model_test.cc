@@ -1,0 +1,136 @@
+// Model-based test of the writer: long random sequences of writes, rewrites, removes and
+// direct-mode edits, checked against std::map after every step, with the validator run
+// periodically, across bucket and slot growth and shrink and queue compaction.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+
+#include "ledger/LedgerWriter.h"
+#include "ledger/tests/TestTable.h"
+
+namespace {
+
+using namespace LedgerTest;
+using Writer = Ledger::LedgerWriter<TestKey, TestValue>;
+
+class WriterModel : public ::testing::Test {
+ protected:
+  WriterModel() {
+    Ledger::LedgerConfig config;
+    config.root = root.path();
+    config.table = "model";
+    config.capacity = 4;
+    config.minBuckets = 4;
+    writer = std::make_unique<Writer>(config);
+    writer->attach();
+  }
+
+  void checkKey(uint64_t id) {
+    TestValue got;
+    auto it = model.find(id);
+    bool found = writer->lookup(TestKey{id}, got);
+    ASSERT_EQ(found, it != model.end()) << "key " << id;
+    if (found) {
+      ASSERT_EQ(got, it->second) << "key " << id;
+    }
+  }
+
+  void checkAll() {
+    ASSERT_TRUE(writer->validate()) << writer->validationError();
+    ASSERT_EQ(writer->members(), model.size());
+    std::map<uint64_t, TestValue> seen;
+    TestValue v;
+    uint32_t hint = Ledger::kNoSlot;
+    for (bool more = writer->first(v); more; more = writer->next(v.k, v, &hint)) {
+      ASSERT_TRUE(seen.emplace(v.k.id, v).second) << "iteration repeats " << v.k.id;
+    }
+    ASSERT_EQ(seen, model);
+  }
+
+  void step(std::mt19937_64& rng, uint64_t keySpace, int removeBias) {
+    uint64_t id = rng() % keySpace;
+    int op = static_cast<int>(rng() % 100);
+    if (op < removeBias) {
+      TestValue out;
+      bool existed = writer->remove(TestKey{id}, &out);
+      ASSERT_EQ(existed, model.count(id) == 1);
+      if (existed) {
+        ASSERT_EQ(out, model[id]);
+      }
+      model.erase(id);
+    } else if (op < removeBias + 10) {
+      bool existed = model.count(id) == 1;
+      TestValue* direct =
+          (op % 2) ? writer->directWrite(TestKey{id}) : writer->directUpdate(TestKey{id});
+      if (!direct) {
+        ASSERT_FALSE(existed);
+        ASSERT_EQ(op % 2, 0);
+        return;
+      }
+      if (!existed) {
+        ASSERT_EQ(direct->version, 0u);
+      }
+      *direct = makeValue(id, ++version);
+      writer->directCommit();
+      model[id] = makeValue(id, version);
+    } else {
+      TestValue v = makeValue(id, ++version);
+      writer->write(v);
+      model[id] = v;
+    }
+    checkKey(id);
+  }
+
+  TempRoot root;
+  std::unique_ptr<Writer> writer;
+  std::map<uint64_t, TestValue> model;
+  uint64_t version = 0;
+};
+
+class WriterModelSeeds : public WriterModel, public ::testing::WithParamInterface<uint64_t> {};
+
+TEST_P(WriterModelSeeds, RandomOperationsMatchMapAcrossGrowthShrinkAndCompaction) {
+  std::mt19937_64 rng(GetParam());
+  struct Phase {
+    int steps;
+    uint64_t keySpace;
+    int removeBias;
+  };
+  // Fill, churn, drain (slot and bucket shrink), refill.
+  const Phase phases[] = {
+      {6000, 3000, 10}, {6000, 3000, 45}, {8000, 3000, 90}, {4000, 300, 20}, {4000, 300, 95}};
+  int n = 0;
+  for (const Phase& phase : phases) {
+    for (int i = 0; i < phase.steps; ++i, ++n) {
+      ASSERT_NO_FATAL_FAILURE(step(rng, phase.keySpace, phase.removeBias));
+      if (n % 250 == 0) {
+        ASSERT_NO_FATAL_FAILURE(checkAll());
+      }
+    }
+    ASSERT_NO_FATAL_FAILURE(checkAll());
+  }
+  auto counters = writer->writerCounters();
+  EXPECT_GT(counters.slotGrowths, 3u);
+  EXPECT_GT(counters.slotShrinks, 0u);
+  EXPECT_GT(counters.bucketGrowths, 3u);
+  EXPECT_GT(counters.bucketShrinks, 0u);
+  EXPECT_GT(counters.rallyCompactions, 0u);
+  EXPECT_GT(counters.directCommits, 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, WriterModelSeeds, ::testing::Values(1, 2, 3, 12345));
+
+TEST_F(WriterModel, ReattachAdoptsTheTableAsItStands) {
+  std::mt19937_64 rng(7);
+  for (int i = 0; i < 1500; ++i) ASSERT_NO_FATAL_FAILURE(step(rng, 800, 30));
+  uint32_t ember = writer->emberId();
+  uint64_t seq = writer->sequence();
+  writer->detach();
+  EXPECT_EQ(writer->attach(), Ledger::AttachResult::existing);
+  EXPECT_EQ(writer->emberId(), ember);
+  EXPECT_EQ(writer->sequence(), seq);
+  ASSERT_NO_FATAL_FAILURE(checkAll());
+}
+
+}  // namespace

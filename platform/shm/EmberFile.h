@@ -1,0 +1,92 @@
+// SharedMem::EmberFile: one named, resizable shared-memory file, mapped shared.
+//
+// Files live under one root directory, one folder per table: <root>/<table>/<file>. The root is
+// the constructor argument when given, else the environment variable LEDGER_ROOT, else
+// "/dev/shm/ledger". Table and file names are validated: not empty, no '/', no "..".
+//
+// A file is created with mode 0600 (0640 on request), whatever the umask. It grows with
+// ftruncate and a new mapping, which may move: callers keep offsets, not pointers, across
+// resize(). Shrinking never cuts the file: releaseRange() gives the pages of a tail back to
+// the system (reads there return zeros), so a reader in another process that still maps the
+// old length never faults on a page beyond the end of the file.
+//
+// The ember id names a generation of a table's files: the writer that formats a table draws a
+// fresh id (freshEmberId) and stamps it into every file of the table; a file stamped with
+// another id belongs to an older generation.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace SharedMem {
+
+// The root directory: `root` when not empty, else $LEDGER_ROOT, else "/dev/shm/ledger".
+std::string rootPath(std::string_view root = {});
+
+// A table or file name: not empty, no '/', not "." or containing "..".
+bool validName(std::string_view name);
+
+class EmberFile {
+ public:
+  enum class Access { ReadOnly, ReadWrite };
+  enum class Perm : mode_t { OwnerOnly = 0600, GroupRead = 0640 };
+
+  EmberFile() = default;
+  EmberFile(const EmberFile&) = delete;
+  EmberFile& operator=(const EmberFile&) = delete;
+  EmberFile(EmberFile&& other) noexcept;
+  EmberFile& operator=(EmberFile&& other) noexcept;
+  ~EmberFile();
+
+  // Opens <root>/<table>/<name>, creating folder and file when `create` is set (the new file
+  // has length 0 and `created()` is true). Maps the whole file. Returns false and sets
+  // error() on failure.
+  bool open(std::string_view root, std::string_view table, std::string_view name, Access access,
+            bool create, Perm perm = Perm::OwnerOnly);
+  void close();
+  bool isOpen() const { return fd_ >= 0; }
+  bool created() const { return created_; }
+  const std::string& path() const { return path_; }
+  const std::string& error() const { return error_; }
+
+  uint8_t* base() const { return base_; }
+  size_t size() const { return size_; }  // bytes mapped
+  size_t fileSize() const;               // bytes in the file now (another process may grow it)
+
+  // Grows the file to at least `bytes` (never shrinks it) and maps `bytes`; the mapping may
+  // move. On failure the old mapping stays and error() says why.
+  bool resize(size_t bytes);
+  // Maps the file's current length (a reader following a writer's growth).
+  bool remap();
+  // Returns the pages of [offset, offset + len) to the system; the file keeps its length and
+  // those bytes read as zero afterwards.
+  void releaseRange(size_t offset, size_t len);
+
+  uint32_t emberId() const { return emberId_; }
+  void emberIdIs(uint32_t id) { emberId_ = id; }
+  static uint32_t freshEmberId();
+
+  // Removes <root>/<table>/<name> / the whole table folder.
+  static bool unlinkFile(std::string_view root, std::string_view table, std::string_view name);
+  static bool removeTable(std::string_view root, std::string_view table);
+  static bool exists(std::string_view root, std::string_view table, std::string_view name);
+
+ private:
+  bool mapLength(size_t bytes);
+  bool fail(const std::string& what);
+
+  int fd_ = -1;
+  uint8_t* base_ = nullptr;
+  size_t size_ = 0;
+  bool writable_ = false;
+  bool created_ = false;
+  uint32_t emberId_ = 0;
+  std::string path_;
+  std::string error_;
+};
+
+}  // namespace SharedMem
