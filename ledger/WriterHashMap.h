@@ -99,7 +99,11 @@ class WriterHashMap {
     }
     if (!isEndOfChain(successor)) {
       checkSlot(successor, bucket, "WriterHashMap::next()", 1);
-      if (slots_.slot(successor).rhash < reverseBits(hash)) {
+      // The successor must come strictly after `prev`, or iteration would never end.
+      const uint32_t rhash = slots_.slot(successor).rhash;
+      if (rhash < reverseBits(hash) ||
+          (rhash == reverseBits(hash) &&
+           !OpsT::less(prev, ops_.storedKey(slots_.value(successor))))) {
         throw CorruptionException("WriterHashMap::next() corrupt rhash detected, slot: " +
                                   std::to_string(successor));
       }

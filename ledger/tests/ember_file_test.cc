@@ -86,20 +86,25 @@ TEST_F(Ember, GrowthIsSeenByAnotherProcessAndReleasedPagesReadZero) {
     char c = 0;
     bool ok = reader.open(root, "t", "data", EmberFile::Access::ReadOnly, false) &&
               reader.size() == 4096 && reader.base()[4095] == 1;
+
+    ok = ::write(toParent[1], "o", 1) == 1 && ok;  // mapped: the parent may grow the file
     ok = ok && ::read(toChild[0], &c, 1) == 1 && reader.remap() && reader.size() == 1 << 20 &&
          reader.base()[(1 << 20) - 1] == 2 && reader.base()[0] == 1;
-    ok = ok && ::read(toChild[0], &c, 1) == 1 && reader.base()[(1 << 20) - 1] == 0 &&
-         reader.base()[100] == 1;  // released tail reads zero, no fault; the head is kept
-    c = ok ? 'y' : 'n';
+    ok = ::write(toParent[1], "m", 1) == 1 && ok;  // re-mapped: the parent may release
+    bool released = ok && ::read(toChild[0], &c, 1) == 1 && reader.base()[(1 << 20) - 1] == 0 &&
+                    reader.base()[100] == 1;  // released tail reads zero, no fault; head kept
+    c = !ok ? 'g' : released ? 'y' : 'r';
     ::_exit(::write(toParent[1], &c, 1) == 1 ? 0 : 1);
   }
+  char answer = 0;
+  ASSERT_EQ(::read(toParent[0], &answer, 1), 1);
   ASSERT_TRUE(writer.resize(1 << 20));  // may move
   writer.base()[(1 << 20) - 1] = 2;
   ASSERT_EQ(::write(toChild[1], "g", 1), 1);
+  ASSERT_EQ(::read(toParent[0], &answer, 1), 1);
   writer.releaseRange(1 << 16, (1 << 20) - (1 << 16));
   EXPECT_EQ(writer.fileSize(), 1u << 20);  // never cut
   ASSERT_EQ(::write(toChild[1], "r", 1), 1);
-  char answer = 0;
   ASSERT_EQ(::read(toParent[0], &answer, 1), 1);
   EXPECT_EQ(answer, 'y');
   int status;

@@ -1,0 +1,214 @@
+// LedgerBaseDummy, LedgerMap and LedgerTemporary: the handles an agent holds on a table.
+//
+// LedgerMap is the mode-independent handle: it starts on a LedgerBaseDummy (every operation
+// refused), owns the real table once initialised, refuses writes in read-only mode, and turns
+// corruption met on any access into corruptionDetected(): logged, counted, reported to the
+// owner's handler, and (on the writer side) repaired by re-attaching, after which the access
+// carries on as if the entry were absent. The reader side (a LedgerReader or LedgerShadow
+// behind the same handle) is mounted by the reader's code.
+#pragma once
+
+#include <unistd.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "ledger/LedgerBase.h"
+#include "ledger/LedgerWriter.h"
+#include "zinc/Trace.h"
+
+namespace Ledger {
+
+namespace Detail {
+inline const Zinc::Trace& mapTrace() {
+  static Zinc::Trace t("LedgerMap");
+  return t;
+}
+}  // namespace Detail
+
+template <class Key, class Value>
+class LedgerBaseDummy : public LedgerBase<Key, Value> {
+ public:
+  bool lookup(const Key&, Value&) override { return refuse("lookup"); }
+  bool first(Value&) override { return refuse("first"); }
+  bool next(const Key&, Value&, uint32_t*) override { return refuse("next"); }
+  const void* write(const Value&, WriteFlag) override { return refuse("write"), nullptr; }
+  bool remove(const Key&, Value*) override { return refuse("remove"); }
+  Value* directWrite(const Key&) override { return refuse("directWrite"), nullptr; }
+  Value* directUpdate(const Key&) override { return refuse("directUpdate"), nullptr; }
+  void directCommit() override { refuse("directCommit"); }
+  uint32_t capacity() const override { return refuse("capacity"), 0; }
+  uint32_t maxSize() const override { return refuse("maxSize"), 0; }
+  uint32_t minSize() const override { return refuse("minSize"), 0; }
+  uint32_t members() const override { return refuse("members"), 0; }
+  uint64_t sequence() const override { return refuse("sequence"), 0; }
+  bool connected() const override { return refuse("connected"); }
+  bool quiesced() const override { return refuse("quiesced"); }
+  uint32_t emberId() const override { return refuse("emberId"), 0; }
+  MountStatus mountStatus() const override { return refuse("mountStatus"), MountStatus::unmounted; }
+  bool initialize() override { return refuse("initialize"); }
+  bool validate() override { return refuse("validate"); }
+  bool validate(uint32_t) override { return refuse("validate"); }
+  bool validateFiles() override { return refuse("validateFiles"); }
+  bool cleanup() override { return refuse("cleanup"); }
+  void detach() override { refuse("detach"); }
+
+ private:
+  static bool refuse(const char* operation) {
+    ZTRACE_TO(Detail::mapTrace(), 3, "LedgerBaseDummy::" << operation << "() ");
+    return false;
+  }
+};
+
+enum class LedgerMode { writer, readOnly };
+
+template <class Key, class Value, class OpsT = Ops<Key, Value>>
+class LedgerMap {
+ public:
+  using CorruptionHandler = std::function<void(const std::string& reason)>;
+
+  LedgerMap(LedgerConfig config, LedgerMode mode, OpsT ops = OpsT())
+      : config_(std::move(config)), mode_(mode), ops_(std::move(ops)) {}
+  ~LedgerMap() { table_->detach(); }
+
+  // Writer mode: attaches a LedgerWriter (adopting, recovering or creating the files).
+  // Read-only mode: the handle stays on the dummy until a reader is mounted into it.
+  bool initialize() {
+    if (mode_ == LedgerMode::readOnly) return false;
+    auto writer = std::make_unique<LedgerWriter<Key, Value, OpsT>>(config_, ops_);
+    writer->attach();
+    writer_ = writer.get();
+    table_ = std::move(writer);
+    initialized_ = true;
+    return true;
+  }
+  // The reader side hands its mounted table over here.
+  void tableIs(std::unique_ptr<LedgerBase<Key, Value>> table) {
+    table_ = table ? std::move(table) : std::make_unique<LedgerBaseDummy<Key, Value>>();
+    writer_ = nullptr;
+    initialized_ = true;
+  }
+  bool initialized() const { return initialized_; }
+  bool readOnly() const { return mode_ == LedgerMode::readOnly; }
+  LedgerBase<Key, Value>& table() { return *table_; }
+  void corruptionHandlerIs(CorruptionHandler handler) { corruptionHandler_ = std::move(handler); }
+  uint64_t corruptions() const { return corruptions_; }
+
+  bool lookup(const Key& key, Value& out) {
+    return guarded("lookup", [&] { return table_->lookup(key, out); });
+  }
+  bool first(Value& out) {
+    return guarded("first", [&] { return table_->first(out); });
+  }
+  bool next(const Key& prev, Value& out, uint32_t* hint = nullptr) {
+    return guarded("next", [&] { return table_->next(prev, out, hint); });
+  }
+  const void* write(const Value& value, WriteFlag flag = WriteFlag::always) {
+    if (refusedReadOnly("write")) return nullptr;
+    const void* stored = nullptr;
+    guarded("write", [&] { return (stored = table_->write(value, flag)) != nullptr; });
+    return stored;
+  }
+  bool remove(const Key& key, Value* out = nullptr) {
+    if (refusedReadOnly("remove")) return false;
+    return guarded("remove", [&] { return table_->remove(key, out); });
+  }
+  // Writes that may come at any time, also while no table is attached ("no man's land"
+  // between a detach and the next attach): dropped with a trace instead of refused loudly.
+  bool safeWrite(const Value& value) {
+    if (!inNoMansLand("safeWrite")) return write(value) != nullptr;
+    return false;
+  }
+  bool safeRemove(const Key& key) {
+    if (!inNoMansLand("safeRemove")) return remove(key);
+    return false;
+  }
+  bool validate() { return !refusedReadOnly("validate") && table_->validate(); }
+  bool validateFiles() { return !refusedReadOnly("validateFiles") && table_->validateFiles(); }
+  bool cleanup() {
+    if (refusedReadOnly("cleanup")) return false;
+    initialized_ = false;
+    bool removed = table_->cleanup();
+    table_ = std::make_unique<LedgerBaseDummy<Key, Value>>();
+    writer_ = nullptr;
+    return removed;
+  }
+  void cleanupAndDetach() {
+    if (!initialized_) {
+      ZTRACE_TO(Detail::mapTrace(), 0,
+                "LedgerMap::cleanupAndDetach() " << config_.table
+                                                 << " trying to cleanup uninitialized ledger.");
+      return;
+    }
+    if (!readOnly()) cleanup();
+    detach();
+  }
+  void detach() {
+    table_->detach();
+    table_ = std::make_unique<LedgerBaseDummy<Key, Value>>();
+    writer_ = nullptr;
+    initialized_ = false;
+  }
+
+  void corruptionDetected(const std::string& reason) {
+    ++corruptions_;
+    ZTRACE_TO(Detail::mapTrace(), 0,
+              "LedgerMap::corruptionDetected() " << config_.table << " " << reason);
+    if (corruptionHandler_) corruptionHandler_(reason);
+    if (writer_) writer_->attach();  // validate, then recover or re-format
+  }
+
+ private:
+  bool refusedReadOnly(const char* operation) {
+    if (!readOnly()) return false;
+    ZTRACE_TO(Detail::mapTrace(), 0, operation << " to read-only Ledger table " << config_.table);
+    return true;
+  }
+  bool inNoMansLand(const char* operation) {
+    if (initialized_ && table_->connected()) return false;
+    ZTRACE_TO(Detail::mapTrace(), 1,
+              "LedgerMap::" << operation << "() " << config_.table << " in no man's land, dropped");
+    return true;
+  }
+  template <class F>
+  bool guarded(const char* operation, F&& f) {
+    try {
+      return f();
+    } catch (const CorruptionException& e) {
+      corruptionDetected(std::string(operation) + ": " + e.what());
+      return false;
+    }
+  }
+
+  LedgerConfig config_;
+  LedgerMode mode_;
+  OpsT ops_;
+  std::unique_ptr<LedgerBase<Key, Value>> table_ = std::make_unique<LedgerBaseDummy<Key, Value>>();
+  LedgerWriter<Key, Value, OpsT>* writer_ = nullptr;
+  bool initialized_ = false;
+  CorruptionHandler corruptionHandler_;
+  uint64_t corruptions_ = 0;
+};
+
+// A writer on a table of its own (a unique name under the root), removed when it goes.
+template <class Key, class Value, class OpsT = Ops<Key, Value>>
+class LedgerTemporary : public LedgerWriter<Key, Value, OpsT> {
+ public:
+  explicit LedgerTemporary(LedgerConfig config = {}, OpsT ops = OpsT())
+      : LedgerWriter<Key, Value, OpsT>(withUniqueName(std::move(config)), std::move(ops)) {
+    this->attach();
+  }
+  ~LedgerTemporary() override { this->cleanup(); }
+
+ private:
+  static LedgerConfig withUniqueName(LedgerConfig config) {
+    static std::atomic<uint32_t> counter{0};
+    config.table = "tmp-" + (config.table.empty() ? std::string("table") : config.table) + "-" +
+                   std::to_string(::getpid()) + "-" + std::to_string(counter++);
+    return config;
+  }
+};
+
+}  // namespace Ledger
