@@ -240,7 +240,10 @@ bool LedgerWriter<Key, Value, OpsT>::remove(const Key& key, Value* out) {
 
 template <class Key, class Value, class OpsT>
 Value* LedgerWriter<Key, Value, OpsT>::openDirect(const Key& key, bool create) {
-  static_assert(OpsT::kDirect, "the direct mode needs values stored as they are");
+  // The direct mode needs values stored as they are; other stored forms refuse it.
+  if constexpr (!OpsT::kDirect) {
+    throw Zinc::InternalException("LedgerWriter::directWrite() not supported by this table");
+  }
   checkNoDirect(create ? "LedgerWriter::directWrite()" : "LedgerWriter::directUpdate()");
   const uint32_t hash = OpsT::hash(key);
   const ChainPosition pos = map_.find(key, hash);
