@@ -203,6 +203,10 @@ class ViaSetTable {
   }                                                                                        \
   uint32_t attr##Count() const { return attr##_->members(); }                              \
   MPLS_PP_UNPAREN Table& attr##Ledger() const { return *attr##_; }                         \
+  /* The same operations chosen by element type, for code generic over records. */         \
+  bool elementLookup(const K& k, V& out) const { return attr##_->lookup(k, out); }         \
+  void elementIs(const V& v) { attr##Is(v); }                                              \
+  void elementDel(const K& k, const V*) { attr##Del(k); }                                  \
   const ::Mpls::CollectionCounters& attr##Counters() const { return attr##Counters_; }     \
                                                                                            \
  private:                                                                                  \
