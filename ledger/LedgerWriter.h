@@ -31,6 +31,7 @@
 #include "ledger/LedgerBase.h"
 #include "ledger/Ops.h"
 #include "ledger/RallyWriter.h"
+#include "ledger/SlabOps.h"
 #include "ledger/SlotWriterTable.h"
 #include "ledger/Validator.h"
 #include "ledger/WriterHashMap.h"
@@ -156,6 +157,15 @@ class LedgerWriter : public LedgerBase<Key, Value> {
     return Validator<Key, OpsT>(slots_, buckets_, rally_, ops_, config_.table);
   }
   void resetFresh();
+  void attachStorage();
+  bool storedValid(uint32_t slot) const {
+    if constexpr (requires { ops_.storedValid(nullptr); }) {
+      return ops_.storedValid(const_cast<SlotWriterTable&>(slots_).value(slot));
+    } else {
+      (void)slot;
+      return true;
+    }
+  }
   void recover();
   void relinkAll(std::vector<uint32_t>& occupied);
   uint32_t insertNew(const ChainPosition& pos, uint32_t hash);

@@ -29,6 +29,7 @@ AttachResult LedgerWriter<Key, Value, OpsT>::attach() {
   lock_.acquire(config_.root, config_.table, config_.perm);
   auto slotResult = slots_.attach(slotConfig());
   const bool existing = slotResult == SlotWriterTable::Attached::Existing;
+  attachStorage();
   uint32_t minBuckets = std::max(config_.minBuckets, 1u);
   buckets_.attach(config_.root, config_.table, slots_.emberId(), config_.perm, existing,
                   minBuckets);
@@ -51,6 +52,7 @@ AttachResult LedgerWriter<Key, Value, OpsT>::attach() {
       ++counters_.recoveries;
     } else {
       slots_.reformat(slots_.config().capacity);
+      attachStorage();
       buckets_.attach(config_.root, config_.table, slots_.emberId(), config_.perm, false,
                       minBuckets);
       rally_.attach(config_.root, config_.table, slots_.emberId(), slots_.numSlots(), false,
@@ -61,6 +63,13 @@ AttachResult LedgerWriter<Key, Value, OpsT>::attach() {
   }
   maybeGrowBuckets();
   return result;
+}
+
+template <class Key, class Value, class OpsT>
+void LedgerWriter<Key, Value, OpsT>::attachStorage() {
+  if constexpr (HasStorage<OpsT>) {
+    ops_.attachStorage(config_.root, config_.table, slots_.emberId(), config_.perm);
+  }
 }
 
 template <class Key, class Value, class OpsT>
@@ -88,13 +97,18 @@ void LedgerWriter<Key, Value, OpsT>::recover() {
       Shm::store(s.status, s.status + kLookaside, std::memory_order_release);
     }
     if (!(s.status & kOccupied)) continue;
-    if (s.rhash != reverseBits(OpsT::hash(ops_.storedKey(slots_.value(i))))) {
+    if (!storedValid(i) || s.rhash != reverseBits(OpsT::hash(ops_.storedKey(slots_.value(i))))) {
       slots_.markFree(i);
       continue;
     }
     occupied.push_back(i);
   }
   relinkAll(occupied);
+  if constexpr (HasStorage<OpsT>) {
+    std::vector<const uint8_t*> live;
+    for (uint32_t i : occupied) live.push_back(slots_.value(i));
+    ops_.rebuildStorage(live);
+  }
   slots_.rebuildFreeList();
   rally_.reset(n);
   for (uint32_t i : occupied) notify(i);
@@ -153,6 +167,7 @@ void LedgerWriter<Key, Value, OpsT>::detach() {
   }
   rally_.commit();
   rally_.detach();
+  if constexpr (HasStorage<OpsT>) ops_.detachStorage();
   buckets_.detach();
   slots_.detach();
   lock_.release();
@@ -240,23 +255,24 @@ bool LedgerWriter<Key, Value, OpsT>::remove(const Key& key, Value* out) {
 
 template <class Key, class Value, class OpsT>
 Value* LedgerWriter<Key, Value, OpsT>::openDirect(const Key& key, bool create) {
-  // The direct mode needs values stored as they are; other stored forms refuse it.
+  const char* who = create ? "LedgerWriter::directWrite()" : "LedgerWriter::directUpdate()";
+  checkNoDirect(who);
   if constexpr (!OpsT::kDirect) {
-    throw Zinc::InternalException("LedgerWriter::directWrite() not supported by this table");
-  }
-  checkNoDirect(create ? "LedgerWriter::directWrite()" : "LedgerWriter::directUpdate()");
-  const uint32_t hash = OpsT::hash(key);
-  const ChainPosition pos = map_.find(key, hash);
-  if (pos.hit != kNoSlot) {
-    slots_.openSlot(pos.hit);  // readers take the look-aside copy until directCommit
-    direct_ = DirectSlot{pos.hit, key, false, pos.pred};
+    throw Zinc::InternalException(std::string(who) + " needs values stored in their slots");
   } else {
-    if (!create) return nullptr;
-    uint32_t slot = insertNew(pos, hash);
-    ops_.initStored(key, slots_.openSlot(slot));
-    direct_ = DirectSlot{slot, key, true, pos.pred};
+    const uint32_t hash = OpsT::hash(key);
+    const ChainPosition pos = map_.find(key, hash);
+    if (pos.hit != kNoSlot) {
+      slots_.openSlot(pos.hit);  // readers take the look-aside copy until directCommit
+      direct_ = DirectSlot{pos.hit, key, false, pos.pred};
+    } else {
+      if (!create) return nullptr;
+      uint32_t slot = insertNew(pos, hash);
+      ops_.initStored(key, slots_.openSlot(slot));
+      direct_ = DirectSlot{slot, key, true, pos.pred};
+    }
+    return reinterpret_cast<Value*>(slots_.value(direct_->slot));
   }
-  return reinterpret_cast<Value*>(slots_.value(direct_->slot));
 }
 
 template <class Key, class Value, class OpsT>

@@ -59,6 +59,12 @@ class Validator {
              " free:" + std::to_string(freeCount) + " occupied:" + std::to_string(walked) +
              " numSlots:" + std::to_string(n);
     }
+    if constexpr (requires { ops_.storageOccupied(); }) {
+      if (ops_.storageOccupied() != walked) {
+        return "Validator::doValidate() slab entries:" + std::to_string(ops_.storageOccupied()) +
+               " for occupied slots:" + std::to_string(walked);
+      }
+    }
     return checkRally();
   }
 
@@ -120,6 +126,12 @@ class Validator {
                  " is greater than header->occupiedSlots:" + std::to_string(occupied);
         }
         const SlotHeader& s = slots_.slot(i);
+        if constexpr (requires { ops_.storedValid(nullptr); }) {
+          if (!ops_.storedValid(slots_.value(i))) {
+            return "Validator::walkOccupiedSlots() slot: " + std::to_string(i) +
+                   " refers to no stored value";
+          }
+        }
         Key key = ops_.storedKey(slots_.value(i));
         uint32_t hash = OpsT::hash(key);
         if ((hash & (numBuckets - 1)) != b || s.rhash != reverseBits(hash)) {

@@ -1,0 +1,10 @@
+#include "ledger/LedgerReader.h"
+
+namespace Ledger::ReaderDetail {
+
+const Zinc::Trace& trace() {
+  static Zinc::Trace t("LedgerReader");
+  return t;
+}
+
+}  // namespace Ledger::ReaderDetail

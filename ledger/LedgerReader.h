@@ -1,0 +1,450 @@
+// LedgerReader: a lock-free reader of a table in another process's shared memory, without a
+// private copy. Lookups and iteration walk the writer's chains in place.
+//
+// The files are untrusted and change under the walk:
+//  - every index is checked against the mapping and the header before use; a slot beyond
+//    the mapping but inside the writer's numSlots makes the reader re-map;
+//  - every walk counts the slots it visits and stops after more than the table holds;
+//  - a hit is proven by the slot's consistent read (status word re-check) and its key;
+//  - a miss is trusted only when no bucket redistribution overlapped the walk (resizeSeq)
+//    and every link pair the walk followed is still the same (a link pair's generation
+//    advances with each store, so a walk that strayed through a slot being removed or
+//    re-used sees it changed).
+// Anything odd is retried; only an oddity that persists over kMaxAttempts walks is reported,
+// as a CorruptionException with the message of the check that failed.
+#pragma once
+
+#include <sched.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "ledger/BucketReader.h"
+#include "ledger/Exceptions.h"
+#include "ledger/LedgerBase.h"
+#include "ledger/Ops.h"
+#include "ledger/SlotReaderTable.h"
+#include "zinc/Trace.h"
+
+namespace Ledger {
+
+struct ReaderConfig {
+  std::string root;  // empty: $LEDGER_ROOT or the default root
+  std::string table;
+};
+
+namespace ReaderDetail {
+const Zinc::Trace& trace();
+}
+
+template <class Key, class Value, class OpsT = Ops<Key, Value>>
+class LedgerReader : public LedgerBase<Key, Value> {
+ public:
+  static constexpr uint32_t kMaxAttempts = 64;
+  using CorruptionHandler = std::function<void(const std::string& reason)>;
+
+  explicit LedgerReader(ReaderConfig config, OpsT ops = OpsT())
+      : config_(std::move(config)), ops_(std::move(ops)) {}
+  ~LedgerReader() override {
+    if (attached()) detach();
+  }
+
+  // Maps the slot and bucket files. Throws InitializationException / CorruptionException.
+  void attach() {
+    slots_.attach(config_.root, config_.table, ops_.valueSize());
+    buckets_.attach(config_.root, config_.table, slots_.emberId());
+    buffer_.assign(slots_.valueSize(), 0);
+    ZTRACE_TO(ReaderDetail::trace(), 1,
+              "LedgerReader::attach() " << config_.table << " ember:" << slots_.emberId());
+  }
+  bool initialize() override {
+    try {
+      attach();
+      return true;
+    } catch (const Zinc::Exception& e) {
+      error_ = e.what();
+      ZTRACE_TO(ReaderDetail::trace(), 1, "LedgerReader::initialize() " << error_);
+      return false;
+    }
+  }
+  void detach() override {
+    if (!attached()) {
+      ZTRACE_TO(ReaderDetail::trace(), 0, "LedgerReader::detach() already detached");
+      return;
+    }
+    slots_.detach();
+    buckets_.detach();
+    ZTRACE_TO(ReaderDetail::trace(), 1, "LedgerReader::detach() " << config_.table);
+  }
+  bool attached() const { return slots_.attached(); }
+  const std::string& error() const { return error_; }
+  // Without a handler corruption is thrown to the caller; with one it is reported there and
+  // the entry reads as absent.
+  void corruptionHandlerIs(CorruptionHandler handler) { onCorruption_ = std::move(handler); }
+
+  bool lookup(const Key& key, Value& out) override {
+    return guarded([&] { return doLookup(key, out); });
+  }
+  bool first(Value& out) override {
+    return guarded([&] { return doFirst(out, nullptr); });
+  }
+  bool next(const Key& prev, Value& out, uint32_t* hint = nullptr) override {
+    return guarded([&] { return doNext(prev, out, hint); });
+  }
+
+  // The consistent read of one slot by index: true when it holds an entry (copied out).
+  // Re-maps when the index lies beyond the mapping, and once more on a corruption.
+  bool getValue(uint32_t slotIndex, Value& out, Key* key = nullptr) {
+    return withRemap([&] {
+      SlotReaderTable::Read r = slots_.read(slotIndex, buffer_.data());
+      if (r == SlotReaderTable::Read::unmapped) {
+        doResize();
+        r = slots_.read(slotIndex, buffer_.data());
+        if (r == SlotReaderTable::Read::unmapped) {
+          throw CorruptionException("LedgerReader::getValue() slot " + std::to_string(slotIndex) +
+                                    " beyond mapping after re-map");
+        }
+      }
+      if (r != SlotReaderTable::Read::occupied) return false;
+      ops_.load(buffer_.data(), out);
+      if (key) *key = ops_.storedKey(buffer_.data());
+      return true;
+    });
+  }
+
+  // The slot that holds `key` now (its stored bytes left in slotBuffer()), or kNoSlot.
+  uint32_t findSlot(const Key& key) {
+    uint32_t found = kNoSlot;
+    guarded([&] {
+      return walkUntil(
+          OpsT::hash(key), "LedgerReader::doLookup()",
+          [&](uint32_t slot, bool& more) {
+            more = false;
+            if (!OpsT::equal(ops_.storedKey(buffer_.data()), key)) return false;
+            found = slot;
+            return true;
+          },
+          &key);
+    });
+    return found;
+  }
+
+  bool doLookup(const Key& key, Value& out) {
+    if (!buckets_.attached())
+      throw CorruptionException("LedgerReader::doLookup() bucket table detached");
+    ++counters_.lookups;
+    const uint32_t hash = OpsT::hash(key);
+    return walkUntil(
+        hash, "LedgerReader::doLookup()",
+        [&](uint32_t slot, bool& more) {
+          more = false;
+          if (!OpsT::equal(ops_.storedKey(buffer_.data()), key)) return false;
+          ops_.load(buffer_.data(), out);
+          (void)slot;
+          return true;
+        },
+        &key);
+  }
+
+  // Re-maps the slot table and, when the header's count differs, the bucket table.
+  void doResize() {
+    ++counters_.remaps;
+    if (!slots_.doResize()) {
+      throw CorruptionException("LedgerReader::doResize() failed to re-map " + slots_.path());
+    }
+    buckets_.checkResize();
+  }
+
+  uint32_t capacity() const override { return attached() ? slots_.numSlots() : 0; }
+  uint32_t maxSize() const override { return kMaxSlots; }
+  uint32_t minSize() const override { return 0; }
+  uint32_t members() const override { return attached() ? slots_.occupiedSlots() : 0; }
+  uint64_t sequence() const override { return 0; }
+  bool connected() const override { return attached(); }
+  bool quiesced() const override { return true; }
+  uint32_t emberId() const override { return attached() ? slots_.emberId() : 0; }
+  MountStatus mountStatus() const override {
+    return attached() ? MountStatus::mounted : MountStatus::unmounted;
+  }
+  ReaderCounters readerCounters() const override {
+    ReaderCounters c = counters_;
+    c.lookasideReads = slots_.lookasideReads();
+    c.retries += slots_.retries();
+    return c;
+  }
+
+  // A reader never writes.
+  const void* write(const Value&, WriteFlag = WriteFlag::always) override {
+    return refuse("write to read-only Ledger table"), nullptr;
+  }
+  bool remove(const Key&, Value* = nullptr) override {
+    return refuse("remove to read-only Ledger table"), false;
+  }
+  Value* directWrite(const Key&) override {
+    return refuse("write to read-only Ledger table"), nullptr;
+  }
+  Value* directUpdate(const Key&) override {
+    return refuse("write to read-only Ledger table"), nullptr;
+  }
+  void directCommit() override { refuse("write to read-only Ledger table"); }
+  bool validate() override { return refuse("validate to read-only Ledger table"), false; }
+  bool validate(uint32_t) override { return validate(); }
+  bool validateFiles() override { return refuse("validateFiles to read-only Ledger table"), false; }
+  bool cleanup() override { return refuse("cleanup to read-only Ledger table"), false; }
+
+  // The stored bytes of the slot that getValue() or a lookup read last.
+  const uint8_t* slotBuffer() const { return buffer_.data(); }
+  SlotReaderTable& slotTable() { return slots_; }
+  const SlotReaderTable& slotTable() const { return slots_; }
+  BucketReader& bucketTable() { return buckets_; }
+  const OpsT& ops() const { return ops_; }
+
+ private:
+  // How one walk ended.
+  enum class Walk { found, miss, again };
+
+  void refuse(const char* what) const { ZTRACE_TO(ReaderDetail::trace(), 0, what); }
+
+  template <class Fn>
+  bool guarded(Fn fn) {
+    if (!attached()) return false;
+    try {
+      return withRemap(fn);
+    } catch (const CorruptionException& e) {
+      if (!onCorruption_) throw;
+      onCorruption_(e.what());
+      return false;
+    }
+  }
+
+  template <class Fn>
+  bool withRemap(Fn fn) {
+    try {
+      return fn();
+    } catch (const CorruptionException& e) {
+      ZTRACE_TO(ReaderDetail::trace(), 0,
+                "LedgerReader::doResize() after corruption: " << e.what());
+      doResize();
+      return fn();
+    }
+  }
+
+  // Walks the chain of `hash` in (rhash, key) order. At each slot whose rhash equals the
+  // sought one, the slot is read consistently into buffer_ and `visit(slot, more)` decides:
+  // true ends the walk with a hit, `more` asks to go on. `key` (when given) stops the walk at
+  // the first greater key. Returns whether visit accepted a slot; a miss is confirmed as
+  // described at the top of this file.
+  template <class Visit>
+  bool walkUntil(uint32_t hash, const char* who, Visit visit, const Key* key) {
+    const uint32_t rhash = reverseBits(hash);
+    std::string oddity;
+    for (uint32_t attempt = 0; attempt < kMaxAttempts; ++attempt) {
+      if (attempt > 2) ::sched_yield();
+      Walk w = walkOnce(hash, rhash, who, visit, key, oddity);
+      if (w != Walk::again) return w == Walk::found;
+      ++counters_.retries;
+    }
+    throw CorruptionException(oddity);
+  }
+
+  template <class Visit>
+  Walk walkOnce(uint32_t hash, uint32_t rhash, const char* who, Visit& visit, const Key* key,
+                std::string& oddity) {
+    const uint32_t seq = buckets_.seqBegin();
+    if (buckets_.headerNumBuckets() != buckets_.numBuckets()) buckets_.checkResize();
+    const uint32_t n = buckets_.numBuckets();
+    const uint32_t bucket = hash & (n - 1);
+    path_.clear();
+    uint64_t pair = buckets_.head(bucket);
+    path_.emplace_back(&buckets_.headWord(bucket), pair);
+    const uint32_t bound = std::max(slots_.numSlots(), slots_.mappedSlots());
+    uint32_t lastRhash = 0;
+    for (uint32_t count = 0; !isEndOfChain(linkOf(pair));) {
+      const uint32_t link = linkOf(pair);
+      if (++count > bound) {
+        oddity =
+            std::string(who) + " hash chain cycle detected, slotCount:" + std::to_string(count);
+        return Walk::again;
+      }
+      if (link >= slots_.mappedSlots()) {
+        if (link < slots_.numSlots()) {
+          doResize();
+        } else {
+          oddity = std::string(who) + " corrupt key detected. key: link " + std::to_string(link) +
+                   " beyond numSlots:" + std::to_string(slots_.numSlots());
+        }
+        return Walk::again;
+      }
+      const SlotHeader& s = slots_.slot(link);
+      const uint32_t status = Shm::load(s.status, std::memory_order_acquire);
+      const uint32_t srh = Shm::load(s.rhash, std::memory_order_relaxed);
+      if (!(status & kOccupied) || (reverseBits(srh) & (n - 1)) != bucket || srh < lastRhash) {
+        oddity = std::string(who) + " corrupt key detected. key: slot " + std::to_string(link) +
+                 " bucket:" + std::to_string(bucket) + " status:" + std::to_string(status);
+        return Walk::again;
+      }
+      lastRhash = srh;
+      if (srh > rhash) break;
+      if (srh == rhash) {
+        if (key && OpsT::less(*key, ops_.storedKey(slots_.value(link)))) break;
+        uint32_t readRhash = 0;
+        auto r = slots_.read(link, buffer_.data(), &readRhash);
+        if (r == SlotReaderTable::Read::occupied && readRhash == rhash) {
+          bool more = false;
+          if (visit(link, more)) return Walk::found;
+        }
+      }
+      pair = Shm::load(s.linkPair, std::memory_order_acquire);
+      path_.emplace_back(&s.linkPair, pair);
+    }
+    return confirmMiss(seq) ? Walk::miss : Walk::again;
+  }
+
+  bool confirmMiss(uint32_t seq) {
+    if ((seq & 1) || !buckets_.seqUnchanged(seq)) return false;
+    for (const auto& [word, seen] : path_) {
+      if (Shm::load(*word, std::memory_order_relaxed) != seen) return false;
+    }
+    return true;
+  }
+
+  // The first entry of the first non-empty bucket from `fromBucket` on.
+  bool firstFrom(uint32_t fromBucket, Value& out, uint32_t* hint, const char* who) {
+    const uint32_t n = buckets_.numBuckets();
+    for (uint32_t b = fromBucket, visited = 0; b < n; ++b) {
+      if (++visited > n) {
+        throw CorruptionException(std::string(who) + " has bucket cycle detected, bucketCount: " +
+                                  std::to_string(visited));
+      }
+      if (firstInBucket(b, out, hint, who)) return true;
+    }
+    return false;
+  }
+
+  // The smallest entry of bucket `b`, read consistently; retried while the writer changes it.
+  bool firstInBucket(uint32_t b, Value& out, uint32_t* hint, const char* who) {
+    for (uint32_t attempt = 0; attempt < kMaxAttempts; ++attempt) {
+      if (b >= buckets_.numBuckets()) return false;
+      const uint32_t link = linkOf(buckets_.head(b));
+      if (isEndOfChain(link)) return false;
+      if (link >= slots_.mappedSlots()) {
+        if (link >= slots_.numSlots()) break;
+        doResize();
+        continue;
+      }
+      uint32_t rhash = 0;
+      if (slots_.read(link, buffer_.data(), &rhash) != SlotReaderTable::Read::occupied) continue;
+      Key k = ops_.storedKey(buffer_.data());
+      if ((OpsT::hash(k) & (buckets_.numBuckets() - 1)) != b) continue;
+      ops_.load(buffer_.data(), out);
+      if (hint) *hint = link;
+      return true;
+    }
+    throw CorruptionException(std::string(who) + " corrupt key detected, key: bucket " +
+                              std::to_string(b));
+  }
+
+  bool doFirst(Value& out, uint32_t* hint) {
+    if (firstFrom(0, out, hint, "LedgerReader::first()")) return true;
+    ZTRACE_TO(ReaderDetail::trace(), 9, "LedgerReader::first() none found!");
+    return false;
+  }
+
+  // The entry after `prev` in table order: the rest of prev's chain, then the next buckets.
+  // Fast path: `hint` names the slot that still holds prev, and its successor follows it.
+  bool doNext(const Key& prev, Value& out, uint32_t* hint) {
+    const uint32_t hash = OpsT::hash(prev);
+    if (hint && nextFromHint(prev, hash, out, hint)) return true;
+    if (successorInChain(hash, prev, out, hint)) return true;
+    const uint32_t bucket = hash & (buckets_.numBuckets() - 1);
+    return firstFrom(bucket + 1, out, hint, "LedgerReader::doNext()");
+  }
+
+  bool nextFromHint(const Key& prev, uint32_t hash, Value& out, uint32_t* hint) {
+    const uint32_t at = *hint;
+    uint32_t srh = 0;
+    if (at >= slots_.mappedSlots() ||
+        slots_.read(at, buffer_.data(), &srh) != SlotReaderTable::Read::occupied ||
+        !OpsT::equal(ops_.storedKey(buffer_.data()), prev)) {
+      return false;
+    }
+    const uint32_t link = linkOf(Shm::load(slots_.slot(at).linkPair, std::memory_order_acquire));
+    if (isEndOfChain(link) || link >= slots_.mappedSlots()) return false;
+    const uint32_t n = buckets_.numBuckets();
+    if (slots_.read(link, buffer_.data(), &srh) != SlotReaderTable::Read::occupied) return false;
+    const Key k = ops_.storedKey(buffer_.data());
+    const uint32_t h = OpsT::hash(k);
+    if ((h & (n - 1)) != (hash & (n - 1)) || !after(h, k, hash, prev)) return false;
+    ops_.load(buffer_.data(), out);
+    *hint = link;
+    return true;
+  }
+
+  static bool after(uint32_t hash, const Key& key, uint32_t prevHash, const Key& prev) {
+    const uint32_t a = reverseBits(hash), b = reverseBits(prevHash);
+    return a > b || (a == b && OpsT::less(prev, key));
+  }
+
+  // The smallest entry of prev's chain above prev, every slot read consistently.
+  bool successorInChain(uint32_t hash, const Key& prev, Value& out, uint32_t* hint) {
+    std::string oddity;
+    for (uint32_t attempt = 0; attempt < kMaxAttempts; ++attempt) {
+      if (attempt > 2) ::sched_yield();
+      const uint32_t n = buckets_.numBuckets();
+      const uint32_t bucket = hash & (n - 1);
+      uint32_t link = linkOf(buckets_.head(bucket));
+      bool retry = false;
+      bool sawPrev = false;
+      for (uint32_t count = 0; !isEndOfChain(link) && !retry;) {
+        if (++count > std::max(slots_.numSlots(), slots_.mappedSlots())) {
+          oddity = "LedgerReader::doNext() hash chain cycle detected, slotCount:" +
+                   std::to_string(count);
+          retry = true;
+        } else if (link >= slots_.mappedSlots()) {
+          if (link < slots_.numSlots()) doResize();
+          oddity = "LedgerReader::doNext() corrupt key detected. key: link " + std::to_string(link);
+          retry = true;
+        } else if (slots_.read(link, buffer_.data()) != SlotReaderTable::Read::occupied) {
+          oddity = "LedgerReader::doNext() corrupt key detected. key: slot " + std::to_string(link);
+          retry = true;
+        } else {
+          const Key k = ops_.storedKey(buffer_.data());
+          const uint32_t h = OpsT::hash(k);
+          if ((h & (n - 1)) != bucket) {
+            oddity = "LedgerReader::doNext() corrupt key detected. key: slot " +
+                     std::to_string(link) + " bucket:" + std::to_string(bucket);
+            retry = true;
+          } else if (after(h, k, hash, prev)) {
+            if (!sawPrev) {
+              ZTRACE_TO(ReaderDetail::trace(), 7, "LedgerReader::doNext() slow-path slot:" << link);
+            }
+            ops_.load(buffer_.data(), out);
+            if (hint) *hint = link;
+            return true;
+          } else {
+            sawPrev = sawPrev || OpsT::equal(k, prev);
+            link = linkOf(Shm::load(slots_.slot(link).linkPair, std::memory_order_acquire));
+          }
+        }
+      }
+      if (!retry) return false;
+      ++counters_.retries;
+    }
+    throw CorruptionException(oddity);
+  }
+
+  ReaderConfig config_;
+  OpsT ops_;
+  SlotReaderTable slots_;
+  BucketReader buckets_;
+  std::vector<uint8_t> buffer_;
+  std::vector<std::pair<const uint64_t*, uint64_t>> path_;
+  ReaderCounters counters_;
+  CorruptionHandler onCorruption_;
+  std::string error_;
+};
+
+}  // namespace Ledger

@@ -1,0 +1,246 @@
+#include "ledger/RallyReader.h"
+
+#include <chrono>
+#include <cstring>
+
+#include "ledger/Exceptions.h"
+#include "zinc/Trace.h"
+
+ZINC_TRACE_FILE("RallyReader")
+
+namespace Ledger {
+
+using SharedMem::EmberFile;
+
+void RallyReader::attach(const std::string& root, const std::string& table, uint32_t emberId) {
+  detach();
+  root_ = root;
+  table_ = table;
+  emberId_ = emberId;
+  if (!controlFile_.open(root, table, "rally", EmberFile::Access::ReadOnly, false)) {
+    throw InitializationException("RallyReader::attachRally() cannot attach to file " +
+                                  controlFile_.path() + ": " + controlFile_.error());
+  }
+  const auto* c = reinterpret_cast<const RallyControl*>(controlFile_.base());
+  if (controlFile_.size() < sizeof(RallyControl) ||
+      std::memcmp(c->magic, kRallyControlMagic, 8) != 0 || c->version != kRallyVersion ||
+      c->emberId != emberId) {
+    controlFile_.close();
+    throw InitializationException("RallyReader::initialize() failed to read ember file " +
+                                  controlFile_.path());
+  }
+  control_ = c;
+  incarnation_ = Shm::load(control_->incarnation, std::memory_order_acquire);
+  for (int tries = 0; tries < 100; ++tries) {
+    if (openQueue(Shm::load(control_->generation, std::memory_order_acquire))) {
+      skipToEnd();
+      return;
+    }
+  }
+  detach();
+  throw InitializationException("RallyReader::attachRally() cannot attach to file " +
+                                SharedMem::rootPath(root) + "/" + table + "/rally.*");
+}
+
+void RallyReader::detach() {
+  queueFile_.close();
+  controlFile_.close();
+  control_ = nullptr;
+  queue_ = nullptr;
+  entries_ = nullptr;
+}
+
+bool RallyReader::openQueue(uint32_t g) {
+  EmberFile file;
+  if (!file.open(root_, table_, rallyQueueName(g), EmberFile::Access::ReadOnly, false))
+    return false;
+  if (file.size() < sizeof(RallyQueueHeader)) return false;
+  const auto* q = reinterpret_cast<const RallyQueueHeader*>(file.base());
+  if (std::memcmp(q->magic, kRallyQueueMagic, 8) != 0 || q->version != kRallyVersion ||
+      q->emberId != emberId_ || q->generation != g || q->slotCapacity > kMaxSlots) {
+    return false;
+  }
+  queueFile_ = std::move(file);
+  generation_ = g;
+  uint64_t needed = rallyFileSize(q->slotCapacity, q->capacity);
+  if (queueFile_.size() < needed) doResize(needed);
+  queue_ = reinterpret_cast<const RallyQueueHeader*>(queueFile_.base());
+  capacity_ = queue_->capacity;
+  entries_ = reinterpret_cast<const RallyEntry*>(queueFile_.base() +
+                                                 rallyEntriesOffset(queue_->slotCapacity));
+  return true;
+}
+
+void RallyReader::doResize(uint64_t bytes) {
+  ZTRACE(3, "RallyReader::doResize() requesting to map "
+                << queue_->capacity << " rally notifications. Requested file resize to " << bytes);
+  const uint8_t* old = queueFile_.base();
+  if (!queueFile_.remap() || queueFile_.size() < bytes) {
+    ZTRACE(0, "RallyReader::doResize() failed to resize " << queueFile_.path());
+    throw CorruptionException("RallyReader::doResize() failed to resize " + queueFile_.path() +
+                              " to " + std::to_string(bytes));
+  }
+  if (queueFile_.base() != old) {
+    ZTRACE(5, "RallyReader::doResize() changed base address mapping from "
+                  << static_cast<const void*>(old) << " to "
+                  << static_cast<const void*>(queueFile_.base()));
+  }
+  ZTRACE(5, "RallyReader::doResize() successful");
+}
+
+uint32_t RallyReader::count() const {
+  // Acquire: every entry below the count is complete.
+  uint32_t n = Shm::load(queue_->count, std::memory_order_acquire);
+  if (n > capacity_) {
+    throw CorruptionException("RallyReader::doRally() unexpected position in queue count:" +
+                              std::to_string(n) + " capacity:" + std::to_string(capacity_));
+  }
+  return n;
+}
+
+uint64_t RallyReader::writerSeq() const {
+  return control_ ? Shm::load(control_->latestSeq, std::memory_order_acquire) : 0;
+}
+
+bool RallyReader::swapped() const {
+  return Shm::load(control_->generation, std::memory_order_acquire) != generation_;
+}
+
+bool RallyReader::incarnationChanged() const {
+  return control_ && Shm::load(control_->incarnation, std::memory_order_acquire) != incarnation_;
+}
+
+std::pair<uint32_t, uint32_t> RallyReader::corral() const {
+  uint32_t start = Shm::load(control_->corralStart, std::memory_order_acquire);
+  uint32_t end = Shm::load(control_->corralEnd, std::memory_order_relaxed);
+  return {start, end};
+}
+
+uint32_t RallyReader::writerPid() const {
+  return control_ ? Shm::load(control_->writerPid, std::memory_order_relaxed) : 0;
+}
+
+void RallyReader::skipToEnd() {
+  // The sequence first: entries counted later but announced before it are above it anyway.
+  lastSeq_ = writerSeq();
+  followSwap();
+  pos_ = findPosition(lastSeq_);
+}
+
+// Moves to the control block's current generation, found again if it is swapped meanwhile.
+void RallyReader::followSwap() {
+  for (int tries = 0; tries < 1000; ++tries) {
+    uint32_t g = Shm::load(control_->generation, std::memory_order_acquire);
+    if (g == generation_ && queue_) return;
+    if (openQueue(g)) return;
+    ZTRACE(3, "RallyReader::findPosition() rallySwapped again, generation:" << g);
+  }
+  throw CorruptionException("RallyReader::findPosition() rallySwapped again, generation:" +
+                            std::to_string(generation_) + " cannot be opened");
+}
+
+uint32_t RallyReader::findPosition(uint64_t seq) {
+  uint32_t low = 0;
+  uint32_t high = count();
+  while (low < high) {
+    uint32_t mid = low + (high - low) / 2;
+    uint64_t s = Shm::load(entries_[mid].sequence, std::memory_order_relaxed);
+    ZTRACE(9, "RallyReader::findPosition() mid pos:" << mid << " seq:" << s);
+    if (s <= seq) {
+      low = mid + 1;
+    } else {
+      high = mid;
+    }
+  }
+  ZTRACE(7, "RallyReader::findPosition() low pos:" << low << " for seq:" << seq
+                                                   << " generation:" << generation_);
+  return low;
+}
+
+RallyReader::Result RallyReader::rally(const SlotFn& doSlot, uint32_t maxEntries) {
+  if (!attached()) return Result::resync;
+  auto start = std::chrono::steady_clock::now();
+  uint64_t before = consumed_;
+  ZTRACE(9, "RallyReader::rally() Walking rally queue, sample:" << lastSeq_ << " pos:" << pos_);
+  Result r = doRally(doSlot, maxEntries);
+  if (consumed_ != before) {
+    std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+    ZTRACE(7, "RallyReader::rally() Consumed " << consumed_ - before << " notifications in "
+                                               << took.count()
+                                               << " seconds until sequence:" << lastSeq_);
+  }
+  return r;
+}
+
+RallyReader::Result RallyReader::doRally(const SlotFn& doSlot, uint32_t maxEntries) {
+  if (incarnationChanged()) return Result::resync;
+  if (swapped()) {
+    followSwap();
+    pos_ = findPosition(lastSeq_);
+  }
+  uint32_t n = count();
+  if (pos_ > n ||
+      (pos_ > 0 && Shm::load(entries_[pos_ - 1].sequence, std::memory_order_relaxed) > lastSeq_)) {
+    ZTRACE(0, "RallyReader::doRally() unexpected position in generation:"
+                  << generation_ << " pos:" << pos_ << " count:" << n << " lastSeq:" << lastSeq_);
+    return Result::resync;
+  }
+  for (uint32_t done = 0; pos_ < n || (pos_ == n && pos_ < (n = count()));) {
+    if (done == maxEntries) return Result::more;
+    const RallyEntry& e = entries_[pos_];
+    const uint64_t seq = Shm::load(e.sequence, std::memory_order_relaxed);
+    // Acquire: a tombstone implies the slot's newer entry is counted.
+    const uint32_t word = Shm::load(e.slotWord, std::memory_order_acquire);
+    if (seq <= lastSeq_) {
+      ZTRACE(0, "RallyReader::doRally() unexpected sequence in generation:"
+                    << generation_ << " pos:" << pos_ << " seq:" << seq << " lastSeq:" << lastSeq_);
+      return Result::resync;
+    }
+    if (!(word & kTombstone)) {
+      doSlot(word, seq);
+      ++done;
+      if (swapped()) {
+        ZTRACE(5, "RallyReader::doRally() rally queue was swapped during doSlot() seq:" << seq);
+        lastSeq_ = seq;
+        ++consumed_;
+        followSwap();
+        pos_ = findPosition(lastSeq_);
+        n = count();
+        continue;
+      }
+      if (Shm::load(e.slotWord, std::memory_order_acquire) & kTombstone) {
+        ZTRACE(9, "RallyReader::doRally() seq:" << seq << " was tombstoned during doSlot()");
+      }
+      ++consumed_;
+    }
+    lastSeq_ = seq;
+    ++pos_;
+  }
+  return Result::ok;
+}
+
+RallyReader::Result RallyReader::handleAck(const SlotFn& doSlot, uint32_t maxEntries) {
+  if (!attached()) return Result::resync;
+  try {
+    ZTRACE(9, "RallyReader::handleAck() minSeq:" << lastSeq_ + 1);
+    return rally(doSlot, maxEntries);
+  } catch (const CorruptionException& e) {
+    ZTRACE(0, "RallyReader::handleAck() corruption detected: " << e.what());
+    return Result::resync;
+  }
+}
+
+bool RallyReader::quiesced() const {
+  if (!attached()) return false;
+  uint64_t writer = writerSeq();
+  ZTRACE(9, "RallyReader::quiesced() writerSeq:" << writer << " lastSeq:" << lastSeq_);
+  if (swapped()) ZTRACE(9, "RallyReader::quiesced() rally swapped");
+  if (writer < lastSeq_) {
+    ZTRACE(1, "RallyReader::quiesced() latest notification out-of-range, writerSeq:"
+                  << writer << " lastSeq:" << lastSeq_);
+    return false;
+  }
+  return writer == lastSeq_ && !incarnationChanged();
+}
+
+}  // namespace Ledger

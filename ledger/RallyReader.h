@@ -1,0 +1,83 @@
+// RallyReader: a reader's end of a table's change (rally) queue (format in RallyWriter.h).
+//
+// The reader keeps the sequence of the last notification it consumed and its position in
+// the current queue generation. When woken it walks from there to the queue's count and hands
+// every live notification to doSlot(slot, sequence); tombstones are skipped (a newer entry of
+// the same slot follows). When the writer swaps in a new generation, the reader finds its
+// place again by binary search for the first entry above its last sequence: live entries
+// keep their sequences, so nothing is lost and nothing needs a resync.
+//
+// A resync is needed only when the writer re-attached (the incarnation changed) or the queue
+// holds something the protocol cannot produce; rally() then says so instead of guessing.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "ledger/RallyWriter.h"
+#include "platform/shm/EmberFile.h"
+
+namespace Ledger {
+
+class RallyReader {
+ public:
+  using SlotFn = std::function<void(uint32_t slot, uint64_t sequence)>;
+  enum class Result { ok, more, resync };
+
+  // Maps the control block and the current queue of <root>/<table>, which must belong to
+  // `emberId`. Throws InitializationException. The reader starts at the queue's end.
+  void attach(const std::string& root, const std::string& table, uint32_t emberId);
+  void detach();
+  bool attached() const { return control_ != nullptr; }
+
+  // Takes everything announced so far as seen (a full sync covers it).
+  void skipToEnd();
+  // Walks the queue from the reader's position, at most `maxEntries` notifications.
+  // ok: caught up; more: stopped at maxEntries; resync: the shadow must be rebuilt.
+  Result rally(const SlotFn& doSlot, uint32_t maxEntries = UINT32_MAX);
+  // A kick from the writer's side: walks, and turns a corruption into a resync request.
+  Result handleAck(const SlotFn& doSlot, uint32_t maxEntries = UINT32_MAX);
+  // Whether everything up to the writer's latest sequence has been consumed.
+  bool quiesced() const;
+
+  uint64_t lastSeq() const { return lastSeq_; }
+  uint64_t writerSeq() const;
+  uint32_t position() const { return pos_; }
+  uint32_t generation() const { return generation_; }
+  uint32_t incarnation() const { return incarnation_; }
+  bool incarnationChanged() const;
+  // Slots [corralStart, corralEnd) being moved out by a shrink, or an empty range.
+  std::pair<uint32_t, uint32_t> corral() const;
+  uint32_t writerPid() const;
+  uint64_t consumed() const { return consumed_; }
+
+  // First entry with a sequence above `seq` in the current queue (its count when none).
+  uint32_t findPosition(uint64_t seq);
+
+ private:
+  Result doRally(const SlotFn& doSlot, uint32_t maxEntries);
+  bool swapped() const;
+  // Maps generation `g`; false when that file is already gone (swapped again).
+  bool openQueue(uint32_t g);
+  void followSwap();
+  void doResize(uint64_t bytes);
+  uint32_t count() const;
+
+  std::string root_;
+  std::string table_;
+  uint32_t emberId_ = 0;
+  SharedMem::EmberFile controlFile_;
+  SharedMem::EmberFile queueFile_;
+  const RallyControl* control_ = nullptr;
+  const RallyQueueHeader* queue_ = nullptr;
+  const RallyEntry* entries_ = nullptr;
+  uint32_t capacity_ = 0;
+  uint32_t generation_ = 0;
+  uint32_t incarnation_ = 0;
+  uint32_t pos_ = 0;
+  uint64_t lastSeq_ = 0;
+  uint64_t consumed_ = 0;
+};
+
+}  // namespace Ledger

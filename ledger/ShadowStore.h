@@ -1,0 +1,286 @@
+// ShadowStore: what this reader last saw in each of the writer's slots, in process memory,
+// and the one operation that turns "slot i changed" into per-key notifications: doSlot.
+//
+// A slot index says only where something changed; between two looks a slot may have been
+// rewritten, freed, re-used for another key, or its entry moved to a lower slot by a shrink.
+// Comparing the writer's slot with the shadow's copy of it reports every key that appeared,
+// changed or vanished exactly once, and drops unchanged rewrites and moves.
+//
+// Two kinds of shadow slot:
+//  - ValueShadowSlot keeps the stored bytes of the value: lookups by key are answered from
+//    the shadow, and "unchanged" means byte-equal.
+//  - KeyShadowSlot keeps only the key and a 64-bit digest of the stored bytes, for readers
+//    that want changes by key but not the values (KeyShadowStore).
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <vector>
+
+#include "ledger/LedgerReader.h"
+#include "ledger/ShadowHashMap.h"
+#include "zinc/Hash.h"
+#include "zinc/Trace.h"
+
+namespace Ledger {
+
+// The notifiee of a shadow: `onKey` once per key that appeared or changed (with its value)
+// or vanished (value null); `onBatch` after a batch of changes has been delivered.
+template <class Key, class Value>
+struct Notify {
+  std::function<void()> onBatch;
+  std::function<void(const Key&, const Value*)> onKey;
+};
+
+// A notifier that does nothing, for shadows nobody listens to.
+struct DummyShadowNotifier {
+  template <class Key, class Value>
+  operator Notify<Key, Value>() const {
+    return {};
+  }
+};
+
+struct ValueShadowSlot {
+  static constexpr bool kValues = true;
+};
+struct KeyShadowSlot {
+  static constexpr bool kValues = false;
+};
+
+template <class Key, class Value, class OpsT = Ops<Key, Value>, class SlotKind = ValueShadowSlot>
+class ShadowStore {
+ public:
+  struct Entry {
+    Entry* next = nullptr;
+    uint64_t digest = 0;  // KeyShadowSlot: digest of the stored bytes
+    uint32_t hash = 0;
+    bool occupied = false;
+    Key key{};
+  };
+  using Reader = LedgerReader<Key, Value, OpsT>;
+
+  ShadowStore(Reader& reader, Notify<Key, Value> notify, uint32_t bucketFactor = 1)
+      : reader_(reader), notify_(std::move(notify)), map_(bucketFactor) {}
+
+  uint32_t numSlots() const { return uint32_t(entries_.size()); }
+  uint32_t members() const { return map_.size(); }
+  void notifyIs(Notify<Key, Value> notify) { notify_ = std::move(notify); }
+  const Notify<Key, Value>& notify() const { return notify_; }
+  uint64_t notifications() const { return notifications_; }
+
+  // The shadow's value of `key` (ValueShadowSlot only).
+  bool lookup(const Key& key, Value& out) const {
+    static_assert(SlotKind::kValues, "a key shadow keeps no values");
+    const Entry* e = map_.find(key, OpsT::hash(key));
+    if (!e) return false;
+    reader_.ops().load(storedAt(slotOf(e)), out);
+    return true;
+  }
+  bool contains(const Key& key) const { return map_.find(key, OpsT::hash(key)) != nullptr; }
+  uint32_t slotOfKey(const Key& key) const {
+    const Entry* e = map_.find(key, OpsT::hash(key));
+    return e ? slotOf(e) : kNoSlot;
+  }
+  uint32_t firstOccupiedFrom(uint32_t slot) const {
+    for (; slot < entries_.size(); ++slot) {
+      if (entries_[slot].occupied) return slot;
+    }
+    return kNoSlot;
+  }
+  void valueAt(uint32_t slot, Value& out) const {
+    static_assert(SlotKind::kValues, "a key shadow keeps no values");
+    reader_.ops().load(storedAt(slot), out);
+  }
+  // Every key in the shadow with its value (ValueShadowSlot) or null.
+  template <class Fn>
+  void forEach(Fn fn) const {
+    Value v{};
+    for (uint32_t i = 0; i < entries_.size(); ++i) {
+      if (!entries_[i].occupied) continue;
+      if constexpr (SlotKind::kValues) {
+        reader_.ops().load(storedAt(i), v);
+        fn(entries_[i].key, &v);
+      } else {
+        fn(entries_[i].key, static_cast<const Value*>(nullptr));
+      }
+    }
+  }
+
+  // The writer's slot `slotIndex` changed (or may have): compare and notify.
+  //  1. grow the shadow to cover the index (indexes beyond the writer's table hold nothing);
+  //  2. read the writer's slot consistently;
+  //  3. a shadow key that is no longer there (slot freed or holding another key) leaves the
+  //     shadow and is notified as gone;
+  //  4. an unchanged value ends it, silently;
+  //  5. otherwise the shadow takes the new key and value, and the key is notified.
+  // An entry that a shrink moved to this slot from another one is taken over without a
+  // notification when its value did not change.
+  void doSlot(uint32_t slotIndex, uint64_t sequence, bool notifying = true) {
+    (void)sequence;
+    if (slotIndex >= entries_.size()) {
+      if (slotIndex >= reader_.slotTable().numSlots()) return;
+      grow(slotIndex + 1);
+    }
+    Key key{};
+    const bool occupied = reader_.getValue(slotIndex, scratch_, &key);
+    if (occupied) stored_.assign(reader_.slotBuffer(), reader_.slotBuffer() + valueSize());
+    Entry* e = &entries_[slotIndex];
+    if (e->occupied && (!occupied || !OpsT::equal(e->key, key))) leave(slotIndex, notifying);
+    if (!occupied) return;
+    if (e->occupied) {
+      if (sameAs(slotIndex, stored_.data())) return;
+      keep(slotIndex, stored_.data());
+      emit(notifying, key, &scratch_);
+      return;
+    }
+    take(slotIndex, key, stored_.data(), notifying);
+  }
+
+  // Slots at or above `numSlots` that hold nothing are dropped (the writer's table shrank).
+  void tryShrink(uint32_t numSlots) {
+    if (numSlots >= entries_.size() || entries_.size() < 2 * uint64_t{numSlots} + 64) return;
+    for (uint32_t i = numSlots; i < entries_.size(); ++i) {
+      if (entries_[i].occupied) return;
+    }
+    shrink(numSlots);
+  }
+  void shrink(uint32_t newNumSlots) {
+    ZTRACE_TO(ShadowDetail::trace(), 5, "ShadowStore::shrink() newNumSlots:" << newNumSlots);
+    resize(newNumSlots);
+    map_.shrink();
+  }
+  // Empties the shadow, notifying nothing.
+  void flush() {
+    entries_.clear();
+    values_.clear();
+    map_.clear();
+  }
+
+ private:
+  uint32_t slotOf(const Entry* e) const { return uint32_t(e - entries_.data()); }
+  const uint8_t* storedAt(uint32_t slot) const {
+    return values_.data() + uint64_t{slot} * valueSize();
+  }
+  uint32_t valueSize() const { return reader_.slotTable().valueSize(); }
+
+  bool sameAs(uint32_t slot, const uint8_t* stored) const {
+    if constexpr (SlotKind::kValues) {
+      return std::memcmp(storedAt(slot), stored, valueSize()) == 0;
+    } else {
+      return entries_[slot].digest == digest(stored);
+    }
+  }
+  void keep(uint32_t slot, const uint8_t* stored) {
+    if constexpr (SlotKind::kValues) {
+      std::memcpy(values_.data() + uint64_t{slot} * valueSize(), stored, valueSize());
+    } else {
+      entries_[slot].digest = digest(stored);
+    }
+  }
+  uint64_t digest(const uint8_t* stored) const {
+    return (uint64_t{Zinc::hashBytes(stored, valueSize(), 0x9e3779b9u)} << 32) |
+           Zinc::hashBytes(stored, valueSize(), 0x7f4a7c15u);
+  }
+  // The shadow's key of `slot` is no longer there. If the writer holds it in another slot, a
+  // shrink moved it (the queue may tell of the old slot before the new one): the entry
+  // follows it there. Otherwise the key is gone.
+  void leave(uint32_t slot, bool notifying, int depth = 0) {
+    Entry* e = &entries_[slot];
+    const Key gone = e->key;
+    const std::vector<uint8_t> kept = bytesOf(slot);
+    const uint64_t keptDigest = e->digest;
+    map_.erase(e);
+    e->occupied = false;
+    uint32_t elsewhere = reader_.findSlot(gone);
+    if (elsewhere != kNoSlot && elsewhere != slot && elsewhere < reader_.slotTable().numSlots()) {
+      if (elsewhere >= entries_.size()) grow(elsewhere + 1);
+      // The shadow may still hold, there, a key that the writer removed or moved on.
+      if (entries_[elsewhere].occupied && depth < 8) {
+        leave(elsewhere, notifying, depth + 1);
+        elsewhere = reader_.findSlot(gone);
+      }
+      if (elsewhere < entries_.size() && !entries_[elsewhere].occupied) {
+        const std::vector<uint8_t> now(reader_.slotBuffer(), reader_.slotBuffer() + valueSize());
+        const bool unchanged = SlotKind::kValues
+                                   ? std::memcmp(now.data(), kept.data(), valueSize()) == 0
+                                   : keptDigest == digest(now.data());
+        place(elsewhere, gone, now.data());
+        if (!unchanged) {
+          Value value{};
+          reader_.ops().load(now.data(), value);
+          emit(notifying, gone, &value);
+        }
+        return;
+      }
+    }
+    emit(notifying, gone, nullptr);
+  }
+
+  // This slot's new key: taken over from another slot when a shrink moved it here (silently
+  // when its value did not change), else a new key.
+  void take(uint32_t slot, const Key& key, const uint8_t* stored, bool notifying) {
+    bool unchanged = false;
+    if (Entry* moved = map_.find(key, OpsT::hash(key))) {
+      unchanged = sameAs(slotOf(moved), stored);
+      map_.erase(moved);
+      moved->occupied = false;
+    }
+    place(slot, key, stored);
+    if (!unchanged) emit(notifying, key, &scratch_);
+  }
+
+  void place(uint32_t slot, const Key& key, const uint8_t* stored) {
+    Entry* e = &entries_[slot];
+    e->occupied = true;
+    e->key = key;
+    e->hash = OpsT::hash(key);
+    keep(slot, stored);
+    map_.insert(e);
+  }
+
+  std::vector<uint8_t> bytesOf(uint32_t slot) const {
+    if constexpr (SlotKind::kValues) {
+      return std::vector<uint8_t>(storedAt(slot), storedAt(slot) + valueSize());
+    } else {
+      return std::vector<uint8_t>(valueSize(), 0);
+    }
+  }
+
+  void emit(bool notifying, const Key& key, const Value* value) {
+    ++notifications_;
+    if (notifying && notify_.onKey) notify_.onKey(key, value);
+  }
+
+  void grow(uint32_t atLeast) {
+    uint64_t n = std::max<uint64_t>(64, entries_.size());
+    while (n < atLeast) n *= 2;
+    n = std::min<uint64_t>(n, std::max(atLeast, reader_.slotTable().numSlots()));
+    ZTRACE_TO(ShadowDetail::trace(), 7, "ShadowStore::grow() to " << n);
+    resize(uint32_t(n));
+  }
+  void resize(uint32_t n) {
+    const Entry* old = entries_.data();
+    entries_.resize(n);
+    entries_.shrink_to_fit();
+    if constexpr (SlotKind::kValues) {
+      values_.resize(uint64_t{n} * valueSize());
+      values_.shrink_to_fit();
+    }
+    map_.patch(reinterpret_cast<intptr_t>(entries_.data()) - reinterpret_cast<intptr_t>(old));
+  }
+
+  Reader& reader_;
+  Notify<Key, Value> notify_;
+  std::vector<Entry> entries_;
+  std::vector<uint8_t> values_;
+  ShadowHashMap<Key, OpsT, Entry> map_;
+  Value scratch_{};
+  std::vector<uint8_t> stored_;
+  uint64_t notifications_ = 0;
+};
+
+template <class Key, class Value, class OpsT = Ops<Key, Value>>
+using KeyShadowStore = ShadowStore<Key, Value, OpsT, KeyShadowSlot>;
+
+}  // namespace Ledger

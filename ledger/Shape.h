@@ -1,0 +1,144 @@
+// Shape: slabs for values whose size varies (a via set holds 44 + 12 x count bytes, up to
+// 1580). A table of such values stores a Shape::Offset (8 bytes) in each slot and the value's
+// bytes in a slab entry; a via set of 2 vias costs a 128-byte entry, not a 1,600-byte slot.
+//
+// One slab file per size class, "slab.<c>" in the table's folder, class c holding payloads of
+// up to 64 << c bytes:
+//
+//   struct SlabHeader {           // offset size
+//     char     magic[8];          //   0    8   "LEDGRSLB"
+//     uint32_t version;           //   8    4   1
+//     uint32_t checksum;          //  12    4   platform hash of maxPayload and sizeClass
+//     uint32_t numOccupied;       //  16    4   entries in use
+//     uint32_t numEntries;        //  20    4   entries the file holds
+//     uint32_t emberId;           //  24    4   the slot table's ember id
+//     uint32_t freeList;          //  28    4   first free entry, kNoEntry when none
+//     uint32_t maxPayload;        //  32    4   64 << sizeClass
+//     uint32_t sizeClass;         //  36    4
+//     uint32_t reserved[6];       //  40   24
+//   };                            //  64
+//   struct SlabEntry {            //  64 + i * (8 + maxPayload)
+//     uint32_t payloadSize;       //   0    4   0: free
+//     uint32_t next;              //   4    4   free-list link
+//     uint8_t  payload[maxPayload];
+//   };
+//
+// Readers rely on: a payload is written before the slot that refers to it is published, and
+// never changed while any slot refers to it; the writer frees it only after the referring
+// slot's final status store (Ops::retire), so a reader whose status re-check succeeds copied
+// a payload that was whole. Slab files never shrink and are never cut.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/shm/EmberFile.h"
+
+namespace Shape {
+
+inline constexpr char kSlabMagic[8] = {'L', 'E', 'D', 'G', 'R', 'S', 'L', 'B'};
+inline constexpr uint32_t kSlabVersion = 1;
+inline constexpr uint32_t kNoEntry = 0xffffffffu;
+inline constexpr uint32_t kNumClasses = 6;  // 64 .. 2048 bytes
+inline constexpr uint32_t kMinPayloadShift = 6;
+
+struct SlabHeader {
+  char magic[8];
+  uint32_t version;
+  uint32_t checksum;
+  uint32_t numOccupied;
+  uint32_t numEntries;
+  uint32_t emberId;
+  uint32_t freeList;
+  uint32_t maxPayload;
+  uint32_t sizeClass;
+  uint32_t reserved[6];
+
+  static uint32_t checksumOf(uint32_t maxPayload, uint32_t sizeClass);
+  // In order: header size, magic, version, checksum, numOccupied, shmem size, ember (unless
+  // `expectedEmber` is 0), free list. Throws Ledger::CorruptionException.
+  void validate(size_t fileSize, uint32_t expectedEmber) const;
+};
+static_assert(sizeof(SlabHeader) == 64);
+
+struct SlabEntryHeader {
+  uint32_t payloadSize;
+  uint32_t next;
+};
+
+// A reference to a slab entry, as stored in a slot: bit 63 set, size class in bits 32-39,
+// entry index in bits 0-31. Zero is no entry.
+struct Offset {
+  uint64_t raw = 0;
+  static Offset of(uint32_t sizeClass, uint32_t index) {
+    return Offset{(uint64_t{1} << 63) | (uint64_t{sizeClass} << 32) | index};
+  }
+  bool valid() const { return raw >> 63; }
+  uint32_t sizeClass() const { return static_cast<uint32_t>(raw >> 32) & 0xff; }
+  uint32_t index() const { return static_cast<uint32_t>(raw); }
+  bool operator==(const Offset&) const = default;
+};
+static_assert(sizeof(Offset) == 8);
+
+// The size class holding `size` bytes, or kNumClasses when none does.
+uint32_t sizeClassFor(size_t size);
+
+// The writer's end of one slab file.
+class SlabWriter {
+ public:
+  enum class Attached { kept, wiped, created };
+  // Opens or creates slab.<sizeClass>; keeps a valid slab of `emberId` (validateUnattached),
+  // wipes anything else. Throws Ledger::InitializationException.
+  Attached attach(const std::string& root, const std::string& table, uint32_t sizeClass,
+                  uint32_t emberId, SharedMem::EmberFile::Perm perm);
+  void detach() { file_.close(); }
+  bool attached() const { return file_.isOpen(); }
+
+  uint32_t alloc(uint32_t size);  // an entry index; grows the file when needed
+  void free(uint32_t index);
+  uint8_t* payload(uint32_t index) { return entry(index) + sizeof(SlabEntryHeader); }
+  const SlabEntryHeader& entryHeader(uint32_t index) {
+    return *reinterpret_cast<const SlabEntryHeader*>(entry(index));
+  }
+  const SlabHeader& header() const { return *reinterpret_cast<const SlabHeader*>(file_.base()); }
+  uint32_t numEntries() const { return header().numEntries; }
+  // Rebuilds free list and count keeping exactly the entries marked in `live`.
+  void rebuild(const std::vector<bool>& live);
+
+ private:
+  SlabHeader& mutableHeader() { return *reinterpret_cast<SlabHeader*>(file_.base()); }
+  uint8_t* entry(uint32_t index) {
+    return file_.base() + sizeof(SlabHeader) + uint64_t{index} * entrySize_;
+  }
+  void format(uint32_t emberId);
+  bool doResize(uint32_t numEntries);
+
+  SharedMem::EmberFile file_;
+  uint32_t sizeClass_ = 0;
+  uint32_t entrySize_ = 0;
+};
+
+// Allocation over all size classes of one table.
+class WriterAllocator {
+ public:
+  void attach(const std::string& root, const std::string& table, uint32_t emberId,
+              SharedMem::EmberFile::Perm perm);
+  void detach();
+  Offset alloc(size_t size);
+  void free(Offset offset);
+  // Payload bytes and size of a live entry; null when the offset names no live entry.
+  const uint8_t* payload(Offset offset, uint32_t* size = nullptr);
+  uint8_t* mutablePayload(Offset offset) { return const_cast<uint8_t*>(payload(offset)); }
+  // Keeps exactly the entries named in `live` (recovery after a writer died).
+  void rebuild(const std::vector<Offset>& live);
+  uint64_t occupied() const;
+  SlabWriter& slab(uint32_t sizeClass) { return slabs_[sizeClass]; }
+
+ private:
+  std::array<SlabWriter, kNumClasses> slabs_;
+};
+
+}  // namespace Shape

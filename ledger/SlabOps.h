@@ -1,0 +1,112 @@
+// Ledger::SlabOps<Key, Value, Codec>: the operations of a table whose values vary in size.
+// Each slot stores a Shape::Offset (slot size 24); the value's encoded bytes, key first, live
+// in a slab entry of the smallest size class that holds them.
+//
+// Codec supplies:
+//   static size_t encodedSize(const Value&)
+//   static void encode(const Value&, uint8_t* out)            key first
+//   static void decode(const uint8_t* in, size_t size, Value& out)
+//   static Key keyOfEncoded(const uint8_t* in, size_t size)
+//   static Key keyOf(const Value&)
+//   static const char* typeName()
+//
+// Rewrites never touch a payload that a slot refers to: the new value goes to a new entry,
+// the slot's offset is republished with the look-aside protocol, and the old entry is freed
+// in retire(), after the slot's final status store.
+#pragma once
+
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ledger/Exceptions.h"
+#include "ledger/Shape.h"
+
+namespace Ledger {
+
+template <class Key, class Value, class Codec>
+class SlabOps {
+ public:
+  static constexpr bool kDirect = false;
+  static constexpr bool kRetires = true;
+
+  SlabOps() : allocator_(std::make_unique<Shape::WriterAllocator>()) {}
+
+  uint32_t valueSize() const { return sizeof(Shape::Offset); }
+  static uint32_t hash(const Key& key) { return key.hash(); }
+  static bool less(const Key& a, const Key& b) { return a < b; }
+  static bool equal(const Key& a, const Key& b) { return a == b; }
+  static Key keyOf(const Value& value) { return Codec::keyOf(value); }
+
+  Key storedKey(const uint8_t* stored) const {
+    uint32_t size = 0;
+    const uint8_t* payload = payloadOf(stored, &size);
+    return Codec::keyOfEncoded(payload, size);
+  }
+  void store(const Value& value, uint8_t* stored) {
+    size_t size = Codec::encodedSize(value);
+    Shape::Offset offset = allocator_->alloc(size);
+    Codec::encode(value, allocator_->mutablePayload(offset));
+    std::memcpy(stored, &offset, sizeof(offset));
+  }
+  void load(const uint8_t* stored, Value& out) const {
+    uint32_t size = 0;
+    const uint8_t* payload = payloadOf(stored, &size);
+    Codec::decode(payload, size, out);
+  }
+  bool sameStored(const uint8_t* stored, const Value& value) const {
+    uint32_t size = 0;
+    const uint8_t* payload = payloadOf(stored, &size);
+    if (size != Codec::encodedSize(value)) return false;
+    scratch_.resize(size);
+    Codec::encode(value, scratch_.data());
+    return std::memcmp(payload, scratch_.data(), size) == 0;
+  }
+  void retire(const uint8_t* oldStored) { allocator_->free(offsetOf(oldStored)); }
+  bool storedValid(const uint8_t* stored) const {
+    return allocator_->payload(offsetOf(stored)) != nullptr;
+  }
+  std::string valueTypeName() const { return Codec::typeName(); }
+  std::string classTypeName() const { return "Ledger::SlabTable<" + valueTypeName() + ">"; }
+
+  // Storage hooks, called by the writer.
+  void attachStorage(const std::string& root, const std::string& table, uint32_t emberId,
+                     SharedMem::EmberFile::Perm perm) {
+    allocator_->attach(root, table, emberId, perm);
+  }
+  void detachStorage() { allocator_->detach(); }
+  uint64_t storageOccupied() const { return allocator_->occupied(); }
+  void rebuildStorage(const std::vector<const uint8_t*>& liveStored) {
+    std::vector<Shape::Offset> live;
+    live.reserve(liveStored.size());
+    for (const uint8_t* stored : liveStored) live.push_back(offsetOf(stored));
+    allocator_->rebuild(live);
+  }
+  Shape::WriterAllocator& allocator() const { return *allocator_; }
+
+ private:
+  static Shape::Offset offsetOf(const uint8_t* stored) {
+    Shape::Offset offset;
+    std::memcpy(&offset, stored, sizeof(offset));
+    return offset;
+  }
+  const uint8_t* payloadOf(const uint8_t* stored, uint32_t* size) const {
+    const uint8_t* payload = allocator_->payload(offsetOf(stored), size);
+    if (!payload) {
+      throw CorruptionException("SlabOps::payload() slot refers to no slab entry: 0x" +
+                                std::to_string(offsetOf(stored).raw));
+    }
+    return payload;
+  }
+
+  std::unique_ptr<Shape::WriterAllocator> allocator_;
+  mutable std::vector<uint8_t> scratch_;
+};
+
+template <class OpsT>
+concept HasStorage = requires(OpsT ops) {
+  ops.detachStorage();
+};
+
+}  // namespace Ledger

@@ -1,0 +1,127 @@
+#include "ledger/SlotReaderTable.h"
+
+#include <sys/stat.h>
+
+#include <cstring>
+
+#include "ledger/Exceptions.h"
+#include "ledger/SlotTable.h"
+#include "zinc/Trace.h"
+
+ZINC_TRACE_FILE("SlotReaderTable")
+
+namespace Ledger {
+
+using SharedMem::EmberFile;
+
+void SlotReaderTable::attach(const std::string& root, const std::string& table, uint32_t valueSize,
+                             uint32_t emberId) {
+  detach();
+  root_ = root;
+  table_ = table;
+  if (!file_.open(root, table, "slots", EmberFile::Access::ReadOnly, false)) {
+    throw InitializationException("SlotReader::attach() no shared memory region " + file_.path() +
+                                  ": " + file_.error());
+  }
+  if (file_.size() < kSlotTableHeaderSize) {
+    size_t size = file_.size();
+    file_.close();
+    throw InitializationException("SlotReader::attach() cannot attach to shmem size:" +
+                                  std::to_string(size));
+  }
+  try {
+    SlotTable::validate(file_.base(), file_.size(), emberId);
+  } catch (...) {
+    file_.close();
+    throw;
+  }
+  const auto* h = reinterpret_cast<const SlotTableHeader*>(file_.base());
+  if (valueSize != 0 && h->valueSize != valueSize) {
+    uint32_t found = h->valueSize;
+    file_.close();
+    throw InitializationException("SlotReader::attach() value size " + std::to_string(found) +
+                                  " in file, expecting " + std::to_string(valueSize));
+  }
+  emberId_ = h->emberId;
+  slotSize_ = h->slotSize;
+  valueSize_ = h->valueSize;
+  struct stat st;
+  identity_ = ::stat(file_.path().c_str(), &st) == 0 ? (uint64_t(st.st_dev) << 40) ^ st.st_ino : 0;
+  bind();
+  ZTRACE(3, "SlotReader::attach() " << file_.path() << " slots:" << mappedSlots_
+                                    << " ember:" << emberId_);
+}
+
+void SlotReaderTable::bind() {
+  base_ = file_.base();
+  uint64_t slots = (file_.size() - kSlotTableHeaderSize) / slotSize_;
+  slots = slots == 0 ? 0 : slots - 1;  // the look-aside slot
+  mappedSlots_ = uint32_t(std::min<uint64_t>(slots, kMaxSlots));
+}
+
+void SlotReaderTable::detach() {
+  file_.close();
+  base_ = nullptr;
+  mappedSlots_ = 0;
+}
+
+bool SlotReaderTable::doResize() {
+  if (!attached()) return false;
+  const uint8_t* oldBase = base_;
+  if (!file_.remap()) {
+    ZTRACE(0, "SlotReader::doResize() failed to resize " << file_.path() << ": " << file_.error());
+    return false;
+  }
+  bind();
+  ++remaps_;
+  if (base_ != oldBase) {
+    ZTRACE(3, "SlotReader::doResize() changed base address mapping from "
+                  << static_cast<const void*>(oldBase) << " to "
+                  << static_cast<const void*>(base_));
+  }
+  // The fixed part of the header never changes for a given ember; the rest must still fit.
+  if (header().slotSize != slotSize_ || header().emberId != emberId_) {
+    ZTRACE(0, "SlotReader::doResize() failed to resize: table re-formatted, ember:"
+                  << header().emberId << " mapped ember:" << emberId_);
+    return false;
+  }
+  ZTRACE(5, "SlotReader::doResize() successful, slots:" << mappedSlots_);
+  return true;
+}
+
+SlotReaderTable::Read SlotReaderTable::read(uint32_t index, uint8_t* out, uint32_t* rhash,
+                                            uint32_t* statusOut) {
+  if (index >= numSlots()) return Read::free;
+  if (index >= mappedSlots_) return Read::unmapped;
+  const SlotHeader& s = slot(index);
+  const SlotHeader& lookaside = *reinterpret_cast<const SlotHeader*>(base_ + kSlotTableHeaderSize);
+  // Acquire: the contents that this status word announces are visible to the copy below.
+  uint32_t status = Shm::load(s.status, std::memory_order_acquire);
+  for (uint32_t attempt = 0; attempt < kMaxReadRetries; ++attempt) {
+    // With LOOKASIDE set, OCCUPIED still tells what the slot held before the rewrite began.
+    if (!(status & kOccupied)) {
+      if (statusOut) *statusOut = status;
+      return Read::free;
+    }
+    const SlotHeader& from = (status & kLookaside) ? lookaside : s;
+    if (status & kLookaside) ++lookasideReads_;
+    uint32_t h = Shm::load(from.rhash, std::memory_order_relaxed);
+    std::memcpy(out, reinterpret_cast<const uint8_t*>(&from) + kSlotHeaderSize, valueSize_);
+    // Acquire fence: the copy above is ordered before the re-load of the status word; if the
+    // writer touched the copied bytes, the status word has changed by the time we see it.
+    std::atomic_thread_fence(std::memory_order_acquire);
+    uint32_t again = Shm::load(s.status, std::memory_order_relaxed);
+    if (again == status) {
+      if (rhash) *rhash = h;
+      if (statusOut) *statusOut = status;
+      return Read::occupied;
+    }
+    ++retries_;
+    status = again;
+  }
+  throw CorruptionException("SlotReader::getValue() slot " + std::to_string(index) +
+                            " changed during " + std::to_string(kMaxReadRetries) +
+                            " consecutive reads");
+}
+
+}  // namespace Ledger

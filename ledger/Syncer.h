@@ -1,0 +1,135 @@
+// Syncer: fills a shadow from the writer's table by walking every slot with doSlot, in slices
+// that each end after the reader's yield time, so that the agent's other work goes on between
+// them (each slice is a deferred call on the notification loop).
+//
+// A new request during a sync restarts it from slot 0; a detach interrupts it. When the walk
+// reaches the writer's numSlots it also walks what the shadow holds beyond that (the table
+// shrank), then calls `done`.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+#include "ledger/Exceptions.h"
+#include "zinc/Loop.h"
+#include "zinc/Trace.h"
+
+namespace Ledger {
+
+namespace ShadowDetail {
+const Zinc::Trace& trace();
+}
+
+class Syncer {
+ public:
+  struct Hooks {
+    std::function<void(uint32_t slot)> doSlot;
+    std::function<uint32_t()> slotsToWalk;  // max(writer's numSlots, shadow's numSlots)
+    std::function<bool()> notificationsEnabled;
+    std::function<void()> done;
+    std::function<void(const std::string&)> corruption;
+  };
+
+  Syncer(Zinc::Loop& loop, Hooks hooks) : loop_(loop), hooks_(std::move(hooks)) {}
+  ~Syncer() { *alive_ = false; }
+
+  void yieldTimeIs(std::chrono::microseconds t) { yieldTime_ = t; }
+  std::chrono::microseconds yieldTime() const { return yieldTime_; }
+  bool syncing() const { return syncing_; }
+  uint64_t slices() const { return slices_; }
+  uint32_t currentSlot() const { return currentSlot_; }
+
+  void sync(bool resync) {
+    if (syncing_) {
+      ZTRACE_TO(ShadowDetail::trace(), 1,
+                "Syncer::sync() Interrupting and restarting synchronization");
+    } else {
+      ZTRACE_TO(ShadowDetail::trace(), 3,
+                "Syncer::sync() Scheduling synchronization, resync:" << resync);
+    }
+    resync_ = resync;
+    currentSlot_ = 0;
+    started_ = std::chrono::steady_clock::now();
+    ++epoch_;
+    syncing_ = true;
+    schedule();
+  }
+  // Stops a sync in progress (detach).
+  void interrupt() {
+    if (!syncing_) return;
+    ZTRACE_TO(ShadowDetail::trace(), 1,
+              "Syncer::doSync() Interrupted shadow synchronization, synced " << currentSlot_);
+    syncing_ = false;
+    ++epoch_;
+  }
+
+ private:
+  void schedule() {
+    loop_.defer([this, alive = alive_, epoch = epoch_] {
+      if (*alive && epoch == epoch_) doSync();
+    });
+  }
+
+  void doSync() {
+    if (!syncing_) {
+      ZTRACE_TO(ShadowDetail::trace(), 0, "Syncer unexpectedly stopped syncing");
+      return;
+    }
+    if (hooks_.notificationsEnabled && !hooks_.notificationsEnabled()) {
+      ZTRACE_TO(ShadowDetail::trace(), 5, "Syncer::doSync() notifications temporarily disabled");
+      retryTimer_ = loop_.timerAfter(std::chrono::milliseconds(10), [this, alive = alive_] {
+        if (*alive) doSync();
+      });
+      return;
+    }
+    if (currentSlot_ == 0) {
+      ZTRACE_TO(ShadowDetail::trace(), 3, "Syncer::doSync() Syncing, resync:" << resync_);
+    }
+    ++slices_;
+    const auto deadline = std::chrono::steady_clock::now() + yieldTime_;
+    const uint64_t epoch = epoch_;
+    try {
+      uint32_t end = hooks_.slotsToWalk();
+      while (currentSlot_ < end) {
+        hooks_.doSlot(currentSlot_++);
+        if (epoch != epoch_) return;  // restarted or interrupted from a notification
+        if ((currentSlot_ & 63) == 0) {
+          if (std::chrono::steady_clock::now() >= deadline) break;
+          end = hooks_.slotsToWalk();
+        }
+      }
+      if (currentSlot_ < end) {
+        std::chrono::duration<double> took = std::chrono::steady_clock::now() - started_;
+        ZTRACE_TO(ShadowDetail::trace(), 7,
+                  "Syncer::doSync() Synced " << took.count()
+                                             << " seconds, currentSlot:" << currentSlot_ << " ("
+                                             << end - currentSlot_ << " slots remaining)");
+        schedule();
+        return;
+      }
+    } catch (const CorruptionException& e) {
+      ZTRACE_TO(ShadowDetail::trace(), 0, "Syncer::doSync() corruption detected: " << e.what());
+      syncing_ = false;
+      if (hooks_.corruption) hooks_.corruption(e.what());
+      return;
+    }
+    syncing_ = false;
+    hooks_.done();
+  }
+
+  Zinc::Loop& loop_;
+  Hooks hooks_;
+  std::chrono::microseconds yieldTime_{2000};
+  bool syncing_ = false;
+  bool resync_ = false;
+  uint32_t currentSlot_ = 0;
+  uint64_t epoch_ = 0;
+  uint64_t slices_ = 0;
+  Zinc::Loop::TimerId retryTimer_ = 0;
+  std::chrono::steady_clock::time_point started_;
+  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+};
+
+}  // namespace Ledger

@@ -1,0 +1,103 @@
+// Test helpers for shadows: a writer whose commits kick readers, and a notifiee that records
+// and checks every per-key event.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ledger/LedgerShadow.h"
+#include "ledger/LedgerWriter.h"
+#include "ledger/tests/TestTable.h"
+#include "platform/shm/ReaderKick.h"
+#include "zinc/Loop.h"
+
+namespace LedgerTest {
+
+using Writer = Ledger::LedgerWriter<TestKey, TestValue>;
+using Shadow = Ledger::LedgerShadow<TestKey, TestValue>;
+
+inline bool whole(const TestValue& v) {
+  return v.check == Zinc::hashBytes(&v, offsetof(TestValue, check)) &&
+         v == makeValue(v.k.id, v.version);
+}
+
+// A writer on <root>/<table> whose every commit kicks the readers at the end of the batch
+// (`flush()`), or through `loop`'s deferred calls when one is given.
+struct KickingWriter {
+  KickingWriter(const std::string& root, const std::string& table, uint32_t capacity = 64,
+                Zinc::Loop* loop = nullptr)
+      : writer(config(root, table, capacity)) {
+    writer.attach();
+    Mem::ReaderKickSm::Defer defer;
+    if (loop) defer = [loop](std::function<void()> fn) { loop->defer(std::move(fn)); };
+    kicker = std::make_unique<Mem::ReaderKickSm>(SharedMem::rootPath(root) + "/" + table, defer);
+    writer.rally().kickHookIs([this] { kicker->commitNotify(); });
+  }
+  static Ledger::LedgerConfig config(const std::string& root, const std::string& table,
+                                     uint32_t capacity) {
+    Ledger::LedgerConfig c;
+    c.root = root;
+    c.table = table;
+    c.capacity = capacity;
+    return c;
+  }
+  void flush() { kicker->flush(); }
+  std::map<uint64_t, uint64_t> contents() {
+    std::map<uint64_t, uint64_t> all;
+    TestValue v;
+    for (bool more = writer.first(v); more; more = writer.next(v.k, v)) all[v.k.id] = v.version;
+    return all;
+  }
+
+  Writer writer;
+  std::unique_ptr<Mem::ReaderKickSm> kicker;
+};
+
+// Records every event and checks it as it comes: values whole, versions of a key strictly
+// increasing (an unchanged rewrite would repeat one), no deletion of an absent key.
+struct EventLog {
+  std::map<uint64_t, uint64_t> present;  // key -> version, as the events tell it
+  std::map<uint64_t, uint64_t> lastVersion;
+  std::vector<std::string> errors;
+  uint64_t adds = 0, changes = 0, deletes = 0, batches = 0;
+
+  Ledger::Notify<TestKey, TestValue> notifier() {
+    Ledger::Notify<TestKey, TestValue> n;
+    n.onBatch = [this] { ++batches; };
+    n.onKey = [this](const TestKey& k, const TestValue* v) { onKey(k, v); };
+    return n;
+  }
+  void onKey(const TestKey& k, const TestValue* v) {
+    if (errors.size() > 20) return;
+    if (!v) {
+      if (!present.erase(k.id)) errors.push_back("deleted absent key " + std::to_string(k.id));
+      ++deletes;
+      return;
+    }
+    if (!whole(*v) || v->k.id != k.id) {
+      errors.push_back("torn value for key " + std::to_string(k.id));
+      return;
+    }
+    auto last = lastVersion.find(k.id);
+    if (last != lastVersion.end() && v->version <= last->second) {
+      errors.push_back("key " + std::to_string(k.id) + " version " + std::to_string(v->version) +
+                       " after " + std::to_string(last->second));
+    }
+    lastVersion[k.id] = v->version;
+    (present.count(k.id) ? changes : adds)++;
+    present[k.id] = v->version;
+  }
+};
+
+inline std::map<uint64_t, uint64_t> shadowContents(Shadow& shadow) {
+  std::map<uint64_t, uint64_t> all;
+  shadow.store().forEach(
+      [&](const TestKey& k, const TestValue* v) { all[k.id] = v ? v->version : 0; });
+  return all;
+}
+
+}  // namespace LedgerTest

@@ -1,0 +1,255 @@
+// Readers in their own processes following a writer that churns: inserts, changed and
+// unchanged rewrites, removes, growth, shrink and queue compaction. Every value a reader sees
+// must be whole (it carries a checksum of its key and version), every shadow must end equal
+// to the writer's table, and the per-key events must tell each change once: versions of a
+// key only grow (an unchanged rewrite would repeat one) and the keys that the events leave
+// present are exactly the writer's.
+//
+// READER_STRESS_OPS scales the churn (ledger/tests/reader_stress.sh runs it long).
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <random>
+
+#include "ledger/tests/ShadowHarness.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using namespace LedgerTest;
+
+uint64_t opsFromEnv(uint64_t dflt) {
+  const char* s = std::getenv("READER_STRESS_OPS");
+  return s ? std::strtoull(s, nullptr, 10) : dflt;
+}
+
+// What a reader process found, as it wrote it to its result file.
+struct ReaderResult {
+  std::map<uint64_t, uint64_t> shadow;
+  std::map<uint64_t, uint64_t> events;
+  std::vector<std::string> errors;
+  uint64_t lookups = 0;
+};
+
+void writeMap(std::ofstream& out, const char* tag, const std::map<uint64_t, uint64_t>& m) {
+  out << tag << " " << m.size() << "\n";
+  for (auto [k, v] : m) out << k << " " << v << "\n";
+}
+std::map<uint64_t, uint64_t> readMap(std::ifstream& in) {
+  std::string tag;
+  size_t n = 0;
+  in >> tag >> n;
+  std::map<uint64_t, uint64_t> m;
+  for (size_t i = 0; i < n; ++i) {
+    uint64_t k, v;
+    in >> k >> v;
+    m[k] = v;
+  }
+  return m;
+}
+
+// A reader process: a shadow with an event log, plus direct lookups through the shadow's
+// mapping between loop iterations. Mounts whenever the table appears. On a byte from `ctl`
+// it waits until it has consumed everything the writer announced, writes its result and
+// exits.
+int readerMain(const std::string& root, int ctl, const std::string& resultPath, bool strictEvents,
+               uint64_t keys) {
+  Zinc::Loop loop;
+  EventLog log;
+  Ledger::ShadowOptions options;
+  options.mountRetry = 5ms;
+  options.yieldTime = 200us;
+  Shadow shadow(Ledger::ReaderConfig{root, "routes"}, loop, log.notifier(),
+                Ledger::Ops<TestKey, TestValue>(), options);
+  shadow.initialize();
+  std::mt19937_64 rng(::getpid());
+  uint64_t lookups = 0;
+  std::vector<std::string> torn;
+  loop.timerEvery(1ms, [&] {
+    if (!shadow.reader().attached()) return;
+    for (int i = 0; i < 200; ++i) {
+      TestValue v;
+      TestKey k{rng() % keys};
+      ++lookups;
+      if (shadow.reader().lookup(k, v) && (!whole(v) || v.k.id != k.id) && torn.size() < 10) {
+        torn.push_back("torn direct read of key " + std::to_string(k.id));
+      }
+    }
+  });
+  bool finishing = false;
+  loop.fdWatchIs(ctl, [&](uint32_t) {
+    char c;
+    if (::read(ctl, &c, 1) <= 0 || c == 'f') finishing = true;
+  });
+  auto deadline = Zinc::Loop::now() + 300s;
+  while (!(finishing && shadow.quiesced())) {
+    if (Zinc::Loop::now() > deadline) return 3;
+    loop.runOnce(20ms);
+  }
+  std::ofstream out(resultPath);
+  writeMap(out, "shadow", shadowContents(shadow));
+  writeMap(out, "events", log.present);
+  std::vector<std::string> errors = torn;
+  for (const auto& e : log.errors) {
+    if (strictEvents || e.find("torn") != std::string::npos) errors.push_back(e);
+  }
+  out << "errors " << errors.size() << "\n";
+  for (const auto& e : errors) out << e << "\n";
+  out << "lookups " << lookups << "\n";
+  return out.good() ? 0 : 4;
+}
+
+struct ReaderProcess {
+  pid_t pid = -1;
+  int ctl = -1;
+  std::string resultPath;
+
+  ReaderProcess(const std::string& root, int n, bool strict, uint64_t keys) {
+    resultPath = root + "-result-" + std::to_string(n);
+    int fds[2];
+    EXPECT_EQ(::pipe(fds), 0);
+    pid = ::fork();
+    if (pid == 0) {
+      ::close(fds[1]);
+      ::_exit(readerMain(root, fds[0], resultPath, strict, keys));
+    }
+    ::close(fds[0]);
+    ctl = fds[1];
+  }
+  ~ReaderProcess() {
+    if (pid > 0) {
+      ::kill(pid, SIGKILL);
+      ::waitpid(pid, nullptr, 0);
+    }
+    ::close(ctl);
+    ::unlink(resultPath.c_str());
+  }
+  ReaderResult finish() {
+    EXPECT_EQ(::write(ctl, "f", 1), 1);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    pid = -1;
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "reader status " << status;
+    ReaderResult r;
+    std::ifstream in(resultPath);
+    r.shadow = readMap(in);
+    r.events = readMap(in);
+    std::string tag;
+    size_t n = 0;
+    in >> tag >> n;
+    std::getline(in, tag);
+    for (size_t i = 0; i < n; ++i) {
+      std::getline(in, tag);
+      r.errors.push_back(tag);
+    }
+    in >> tag >> r.lookups;
+    return r;
+  }
+};
+
+// Random churn over `keys` keys. Versions of a key only grow, from `base` on; each batch ends
+// with the readers' kick, as the end of a loop iteration would.
+struct Churn {
+  KickingWriter& w;
+  uint64_t keys;
+  uint64_t base;
+  std::mt19937_64 rng;
+  std::map<uint64_t, uint64_t> version;
+
+  Churn(KickingWriter& writer, uint64_t keyCount, uint64_t versionBase, uint64_t seed)
+      : w(writer), keys(keyCount), base(versionBase), rng(seed) {}
+
+  void op(uint64_t id, int kind) {
+    TestValue current;
+    bool present = w.writer.lookup(TestKey{id}, current);
+    if (kind < 50 || (kind < 62 && !present)) {
+      uint64_t& v = version[id];
+      v = std::max(v + 1, base);
+      w.writer.write(makeValue(id, v));
+    } else if (kind < 62) {
+      w.writer.write(current, Ledger::WriteFlag::always);  // unchanged rewrite, still announced
+    } else {
+      w.writer.remove(TestKey{id});
+    }
+  }
+  // `removeBias` shifts the mix towards removes (shrink phases) or inserts (growth phases).
+  void run(uint64_t ops, int removeBias = 0) {
+    for (uint64_t done = 0; done < ops;) {
+      uint64_t batch = 1 + rng() % 64;
+      for (uint64_t i = 0; i < batch && done < ops; ++i, ++done) {
+        int kind = int(rng() % 100) + removeBias;
+        op(rng() % keys, std::clamp(kind, 0, 99));
+      }
+      w.flush();
+    }
+  }
+  // Grows the table to most keys, then shrinks it to a few: slot and bucket growth and shrink.
+  void cycle(uint64_t ops) {
+    run(ops / 3, -45);
+    run(ops / 3, 0);
+    run(ops / 3, 40);
+  }
+};
+
+void expectReaderMatches(const ReaderResult& r, const std::map<uint64_t, uint64_t>& table) {
+  EXPECT_TRUE(r.errors.empty()) << r.errors.front();
+  EXPECT_EQ(r.shadow, table) << "shadow differs from the writer's table";
+  EXPECT_EQ(r.events, table) << "the events lost a change";
+  EXPECT_GT(r.lookups, 0u);
+}
+
+TEST(ReaderMultiProcess, TwoReadersFollowAChurningWriter) {
+  TempRoot root;
+  const uint64_t keys = 3000;
+  // The readers start before the table exists: they mount when the writer appears.
+  ReaderProcess r1(root.path(), 1, true, keys);
+  ReaderProcess r2(root.path(), 2, true, keys);
+  ::usleep(30000);
+  KickingWriter w(root.path(), "routes", 16);
+  Churn churn(w, keys, 1, 42);
+  const uint64_t ops = opsFromEnv(150000);
+  for (uint64_t done = 0; done < ops; done += 30000)
+    churn.cycle(std::min<uint64_t>(30000, ops - done));
+  auto counters = w.writer.writerCounters();
+  EXPECT_GT(counters.slotGrowths, 0u);
+  EXPECT_GT(counters.slotShrinks, 0u);
+  EXPECT_GT(counters.bucketGrowths, 0u);
+  EXPECT_GT(counters.bucketShrinks, 0u);
+  EXPECT_GT(counters.rallyCompactions, 0u);
+  EXPECT_GT(counters.unchanged + counters.updates, 0u);
+  auto table = w.contents();
+  EXPECT_TRUE(w.writer.validate()) << w.writer.validationError();
+  expectReaderMatches(r1.finish(), table);
+  expectReaderMatches(r2.finish(), table);
+}
+
+TEST(ReaderMultiProcess, WriterKilledAndRestartedReadersResync) {
+  TempRoot root;
+  const uint64_t keys = 2000;
+  ReaderProcess r1(root.path(), 1, false, keys);
+  ReaderProcess r2(root.path(), 2, false, keys);
+  for (int round = 0; round < 3; ++round) {
+    pid_t writer = ::fork();
+    if (writer == 0) {
+      KickingWriter w(root.path(), "routes", 16);
+      Churn churn(w, keys, uint64_t(round + 1) << 32, round);
+      for (;;) churn.cycle(30000);
+    }
+    ::usleep(100000 + 50000 * round);
+    ::kill(writer, SIGKILL);
+    ::waitpid(writer, nullptr, 0);
+  }
+  KickingWriter w(root.path(), "routes", 16);
+  EXPECT_TRUE(w.writer.validate()) << w.writer.validationError();
+  Churn churn(w, keys, uint64_t(9) << 32, 9);
+  churn.cycle(20000);
+  auto table = w.contents();
+  expectReaderMatches(r1.finish(), table);
+  expectReaderMatches(r2.finish(), table);
+}
+
+}  // namespace

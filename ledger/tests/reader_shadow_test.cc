@@ -1,0 +1,194 @@
+// Shadows following a writer on the real notification loop: per-key events exactly as the
+// writer's changes make them, sync in slices, mounting before the writer exists.
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "ledger/tests/ShadowHarness.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using namespace LedgerTest;
+using Ledger::ShadowState;
+
+struct ShadowTest : ::testing::Test {
+  TempRoot root;
+  Zinc::Loop loop;
+  EventLog log;
+
+  std::unique_ptr<Shadow> makeShadow(Ledger::ShadowOptions options = {}) {
+    return std::make_unique<Shadow>(Ledger::ReaderConfig{root.path(), "routes"}, loop,
+                                    log.notifier(), Ledger::Ops<TestKey, TestValue>(), options);
+  }
+  bool settle(Shadow& shadow) {
+    return until([&] { return shadow.quiesced(); });
+  }
+  // Runs the loop until pred holds, checking it before the first wait too.
+  bool until(const std::function<bool()>& pred) {
+    auto deadline = Zinc::Loop::now() + 20s;
+    while (!pred()) {
+      if (Zinc::Loop::now() > deadline) return false;
+      loop.runOnce(5ms);
+    }
+    return true;
+  }
+};
+
+TEST_F(ShadowTest, EventsFollowChangesExactly) {
+  KickingWriter w(root.path(), "routes", 64, &loop);
+  for (uint64_t id = 0; id < 50; ++id) w.writer.write(makeValue(id, 1));
+  auto shadow = makeShadow();
+  ASSERT_TRUE(shadow->initialize());
+  ASSERT_TRUE(settle(*shadow));
+  EXPECT_EQ(log.adds, 50u) << "the first sync reports every key";
+  EXPECT_EQ(shadowContents(*shadow), w.contents());
+
+  // An unchanged rewrite: announced by the writer, reported to nobody.
+  w.writer.write(makeValue(7, 1), Ledger::WriteFlag::always);
+  // A change, a removal.
+  w.writer.write(makeValue(8, 2));
+  w.writer.remove(TestKey{9});
+  ASSERT_TRUE(settle(*shadow));
+  EXPECT_EQ(log.adds, 50u);
+  EXPECT_EQ(log.changes, 1u);
+  EXPECT_EQ(log.deletes, 1u);
+  TestValue v;
+  ASSERT_TRUE(shadow->lookup(TestKey{8}, v));
+  EXPECT_EQ(v, makeValue(8, 2));
+  EXPECT_FALSE(shadow->lookup(TestKey{9}, v));
+  EXPECT_TRUE(log.errors.empty()) << log.errors.front();
+}
+
+TEST_F(ShadowTest, SlotFreedAndReusedBetweenLooksIsDeletionAndAddition) {
+  KickingWriter w(root.path(), "routes", 64);  // kicks only on flush()
+  for (uint64_t id = 0; id < 10; ++id) w.writer.write(makeValue(id, 1));
+  auto shadow = makeShadow();
+  ASSERT_TRUE(shadow->initialize());
+  ASSERT_TRUE(settle(*shadow));
+  // Remove 3 and add 100 into the slot 3 left, then tell the shadow about that one slot only.
+  uint32_t slotOf3 = shadow->store().slotOfKey(TestKey{3});
+  w.writer.remove(TestKey{3});
+  w.writer.write(makeValue(100, 1));
+  ASSERT_EQ(shadow->store().slotOfKey(TestKey{3}), slotOf3);
+  shadow->store().doSlot(slotOf3, 0);
+  EXPECT_EQ(log.deletes, 1u);
+  EXPECT_EQ(log.adds, 11u);
+  EXPECT_EQ(shadow->store().slotOfKey(TestKey{100}), slotOf3) << "the same slot was re-used";
+  // The queue then tells the same story again: nothing more to report.
+  w.flush();
+  ASSERT_TRUE(settle(*shadow));
+  EXPECT_EQ(log.deletes, 1u);
+  EXPECT_EQ(log.adds, 11u);
+  EXPECT_TRUE(log.errors.empty()) << log.errors.front();
+}
+
+TEST_F(ShadowTest, ShrinkMovesAreNotReportedAsChanges) {
+  KickingWriter w(root.path(), "routes", 64, &loop);
+  for (uint64_t id = 0; id < 2000; ++id) w.writer.write(makeValue(id, 1));
+  auto shadow = makeShadow();
+  ASSERT_TRUE(shadow->initialize());
+  ASSERT_TRUE(settle(*shadow));
+  const uint32_t before = shadow->store().numSlots();
+  for (uint64_t id = 0; id < 2000; ++id) {
+    if (id % 97) w.writer.remove(TestKey{id});
+  }
+  ASSERT_GT(w.writer.writerCounters().slotShrinks, 0u);
+  ASSERT_TRUE(settle(*shadow));
+  EXPECT_EQ(log.deletes, 2000u - 21u);
+  EXPECT_EQ(log.changes, 0u) << "moved entries kept their values";
+  EXPECT_EQ(shadowContents(*shadow), w.contents());
+  EXPECT_LT(shadow->store().numSlots(), before) << "the shadow shrank with the table";
+  EXPECT_TRUE(log.errors.empty()) << log.errors.front();
+}
+
+TEST_F(ShadowTest, SyncRunsInSlicesWhileWriterChanges) {
+  KickingWriter w(root.path(), "routes", 64, &loop);
+  for (uint64_t id = 0; id < 20000; ++id) w.writer.write(makeValue(id, 1));
+  Ledger::ShadowOptions options;
+  options.yieldTime = 1us;
+  auto shadow = makeShadow(options);
+  ASSERT_TRUE(shadow->initialize());
+  EXPECT_EQ(shadow->state(), ShadowState::syncing);
+  // Change the table between slices.
+  uint64_t version = 1;
+  std::mt19937 rng(3);
+  int iterations = 0;
+  while (shadow->state() == ShadowState::syncing && iterations++ < 100000) {
+    uint64_t id = rng() % 25000;
+    if (rng() % 4 == 0) {
+      w.writer.remove(TestKey{id});
+    } else {
+      w.writer.write(makeValue(id, ++version));
+    }
+    loop.runOnce(0ms);
+  }
+  ASSERT_TRUE(settle(*shadow));
+  EXPECT_EQ(shadowContents(*shadow), w.contents());
+  EXPECT_EQ(log.present, w.contents());
+  EXPECT_GT(iterations, 10) << "the sync yielded to the loop between slices";
+  EXPECT_TRUE(log.errors.empty()) << log.errors.front();
+}
+
+TEST_F(ShadowTest, MountsWhenTheWriterAppears) {
+  Ledger::ShadowOptions options;
+  options.mountRetry = 5ms;
+  auto shadow = makeShadow(options);
+  EXPECT_FALSE(shadow->initialize());
+  EXPECT_EQ(shadow->mountStatus(), Ledger::MountStatus::mounting);
+  loop.runFor(20ms);
+  KickingWriter w(root.path(), "routes", 64, &loop);
+  w.writer.write(makeValue(1, 1));
+  ASSERT_TRUE(until([&] { return shadow->quiesced(); }));
+  EXPECT_EQ(shadow->mountStatus(), Ledger::MountStatus::mounted);
+  w.writer.write(makeValue(2, 1));
+  ASSERT_TRUE(settle(*shadow));
+  EXPECT_EQ(log.present, w.contents());
+}
+
+TEST_F(ShadowTest, WriterReattachMakesShadowResync) {
+  auto w = std::make_unique<KickingWriter>(root.path(), "routes", 64, &loop);
+  for (uint64_t id = 0; id < 100; ++id) w->writer.write(makeValue(id, 1));
+  auto shadow = makeShadow();
+  ASSERT_TRUE(shadow->initialize());
+  ASSERT_TRUE(settle(*shadow));
+  w.reset();
+  w = std::make_unique<KickingWriter>(root.path(), "routes", 64, &loop);
+  w->writer.write(makeValue(1000, 1));
+  ASSERT_TRUE(settle(*shadow));
+  EXPECT_GE(shadow->resyncs(), 1u);
+  EXPECT_EQ(shadowContents(*shadow), w->contents());
+  EXPECT_TRUE(log.errors.empty()) << log.errors.front();
+}
+
+TEST_F(ShadowTest, KeyShadowReportsKeysWithoutKeepingValues) {
+  KickingWriter w(root.path(), "routes", 64, &loop);
+  std::map<uint64_t, int> events;
+  Ledger::Notify<TestKey, TestValue> n;
+  n.onKey = [&](const TestKey& k, const TestValue*) { ++events[k.id]; };
+  Ledger::LedgerShadow<TestKey, TestValue, Ledger::Ops<TestKey, TestValue>, Ledger::KeyShadowSlot>
+      keys(Ledger::ReaderConfig{root.path(), "routes"}, loop, n);
+  ASSERT_TRUE(keys.initialize());
+  w.writer.write(makeValue(1, 1));
+  w.writer.write(makeValue(2, 1));
+  ASSERT_TRUE(until([&] { return keys.quiesced(); }));
+  w.writer.write(makeValue(1, 1), Ledger::WriteFlag::always);  // unchanged
+  w.writer.write(makeValue(2, 2));
+  ASSERT_TRUE(until([&] { return keys.quiesced(); }));
+  EXPECT_EQ(events, (std::map<uint64_t, int>{{1, 1}, {2, 2}}));
+  EXPECT_EQ(keys.members(), 2u);
+}
+
+TEST_F(ShadowTest, DetachTwiceAndDummyNotifier) {
+  KickingWriter w(root.path(), "routes", 64, &loop);
+  w.writer.write(makeValue(1, 1));
+  Shadow quiet(Ledger::ReaderConfig{root.path(), "routes"}, loop, Ledger::DummyShadowNotifier());
+  ASSERT_TRUE(quiet.initialize());
+  ASSERT_TRUE(until([&] { return quiet.quiesced(); }));
+  EXPECT_EQ(quiet.members(), 1u);
+  quiet.detach();
+  EXPECT_EQ(quiet.state(), ShadowState::detached);
+  quiet.detach();
+}
+
+}  // namespace

@@ -1,0 +1,208 @@
+// The direct reader against a real writer's files: lookups, iteration, re-mapping on growth,
+// the look-aside read of a slot caught mid-rewrite, and corrupt files.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+#include <set>
+
+#include "ledger/LedgerReader.h"
+#include "ledger/LedgerWriter.h"
+#include "ledger/tests/TestTable.h"
+
+namespace {
+
+using namespace Ledger;
+using LedgerTest::makeValue;
+using LedgerTest::TempRoot;
+using LedgerTest::TestKey;
+using LedgerTest::TestValue;
+
+using Writer = LedgerWriter<TestKey, TestValue>;
+using Reader = LedgerReader<TestKey, TestValue>;
+
+LedgerConfig writerConfig(const TempRoot& root, uint32_t capacity = 64) {
+  LedgerConfig c;
+  c.root = root.path();
+  c.table = "routes";
+  c.capacity = capacity;
+  return c;
+}
+
+std::map<uint64_t, uint64_t> readAll(Reader& reader) {
+  std::map<uint64_t, uint64_t> seen;
+  TestValue v;
+  uint32_t hint = kNoSlot;
+  for (bool more = reader.first(v); more; more = reader.next(v.k, v, &hint)) {
+    EXPECT_TRUE(seen.emplace(v.k.id, v.version).second) << "key " << v.k.id << " seen twice";
+    if (seen.size() > 100000) break;
+  }
+  return seen;
+}
+
+TEST(LedgerReader, MissingTableIsAClearError) {
+  TempRoot root;
+  Reader reader(ReaderConfig{root.path(), "nothing"});
+  EXPECT_FALSE(reader.initialize());
+  EXPECT_NE(reader.error().find("SlotReader::attach() no shared memory region"), std::string::npos);
+  TestValue v;
+  EXPECT_FALSE(reader.lookup(TestKey{1}, v));
+  reader.detach();  // "already detached", harmless
+}
+
+TEST(LedgerReader, FollowsWriterThroughGrowthAndShrink) {
+  TempRoot root;
+  Writer writer(writerConfig(root, 4));
+  writer.attach();
+  Reader reader(ReaderConfig{root.path(), "routes"});
+  ASSERT_TRUE(reader.initialize());
+  std::map<uint64_t, uint64_t> model;
+  std::mt19937 rng(7);
+  for (int round = 0; round < 6; ++round) {
+    // Grow to a few thousand entries, then remove most of them (slot and bucket shrink).
+    for (int i = 0; i < 3000; ++i) {
+      uint64_t id = rng() % 4000;
+      writer.write(makeValue(id, ++model[id]));
+    }
+    for (int i = 0; i < 3500; ++i) {
+      uint64_t id = rng() % 4000;
+      if (writer.remove(TestKey{id})) model.erase(id);
+    }
+    for (uint64_t id = 0; id < 4000; ++id) {
+      TestValue v;
+      bool found = reader.lookup(TestKey{id}, v);
+      ASSERT_EQ(found, model.count(id) == 1) << "id " << id << " round " << round;
+      if (found) {
+        EXPECT_EQ(v, makeValue(id, model[id]));
+      }
+    }
+    EXPECT_EQ(readAll(reader), model);
+  }
+  EXPECT_GT(reader.readerCounters().remaps, 0u);
+  EXPECT_GT(writer.writerCounters().slotShrinks, 0u);
+  EXPECT_GT(writer.writerCounters().bucketGrowths, 0u);
+}
+
+TEST(LedgerReader, SlotBeyondMappingMakesItRemap) {
+  TempRoot root;
+  Writer writer(writerConfig(root, 4));
+  writer.attach();
+  Reader reader(ReaderConfig{root.path(), "routes"});
+  ASSERT_TRUE(reader.initialize());
+  uint32_t mapped = reader.slotTable().mappedSlots();
+  for (uint64_t id = 0; id < 100; ++id) writer.write(makeValue(id, 1));
+  ASSERT_GT(writer.capacity(), mapped);
+  uint32_t high = writer.capacity() - 1;
+  TestValue v;
+  TestKey key;
+  // Find an occupied slot beyond the reader's mapping.
+  while (high >= mapped && !(writer.slotTable().slot(high).status & kOccupied)) --high;
+  ASSERT_GE(high, mapped);
+  ASSERT_TRUE(reader.getValue(high, v, &key));
+  EXPECT_EQ(v, makeValue(key.id, 1));
+  EXPECT_GE(reader.slotTable().mappedSlots(), writer.capacity());
+}
+
+TEST(LedgerReader, SlotMidRewriteReadsWholeOldValueThenNew) {
+  TempRoot root;
+  Writer writer(writerConfig(root));
+  writer.attach();
+  writer.write(makeValue(5, 1));
+  Reader reader(ReaderConfig{root.path(), "routes"});
+  ASSERT_TRUE(reader.initialize());
+  TestValue* open = writer.directUpdate(TestKey{5});
+  ASSERT_NE(open, nullptr);
+  open->version = 2;  // half-written: payload and check still old
+  TestValue v;
+  ASSERT_TRUE(reader.lookup(TestKey{5}, v));
+  EXPECT_EQ(v, makeValue(5, 1)) << "the look-aside copy, whole";
+  EXPECT_EQ(reader.readerCounters().lookasideReads, 1u);
+  *open = makeValue(5, 2);
+  writer.directCommit();
+  ASSERT_TRUE(reader.lookup(TestKey{5}, v));
+  EXPECT_EQ(v, makeValue(5, 2));
+}
+
+TEST(LedgerReader, ReadOnlyRefusesWrites) {
+  TempRoot root;
+  Writer writer(writerConfig(root));
+  writer.attach();
+  Reader reader(ReaderConfig{root.path(), "routes"});
+  ASSERT_TRUE(reader.initialize());
+  EXPECT_EQ(reader.write(makeValue(1, 1)), nullptr);
+  EXPECT_FALSE(reader.remove(TestKey{1}));
+  EXPECT_FALSE(reader.cleanup());
+  EXPECT_FALSE(reader.validate());
+  TestValue v;
+  EXPECT_FALSE(writer.lookup(TestKey{1}, v));
+}
+
+// Writes through a separate writable mapping of a file, as a hostile or broken process would.
+template <class Fn>
+void patchFile(const TempRoot& root, const char* name, Fn fn) {
+  SharedMem::EmberFile f;
+  ASSERT_TRUE(f.open(root.path(), "routes", name, SharedMem::EmberFile::Access::ReadWrite, false));
+  fn(f.base());
+}
+
+TEST(LedgerReader, LoopingChainIsReportedNotWalkedForever) {
+  TempRoot root;
+  Writer writer(writerConfig(root));
+  writer.attach();
+  for (uint64_t id = 0; id < 20; ++id) writer.write(makeValue(id, 1));
+  Reader reader(ReaderConfig{root.path(), "routes"});
+  ASSERT_TRUE(reader.initialize());
+  // Point every slot's link at itself: every non-empty chain loops at its first slot.
+  const uint32_t slotSize = reader.slotTable().slotSize();
+  const uint32_t n = writer.capacity();
+  patchFile(root, "slots", [&](uint8_t* base) {
+    for (uint32_t i = 0; i < n; ++i) {
+      auto* s = reinterpret_cast<SlotHeader*>(base + kSlotTableHeaderSize + (i + 1) * slotSize);
+      s->linkPair = packLink(generationOf(s->linkPair) + 4, i);
+    }
+  });
+  std::vector<std::string> reports;
+  reader.corruptionHandlerIs([&](const std::string& why) { reports.push_back(why); });
+  TestValue v;
+  for (uint64_t id = 100; id < 120; ++id) reader.lookup(TestKey{id}, v);  // misses walk chains
+  ASSERT_FALSE(reports.empty());
+  EXPECT_NE(reports.front().find("LedgerReader::doLookup() hash chain cycle detected, "),
+            std::string::npos)
+      << reports.front();
+  reader.corruptionHandlerIs({});
+  EXPECT_THROW(readAll(reader), CorruptionException);
+}
+
+TEST(LedgerReader, GarbageLinksAndKeysAreReported) {
+  TempRoot root;
+  Writer writer(writerConfig(root));
+  writer.attach();
+  for (uint64_t id = 0; id < 20; ++id) writer.write(makeValue(id, 1));
+  Reader reader(ReaderConfig{root.path(), "routes"});
+  ASSERT_TRUE(reader.initialize());
+  const uint32_t mask = reader.bucketTable().numBuckets() - 1;
+  const uint32_t farBucket = TestKey{0}.hash() & mask;
+  const uint32_t foreignBucket = TestKey{1}.hash() & mask;
+  uint32_t foreignSlot = 0;  // a slot that belongs to another bucket
+  while ((reverseBits(writer.slotTable().slot(foreignSlot).rhash) & mask) == foreignBucket) {
+    ++foreignSlot;
+  }
+  patchFile(root, "buckets", [&](uint8_t* base) {
+    auto* heads = reinterpret_cast<uint64_t*>(base + kBucketTableHeaderSize);
+    heads[farBucket] = packLink(0, 0x7ffffff0u);  // far beyond numSlots
+    heads[foreignBucket] = packLink(0, foreignSlot);
+  });
+  std::vector<std::string> reports;
+  reader.corruptionHandlerIs([&](const std::string& why) { reports.push_back(why); });
+  TestValue v;
+  EXPECT_FALSE(reader.lookup(TestKey{0}, v));
+  EXPECT_FALSE(reader.lookup(TestKey{1}, v));
+  ASSERT_EQ(reports.size(), 2u);
+  for (const auto& report : reports) {
+    EXPECT_NE(report.find("LedgerReader::doLookup() corrupt key detected. key:"), std::string::npos)
+        << report;
+  }
+  EXPECT_TRUE(reader.lookup(TestKey{2}, v)) << "the rest of the table still reads";
+}
+
+}  // namespace

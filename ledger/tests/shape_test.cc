@@ -1,0 +1,257 @@
+// Slabs for variable-size values: the slab header checks, allocation rules, the rules for a
+// slab found without a writer, and a via-set-like table checked against a model.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+#include <vector>
+
+#include "ledger/LedgerWriter.h"
+#include "ledger/Shape.h"
+#include "ledger/SlabOps.h"
+#include "ledger/tests/TestTable.h"
+#include "zinc/Trace.h"
+
+namespace {
+
+using namespace LedgerTest;
+using namespace Ledger;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+// A via set: 44 bytes of fixed fields (key first) and 12 bytes per via.
+struct ViaSetKey {
+  uint32_t id = 0;
+  uint32_t hash() const { return Zinc::Hash::finalize(id * 2654435761u); }
+  auto operator<=>(const ViaSetKey&) const = default;
+};
+struct Via {
+  uint32_t a, b, c;
+  bool operator==(const Via&) const = default;
+};
+struct ViaSet {
+  ViaSetKey key;
+  uint8_t fixed[40] = {};
+  std::vector<Via> vias;
+  bool operator==(const ViaSet&) const = default;
+};
+struct ViaSetCodec {
+  static size_t encodedSize(const ViaSet& v) { return 44 + 12 * v.vias.size(); }
+  static void encode(const ViaSet& v, uint8_t* out) {
+    std::memcpy(out, &v.key, 4);
+    std::memcpy(out + 4, v.fixed, 40);
+    if (!v.vias.empty()) std::memcpy(out + 44, v.vias.data(), 12 * v.vias.size());
+  }
+  static void decode(const uint8_t* in, size_t size, ViaSet& out) {
+    std::memcpy(&out.key, in, 4);
+    std::memcpy(out.fixed, in + 4, 40);
+    out.vias.resize((size - 44) / 12);
+    if (!out.vias.empty()) std::memcpy(out.vias.data(), in + 44, 12 * out.vias.size());
+  }
+  static ViaSetKey keyOfEncoded(const uint8_t* in, size_t) {
+    ViaSetKey k;
+    std::memcpy(&k, in, 4);
+    return k;
+  }
+  static ViaSetKey keyOf(const ViaSet& v) { return v.key; }
+  static const char* typeName() { return "Test::ViaSet"; }
+};
+using ViaOps = SlabOps<ViaSetKey, ViaSet, ViaSetCodec>;
+using ViaWriter = LedgerWriter<ViaSetKey, ViaSet, ViaOps>;
+
+ViaSet makeViaSet(uint32_t id, size_t vias, uint32_t version) {
+  ViaSet v;
+  v.key.id = id;
+  v.fixed[0] = static_cast<uint8_t>(version);
+  for (size_t i = 0; i < vias; ++i) v.vias.push_back(Via{id, version, static_cast<uint32_t>(i)});
+  return v;
+}
+
+LedgerConfig viaConfig(const TempRoot& root) {
+  LedgerConfig c;
+  c.root = root.path();
+  c.table = "viaSet";
+  c.capacity = 4;
+  c.minBuckets = 4;
+  return c;
+}
+
+std::string slabError(const Shape::SlabHeader& h, size_t size, uint32_t ember = 0) {
+  try {
+    h.validate(size, ember);
+  } catch (const CorruptionException& e) {
+    return e.what();
+  }
+  return "";
+}
+
+TEST(SlabHeaderChecks, InOrderWithTheirMessages) {
+  TempRoot root;
+  Shape::SlabWriter slab;
+  EXPECT_EQ(slab.attach(root.path(), "t", 1, 77, SharedMem::EmberFile::Perm::OwnerOnly),
+            Shape::SlabWriter::Attached::created);
+  slab.alloc(100);
+  const size_t size = sizeof(Shape::SlabHeader) + 16 * (8 + 128);
+  Shape::SlabHeader h = slab.header();
+  EXPECT_EQ(h.maxPayload, 128u);
+  EXPECT_EQ(slabError(h, size, 77), "");
+  using Break = std::function<void(Shape::SlabHeader&, size_t&, uint32_t&)>;
+  const std::vector<std::pair<std::string, Break>> breaks = {
+      {"SlabHeader::validate() bad header file size: ", [](auto&, auto& s, auto&) { s = 63; }},
+      {"SlabHeader::validate() bad magic: ", [](auto& h, auto&, auto&) { h.magic[0] = 'X'; }},
+      {"SlabHeader::validate() bad version: ", [](auto& h, auto&, auto&) { h.version = 2; }},
+      {"SlabHeader::validate() checksum fail: ", [](auto& h, auto&, auto&) { h.sizeClass = 2; }},
+      {"SlabHeader::validate() bad numOccupied: ",
+       [](auto& h, auto&, auto&) { h.numOccupied = 17; }},
+      {"SlabHeader::validate() bad shmem size: ", [](auto&, auto& s, auto&) { s -= 1; }},
+      {"SlabHeader::validate() bad ember:", [](auto&, auto&, auto& e) { e = 78; }},
+      {"SlabHeader::validate() bad freeList: ", [](auto& h, auto&, auto&) { h.freeList = 16; }},
+  };
+  for (size_t k = 0; k < breaks.size(); ++k) {
+    Shape::SlabHeader broken = h;
+    size_t brokenSize = size;
+    uint32_t ember = 77;
+    for (size_t j = breaks.size(); j-- > k;) breaks[j].second(broken, brokenSize, ember);
+    EXPECT_THAT(slabError(broken, brokenSize, ember), StartsWith(breaks[k].first)) << k;
+  }
+}
+
+TEST(SlabAllocation, RefusesSizeZeroAndPicksTheSmallestClass) {
+  TempRoot root;
+  Shape::WriterAllocator allocator;
+  allocator.attach(root.path(), "t", 5, SharedMem::EmberFile::Perm::OwnerOnly);
+  try {
+    allocator.alloc(0);
+    FAIL();
+  } catch (const Zinc::InternalException& e) {
+    EXPECT_STREQ(e.what(), "WriterAllocator::alloc() doing an allocation of size 0 is forbidden");
+  }
+  EXPECT_EQ(allocator.alloc(44 + 2 * 12).sizeClass(), 1u);  // 68 bytes: the 128-byte class
+  EXPECT_EQ(allocator.alloc(1580).sizeClass(), 5u);
+  EXPECT_EQ(allocator.alloc(64).sizeClass(), 0u);
+  EXPECT_THROW(allocator.alloc(2049), Zinc::InternalException);
+  Shape::Offset a = allocator.alloc(10);
+  allocator.free(a);
+  EXPECT_EQ(allocator.alloc(20), a);  // a freed entry is reused
+  EXPECT_EQ(allocator.payload(Shape::Offset::of(0, 999)), nullptr);
+  EXPECT_EQ(allocator.payload(Shape::Offset{}), nullptr);
+}
+
+TEST(SlabAllocation, UnattachedSlabsAreKeptOrWipedByEmber) {
+  TempRoot root;
+  std::vector<std::string> lines;
+  Zinc::Trace::configure("Shape");
+  Zinc::Trace::sinkIs([&](const Zinc::Trace&, int, std::string_view t) { lines.emplace_back(t); });
+  auto has = [&](const std::string& text) {
+    for (const auto& l : lines) {
+      if (l.find(text) != std::string::npos) return true;
+    }
+    return false;
+  };
+  const auto perm = SharedMem::EmberFile::Perm::OwnerOnly;
+  {
+    Shape::SlabWriter slab;
+    slab.attach(root.path(), "t", 0, 5, perm);
+    slab.alloc(10);
+  }
+  Shape::SlabWriter slab;
+  EXPECT_EQ(slab.attach(root.path(), "t", 0, 5, perm), Shape::SlabWriter::Attached::kept);
+  EXPECT_TRUE(has("slab.0::validateUnattached() keeping slab numOccupied:1"));
+  EXPECT_EQ(slab.attach(root.path(), "t", 0, 6, perm), Shape::SlabWriter::Attached::wiped);
+  EXPECT_TRUE(has("slab.0::validateUnattached() wiping slab with old ember:5"));
+  EXPECT_EQ(slab.header().numOccupied, 0u);
+  slab.detach();
+  // An empty slab with a broken header: reported and formatted afresh.
+  FILE* f = std::fopen(root.file("t", "slab.0").c_str(), "r+");
+  std::fputs("garbage!", f);
+  std::fclose(f);
+  EXPECT_EQ(slab.attach(root.path(), "t", 0, 6, perm), Shape::SlabWriter::Attached::wiped);
+  EXPECT_TRUE(
+      has("slab.0::validateUnattached, validation failed on an empty slab, reason: "
+          "SlabHeader::validate() bad magic: "));
+  Zinc::Trace::sinkIs({});
+  Zinc::Trace::configure("");
+}
+
+TEST(SlabTable, ViaSetsMatchAModelAndLeakNothing) {
+  TempRoot root;
+  ViaWriter w(viaConfig(root));
+  w.attach();
+  EXPECT_EQ(w.slotTable().slotSize(), 24u);
+  std::mt19937 rng(3);
+  std::map<uint32_t, ViaSet> model;
+  for (uint32_t step = 0; step < 6000; ++step) {
+    uint32_t id = rng() % 400;
+    if (rng() % 100 < (step < 3000 ? 30u : 80u)) {
+      ViaSet out;
+      ASSERT_EQ(w.remove(ViaSetKey{id}, &out), model.count(id) == 1);
+      if (model.count(id)) {
+        ASSERT_EQ(out, model[id]);
+      }
+      model.erase(id);
+    } else {
+      ViaSet v = makeViaSet(id, rng() % 128, step);
+      w.write(v);
+      model[id] = v;
+    }
+    if (step % 500 == 0) {
+      ASSERT_TRUE(w.validate()) << w.validationError();
+    }
+  }
+  ASSERT_TRUE(w.validate()) << w.validationError();
+  EXPECT_EQ(w.ops().storageOccupied(), model.size());
+  ViaSet v;
+  for (const auto& [id, expected] : model) {
+    ASSERT_TRUE(w.lookup(ViaSetKey{id}, v));
+    ASSERT_EQ(v, expected);
+  }
+  // An unchanged rewrite is recognised through the slab.
+  if (!model.empty()) {
+    uint64_t seq = w.sequence();
+    w.write(model.begin()->second, WriteFlag::ifChanged);
+    EXPECT_EQ(w.sequence(), seq);
+  }
+  w.detach();
+  EXPECT_EQ(w.attach(), AttachResult::existing);
+  for (const auto& [id, expected] : model) {
+    ASSERT_TRUE(w.lookup(ViaSetKey{id}, v));
+    ASSERT_EQ(v, expected);
+  }
+}
+
+TEST(SlabTable, RecoveryFreesPayloadsNoSlotRefersTo) {
+  TempRoot root;
+  {
+    ViaWriter w(viaConfig(root));
+    w.attach();
+    for (uint32_t id = 0; id < 50; ++id) w.write(makeViaSet(id, id % 5, 1));
+    w.ops().allocator().alloc(300);  // a writer that died between alloc and publish
+    EXPECT_FALSE(w.validate());
+    EXPECT_THAT(w.validationError(), StartsWith("Validator::doValidate() slab entries:51"));
+  }
+  ViaWriter w(viaConfig(root));
+  EXPECT_EQ(w.attach(), AttachResult::recovered);
+  EXPECT_EQ(w.ops().storageOccupied(), 50u);
+  ViaSet v;
+  for (uint32_t id = 0; id < 50; ++id) {
+    ASSERT_TRUE(w.lookup(ViaSetKey{id}, v));
+    EXPECT_EQ(v, makeViaSet(id, id % 5, 1));
+  }
+}
+
+TEST(SlabTable, ASlotWhosePayloadVanishedIsDropped) {
+  TempRoot root;
+  {
+    ViaWriter w(viaConfig(root));
+    w.attach();
+    for (uint32_t id = 0; id < 20; ++id) w.write(makeViaSet(id, 3, 1));
+  }
+  ASSERT_TRUE(SharedMem::EmberFile::unlinkFile(root.path(), "viaSet", "slab.1"));
+  ViaWriter w(viaConfig(root));
+  EXPECT_EQ(w.attach(), AttachResult::recovered);
+  EXPECT_EQ(w.members(), 0u);  // every via set of 3 vias lived in the lost 128-byte slab
+  EXPECT_TRUE(w.validate()) << w.validationError();
+}
+
+}  // namespace
