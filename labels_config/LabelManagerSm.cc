@@ -151,7 +151,7 @@ int64_t LabelManagerSm::gridStart(int64_t index) const {
 uint32_t LabelManagerSm::blockStart(int64_t index) const {
   int64_t start = gridStart(index);
   LMTRACE(9, " index: " << index << ", start: " << start);
-  return Local::MplsLabel(start).value();
+  return Wire::MplsLabel(start).value();
 }
 
 bool LabelManagerSm::blockIsValid(const LabelBlock& block) const {
@@ -191,7 +191,7 @@ void LabelManagerSm::handleLabelRange() {
   LMTRACE(8, " range: " << range);
   allocValid_ = false;
   const uint64_t base = range.base().value();
-  const uint64_t end = std::min<uint64_t>(range.end(), Local::MplsLabel::max);
+  const uint64_t end = std::min<uint64_t>(range.end(), Wire::MplsLabel::max);
   if (base < end && end - base >= labelBlockSize) {
     const int64_t blocks = int64_t(end - base) >> labelBlockShift;
     LMTRACE(1, " allocate " << blocks << " blocks.");
@@ -395,7 +395,7 @@ bool LabelManagerSm::republishRecordedBlock(const Zinc::Name& client, const Zinc
                                             LabelManagerClientInfo& info) {
   if (!info.blockIndexHas(id)) return false;
   const uint32_t idx = info.blockIndex(id);
-  const LabelBlock block(Local::MplsLabel(gridStart(idx)));
+  const LabelBlock block(Wire::MplsLabel(gridStart(idx)));
   if (drAlloc_->isReserved(idx) && !drAlloc_->isHeld(idx) && blockIsValid(block)) {
     alloc.blockIs(id, block);
     ZTRACE(1, "allocateLabelBlock ID " << id << " was added again, index: " << idx);

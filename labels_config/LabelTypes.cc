@@ -7,10 +7,10 @@ namespace Mpls {
 namespace {
 
 void checkRange(uint32_t base, uint32_t size) {
-  if (base > Local::MplsLabel::max) {
+  if (base > Wire::MplsLabel::max) {
     throw Zinc::RangeException("LabelRange::base > Wire::MplsLabel::max not allowed");
   }
-  if (size > Local::MplsLabel::max + 1 - base) {
+  if (size > Wire::MplsLabel::max + 1 - base) {
     throw Zinc::RangeException("LabelRange::size > Expr @Mpls:176 not allowed");
   }
 }

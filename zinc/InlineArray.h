@@ -56,10 +56,15 @@ class InlineArray {
     }
     return true;
   }
-  friend bool operator<(const InlineArray& a, const InlineArray& b) {
-    return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(),
-                                        ValueTraits<E>::less);
+  // Element by element, then the shorter first.
+  static int compare(const InlineArray& a, const InlineArray& b) {
+    uint32_t n = std::min(a.count_, b.count_);
+    for (uint32_t i = 0; i < n; ++i) {
+      if (int c = compareOf(a.elems_[i], b.elems_[i])) return c;
+    }
+    return a.count_ < b.count_ ? -1 : a.count_ > b.count_ ? 1 : 0;
   }
+  friend bool operator<(const InlineArray& a, const InlineArray& b) { return compare(a, b) < 0; }
 
   // Replaces the contents with `n` elements read from `in` (n already checked).
   const uint8_t* loadElements(const uint8_t* in, const uint8_t* end, uint32_t n) {
@@ -87,6 +92,7 @@ struct ValueTraits<InlineArray<E, Index>> {
   static constexpr size_t maxSize = 4 + A::capacity * ET::maxSize;
 
   static bool less(const A& a, const A& b) { return a < b; }
+  static int compare(const A& a, const A& b) { return A::compare(a, b); }
   static bool equal(const A& a, const A& b) { return a == b; }
   static void mix(Hash& h, const A& a) {
     h.mix(a.count());

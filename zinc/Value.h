@@ -6,12 +6,13 @@
 //   }
 //
 // Each attribute is a (type, name) pair, in declared order; a type containing a comma needs an
-// alias. An inline array attribute is (element type, name, index type): the array holds at most
-// Index::maxValue + 1 elements (see InlineArray.h).
+// alias. A set of values is a Zinc::ValueSet<E> attribute (ValueSet.h). An inline array attribute
+// is (element type, name, index type): the array holds at most Index::maxValue + 1 elements (see
+// InlineArray.h).
 //
 // Generated for every value type T:
 //   T()                          every attribute zero/empty/its enumeration's first value
-//   T(a, b, ...)                 from all attributes in order
+//   T(a, b, ...)                 from all attributes in order (explicit for a single attribute)
 //   a(), aIs(v)                  per attribute
 //   for an inline array x indexed by I: x(I), xIs(I, v), xDel(I), xDelAll(), xs() (the count)
 //   ==, <                        all attributes; lexicographic in declared order
@@ -50,6 +51,7 @@
 #include "zinc/InlineArray.h"
 #include "zinc/Preprocessor.h"
 #include "zinc/Strep.h"
+#include "zinc/ValueSet.h"
 #include "zinc/ValueTraits.h"
 #include "zinc/Word.h"
 
@@ -117,15 +119,20 @@ bool valueEqual(const T& a, const T& b) {
   });
 }
 
+// Lexicographic over the attributes in declared order: -1, 0 or 1.
 template <ZincValue T>
-bool valueLess(const T& a, const T& b) {
-  bool result = false;
+int valueCompare(const T& a, const T& b) {
+  int result = 0;
   anyField<T>([&](const auto& f) {
-    using Tr = ValueTraits<typename std::decay_t<decltype(f)>::Type>;
-    if (Tr::less(a.*f.member, b.*f.member)) return result = true;
-    return Tr::less(b.*f.member, a.*f.member);
+    result = compareOf(a.*f.member, b.*f.member);
+    return result != 0;
   });
   return result;
+}
+
+template <ZincValue T>
+bool valueLess(const T& a, const T& b) {
+  return valueCompare(a, b) < 0;
 }
 
 template <ZincValue T>
@@ -207,6 +214,7 @@ struct ValueTraits<T> {
   static constexpr size_t maxSize = serializable ? fieldMaxSizeSum<T>() : 0;
 
   static bool less(const T& a, const T& b) { return valueLess(a, b); }
+  static int compare(const T& a, const T& b) { return valueCompare(a, b); }
   static bool equal(const T& a, const T& b) { return valueEqual(a, b); }
   static void mix(Hash& h, const T& v) { h.mix(v.hash()); }
   static void print(std::ostream& os, const T& v) { valuePrint(os, v); }
@@ -267,6 +275,12 @@ T strepToValue(std::string_view text) {
     p.expectEnd();
     return v;
   }
+}
+
+// The same reader, under the name that enumeration code knows it by.
+template <class T>
+T sequenceToValue(std::string_view text) {
+  return strepToValue<T>(text);
 }
 
 // The serialised form of a value (packed little-endian attributes in declared order):
@@ -365,6 +379,7 @@ struct Serial {
 #define ZINC_VF_FIELD_3(Elem, name, Index) ::Zinc::field(#name, &ZincAttrs::name##_)
 #define ZINC_VF_FIELD(f) ZINC_VF_DISPATCH(ZINC_VF_FIELD_, f)
 
+// clang-format off
 #define ZINC_VALUE_ATTRS(T, qualifiedName, ...)                                   \
   class T;                                                                        \
   class T##ZincAttrs {                                                            \
@@ -373,6 +388,7 @@ struct Serial {
                                                                                   \
    public:                                                                        \
     T##ZincAttrs() = default;                                                     \
+    explicit(ZINC_PP_NARGS(__VA_ARGS__) == 1)                                     \
     T##ZincAttrs(ZINC_PP_FOR_EACH_COMMA(ZINC_VF_PARAM, __VA_ARGS__))              \
         : ZINC_PP_FOR_EACH_COMMA(ZINC_VF_INIT, __VA_ARGS__) {}                    \
     static constexpr std::string_view zincTypeName() { return qualifiedName; }    \
@@ -402,6 +418,8 @@ struct Serial {
     }                                                                             \
     ZINC_PP_FOR_EACH(ZINC_VF_ATTR, __VA_ARGS__)                                   \
   }
+
+// clang-format on
 
 #define ZINC_VALUE_BODY(T)                                                            \
  public:                                                                              \

@@ -1,7 +1,8 @@
 // What the generic value code needs to know about each kind of attribute type.
 //
 // ValueTraits<X> gives, for every type that may be an attribute of a value type:
-//   less(a, b), equal(a, b)     ordering and equality
+//   less(a, b), equal(a, b)     ordering and equality (types made of parts also give
+//                               compare(a, b), a three-way comparison in one pass)
 //   mix(Hash&, x)               feeds x into a hash accumulator (one mix for scalars, the
 //                               value's own hash() for values and leaves)
 //   print(os, x), parse(p, x)   the text form and its reader
@@ -308,6 +309,17 @@ uint32_t hashOf(const X& x) {
     Hash h;
     ValueTraits<X>::mix(h, x);
     return h.result();
+  }
+}
+
+// Three-way comparison (-1, 0, 1) of any attribute type: one pass for types that compare
+// their parts (values, arrays), two less-than tests for scalars.
+template <class X>
+int compareOf(const X& a, const X& b) {
+  if constexpr (requires { ValueTraits<X>::compare(a, b); }) {
+    return ValueTraits<X>::compare(a, b);
+  } else {
+    return ValueTraits<X>::less(a, b) ? -1 : ValueTraits<X>::less(b, a) ? 1 : 0;
   }
 }
 

@@ -23,6 +23,10 @@ ZINC_VALUE(Item, "Shop::Item", (ItemKey, key), (bool, inStock), (Flags, flags), 
            (Labels, labels), (uint64_t, weight), (double, price));
 ZINC_VALUE(Note, "Shop::Note", (ItemKey, key), (Zinc::String, text));
 ZINC_VALUE(Shelf, "Shop::Shelf", (ItemKey, key), (ItemKey, item, SlotIndex));
+ZINC_VALUE(Tag, "Shop::Tag", (uint32_t, id));
+using ItemKeySet = Zinc::ValueSet<ItemKey>;
+ZINC_VALUE(Basket, "Shop::Basket", (uint32_t, id), (ItemKeySet, items));
+static_assert(!std::is_convertible_v<uint32_t, Tag>, "one attribute: no implicit conversion");
 
 ZINC_VALUE_ATTRS(Order, "Shop::Order", (ItemKey, key), (uint32_t, quantity));
 class Order : public OrderZincAttrs {
@@ -50,6 +54,8 @@ TEST(ValueType, EveryDeclaredTypePassesTheGenericChecks) {
   checkValueType(arbitrarySamples<Note>(40));
   checkValueType(arbitrarySamples<Shelf>(40));
   checkValueType(arbitrarySamples<Order>(40));
+  checkValueType(arbitrarySamples<Tag>(20));
+  checkValueType(arbitrarySamples<Basket>(40));
 }
 
 TEST(ValueType, DefaultIsZeroAndConstructionFollowsDeclaredOrder) {
@@ -226,6 +232,30 @@ TEST(InlineArray, EqualityAndSerialisationUseOnlyTheUsedElements) {
     EXPECT_NE(std::string(e.what()).find("No String constructor for Shelf - has collection"),
               std::string::npos);
   }
+}
+
+TEST(ValueSet, SortedUniqueAndIndependentOfInsertionOrder) {
+  ItemKeySet one, two;
+  ItemKey a(colorRed_, 1), b(colorBlue_, 0), c(colorDark_, 3);
+  EXPECT_TRUE(one.insert(a));
+  EXPECT_TRUE(one.insert(b));
+  EXPECT_FALSE(one.insert(a));
+  EXPECT_TRUE(one.insert(c));
+  two.insert(c);
+  two.insert(b);
+  two.insert(a);
+  Basket x(1, one), y(1, two);
+  EXPECT_EQ(x, y);
+  EXPECT_EQ(x.hash(), y.hash());
+  EXPECT_EQ(valueToStrep(x), valueToStrep(y));
+  EXPECT_EQ(one.size(), 3u);
+  EXPECT_EQ(*one.begin(), c) << "sorted: colorDark is -2";
+  EXPECT_TRUE(one.contains(b));
+  EXPECT_TRUE(one.erase(b));
+  EXPECT_FALSE(one.erase(b));
+  EXPECT_FALSE(one.contains(b));
+  EXPECT_TRUE(Basket(1, one) < x) << "a proper prefix orders first";
+  EXPECT_THROW(strepToValue<Basket>(valueToStrep(x)), InternalException);
 }
 
 TEST(Serial, PackedLittleEndianInDeclaredOrder) {

@@ -1,0 +1,250 @@
+// Writer benchmark: 1M entries of a 116-byte value (the LFIB route record's size), loaded,
+// updated in place and removed, on this table and on peers, on the same data in one run:
+//   lmdb_txn_per_op   LMDB, one commit per operation, MDB_NOSYNC | MDB_WRITEMAP
+//   lmdb_one_txn      LMDB, all operations of a phase in one transaction
+//   boost_ipc_mutex   Boost.Interprocess unordered_map in managed shared memory, each
+//                     operation under an interprocess mutex
+// Every figure is the median of kRepetitions runs, the systems interleaved in each round.
+// Output ends with "figure <name> <value> <unit>" and "ratio <name> <value>" lines (ours
+// over the peer's: higher is better).
+#include <lmdb.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <boost/interprocess/allocators/allocator.hpp>
+#include <boost/interprocess/managed_shared_memory.hpp>
+#include <boost/interprocess/sync/interprocess_mutex.hpp>
+#include <boost/interprocess/sync/scoped_lock.hpp>
+#include <boost/unordered_map.hpp>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <numeric>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "ledger/LedgerWriter.h"
+#include "zinc/Hash.h"
+
+namespace {
+
+constexpr uint32_t kEntries = 1000000;
+constexpr int kRepetitions = 5;
+
+struct RouteKey {
+  uint32_t label = 0;
+  uint32_t hash() const { return Zinc::Hash::finalize(label); }
+  auto operator<=>(const RouteKey&) const = default;
+};
+struct Route {
+  RouteKey k;
+  uint32_t words[28];
+  RouteKey key() const { return k; }
+  static const char* typeName() { return "Bench::Route"; }
+};
+static_assert(sizeof(Route) == 116);
+
+Route makeRoute(uint32_t label, uint32_t version) {
+  Route r;
+  r.k.label = label;
+  for (uint32_t i = 0; i < 28; ++i) r.words[i] = label ^ (version * 2654435761u) ^ i;
+  return r;
+}
+
+using Clock = std::chrono::steady_clock;
+double seconds(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+struct PhaseTimes {
+  double insert = 0, update = 0, remove = 0;
+};
+
+// One system under test: load, update and remove every key, timing each phase.
+struct System {
+  std::string name;
+  std::function<PhaseTimes(const std::vector<uint32_t>& order)> run;
+  std::vector<PhaseTimes> samples;
+};
+
+std::string benchRoot() { return "/dev/shm/ledger-bench-" + std::to_string(::getpid()); }
+
+PhaseTimes runLedger(const std::vector<uint32_t>& order) {
+  Ledger::LedgerConfig config;
+  config.root = benchRoot();
+  config.table = "routes";
+  config.capacity = 1024;
+  PhaseTimes t;
+  {
+    Ledger::LedgerWriter<RouteKey, Route> w(config);
+    w.attach();
+    auto start = Clock::now();
+    for (uint32_t label = 0; label < kEntries; ++label) w.write(makeRoute(label, 1));
+    t.insert = seconds(start);
+    start = Clock::now();
+    for (uint32_t label : order) w.write(makeRoute(label, 2));
+    t.update = seconds(start);
+    start = Clock::now();
+    for (uint32_t label : order) w.remove(RouteKey{label});
+    t.remove = seconds(start);
+    w.cleanup();
+  }
+  return t;
+}
+
+void check(int rc, const char* what) {
+  if (rc != 0) {
+    std::fprintf(stderr, "%s: %s\n", what, mdb_strerror(rc));
+    std::exit(1);
+  }
+}
+
+PhaseTimes runLmdb(const std::vector<uint32_t>& order, bool txnPerOp) {
+  std::string dir = benchRoot() + "/lmdb";
+  std::filesystem::remove_all(dir);
+  std::filesystem::create_directories(dir);
+  MDB_env* env;
+  check(mdb_env_create(&env), "mdb_env_create");
+  check(mdb_env_set_mapsize(env, size_t{1} << 30), "mdb_env_set_mapsize");
+  check(mdb_env_open(env, dir.c_str(), MDB_NOSYNC | MDB_WRITEMAP, 0600), "mdb_env_open");
+  MDB_txn* txn;
+  MDB_dbi dbi;
+  check(mdb_txn_begin(env, nullptr, 0, &txn), "mdb_txn_begin");
+  check(mdb_dbi_open(txn, nullptr, MDB_INTEGERKEY, &dbi), "mdb_dbi_open");
+  check(mdb_txn_commit(txn), "mdb_txn_commit");
+  auto phase = [&](auto&& keys, auto&& op) {
+    auto start = Clock::now();
+    if (!txnPerOp) check(mdb_txn_begin(env, nullptr, 0, &txn), "mdb_txn_begin");
+    for (uint32_t label : keys) {
+      if (txnPerOp) check(mdb_txn_begin(env, nullptr, 0, &txn), "mdb_txn_begin");
+      op(label);
+      if (txnPerOp) check(mdb_txn_commit(txn), "mdb_txn_commit");
+    }
+    if (!txnPerOp) check(mdb_txn_commit(txn), "mdb_txn_commit");
+    return seconds(start);
+  };
+  auto put = [&](uint32_t label, uint32_t version) {
+    Route r = makeRoute(label, version);
+    MDB_val key{sizeof(label), &label}, value{sizeof(r), &r};
+    check(mdb_put(txn, dbi, &key, &value, 0), "mdb_put");
+  };
+  std::vector<uint32_t> ascending(kEntries);
+  std::iota(ascending.begin(), ascending.end(), 0);
+  PhaseTimes t;
+  t.insert = phase(ascending, [&](uint32_t label) { put(label, 1); });
+  t.update = phase(order, [&](uint32_t label) { put(label, 2); });
+  t.remove = phase(order, [&](uint32_t label) {
+    MDB_val key{sizeof(label), &label};
+    check(mdb_del(txn, dbi, &key, nullptr), "mdb_del");
+  });
+  mdb_env_close(env);
+  std::filesystem::remove_all(dir);
+  return t;
+}
+
+namespace bip = boost::interprocess;
+using SegmentManager = bip::managed_shared_memory::segment_manager;
+using IpcAllocator = bip::allocator<std::pair<const uint32_t, Route>, SegmentManager>;
+using IpcMap = boost::unordered_map<uint32_t, Route, boost::hash<uint32_t>, std::equal_to<uint32_t>,
+                                    IpcAllocator>;
+
+PhaseTimes runBoost(const std::vector<uint32_t>& order) {
+  const std::string name = "ledger-bench-boost-" + std::to_string(::getpid());
+  bip::shared_memory_object::remove(name.c_str());
+  PhaseTimes t;
+  {
+    bip::managed_shared_memory segment(bip::create_only, name.c_str(), size_t{640} << 20);
+    auto* mutex = segment.construct<bip::interprocess_mutex>("mutex")();
+    auto* map =
+        segment.construct<IpcMap>("map")(16, boost::hash<uint32_t>(), std::equal_to<uint32_t>(),
+                                         segment.get_allocator<IpcMap::value_type>());
+    auto start = Clock::now();
+    for (uint32_t label = 0; label < kEntries; ++label) {
+      bip::scoped_lock<bip::interprocess_mutex> lock(*mutex);
+      map->emplace(label, makeRoute(label, 1));
+    }
+    t.insert = seconds(start);
+    start = Clock::now();
+    for (uint32_t label : order) {
+      bip::scoped_lock<bip::interprocess_mutex> lock(*mutex);
+      (*map)[label] = makeRoute(label, 2);
+    }
+    t.update = seconds(start);
+    start = Clock::now();
+    for (uint32_t label : order) {
+      bip::scoped_lock<bip::interprocess_mutex> lock(*mutex);
+      map->erase(label);
+    }
+    t.remove = seconds(start);
+  }
+  bip::shared_memory_object::remove(name.c_str());
+  return t;
+}
+
+double median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  return v[v.size() / 2];
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // --only NAME runs one system (profiling); the ratios then compare it with nothing.
+  std::string only = argc == 3 && std::string(argv[1]) == "--only" ? argv[2] : "";
+  std::vector<uint32_t> order(kEntries);
+  std::iota(order.begin(), order.end(), 0);
+  std::shuffle(order.begin(), order.end(), std::mt19937(42));
+  std::vector<System> systems = {
+      {"ledger", runLedger, {}},
+      {"lmdb_txn_per_op", [](const auto& o) { return runLmdb(o, true); }, {}},
+      {"lmdb_one_txn", [](const auto& o) { return runLmdb(o, false); }, {}},
+      {"boost_ipc_mutex", runBoost, {}},
+  };
+  if (!only.empty()) {
+    std::erase_if(systems, [&](const System& s) { return s.name != only; });
+  }
+  for (int rep = 0; rep < kRepetitions; ++rep) {
+    for (System& s : systems) {
+      s.samples.push_back(s.run(order));
+      const PhaseTimes& t = s.samples.back();
+      std::printf("round %d %-16s insert %.3fs update %.3fs remove %.3fs\n", rep, s.name.c_str(),
+                  t.insert, t.update, t.remove);
+      std::fflush(stdout);
+    }
+  }
+  std::filesystem::remove_all(benchRoot());
+  std::map<std::string, PhaseTimes> med;
+  for (System& s : systems) {
+    auto pick = [&](double PhaseTimes::*field) {
+      std::vector<double> v;
+      for (const auto& t : s.samples) v.push_back(t.*field);
+      return median(v);
+    };
+    med[s.name] = {pick(&PhaseTimes::insert), pick(&PhaseTimes::update), pick(&PhaseTimes::remove)};
+  }
+  for (System& s : systems) {
+    const PhaseTimes& t = med[s.name];
+    std::printf("figure %s_inserts_per_s %.0f ops/s\n", s.name.c_str(), kEntries / t.insert);
+    std::printf("figure %s_updates_per_s %.0f ops/s\n", s.name.c_str(), kEntries / t.update);
+    std::printf("figure %s_removes_per_s %.0f ops/s\n", s.name.c_str(), kEntries / t.remove);
+  }
+  if (!only.empty()) return 0;
+  std::printf("figure load_1m_seconds %.3f s\n", med["ledger"].insert);
+  auto ratio = [&](const char* name, const std::string& peer, double PhaseTimes::*field) {
+    std::printf("ratio %s %.2f\n", name, med[peer].*field / med["ledger"].*field);
+  };
+  ratio("insert_vs_lmdb_txn_per_op", "lmdb_txn_per_op", &PhaseTimes::insert);
+  ratio("insert_vs_lmdb_one_txn", "lmdb_one_txn", &PhaseTimes::insert);
+  ratio("insert_vs_boost_ipc_mutex", "boost_ipc_mutex", &PhaseTimes::insert);
+  ratio("remove_vs_lmdb_txn_per_op", "lmdb_txn_per_op", &PhaseTimes::remove);
+  ratio("remove_vs_lmdb_one_txn", "lmdb_one_txn", &PhaseTimes::remove);
+  ratio("remove_vs_boost_ipc_mutex", "boost_ipc_mutex", &PhaseTimes::remove);
+  ratio("update_vs_lmdb_txn_per_op", "lmdb_txn_per_op", &PhaseTimes::update);
+  ratio("update_vs_lmdb_one_txn", "lmdb_one_txn", &PhaseTimes::update);
+  ratio("update_vs_boost_ipc_mutex", "boost_ipc_mutex", &PhaseTimes::update);
+  return 0;
+}
