@@ -27,8 +27,11 @@
 #include <vector>
 
 #include "ledger/LedgerMap.h"
+#include "ledger/LedgerShadow.h"
 #include "platform/shm/EmberFile.h"
+#include "platform/shm/ReaderKick.h"
 #include "zinc/Exception.h"
+#include "zinc/Loop.h"
 #include "zinc/Trace.h"
 #include "zinc/Value.h"
 
@@ -140,11 +143,18 @@ class ZincLedgerMap {
   // The folder under the root that holds this table.
   const std::string& tableName() const { return table_; }
 
-  // Mounts the table `<folder>/<name>` under `root` with a fresh LedgerMap. The writer side
-  // attaches now (adopting existing files); the reader side stays on the dummy until a
-  // mounted reader is handed over with readerIs().
+  // Mounts the table `<folder>/<name>` under `root` with a fresh LedgerMap.
+  //  - writer: attaches now (adopting existing files) and kicks the table's readers after each
+  //    batch of changes: at the end of the loop iteration when `loop` is given, else when
+  //    flushKicks() is called;
+  //  - readOnly with a loop: a LedgerShadow follows the table on that loop (mounting when the
+  //    writer appears) and reports every changed key to the entity;
+  //  - readOnly without a loop: stays on the dummy until readerIs() hands a table over.
   void mountIs(LedgerMode mode, const std::string& root, const std::string& folder,
-               uint32_t capacity = 64) {
+               uint32_t capacity = 64, Zinc::Loop* loop = nullptr) {
+    map_.reset();
+    kicker_.reset();
+    shadow_ = nullptr;
     LedgerConfig config;
     config.root = root;
     table_ = folder.empty() ? name_ : folder + "/" + name_;
@@ -152,7 +162,12 @@ class ZincLedgerMap {
     config.capacity = capacity;
     map_ = std::make_unique<Map>(config, mode, ops_);
     map_->corruptionHandlerIs([this](const std::string&) { collectionChanged(); });
-    if (mode == LedgerMode::writer) map_->initialize();
+    if (mode == LedgerMode::writer) {
+      map_->initialize();
+      attachKicker(root, loop);
+    } else if (loop) {
+      mountShadow(root, *loop);
+    }
     controlChanged();
     collectionChanged();
   }
@@ -161,6 +176,13 @@ class ZincLedgerMap {
     controlChanged();
     collectionChanged();
   }
+  // Kicks the readers if something changed since the last kick.
+  void flushKicks() {
+    if (kicker_) kicker_->flush();
+  }
+  // Reader side: the shadow has consumed everything the writer published so far.
+  bool inStep() const { return !shadow_ || (shadow_->inStep() && shadow_->quiesced()); }
+  LedgerShadow<Key, Value, OpsT>* shadow() const { return shadow_; }
   void unmount() {
     if (!map_) return;
     map_->detach();
@@ -255,6 +277,24 @@ class ZincLedgerMap {
         onCollection_(onCollection),
         onControl_(onControl),
         ops_(std::move(ops)) {}
+  void attachKicker(const std::string& root, Zinc::Loop* loop) {
+    auto* writer = dynamic_cast<LedgerWriter<Key, Value, OpsT>*>(&map_->table());
+    if (!writer) return;
+    Mem::ReaderKickSm::Defer defer;
+    if (loop) defer = [loop](std::function<void()> fn) { loop->defer(std::move(fn)); };
+    kicker_ = std::make_unique<Mem::ReaderKickSm>(SharedMem::rootPath(root) + "/" + table_, defer);
+    writer->rally().kickHookIs([kicker = kicker_.get()] { kicker->commitNotify(); });
+  }
+  void mountShadow(const std::string& root, Zinc::Loop& loop) {
+    Notify<Key, Value> notify;
+    notify.onKey = [this](const Key& key, const Value*) { keyChanged(key); };
+    auto shadow = std::make_unique<LedgerShadow<Key, Value, OpsT>>(ReaderConfig{root, table_}, loop,
+                                                                   notify, ops_);
+    shadow_ = shadow.get();
+    shadow->corruptionHandlerIs([this](const std::string&) { collectionChanged(); });
+    shadow->initialize();
+    map_->tableIs(std::move(shadow));
+  }
   bool noMansLand(const char* operation) const {
     ZTRACE_TO(Detail::zincMapTrace(), 1,
               "LedgerMap::" << operation << "() in no man's land " << name_);
@@ -268,7 +308,9 @@ class ZincLedgerMap {
   CollectionHandler onCollection_;
   CollectionHandler onControl_;
   OpsT ops_;
+  std::unique_ptr<Mem::ReaderKickSm> kicker_;  // outlives the writer, whose hook calls it
   std::unique_ptr<Map> map_;
+  LedgerShadow<Key, Value, OpsT>* shadow_ = nullptr;  // owned by map_
 };
 
 }  // namespace Ledger

@@ -84,8 +84,17 @@ class ViaSetTable {
   }
 
   void mountIs(Ledger::LedgerMode mode, const std::string& root, const std::string& folder,
-               uint32_t capacity = 64) {
-    for (auto& t : tiers_) t->mountIs(mode, root, folder, capacity);
+               uint32_t capacity = 64, Zinc::Loop* loop = nullptr) {
+    for (auto& t : tiers_) t->mountIs(mode, root, folder, capacity, loop);
+  }
+  void flushKicks() {
+    for (auto& t : tiers_) t->flushKicks();
+  }
+  bool inStep() const {
+    for (auto& t : tiers_) {
+      if (!t->inStep()) return false;
+    }
+    return true;
   }
   void unmount() {
     for (auto& t : tiers_) t->unmount();

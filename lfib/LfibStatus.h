@@ -94,8 +94,15 @@ class LfibStatus : public Zinc::Entity {
   explicit LfibStatus(const Zinc::Name& name);
   ~LfibStatus() override;
 
-  // Mounts every table: the writer side attaches (adopting what a previous writer left).
-  void ledgerMountIs(Ledger::LedgerMode mode, const std::string& root = {}, uint32_t capacity = 64);
+  // Mounts every table. The writer side attaches (adopting what a previous writer left) and
+  // kicks readers at the end of each loop iteration (with `loop`) or on ledgerFlushKicks().
+  // The reader side (readOnly with a loop) follows each table through a shadow on `loop` and
+  // notifies per changed key.
+  void ledgerMountIs(Ledger::LedgerMode mode, const std::string& root = {}, uint32_t capacity = 64,
+                     Zinc::Loop* loop = nullptr);
+  void ledgerFlushKicks();
+  // Reader side: every table's shadow has consumed all that the writer published.
+  bool ledgerInStep() const;
   void ledgerUnmount();
   // The folder under the ledger root that holds this entity's tables.
   std::string ledgerFolder() const { return "lfib/" + std::string(name().view()); }
@@ -173,7 +180,8 @@ class LfibHwStatus : public Zinc::Entity {
 
   explicit LfibHwStatus(const Zinc::Name& name) : Zinc::Entity(name) {}
   ~LfibHwStatus() override;
-  void ledgerMountIs(Ledger::LedgerMode mode, const std::string& root = {}, uint32_t capacity = 64);
+  void ledgerMountIs(Ledger::LedgerMode mode, const std::string& root = {}, uint32_t capacity = 64,
+                     Zinc::Loop* loop = nullptr);
   std::string ledgerFolder() const { return "lfibHw/" + std::string(name().view()); }
   uint64_t counter(const std::string& name) const { return counterRegistry_.counter(name); }
   void verifyViaSet(const LfibViaSetKey&) const {}

@@ -65,11 +65,25 @@ void LfibStatus::releaseTables() {
 #undef MPLS_RELEASE_TABLE
 }
 
-void LfibStatus::ledgerMountIs(Ledger::LedgerMode mode, const std::string& root,
-                               uint32_t capacity) {
+void LfibStatus::ledgerFlushKicks() {
+#define MPLS_KICK_TABLE(attr, Attr, K, V, Table) attr##_->flushKicks();
+  MPLS_LFIB_STATUS_TABLES(MPLS_KICK_TABLE)
+#undef MPLS_KICK_TABLE
+}
+
+bool LfibStatus::ledgerInStep() const {
+  bool inStep = true;
+#define MPLS_IN_STEP(attr, Attr, K, V, Table) inStep = inStep && attr##_->inStep();
+  MPLS_LFIB_STATUS_TABLES(MPLS_IN_STEP)
+#undef MPLS_IN_STEP
+  return inStep;
+}
+
+void LfibStatus::ledgerMountIs(Ledger::LedgerMode mode, const std::string& root, uint32_t capacity,
+                               Zinc::Loop* loop) {
   const std::string base = SharedMem::rootPath(root) + "/" + ledgerFolder();
   ZTRACE(1, "LfibStatus::ledgerMountIs() " << base);
-#define MPLS_MOUNT_TABLE(attr, Attr, K, V, Table) attr##_->mountIs(mode, base, {}, capacity);
+#define MPLS_MOUNT_TABLE(attr, Attr, K, V, Table) attr##_->mountIs(mode, base, {}, capacity, loop);
   MPLS_LFIB_STATUS_TABLES(MPLS_MOUNT_TABLE)
 #undef MPLS_MOUNT_TABLE
 }
@@ -152,9 +166,9 @@ LfibHwStatus::~LfibHwStatus() {
 }
 
 void LfibHwStatus::ledgerMountIs(Ledger::LedgerMode mode, const std::string& root,
-                                 uint32_t capacity) {
+                                 uint32_t capacity, Zinc::Loop* loop) {
   const std::string base = SharedMem::rootPath(root) + "/" + ledgerFolder();
-#define MPLS_MOUNT_TABLE(attr, Attr, K, V, Table) attr##_->mountIs(mode, base, {}, capacity);
+#define MPLS_MOUNT_TABLE(attr, Attr, K, V, Table) attr##_->mountIs(mode, base, {}, capacity, loop);
   MPLS_LFIB_HW_STATUS_TABLES(MPLS_MOUNT_TABLE)
 #undef MPLS_MOUNT_TABLE
 }
