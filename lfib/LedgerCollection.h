@@ -132,6 +132,10 @@ class ViaSetTable {
     for (auto& t : tiers_) ok = t->validateFiles() && ok;
     return ok;
   }
+  template <class Fn>
+  void forEachTier(Fn&& fn) {
+    for (auto& t : tiers_) fn(*t);
+  }
   void handleParent(E* parent) {
     for (auto& t : tiers_) t->handleParent(parent);
   }

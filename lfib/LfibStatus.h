@@ -108,6 +108,10 @@ class LfibStatus : public Zinc::Entity {
   std::string ledgerFolder() const { return "lfib/" + std::string(name().view()); }
   // validateFiles on every table; true when all pass.
   bool validateFiles();
+  // Each table's files validated: (table name, passed), the via-set classes one by one.
+  std::vector<std::pair<std::string, bool>> validateEachTable();
+  // Bytes that the tables' files take in shared memory (allocated blocks).
+  uint64_t ledgerBytes() const;
 
   uint64_t counter(const std::string& name) const { return counterRegistry_.counter(name); }
   const CounterRegistry& counterRegistry() const { return counterRegistry_; }
@@ -152,6 +156,7 @@ class LfibStatus : public Zinc::Entity {
 
   CounterRegistry counterRegistry_;
   ZeroReferencesRelease zeroReferencesRelease_;
+  std::string mountedRoot_;
 
  public:
   MPLS_LFIB_STATUS_TABLES(MPLS_LEDGER_COLLECTION)

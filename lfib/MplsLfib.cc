@@ -1,6 +1,9 @@
 // LfibStatus, LfibHwStatus and LfibDot1qTagToVlan: mounting, validation, dumps and release.
 // The validation rules live here so that their assertion texts name this file ("MplsLfib:").
+#include <sys/stat.h>
+
 #include <cstdio>
+#include <filesystem>
 #include <sstream>
 
 #include "lfib/LfibStatus.h"
@@ -81,6 +84,7 @@ bool LfibStatus::ledgerInStep() const {
 
 void LfibStatus::ledgerMountIs(Ledger::LedgerMode mode, const std::string& root, uint32_t capacity,
                                Zinc::Loop* loop) {
+  mountedRoot_ = root;
   const std::string base = SharedMem::rootPath(root) + "/" + ledgerFolder();
   ZTRACE(1, "LfibStatus::ledgerMountIs() " << base);
 #define MPLS_MOUNT_TABLE(attr, Attr, K, V, Table) attr##_->mountIs(mode, base, {}, capacity, loop);
@@ -100,6 +104,41 @@ bool LfibStatus::validateFiles() {
   MPLS_LFIB_STATUS_TABLES(MPLS_VALIDATE_TABLE)
 #undef MPLS_VALIDATE_TABLE
   return ok;
+}
+
+namespace {
+
+template <class Table>
+void validateInto(Table& table, std::vector<std::pair<std::string, bool>>& out) {
+  if constexpr (requires { table.forEachTier([](auto&) {}); }) {
+    table.forEachTier([&](auto& tier) { validateInto(tier, out); });
+  } else {
+    out.emplace_back(table.name(), table.validateFiles());
+  }
+}
+
+}  // namespace
+
+std::vector<std::pair<std::string, bool>> LfibStatus::validateEachTable() {
+  std::vector<std::pair<std::string, bool>> out;
+#define MPLS_VALIDATE_EACH(attr, Attr, K, V, Table) validateInto(*attr##_, out);
+  MPLS_LFIB_STATUS_TABLES(MPLS_VALIDATE_EACH)
+#undef MPLS_VALIDATE_EACH
+  return out;
+}
+
+uint64_t LfibStatus::ledgerBytes() const {
+  uint64_t bytes = 0;
+  std::error_code ec;
+  const std::string base = SharedMem::rootPath(mountedRoot_) + "/" + ledgerFolder();
+  for (auto it = std::filesystem::recursive_directory_iterator(base, ec);
+       !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
+    struct stat st;
+    if (it->is_regular_file(ec) && ::stat(it->path().c_str(), &st) == 0) {
+      bytes += uint64_t(st.st_blocks) * 512;
+    }
+  }
+  return bytes;
 }
 
 void LfibStatus::dumpState(std::ostream& context, int indent) const {
