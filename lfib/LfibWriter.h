@@ -1,0 +1,61 @@
+// LfibWriter: writes whole routes (ConsolidatedLfibRoute) into LfibStatus as vias, one via set
+// and one route, with keys from one LfibViaIndexAllocator per source.
+//
+// Each route owns its via set and vias. The writer keeps no copy of what it wrote: every
+// decision reads the stored route, via set and vias back, so a restarted writer carries on
+// from what shared memory holds. Writes go vias -> via set -> route -> old via set -> old
+// vias, each only when it changed, so that a reader never follows a route to a missing via
+// set or via.
+//
+// With the feature toggle "InPlaceMplsAdjacencyUpdate" on, a rewrite keeps the route's via set
+// key (same source, via type and via set type) and the keys of vias whose content is
+// unchanged; with it off, every rewrite takes fresh keys and then drops all the old ones.
+#pragma once
+
+#include <unordered_map>
+#include <vector>
+
+#include "lfib/ConsolidatedLfibRoute.h"
+#include "lfib/LfibStatus.h"
+#include "lfib/LfibViaIndexAllocator.h"
+#include "zinc/Ptr.h"
+
+namespace Mpls {
+
+class LfibWriter : public Zinc::PtrInterface {
+ public:
+  using Ptr = Zinc::Ptr<LfibWriter>;
+  static constexpr uint32_t maxVias = 128;
+
+  explicit LfibWriter(const Zinc::Ptr<LfibStatus>& lfib);
+
+  const Zinc::Ptr<LfibStatus>& lfib() const { return lfib_; }
+  bool inPlaceAdjacencyUpdateSupported() const { return inPlaceAdjacencyUpdateSupported_; }
+  void inPlaceAdjacencyUpdateSupportedIs(bool v) { inPlaceAdjacencyUpdateSupported_ = v; }
+
+  // Reads the feature toggle; run by the constructor.
+  void handleInitialized();
+
+  Zinc::Ptr<LfibViaIndexAllocator> indexAllocator(LFib::Source source);
+  Zinc::Ptr<LfibViaIndexAllocator> indexAllocatorInternal(LFib::Source source) const;
+  void indexAllocatorInternalIs(LFib::Source source, const Zinc::Ptr<LfibViaIndexAllocator>& a);
+
+  void lfibRouteIs(const ConsolidatedLfibRoute& route);
+  void lfibRouteDel(const RouteKey& key);
+  void lfibRouteDelAll();
+  void lfibViaDel(const LfibViaKey& key);
+
+ private:
+  struct OldRoute;
+  template <class Via>
+  void writeVias(const ConsolidatedLfibRoute& route, OldRoute& old, LfibViaSet& viaSet);
+  LfibViaSetKey chooseViaSetKey(const ConsolidatedLfibRoute& route, const OldRoute& old);
+
+  Zinc::Ptr<LfibStatus> lfib_;
+  std::unordered_map<int32_t, Zinc::Ptr<LfibViaIndexAllocator>> indexAllocatorInternal_;
+  bool inPlaceAdjacencyUpdateSupported_ = false;
+};
+
+Zinc::Ptr<LfibWriter> lfibWriterFactory(const Zinc::Ptr<LfibStatus>& lfib);
+
+}  // namespace Mpls

@@ -1,0 +1,215 @@
+#include <map>
+#include <optional>
+
+#include "lfib/LfibWriter.h"
+#include "platform/toggle/FeatureToggle.h"
+#include "zinc/Exception.h"
+#include "zinc/Trace.h"
+
+ZINC_TRACE_FILE("MplsLfibWriter");
+
+namespace Mpls {
+
+// What the stored route looked like before this write.
+struct LfibWriter::OldRoute {
+  std::optional<LfibRoute> route;
+  std::optional<LfibViaSet> viaSet;
+  std::vector<LfibViaKey> viaKeys;  // not (yet) reused by the new route
+
+  bool takeViaKey(const LfibViaKey& key) {
+    for (auto it = viaKeys.begin(); it != viaKeys.end(); ++it) {
+      if (*it == key) {
+        viaKeys.erase(it);
+        return true;
+      }
+    }
+    return false;
+  }
+};
+
+LfibWriter::LfibWriter(const Zinc::Ptr<LfibStatus>& lfib) : lfib_(lfib) { handleInitialized(); }
+
+void LfibWriter::handleInitialized() {
+  ZTRACE(8, "void Mpls::LfibWriter::handleInitialized()");
+  inPlaceAdjacencyUpdateSupported_ = Platform::FeatureToggle::enabled("InPlaceMplsAdjacencyUpdate");
+}
+
+Zinc::Ptr<LfibViaIndexAllocator> LfibWriter::indexAllocatorInternal(LFib::Source source) const {
+  auto it = indexAllocatorInternal_.find(source);
+  return it == indexAllocatorInternal_.end() ? Zinc::Ptr<LfibViaIndexAllocator>() : it->second;
+}
+
+void LfibWriter::indexAllocatorInternalIs(LFib::Source source,
+                                          const Zinc::Ptr<LfibViaIndexAllocator>& a) {
+  indexAllocatorInternal_[source] = a;
+}
+
+Zinc::Ptr<LfibViaIndexAllocator> LfibWriter::indexAllocator(LFib::Source source) {
+  auto allocator = indexAllocatorInternal(source);
+  if (!allocator) {
+    allocator = lfibViaIndexAllocatorFactory(source, lfib_);
+    indexAllocatorInternalIs(source, allocator);
+  }
+  return allocator;
+}
+
+LfibViaSetKey LfibWriter::chooseViaSetKey(const ConsolidatedLfibRoute& route, const OldRoute& old) {
+  if (inPlaceAdjacencyUpdateSupported_ && old.route) {
+    const LfibViaSetKey& k = old.route->viaSetKey();
+    if (k.source() == route.source() && k.viaType() == route.viaType() &&
+        k.viaSetType() == route.viaSetType()) {
+      return k;
+    }
+  }
+  return indexAllocator(route.source())->getViaSetKey(route.viaType(), route.viaSetType());
+}
+
+// Writes the route's vias of record type Via and places their keys in the new via set.
+template <class Via>
+void LfibWriter::writeVias(const ConsolidatedLfibRoute& route, OldRoute& old, LfibViaSet& viaSet) {
+  // The old route's vias of this type, by content (the record with its key unset).
+  std::map<Via, LfibViaKey> oldByContent;
+  if (inPlaceAdjacencyUpdateSupported_) {
+    for (const LfibViaKey& k : old.viaKeys) {
+      Via stored;
+      if (k.viaType() != route.viaType() || k.source() != route.source() ||
+          !lfib_->elementLookup(k, stored)) {
+        continue;
+      }
+      stored.keyIs(LfibViaKey());
+      oldByContent.emplace(stored, k);
+    }
+  }
+  uint32_t position = 0;
+  for (Via via : route.vias(static_cast<const Via*>(nullptr))) {
+    auto reuse = oldByContent.find(via);
+    LfibViaKey key;
+    if (reuse != oldByContent.end() && old.takeViaKey(reuse->second)) {
+      key = reuse->second;
+    } else {
+      key = indexAllocator(route.source())->getViaKey(route.viaType());
+    }
+    via.keyIs(key);  // the weight travels in the record (LfibMplsVia::weight)
+    Via stored;
+    if (!lfib_->elementLookup(key, stored) || !(stored == via)) lfib_->elementIs(via);
+    viaSet.viaKeyIs(LfibViaIndexRange(position), key);
+    if (position == maxVias - 1) {
+      ZTRACE(0, "Reached via index limit (" << position << "), ignoring extra vias");
+      break;
+    }
+    ++position;
+  }
+}
+
+void LfibWriter::lfibRouteIs(const ConsolidatedLfibRoute& route) {
+  ZTRACE(8, "void Mpls::LfibWriter::lfibRouteIs(const Mpls::ConsolidatedLfibRoute&)");
+  ZINC_ASSERT(route.viaType() != viaTypeMplsUnknown_ && route.viaType() != viaTypeMax_,
+              "invalid viaType");
+  OldRoute old;
+  LfibRoute stored;
+  if (lfib_->elementLookup(route.key(), stored)) {
+    ZTRACE(7, route.key() << ": found old lfib route");
+    old.route = stored;
+    std::optional<LfibViaSet> oldViaSet = LfibViaSet();
+    if (!lfib_->elementLookup(stored.viaSetKey(), *oldViaSet)) oldViaSet.reset();
+    ZINC_ASSERT(!!oldViaSet, "the via set of an lfib route is missing");
+    for (uint32_t i = 0; i < oldViaSet->viaKeys(); ++i) {
+      old.viaKeys.push_back(oldViaSet->viaKey(LfibViaIndexRange(i)));
+    }
+    old.viaSet = oldViaSet;
+  }
+  const LfibViaSetKey viaSetKey = chooseViaSetKey(route, old);
+  LfibViaSet viaSet(viaSetKey);
+  switch (route.viaType()) {
+    case viaTypeMplsIp_:
+      writeVias<LfibMplsVia>(route, old, viaSet);
+      break;
+    case viaTypeMplsPseudowire_:
+      writeVias<LfibPwVia>(route, old, viaSet);
+      break;
+    case viaTypeIpLookup_:
+      writeVias<LfibIpLookupVia>(route, old, viaSet);
+      break;
+    case viaTypeExternalFec_:
+      writeVias<LfibExtFecVia>(route, old, viaSet);
+      break;
+    default:
+      break;  // VLAN and EVPN vias are written by their producers
+  }
+  const bool sameViaSetKey = old.route && old.route->viaSetKey() == viaSetKey;
+  LfibViaSet current;
+  const bool viaSetUnchanged = sameViaSetKey
+                                   ? old.viaSet == viaSet
+                                   : lfib_->elementLookup(viaSetKey, current) && current == viaSet;
+  if (!viaSetUnchanged) lfib_->viaSetIs(viaSet);
+  LfibRoute newRoute(route.key(), viaSetKey, route.source(), route.fec(), route.metric());
+  if (!old.route || !(*old.route == newRoute)) {
+    ZTRACE(1, "lfibRouteIs " << newRoute.ledgerString());
+    lfib_->lfibRouteIs(newRoute);
+  }
+  if (old.route && !sameViaSetKey) lfib_->viaSetDel(old.route->viaSetKey());
+  for (const LfibViaKey& k : old.viaKeys) lfibViaDel(k);
+}
+
+void LfibWriter::lfibRouteDel(const RouteKey& key) {
+  ZTRACE(1, "lfibRouteDel"
+                << " routeKey:" << key);
+  LfibRoute route;
+  if (!lfib_->elementLookup(key, route)) return;
+  lfib_->lfibRouteDel(key);
+  LfibViaSet viaSet;
+  if (!lfib_->elementLookup(route.viaSetKey(), viaSet)) return;
+  lfib_->viaSetDel(route.viaSetKey());
+  for (uint32_t i = 0; i < viaSet.viaKeys() && i < maxVias; ++i) {
+    lfibViaDel(viaSet.viaKey(LfibViaIndexRange(i)));
+  }
+}
+
+void LfibWriter::lfibRouteDelAll() {
+  ZTRACE(8, "void Mpls::LfibWriter::lfibRouteDelAll()");
+  std::vector<RouteKey> keys;
+  lfib_->lfibRouteForEach([&](const LfibRoute& r) { keys.push_back(r.key()); });
+  for (const RouteKey& key : keys) lfibRouteDel(key);
+}
+
+void LfibWriter::lfibViaDel(const LfibViaKey& key) {
+  LfibStatus& s = *lfib_;
+  switch (key.viaType()) {
+    case viaTypeMplsIp_:
+      s.mplsViaDel(key);
+      break;
+    case viaTypeMplsPseudowire_:
+      s.pwViaDel(key);
+      break;
+    case viaTypeIpLookup_:
+      s.ipLookupViaDel(key);
+      break;
+    case viaTypeVlan_:
+      s.vlanViaDel(key);
+      break;
+    case viaTypeEvpnVlanAware_:
+      s.evpnVlanAwareViaDel(key);
+      break;
+    case viaTypeEvpnEthernetSegment_:
+      s.evpnEthernetSegmentFilterViaDel(key);
+      break;
+    case viaTypeEvpnVlanFlood_:
+      s.evpnVlanFloodViaDel(key);
+      break;
+    case viaTypeEvpnVlanAwareFlood_:
+      s.evpnVlanAwareFloodViaDel(key);
+      break;
+    case viaTypeExternalFec_:
+      s.extFecViaDel(key);
+      break;
+    default:
+      ZINC_ASSERT(static_cast<int32_t>(key.viaType()) != 9, "viaType not yet supported");
+      ZINC_ASSERT(false, "invalid viaType");
+  }
+}
+
+Zinc::Ptr<LfibWriter> lfibWriterFactory(const Zinc::Ptr<LfibStatus>& lfib) {
+  return Zinc::Ptr<LfibWriter>(new LfibWriter(lfib));
+}
+
+}  // namespace Mpls

@@ -1,0 +1,203 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "lfib/LfibStatus.h"
+#include "lfib/tests/TempLedgerRoot.h"
+#include "zinc/Exception.h"
+
+namespace Mpls {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+LfibViaKey viaKey(LfibViaType type, uint32_t index) {
+  return LfibViaKey(LFib::sourceLdp_, type, index);
+}
+LfibViaSetKey viaSetKey(LfibViaType type, uint32_t index) {
+  return LfibViaSetKey(LFib::sourceLdp_, index, type, viaSetTypeEcmp_);
+}
+LfibViaSet viaSetWith(LfibViaType type, uint32_t index, uint32_t vias) {
+  LfibViaSet vs(viaSetKey(type, index));
+  for (uint32_t i = 0; i < vias; ++i) vs.viaKeyIs(LfibViaIndexRange(i), viaKey(type, i + 1));
+  return vs;
+}
+LfibRoute routeTo(uint32_t label, const LfibViaSetKey& vsk, uint32_t metric) {
+  RouteMetric m;
+  m.metricIs(metric);
+  return LfibRoute(RouteKey(Wire::MplsLabel(label)), vsk, LFib::sourceLdp_, FwdEqvClass(), m);
+}
+
+// Records every notification, in order.
+class Recorder : public LfibStatus::NotifieeConst {
+ public:
+  explicit Recorder(const LfibStatus::Ptr& s) { notifierIs(s); }
+  void onLfibRoute(const RouteKey& k) override { log.push_back("route " + valueToStrep(k)); }
+  void onViaSet(const LfibViaSetKey& k) override {
+    log.push_back("viaSet " + std::to_string(k.index()));
+  }
+  void onMplsVia(const LfibViaKey& k) override {
+    log.push_back("mplsVia " + std::to_string(k.index()));
+  }
+  std::vector<std::string> log;
+};
+
+std::string failureOf(const std::function<void()>& f) {
+  try {
+    f();
+  } catch (const Zinc::InternalException& e) {
+    return e.what();
+  }
+  return "";
+}
+
+class LfibStatusTest : public ::testing::Test {
+ protected:
+  void SetUp() override { status->ledgerMountIs(Ledger::LedgerMode::writer, root.path()); }
+  Testing::TempLedgerRoot root;
+  LfibStatus::Ptr status = lfibStatusFactory("status");
+};
+
+TEST_F(LfibStatusTest, WritesAreCountedStoredAndNotified) {
+  Recorder rec(status);
+  LfibMplsVia via;
+  via.keyIs(viaKey(viaTypeMplsIp_, 7));
+  via.weightIs(3);
+  status->mplsViaIs(via);
+  status->mplsViaIs(via);
+  status->mplsViaNotify(via.key());
+  status->mplsViaDel(via.key());
+  status->mplsViaDel(via.key());  // absent: still counted, validated and notified
+
+  EXPECT_EQ(status->counter("mplsViaIs"), 2u);
+  EXPECT_EQ(status->counter("mplsViaDel"), 2u);
+  EXPECT_EQ(status->counter("mplsViaNotify"), 1u);
+  EXPECT_EQ(status->counter("lfibRouteIs"), 0u);
+  EXPECT_EQ(rec.log, std::vector<std::string>(5, "mplsVia 7"));
+  EXPECT_FALSE(status->mplsViaHas(via.key()));
+
+  status->mplsViaIs(via);
+  EXPECT_EQ(status->mplsVia(via.key()), via);
+  EXPECT_EQ(status->mplsViaCount(), 1u);
+}
+
+TEST_F(LfibStatusTest, ViaTypeMismatchIsRaisedAfterTheWrite) {
+  LfibMplsVia via;
+  via.keyIs(viaKey(viaTypeMplsPseudowire_, 1));
+  std::string text = failureOf([&] { status->mplsViaIs(via); });
+  EXPECT_THAT(text, StartsWith("MplsLfib:"));
+  EXPECT_THAT(text, HasSubstr("verifyViaTypeMplsIp"));
+  EXPECT_THAT(text, HasSubstr(" -- assertion failed(key.viaType() == viaTypeMplsIp_): via key "
+                              "and via coll type mismatch"));
+  EXPECT_TRUE(status->mplsViaHas(via.key())) << "the write happens before the check";
+
+  LfibPwVia pw;
+  pw.keyIs(viaKey(viaTypeExternalFec_, 1));
+  EXPECT_THAT(failureOf([&] { status->pwViaIs(pw); }),
+              HasSubstr("(key.viaType() == viaTypeMplsPseudowire_): via key and via coll type"));
+  LfibEvpnEthernetSegmentFilterVia es;
+  es.keyIs(viaKey(viaTypeEvpnEthernetSegment_, 1));
+  EXPECT_EQ(failureOf([&] { status->evpnEthernetSegmentFilterViaIs(es); }), "");
+}
+
+TEST_F(LfibStatusTest, EvpnRoutesNeedMetricZero) {
+  std::string text =
+      failureOf([&] { status->lfibRouteIs(routeTo(100, viaSetKey(viaTypeVlan_, 1), 5)); });
+  EXPECT_THAT(text, StartsWith("MplsLfib:"));
+  EXPECT_THAT(text, HasSubstr("(route.metric() == 0): EVPN lfib routes must have metric set to 0"));
+  EXPECT_TRUE(status->lfibRouteHas(RouteKey(Wire::MplsLabel(100))));
+
+  // IP lookup counts as EVPN; MPLS, pseudowire and external FEC do not.
+  EXPECT_NE(
+      failureOf([&] { status->lfibRouteIs(routeTo(101, viaSetKey(viaTypeIpLookup_, 1), 1)); }), "");
+  for (LfibViaType t : {viaTypeMplsIp_, viaTypeMplsPseudowire_, viaTypeExternalFec_}) {
+    EXPECT_EQ(failureOf([&] { status->lfibRouteIs(routeTo(102, viaSetKey(t, 1), 5)); }), "");
+  }
+  EXPECT_EQ(failureOf([&] { status->lfibRouteIs(routeTo(103, viaSetKey(viaTypeVlan_, 2), 0)); }),
+            "");
+}
+
+TEST_F(LfibStatusTest, ViaSetRules) {
+  std::string text = failureOf([&] { status->viaSetIs(viaSetWith(viaTypeIpLookup_, 1, 2)); });
+  EXPECT_THAT(text, StartsWith("MplsLfib:"));
+  EXPECT_THAT(text, HasSubstr("(vs.viaKeys() <= 1): EVPN via sets must contain at most 1 via key"));
+  EXPECT_EQ(failureOf([&] { status->viaSetIs(viaSetWith(viaTypeEvpnVlanFlood_, 2, 1)); }), "");
+
+  LfibViaSet mixed = viaSetWith(viaTypeMplsIp_, 3, 2);
+  mixed.viaKeyIs(LfibViaIndexRange(1), viaKey(viaTypeMplsPseudowire_, 9));
+  EXPECT_THAT(failureOf([&] { status->viaSetIs(mixed); }),
+              HasSubstr("(viaKeyType == viaType): Vias in a viaSet must always be homogeneous"));
+
+  LfibViaSet full = viaSetWith(viaTypeMplsIp_, 4, 128);
+  EXPECT_EQ(failureOf([&] { status->viaSetIs(full); }), "");
+  EXPECT_EQ(status->viaSet(full.key()), full);
+}
+
+TEST_F(LfibStatusTest, DeletingAbsentEntriesPassesValidation) {
+  EXPECT_EQ(failureOf([&] { status->lfibRouteDel(RouteKey(Wire::MplsLabel(55))); }), "");
+  EXPECT_EQ(failureOf([&] { status->viaSetDel(viaSetKey(viaTypeVlan_, 5)); }), "");
+}
+
+TEST_F(LfibStatusTest, ViaSetsMoveBetweenSizeClasses) {
+  for (uint32_t vias : {2u, 10u, 1u, 128u, 8u, 0u}) {
+    LfibViaSet vs = viaSetWith(viaTypeMplsIp_, 9, vias);
+    status->viaSetIs(vs);
+    EXPECT_EQ(status->viaSet(vs.key()), vs) << vias << " vias";
+    EXPECT_EQ(status->viaSetCount(), 1u) << "one class holds the set at " << vias << " vias";
+  }
+  status->viaSetDel(viaSetKey(viaTypeMplsIp_, 9));
+  EXPECT_EQ(status->viaSetCount(), 0u);
+}
+
+TEST_F(LfibStatusTest, DumpStateListsEveryCollection) {
+  status->lfibRouteIs(routeTo(16, viaSetKey(viaTypeMplsIp_, 1), 0));
+  status->viaSetIs(viaSetWith(viaTypeMplsIp_, 1, 2));
+  auto table = lfibDot1qTagToVlanFactory(LfibDot1qTagToVlanKey(LFib::sourceEvpn_, 1));
+  status->dot1qTagToVlanCollIs(table->key(), table);
+  std::ostringstream os;
+  status->dumpState(os, 2);
+  EXPECT_EQ(os.str(),
+            "  lfibRoutes #1\n  viaSets #1\n  mplsVias #0\n  pwVias #0\n  ipLookupVias #0\n"
+            "  vlanVias #0\n  evpnVlanAwareVias #0\n  evpnEthernetSegmentFilterVias #0\n"
+            "  evpnVlanFloodVias #0\n  evpnVlanAwareFloodVias #0\n  extFecVias #0\n"
+            "  dot1qTagToVlanComposites #0\n  dot1qTagToVlanColls #1\n");
+}
+
+TEST_F(LfibStatusTest, TablesAreRealFilesThatTheNextWriterAdopts) {
+  LfibRoute route = routeTo(20, viaSetKey(viaTypeMplsIp_, 1), 0);
+  status->lfibRouteIs(route);
+  status->viaSetIs(viaSetWith(viaTypeMplsIp_, 1, 2));
+  EXPECT_TRUE(status->validateFiles());
+  status->ledgerUnmount();
+  EXPECT_FALSE(status->lfibRouteHas(route.key()));
+
+  LfibStatus::Ptr next = lfibStatusFactory("status");
+  next->ledgerMountIs(Ledger::LedgerMode::writer, root.path());
+  EXPECT_EQ(next->lfibRoute(route.key()), route);
+  EXPECT_EQ(next->viaSetCount(), 1u);
+  EXPECT_TRUE(next->validateFiles());
+}
+
+TEST(LfibStatusUnmounted, WritesAreDroppedInNoMansLand) {
+  LfibStatus::Ptr status = lfibStatusFactory("unmounted");
+  LfibRoute route = routeTo(20, viaSetKey(viaTypeMplsIp_, 1), 0);
+  status->lfibRouteIs(route);
+  EXPECT_EQ(status->counter("lfibRouteIs"), 1u);
+  EXPECT_FALSE(status->lfibRouteHas(route.key()));
+}
+
+TEST(LfibDot1qTagToVlan, MapsTagsToLocalVlans) {
+  auto table = lfibDot1qTagToVlanFactory(LfibDot1qTagToVlanKey(LFib::sourceEvpn_, 3));
+  table->dot1qTagToVlanIdIs(Bridging::VlanId(20), Bridging::VlanIdOrNone(200));
+  table->dot1qTagToVlanIdIs(Bridging::VlanId(10), Bridging::VlanIdOrNone(100));
+  EXPECT_EQ(table->stringValue(), "{10: 100, 20: 200}");
+  table->dot1qTagToVlanIdDel(Bridging::VlanId(10));
+  EXPECT_EQ(table->stringValue(), "{20: 200}");
+}
+
+}  // namespace
+}  // namespace Mpls

@@ -1,0 +1,121 @@
+// The LFIB's tables: slot sizes, stored forms read back from untrusted bytes, iteration and
+// the hardware status entity.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <set>
+#include <vector>
+
+#include "ledger/Exceptions.h"
+#include "ledger/Format.h"
+#include "ledger/ZincLedgerMap.h"
+#include "lfib/LfibStatus.h"
+#include "lfib/tests/TempLedgerRoot.h"
+
+namespace Mpls {
+namespace {
+
+template <class K, class V>
+uint32_t slotSizeOf() {
+  return Ledger::slotSizeFor(Ledger::ZincOps<K, V>().valueSize());
+}
+
+TEST(LfibTables, SlotSizesOfTheCatalogue) {
+  EXPECT_EQ((slotSizeOf<RouteKey, LfibRoute>()), 136u);
+  EXPECT_EQ((slotSizeOf<LfibViaKey, LfibMplsVia>()), 120u);
+  EXPECT_EQ((slotSizeOf<LfibViaKey, LfibPwVia>()), 48u);
+  EXPECT_EQ((slotSizeOf<LfibViaKey, LfibEvpnEthernetSegmentFilterVia>()), 40u);
+  std::vector<uint32_t> viaSetSlots;
+  for (uint32_t keys : ViaSetTable<LfibStatus>::tierKeys) {
+    viaSetSlots.push_back(Ledger::slotSizeFor(44 + 12 * keys));
+  }
+  EXPECT_EQ(viaSetSlots, (std::vector<uint32_t>{88, 160, 448, 1600}));
+  EXPECT_LE(
+      (Ledger::ZincOps<LfibViaKey, LfibEvpnEthernetSegmentFilterVia>().classTypeName().size()),
+      63u);
+}
+
+TEST(LfibTables, StoredFormsRoundTripAndRefuseImpossibleBytes) {
+  Ledger::ZincOps<RouteKey, LfibRoute> ops;
+  LfibRoute route(RouteKey(Wire::MplsLabel(77)),
+                  LfibViaSetKey(LFib::sourceLdp_, 5, viaTypeMplsIp_, viaSetTypeEcmp_),
+                  LFib::sourceLdp_, FwdEqvClass(), RouteMetric());
+  std::vector<uint8_t> slot(ops.valueSize(), 0xee);
+  ops.store(route, slot.data());
+  LfibRoute back;
+  ops.load(slot.data(), back);
+  EXPECT_EQ(back, route);
+  EXPECT_EQ(ops.storedKey(slot.data()), route.key());
+  EXPECT_TRUE(ops.sameStored(slot.data(), route));
+  route.sourceIs(LFib::sourceStatic_);
+  EXPECT_FALSE(ops.sameStored(slot.data(), route));
+
+  // A label beyond its bound is not a value this writer could have stored.
+  std::vector<uint8_t> bad(ops.valueSize(), 0xff);
+  EXPECT_THROW(ops.storedKey(bad.data()), Ledger::CorruptionException);
+  EXPECT_THROW(ops.load(bad.data(), back), Ledger::CorruptionException);
+
+  // A via set whose count claims more keys than its table's value size holds.
+  Ledger::ZincOps<LfibViaSetKey, LfibViaSet> small(44 + 12 * 2);
+  LfibViaSet vs(LfibViaSetKey(LFib::sourceLdp_, 1, viaTypeMplsIp_, viaSetTypeEcmp_));
+  vs.viaKeyIs(LfibViaIndexRange(0), LfibViaKey(LFib::sourceLdp_, viaTypeMplsIp_, 1));
+  std::vector<uint8_t> vsSlot(small.valueSize(), 0);
+  small.store(vs, vsSlot.data());
+  std::vector<uint8_t> lying = vsSlot;
+  uint32_t count = 100;
+  std::memcpy(lying.data() + 40, &count, 4);  // the count follows the keys, bool and flags
+  LfibViaSet out;
+  EXPECT_THROW(small.load(lying.data(), out), Ledger::CorruptionException);
+  small.load(vsSlot.data(), out);
+  EXPECT_EQ(out, vs);
+  vs.viaKeyIs(LfibViaIndexRange(2), LfibViaKey(LFib::sourceLdp_, viaTypeMplsIp_, 3));
+  EXPECT_FALSE(small.fits(vs));
+}
+
+TEST(LfibTables, IterationVisitsEveryEntryOnceWhileDeleting) {
+  Testing::TempLedgerRoot root;
+  LfibStatus::Ptr status = lfibStatusFactory("status");
+  status->ledgerMountIs(Ledger::LedgerMode::writer, root.path());
+  for (uint32_t i = 1; i <= 300; ++i) {
+    LfibPwVia via;
+    via.keyIs(LfibViaKey(LFib::sourcePseudowire_, viaTypeMplsPseudowire_, i));
+    status->pwViaIs(via);
+  }
+  std::set<uint32_t> seen;
+  for (auto it = status->pwViaLedger().iterator(); it; ++it) {
+    EXPECT_TRUE(seen.insert(it->key().index()).second);
+    if (it->key().index() % 2) status->pwViaDel(it->key());  // the walk survives deletes
+  }
+  EXPECT_EQ(seen.size(), 300u);
+  EXPECT_EQ(status->pwViaCount(), 150u);
+  status->pwViaDelAll();
+  EXPECT_EQ(status->pwViaCount(), 0u);
+}
+
+TEST(LfibTables, HardwareStatus) {
+  Testing::TempLedgerRoot root;
+  auto hw = lfibHwStatusFactory("hw");
+  hw->ledgerMountIs(Ledger::LedgerMode::writer, root.path());
+  struct Watch : LfibHwStatus::NotifieeConst {
+    int routes = 0, viaSets = 0;
+    void onUnprogrammedRoute(const RouteKey&) override { ++routes; }
+    void onViaSet(const LfibViaSetKey&) override { ++viaSets; }
+  } watch;
+  watch.notifierIs(hw);
+  RouteInfo info(RouteKey(Wire::MplsLabel(99)), hwProgrammingTableFull_);
+  hw->unprogrammedRouteIs(info);
+  LfibViaSetKey vsk(LFib::sourceLdp_, 1, viaTypeMplsIp_, viaSetTypeEcmp_);
+  hw->viaSetIs(LfibViaSetInfo(vsk, viaSetHwStatusProgrammed_));
+  EXPECT_TRUE(hw->unprogrammedRoute(info.key()).unprogrammed());
+  EXPECT_FALSE(hw->viaSet(vsk).unprogrammed());
+  hw->unprogrammedRouteDel(info.key());
+  EXPECT_EQ(hw->counter("unprogrammedRouteIs"), 1u);
+  EXPECT_EQ(hw->counter("unprogrammedRouteDel"), 1u);
+  EXPECT_EQ(hw->counter("viaSetIs"), 1u);
+  EXPECT_EQ(watch.routes, 2);
+  EXPECT_EQ(watch.viaSets, 1);
+}
+
+}  // namespace
+}  // namespace Mpls

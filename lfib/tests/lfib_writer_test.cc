@@ -1,0 +1,248 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "lfib/LfibWriter.h"
+#include "lfib/tests/TempLedgerRoot.h"
+#include "platform/toggle/FeatureToggle.h"
+#include "zinc/Exception.h"
+#include "zinc/Trace.h"
+
+namespace Mpls {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+LfibMplsVia mplsVia(uint32_t hop, uint32_t label, uint32_t weight = 1) {
+  LfibMplsVia via;
+  via.nextHopIs(Wire::IpGenAddr::ipv4(0x0a000000 + hop));
+  via.labelActionIs(Wire::labelActionSwap_);
+  Wire::MplsLabelOperation op;
+  op.operationIs(Wire::labelActionSwap_);
+  op.labelPush(Wire::MplsLabel(label));
+  via.labelStackIs(op);
+  via.intfIs(Wire::IntfId(hop));
+  via.weightIs(weight);
+  return via;
+}
+
+ConsolidatedLfibRoute route(uint32_t label, uint32_t vias, uint32_t firstHop = 1) {
+  ConsolidatedLfibRoute r(RouteKey(Wire::MplsLabel(label)), LFib::sourceLdp_, FwdEqvClass(),
+                          RouteMetric(), viaTypeMplsIp_, viaSetTypeEcmp_);
+  for (uint32_t i = 0; i < vias; ++i) r.mplsViaIs(mplsVia(firstHop + i, 1000 + i));
+  return r;
+}
+
+// The order in which LfibStatus reported changes, with the key's index.
+class WriteLog : public LfibStatus::NotifieeConst {
+ public:
+  explicit WriteLog(const LfibStatus::Ptr& s) { notifierIs(s); }
+  void onLfibRoute(const RouteKey&) override { log.push_back("route"); }
+  void onViaSet(const LfibViaSetKey& k) override {
+    log.push_back("viaSet " + std::to_string(k.index()));
+  }
+  void onMplsVia(const LfibViaKey& k) override {
+    log.push_back("via " + std::to_string(k.index()));
+  }
+  std::vector<std::string> log;
+};
+
+class LfibWriterTest : public ::testing::TestWithParam<bool> {
+ protected:
+  void SetUp() override {
+    status->ledgerMountIs(Ledger::LedgerMode::writer, root.path());
+    writer->inPlaceAdjacencyUpdateSupportedIs(inPlace());
+  }
+  bool inPlace() const { return GetParam(); }
+  LfibRoute stored(uint32_t label) { return status->lfibRoute(RouteKey(Wire::MplsLabel(label))); }
+  LfibViaSet storedSet(uint32_t label) { return status->viaSet(stored(label).viaSetKey()); }
+  uint64_t writes() const {
+    return status->counter("mplsViaIs") + status->counter("viaSetIs") +
+           status->counter("lfibRouteIs") + status->counter("mplsViaDel") +
+           status->counter("viaSetDel") + status->counter("lfibRouteDel");
+  }
+
+  Testing::TempLedgerRoot root;
+  LfibStatus::Ptr status = lfibStatusFactory("status");
+  LfibWriter::Ptr writer = lfibWriterFactory(status);
+};
+
+TEST_P(LfibWriterTest, FirstWriteGoesViasThenViaSetThenRoute) {
+  WriteLog log(status);
+  writer->lfibRouteIs(route(100, 2));
+  EXPECT_THAT(log.log, ElementsAre("via 1", "via 2", "viaSet 1", "route"));
+  LfibViaSet vs = storedSet(100);
+  ASSERT_EQ(vs.viaKeys(), 2u);
+  LfibMplsVia first = status->mplsVia(vs.viaKey(LfibViaIndexRange(0)));
+  EXPECT_EQ(first.key(), LfibViaKey(LFib::sourceLdp_, viaTypeMplsIp_, 1));
+  EXPECT_EQ(first.weight(), 1u);
+  EXPECT_EQ(first.nextHop(), mplsVia(1, 1000).nextHop());
+}
+
+TEST_P(LfibWriterTest, IdenticalRewrite) {
+  writer->lfibRouteIs(route(100, 3));
+  uint64_t before = writes();
+  LfibRoute oldRoute = stored(100);
+  writer->lfibRouteIs(route(100, 3));
+  if (inPlace()) {
+    EXPECT_EQ(writes(), before) << "nothing changed, nothing written";
+    EXPECT_EQ(stored(100), oldRoute);
+  } else {
+    EXPECT_NE(stored(100).viaSetKey(), oldRoute.viaSetKey());
+    EXPECT_EQ(status->mplsViaCount(), 3u);
+    EXPECT_EQ(status->viaSetCount(), 1u);
+  }
+}
+
+TEST_P(LfibWriterTest, OneViaChanged) {
+  writer->lfibRouteIs(route(100, 2));
+  LfibRoute oldRoute = stored(100);
+  LfibViaSet oldSet = storedSet(100);
+  WriteLog log(status);
+  ConsolidatedLfibRoute changed = route(100, 1);
+  changed.mplsViaIs(mplsVia(9, 2000));  // replaces hop 2
+  writer->lfibRouteIs(changed);
+
+  LfibViaSet newSet = storedSet(100);
+  ASSERT_EQ(newSet.viaKeys(), 2u);
+  if (inPlace()) {
+    EXPECT_EQ(stored(100), oldRoute) << "same via set key, route untouched";
+    EXPECT_EQ(newSet.viaKey(LfibViaIndexRange(0)), oldSet.viaKey(LfibViaIndexRange(0)));
+    EXPECT_THAT(log.log, ElementsAre("via 3", "viaSet 1", "via 2"));
+  } else {
+    EXPECT_NE(stored(100).viaSetKey(), oldRoute.viaSetKey());
+    EXPECT_THAT(log.log,
+                ElementsAre("via 3", "via 4", "viaSet 2", "route", "viaSet 1", "via 1", "via 2"));
+  }
+  EXPECT_EQ(status->mplsViaCount(), 2u);
+  EXPECT_EQ(status->viaSetCount(), 1u);
+}
+
+TEST_P(LfibWriterTest, MoreThan128ViasAreCut) {
+  std::vector<std::string> traces;
+  Zinc::Trace::configure("MplsLfibWriter/0");
+  Zinc::Trace::sinkIs(
+      [&](const Zinc::Trace&, int, std::string_view text) { traces.emplace_back(text); });
+  writer->lfibRouteIs(route(100, 130));
+  writer->lfibRouteIs(route(101, 128, 500));
+  writer->lfibRouteIs(route(102, 127, 900));
+  Zinc::Trace::sinkIs({});
+  Zinc::Trace::configure("");
+
+  EXPECT_EQ(storedSet(100).viaKeys(), 128u);
+  EXPECT_EQ(storedSet(101).viaKeys(), 128u);
+  EXPECT_EQ(storedSet(102).viaKeys(), 127u);
+  EXPECT_EQ(status->mplsViaCount(), 128u + 128u + 127u);
+  EXPECT_EQ(traces,
+            std::vector<std::string>(2, "Reached via index limit (127), ignoring extra vias"));
+}
+
+TEST_P(LfibWriterTest, DeletesRouteViaSetAndVias) {
+  writer->lfibRouteIs(route(100, 2));
+  writer->lfibRouteIs(route(101, 3, 10));
+  uint64_t before = writes();
+  writer->lfibRouteDel(RouteKey(Wire::MplsLabel(555)));
+  EXPECT_EQ(writes(), before) << "an absent route changes nothing";
+
+  WriteLog log(status);
+  writer->lfibRouteDel(RouteKey(Wire::MplsLabel(100)));
+  EXPECT_THAT(log.log, ElementsAre("route", "viaSet 1", "via 1", "via 2"));
+  EXPECT_EQ(status->mplsViaCount(), 3u);
+  writer->lfibRouteDelAll();
+  EXPECT_EQ(status->lfibRouteCount() + status->viaSetCount() + status->mplsViaCount(), 0u);
+}
+
+TEST_P(LfibWriterTest, ChangingViaTypeDropsTheOldVias) {
+  writer->lfibRouteIs(route(100, 2));
+  ConsolidatedLfibRoute pw(RouteKey(Wire::MplsLabel(100)), LFib::sourceLdp_, FwdEqvClass(),
+                           RouteMetric(), viaTypeMplsPseudowire_, viaSetTypeEcmp_);
+  LfibPwVia pwVia;
+  pwVia.pwIntfIdIs(Wire::IntfId(77));
+  pw.pwViaIs(pwVia);
+  writer->lfibRouteIs(pw);
+  EXPECT_EQ(status->mplsViaCount(), 0u);
+  EXPECT_EQ(status->pwViaCount(), 1u);
+  EXPECT_EQ(storedSet(100).key().viaType(), viaTypeMplsPseudowire_);
+  EXPECT_EQ(status->viaSetCount(), 1u);
+}
+
+INSTANTIATE_TEST_SUITE_P(InPlace, LfibWriterTest, ::testing::Bool(),
+                         [](const auto& info) { return info.param ? "on" : "off"; });
+
+TEST(LfibWriterChecks, InvalidViaTypesAndSetKeysAreFatal) {
+  Testing::TempLedgerRoot root;
+  LfibStatus::Ptr status = lfibStatusFactory("status");
+  status->ledgerMountIs(Ledger::LedgerMode::writer, root.path());
+  LfibWriter::Ptr writer = lfibWriterFactory(status);
+  auto failure = [](auto&& f) -> std::string {
+    try {
+      f();
+    } catch (const Zinc::InternalException& e) {
+      return e.what();
+    }
+    return "";
+  };
+  EXPECT_THAT(failure([&] { writer->lfibViaDel(LfibViaKey(LFib::sourceLdp_, LfibViaType(9), 1)); }),
+              HasSubstr("viaType not yet supported"));
+  EXPECT_THAT(failure([&] { writer->lfibViaDel(LfibViaKey(LFib::sourceLdp_, viaTypeMax_, 1)); }),
+              HasSubstr("invalid viaType"));
+  EXPECT_THAT(
+      failure([&] { writer->lfibViaDel(LfibViaKey(LFib::sourceLdp_, viaTypeMplsUnknown_, 1)); }),
+      HasSubstr("invalid viaType"));
+  ConsolidatedLfibRoute r = route(100, 0);
+  r.viaTypeIs(viaTypeMplsUnknown_);
+  EXPECT_THAT(
+      failure([&] { writer->lfibRouteIs(r); }),
+      HasSubstr("route.viaType() != viaTypeMplsUnknown_ && route.viaType() != viaTypeMax_"));
+  LfibMplsVia keyed = mplsVia(1, 16);
+  keyed.keyIs(LfibViaKey(LFib::sourceLdp_, viaTypeMplsIp_, 3));
+  EXPECT_THAT(failure([&] { r.mplsViaIs(keyed); }),
+              HasSubstr("(vk == LfibViaKey()): Vias in ConsolidatedLfibRoute should have an unset "
+                        "key only"));
+}
+
+TEST(ConsolidatedLfibRoute, StringFormAndEmptiness) {
+  ConsolidatedLfibRoute r = route(100, 0);
+  EXPECT_TRUE(!r);
+  r.mplsViaIs(mplsVia(1, 16));
+  EXPECT_FALSE(!r);
+  EXPECT_TRUE(r.mplsViaHas(mplsVia(1, 16)));
+  EXPECT_THAT(valueToStrep(r), HasSubstr("Value('Mpls::ConsolidatedLfibRoute', ** {'key': "));
+  EXPECT_THAT(valueToStrep(r), HasSubstr("'viaType': viaTypeMplsIp, 'viaSetType': viaSetTypeEcmp"));
+  EXPECT_THROW(ConsolidatedLfibRoute::fromString(""), Zinc::InternalException);
+}
+
+TEST(FeatureToggle, EnvironmentThenFileThenDefault) {
+  const char* name = "InPlaceMplsAdjacencyUpdate";
+  Testing::TempLedgerRoot dir;
+  std::string file = dir.path() + "/toggles";
+  std::ofstream(file) << "# toggles\nOther=on\n" << name << " = on\n";
+  ::setenv("FEATURE_TOGGLES_FILE", file.c_str(), 1);
+  ::unsetenv("FEATURE_TOGGLE_InPlaceMplsAdjacencyUpdate");
+  EXPECT_TRUE(Platform::FeatureToggle::enabled(name));
+  ::setenv("FEATURE_TOGGLE_InPlaceMplsAdjacencyUpdate", "0", 1);
+  EXPECT_FALSE(Platform::FeatureToggle::enabled(name));
+  Platform::FeatureToggle::overrideIs(name, true);
+  EXPECT_TRUE(Platform::FeatureToggle::enabled(name));
+  Platform::FeatureToggle::overrideIs(name, std::nullopt);
+  ::unsetenv("FEATURE_TOGGLE_InPlaceMplsAdjacencyUpdate");
+  ::setenv("FEATURE_TOGGLES_FILE", (dir.path() + "/missing").c_str(), 1);
+  EXPECT_FALSE(Platform::FeatureToggle::enabled(name));
+  EXPECT_TRUE(Platform::FeatureToggle::enabled(name, true));
+
+  // The writer reads it when it starts.
+  ::setenv("FEATURE_TOGGLE_InPlaceMplsAdjacencyUpdate", "yes", 1);
+  LfibStatus::Ptr status = lfibStatusFactory("unmounted");
+  EXPECT_TRUE(lfibWriterFactory(status)->inPlaceAdjacencyUpdateSupported());
+  ::unsetenv("FEATURE_TOGGLE_InPlaceMplsAdjacencyUpdate");
+  EXPECT_FALSE(lfibWriterFactory(status)->inPlaceAdjacencyUpdateSupported());
+  ::unsetenv("FEATURE_TOGGLES_FILE");
+}
+
+}  // namespace
+}  // namespace Mpls
