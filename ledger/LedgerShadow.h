@@ -86,6 +86,9 @@ class LedgerShadow : public LedgerBase<Key, Value> {
   void yieldTimeIs(std::chrono::microseconds t) { syncer_.yieldTimeIs(t); }
   void notifying(bool on) { notifying_ = on; }
   void corruptionHandlerIs(CorruptionHandler handler) { onCorruption_ = std::move(handler); }
+  // Runs once, when the first sync has filled the shadow and it follows the writer: the
+  // moment to advertise the bound collection as ready (LedgerMap::advertiseCollectionReady).
+  void readyHookIs(std::function<void()> hook) { onReady_ = std::move(hook); }
   void notifyIs(Notify<Key, Value> notify) { store_.notifyIs(std::move(notify)); }
   Store& store() { return store_; }
   RallyReader& rally() { return rally_; }
@@ -240,6 +243,10 @@ class LedgerShadow : public LedgerBase<Key, Value> {
               "LedgerShadow::syncComplete() Synchronization complete, seq:" << rally_.lastSeq());
     store_.tryShrink(reader_.slotTable().numSlots());
     maybeEnableRally();
+    if (inStep() && !advertised_) {
+      advertised_ = true;
+      if (onReady_) onReady_();
+    }
   }
 
   void maybeEnableRally() {
@@ -367,6 +374,8 @@ class LedgerShadow : public LedgerBase<Key, Value> {
   Zinc::Loop::TimerId mounterTimer_ = 0;
   Zinc::Loop::TimerId healthTimer_ = 0;
   CorruptionHandler onCorruption_;
+  std::function<void()> onReady_;
+  bool advertised_ = false;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 

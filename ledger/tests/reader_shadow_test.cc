@@ -150,13 +150,17 @@ TEST_F(ShadowTest, WriterReattachMakesShadowResync) {
   auto w = std::make_unique<KickingWriter>(root.path(), "routes", 64, &loop);
   for (uint64_t id = 0; id < 100; ++id) w->writer.write(makeValue(id, 1));
   auto shadow = makeShadow();
+  int ready = 0;
+  shadow->readyHookIs([&] { ++ready; });
   ASSERT_TRUE(shadow->initialize());
   ASSERT_TRUE(settle(*shadow));
+  EXPECT_EQ(ready, 1);
   w.reset();
   w = std::make_unique<KickingWriter>(root.path(), "routes", 64, &loop);
   w->writer.write(makeValue(1000, 1));
   ASSERT_TRUE(settle(*shadow));
   EXPECT_GE(shadow->resyncs(), 1u);
+  EXPECT_EQ(ready, 1) << "ready is advertised once, not again after a resync";
   EXPECT_EQ(shadowContents(*shadow), w->contents());
   EXPECT_TRUE(log.errors.empty()) << log.errors.front();
 }

@@ -94,8 +94,6 @@ ReaderKickSm::ReaderKickSm(const std::string& tableDir, Defer defer)
     : dir_(readersDir(tableDir)), defer_(std::move(defer)) {
   makeDir(tableDir);
   makeDir(dir_);
-  sendFd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (sendFd_ < 0) throw Zinc::Exception("ReaderKickSm socket: " + errnoText(errno));
   // Watch before the first scan, so that no registration falls between the two.
   inotifyFd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   if (inotifyFd_ >= 0 &&
@@ -109,8 +107,8 @@ ReaderKickSm::ReaderKickSm(const std::string& tableDir, Defer defer)
 
 ReaderKickSm::~ReaderKickSm() {
   *alive_ = false;
+  for (auto& reader : readers_) closeFd(reader);
   if (inotifyFd_ >= 0) ::close(inotifyFd_);
-  ::close(sendFd_);
 }
 
 void ReaderKickSm::commitNotify() {
@@ -136,6 +134,7 @@ uint32_t ReaderKickSm::flush() {
       continue;
     }
     ++readersDropped_;
+    closeFd(readers_[i]);
     readers_[i] = std::move(readers_.back());
     readers_.pop_back();
   }
@@ -152,25 +151,55 @@ void ReaderKickSm::refreshIfChanged() {
 }
 
 void ReaderKickSm::rescan() {
-  readers_.clear();
-  DIR* dir = ::opendir(dir_.c_str());
-  if (!dir) return;
-  while (dirent* entry = ::readdir(dir)) {
-    if (isSocketName(entry->d_name)) readers_.push_back(dir_ + "/" + entry->d_name);
+  std::vector<Registration> found;
+  if (DIR* dir = ::opendir(dir_.c_str())) {
+    while (dirent* entry = ::readdir(dir)) {
+      if (isSocketName(entry->d_name)) found.push_back({dir_ + "/" + entry->d_name, -1});
+    }
+    ::closedir(dir);
   }
-  ::closedir(dir);
+  // Keep the connections of readers still registered; close the others'.
+  for (auto& old : readers_) {
+    for (auto& now : found) {
+      if (now.path == old.path && now.fd < 0) std::swap(now.fd, old.fd);
+    }
+    closeFd(old);
+  }
+  readers_ = std::move(found);
 }
 
-// One empty datagram, never waiting. False when the reader is gone: its registration is
-// unlinked so that no later kick (from this or another writer) pays for it again.
-bool ReaderKickSm::kick(const std::string& path) {
+int ReaderKickSm::connectTo(const std::string& path) {
   sockaddr_un addr;
-  if (!fillAddress(path, addr)) return false;
-  ssize_t sent = ::sendto(sendFd_, "", 0, MSG_DONTWAIT | MSG_NOSIGNAL,
-                          reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-  if (sent >= 0 || errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOBUFS) return true;
-  ZTRACE(1, "ReaderKickSm::kick() dropping reader " << path << ": " << errnoText(errno));
-  ::unlink(path.c_str());
+  if (!fillAddress(path, addr)) return -1;
+  int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (fd < 0) return -1;
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+    ::close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+void ReaderKickSm::closeFd(Registration& reader) {
+  if (reader.fd >= 0) ::close(reader.fd);
+  reader.fd = -1;
+}
+
+// One empty datagram, never waiting. A failed send is tried once more on a fresh connection
+// (the path may have been bound anew); false when the reader is gone: its registration is
+// unlinked so that no later kick (from this or another writer) pays for it again.
+bool ReaderKickSm::kick(Registration& reader) {
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    if (reader.fd < 0) reader.fd = connectTo(reader.path);
+    if (reader.fd < 0) break;
+    if (::send(reader.fd, "", 0, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0 || errno == EAGAIN ||
+        errno == EWOULDBLOCK || errno == ENOBUFS) {
+      return true;
+    }
+    closeFd(reader);
+  }
+  ZTRACE(1, "ReaderKickSm::kick() dropping reader " << reader.path << ": " << errnoText(errno));
+  ::unlink(reader.path.c_str());
   return false;
 }
 

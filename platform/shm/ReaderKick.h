@@ -10,7 +10,8 @@
 // costs the writer nothing.
 //
 // The writer learns of new and removed registrations through inotify on the readers folder,
-// so a kick costs one non-blocking read plus one sendto per reader, and no directory scan.
+// and keeps one socket connected to each reader, so a kick costs one non-blocking read plus one
+// send per reader: no directory scan and no path lookup.
 #pragma once
 
 #include <cstdint>
@@ -71,16 +72,22 @@ class ReaderKickSm {
 
  private:
   void refreshIfChanged();
+  // A registered reader and the datagram socket connected to it (-1 until connected).
+  struct Registration {
+    std::string path;
+    int fd = -1;
+  };
   void rescan();
-  bool kick(const std::string& path);
+  bool kick(Registration& reader);
+  static int connectTo(const std::string& path);
+  static void closeFd(Registration& reader);
 
   std::string dir_;
   Defer defer_;
-  int sendFd_ = -1;
   int inotifyFd_ = -1;
   bool pending_ = false;
   bool flushScheduled_ = false;
-  std::vector<std::string> readers_;
+  std::vector<Registration> readers_;
   uint64_t kicksSent_ = 0;
   uint64_t readersDropped_ = 0;
   // Guards the deferred flush against running after this object is gone.

@@ -1,0 +1,452 @@
+// Reader benchmark: 1M entries of a 116-byte value (the LFIB route record's size).
+//   lookup        direct-reader random lookups on one core, against LMDB mdb_get with a
+//                 reused read transaction, a Boost.Interprocess unordered_map read under a
+//                 sharable lock and with no lock, and an in-process std::unordered_map
+//   chase         a dependent pointer chase over a buffer of the slot table's size
+//   sync          cold shadow sync of the whole table, against a memcpy of its bytes
+//   follow        notifications a shadow consumes per second
+//   wake          commit -> callback latency in another process (idle), against a raw futex
+//                 ping-pong between two processes, p50 and p99
+// Every figure is the median of kRepetitions runs, peers interleaved with ours in each round.
+// Output ends with "figure <name> <value> <unit>" and "ratio <name> <value>" lines (higher is
+// better in every ratio).
+#include <linux/futex.h>
+#include <lmdb.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <boost/interprocess/allocators/allocator.hpp>
+#include <boost/interprocess/managed_shared_memory.hpp>
+#include <boost/interprocess/sync/interprocess_sharable_mutex.hpp>
+#include <boost/interprocess/sync/sharable_lock.hpp>
+#include <boost/unordered_map.hpp>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <numeric>
+#include <random>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "ledger/LedgerShadow.h"
+#include "ledger/LedgerWriter.h"
+#include "platform/shm/ReaderKick.h"
+#include "zinc/Hash.h"
+
+namespace {
+
+const uint32_t kEntries =
+    std::getenv("BENCH_ENTRIES") ? std::atoi(std::getenv("BENCH_ENTRIES")) : 1000000;
+constexpr int kRepetitions = 5;
+constexpr uint32_t kLookups = 2000000;
+
+struct RouteKey {
+  uint32_t label = 0;
+  uint32_t hash() const { return Zinc::Hash::finalize(label); }
+  auto operator<=>(const RouteKey&) const = default;
+};
+struct Route {
+  RouteKey k;
+  uint32_t words[28];
+  RouteKey key() const { return k; }
+  static const char* typeName() { return "Bench::Route"; }
+};
+static_assert(sizeof(Route) == 116);
+
+Route makeRoute(uint32_t label, uint32_t version) {
+  Route r;
+  r.k.label = label;
+  for (uint32_t i = 0; i < 28; ++i) r.words[i] = label ^ (version * 2654435761u) ^ i;
+  return r;
+}
+
+using Clock = std::chrono::steady_clock;
+double seconds(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+double median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  return v[v.size() / 2];
+}
+uint64_t nowNs() {
+  timespec ts;
+  ::clock_gettime(CLOCK_MONOTONIC, &ts);
+  return uint64_t(ts.tv_sec) * 1000000000u + uint64_t(ts.tv_nsec);
+}
+
+// Fixed at first use, so that forked readers find the parent's table.
+const std::string& benchRoot() {
+  static const std::string root = "/dev/shm/ledger-reader-bench-" + std::to_string(::getpid());
+  return root;
+}
+
+using Writer = Ledger::LedgerWriter<RouteKey, Route>;
+using Reader = Ledger::LedgerReader<RouteKey, Route>;
+using Shadow = Ledger::LedgerShadow<RouteKey, Route>;
+
+Ledger::LedgerConfig config() {
+  Ledger::LedgerConfig c;
+  c.root = benchRoot();
+  c.table = "routes";
+  c.capacity = 1024;
+  return c;
+}
+
+volatile uint32_t sink;
+
+// ---- lookups ------------------------------------------------------------------------------
+
+double ledgerLookups(Reader& reader, const std::vector<uint32_t>& order) {
+  Route r;
+  uint32_t found = 0;
+  auto start = Clock::now();
+  for (uint32_t label : order) found += reader.lookup(RouteKey{label}, r);
+  double t = seconds(start);
+  sink = found;
+  return order.size() / t;
+}
+
+struct Lmdb {
+  MDB_env* env = nullptr;
+  MDB_dbi dbi = 0;
+  MDB_txn* txn = nullptr;
+  Lmdb() {
+    std::string dir = benchRoot() + "/lmdb";
+    std::filesystem::create_directories(dir);
+    mdb_env_create(&env);
+    mdb_env_set_mapsize(env, size_t{1} << 30);
+    mdb_env_open(env, dir.c_str(), MDB_NOSYNC | MDB_WRITEMAP, 0600);
+    mdb_txn_begin(env, nullptr, 0, &txn);
+    mdb_dbi_open(txn, nullptr, MDB_INTEGERKEY, &dbi);
+    for (uint32_t label = 0; label < kEntries; ++label) {
+      Route r = makeRoute(label, 1);
+      MDB_val key{sizeof(label), &label}, value{sizeof(r), &r};
+      mdb_put(txn, dbi, &key, &value, MDB_APPEND);
+    }
+    mdb_txn_commit(txn);
+    mdb_txn_begin(env, nullptr, MDB_RDONLY, &txn);
+  }
+  ~Lmdb() {
+    mdb_txn_abort(txn);
+    mdb_env_close(env);
+  }
+  double lookups(const std::vector<uint32_t>& order) {
+    uint32_t found = 0;
+    Route r;
+    auto start = Clock::now();
+    mdb_txn_reset(txn);
+    mdb_txn_renew(txn);
+    for (uint32_t label : order) {
+      MDB_val key{sizeof(label), &label}, value;
+      if (mdb_get(txn, dbi, &key, &value) == 0) {
+        std::memcpy(&r, value.mv_data, sizeof(r));
+        ++found;
+      }
+    }
+    double t = seconds(start);
+    sink = found;
+    return order.size() / t;
+  }
+};
+
+namespace bip = boost::interprocess;
+struct BoostMap {
+  using Alloc =
+      bip::allocator<std::pair<const uint32_t, Route>, bip::managed_shared_memory::segment_manager>;
+  using Map =
+      boost::unordered_map<uint32_t, Route, boost::hash<uint32_t>, std::equal_to<uint32_t>, Alloc>;
+  std::string name = "ledger-reader-bench-boost-" + std::to_string(::getpid());
+  bip::managed_shared_memory segment;
+  Map* map;
+  bip::interprocess_sharable_mutex* mutex;
+  BoostMap() {
+    bip::shared_memory_object::remove(name.c_str());
+    segment = bip::managed_shared_memory(bip::create_only, name.c_str(), size_t{512} << 20);
+    mutex = segment.construct<bip::interprocess_sharable_mutex>("mutex")();
+    map =
+        segment.construct<Map>("map")(kEntries, boost::hash<uint32_t>(), std::equal_to<uint32_t>(),
+                                      segment.get_allocator<std::pair<const uint32_t, Route>>());
+    for (uint32_t label = 0; label < kEntries; ++label) map->emplace(label, makeRoute(label, 1));
+  }
+  ~BoostMap() { bip::shared_memory_object::remove(name.c_str()); }
+  double lookups(const std::vector<uint32_t>& order, bool locked) {
+    uint32_t found = 0;
+    Route r;
+    auto start = Clock::now();
+    for (uint32_t label : order) {
+      if (locked) {
+        bip::sharable_lock<bip::interprocess_sharable_mutex> lock(*mutex);
+        auto it = map->find(label);
+        if (it != map->end()) r = it->second, ++found;
+      } else {
+        auto it = map->find(label);
+        if (it != map->end()) r = it->second, ++found;
+      }
+    }
+    double t = seconds(start);
+    sink = found + r.words[0];
+    return order.size() / t;
+  }
+};
+
+double stdLookups(const std::unordered_map<uint32_t, Route>& map,
+                  const std::vector<uint32_t>& order) {
+  uint32_t found = 0;
+  Route r;
+  auto start = Clock::now();
+  for (uint32_t label : order) {
+    auto it = map.find(label);
+    if (it != map.end()) r = it->second, ++found;
+  }
+  double t = seconds(start);
+  sink = found + r.words[0];
+  return order.size() / t;
+}
+
+// ns per hop of a dependent chase over `bytes`, one hop per 64-byte line, random cycle.
+double pointerChaseNs(size_t bytes) {
+  const size_t lines = bytes / 64;
+  std::vector<uint64_t> buffer(lines * 8);
+  std::vector<uint32_t> perm(lines);
+  std::iota(perm.begin(), perm.end(), 0);
+  std::shuffle(perm.begin(), perm.end(), std::mt19937(5));
+  for (size_t i = 0; i < lines; ++i)
+    buffer[size_t{perm[i]} * 8] = size_t{perm[(i + 1) % lines]} * 8;
+  uint64_t at = size_t{perm[0]} * 8;
+  const uint32_t hops = kLookups;
+  auto start = Clock::now();
+  for (uint32_t i = 0; i < hops; ++i) at = buffer[at];
+  double t = seconds(start);
+  sink = uint32_t(at);
+  return t * 1e9 / hops;
+}
+
+// ---- sync and follow ----------------------------------------------------------------------
+
+bool runUntil(Zinc::Loop& loop, const std::function<bool()>& pred) {
+  auto deadline = Clock::now() + std::chrono::seconds(120);
+  while (!pred()) {
+    if (Clock::now() > deadline) return false;
+    loop.runOnce(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+double syncSeconds() {
+  Zinc::Loop loop;
+  Shadow shadow(Ledger::ReaderConfig{benchRoot(), "routes"}, loop);
+  shadow.yieldTimeIs(std::chrono::milliseconds(10));
+  auto start = Clock::now();
+  shadow.initialize();
+  runUntil(loop, [&] { return shadow.inStep(); });
+  return seconds(start);
+}
+
+double memcpySeconds(Writer& w) {
+  std::vector<uint8_t> copy(w.slotTable().mappedSize());
+  auto start = Clock::now();
+  std::memcpy(copy.data(), w.slotTable().base(), copy.size());
+  double t = seconds(start);
+  sink = copy[copy.size() / 2];
+  return t;
+}
+
+// The writer changes every entry once; the shadow then consumes the notifications.
+double followRate(Writer& w, uint32_t version) {
+  Zinc::Loop loop;
+  uint64_t events = 0;
+  Ledger::Notify<RouteKey, Route> n;
+  n.onKey = [&](const RouteKey&, const Route*) { ++events; };
+  Shadow shadow(Ledger::ReaderConfig{benchRoot(), "routes"}, loop, n);
+  shadow.initialize();
+  runUntil(loop, [&] { return shadow.inStep(); });
+  events = 0;
+  for (uint32_t label = 0; label < kEntries; ++label) w.write(makeRoute(label, version));
+  auto start = Clock::now();
+  shadow.rally().handleAck([&](uint32_t slot, uint64_t seq) { shadow.store().doSlot(slot, seq); });
+  double t = seconds(start);
+  return events / t;
+}
+
+// ---- wake-up latency ----------------------------------------------------------------------
+
+struct Shared {
+  std::atomic<uint32_t> futexWord;
+  std::atomic<uint64_t> stamp;
+  std::atomic<uint32_t> ready;
+  uint64_t samples[4096];
+  uint32_t count;
+};
+
+Shared* sharedPage() {
+  void* p =
+      ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  return new (p) Shared{};
+}
+long futex(std::atomic<uint32_t>* word, int op, uint32_t value) {
+  return ::syscall(SYS_futex, reinterpret_cast<uint32_t*>(word), op, value, nullptr, nullptr, 0);
+}
+
+std::pair<double, double> percentiles(std::vector<uint64_t> v) {
+  std::sort(v.begin(), v.end());
+  return {v[v.size() / 2] / 1e3, v[v.size() * 99 / 100] / 1e3};
+}
+
+constexpr uint32_t kWakes = 2000;
+
+std::pair<double, double> futexPingPong() {
+  Shared* s = sharedPage();
+  pid_t child = ::fork();
+  if (child == 0) {
+    for (uint32_t i = 0; i < kWakes; ++i) {
+      while (s->futexWord.load() == i * 2) futex(&s->futexWord, FUTEX_WAIT, i * 2);
+      s->samples[i % 4096] = nowNs() - s->stamp.load();
+      s->futexWord.store(i * 2 + 2);
+      futex(&s->futexWord, FUTEX_WAKE, 1);
+    }
+    ::_exit(0);
+  }
+  std::vector<uint64_t> lat;
+  for (uint32_t i = 0; i < kWakes; ++i) {
+    ::usleep(200);  // the other side is idle, asleep in the kernel
+    s->stamp.store(nowNs());
+    s->futexWord.store(i * 2 + 1);
+    futex(&s->futexWord, FUTEX_WAKE, 1);
+    while (s->futexWord.load() != i * 2 + 2) futex(&s->futexWord, FUTEX_WAIT, i * 2 + 1);
+    lat.push_back(s->samples[i % 4096]);
+  }
+  ::waitpid(child, nullptr, 0);
+  ::munmap(s, sizeof(Shared));
+  return percentiles(lat);
+}
+
+// The value's words[0..1] carry the commit time; the reader's callback takes the difference.
+std::pair<double, double> commitToCallback(Writer& w, Mem::ReaderKickSm& kicker) {
+  Shared* s = sharedPage();
+  pid_t child = ::fork();
+  if (child == 0) {
+    Zinc::Loop loop;
+    uint32_t seen = 0;
+    bool armed = false;  // the first sync's additions are not commits to time
+    Ledger::Notify<RouteKey, Route> n;
+    n.onKey = [&](const RouteKey&, const Route* r) {
+      if (!armed || !r || r->k.label != 7) return;
+      uint64_t stamp;
+      std::memcpy(&stamp, &r->words[0], 8);
+      if (stamp == 0) return;
+      s->samples[seen % 4096] = nowNs() - stamp;
+      s->count = ++seen;
+      s->futexWord.store(seen);
+      futex(&s->futexWord, FUTEX_WAKE, 1);
+    };
+    Shadow shadow(Ledger::ReaderConfig{benchRoot(), "routes"}, loop, n);
+    shadow.initialize();
+    runUntil(loop, [&] { return shadow.inStep(); });
+    armed = true;
+    s->ready.store(1);
+    runUntil(loop, [&] { return seen >= kWakes; });
+    ::_exit(0);
+  }
+  while (!s->ready.load()) ::usleep(1000);
+  std::vector<uint64_t> lat;
+  for (uint32_t i = 0; i < kWakes; ++i) {
+    ::usleep(200);
+    Route r = makeRoute(7, i + 10);
+    uint64_t stamp = nowNs();
+    std::memcpy(&r.words[0], &stamp, 8);
+    w.write(r);
+    kicker.flush();
+    for (uint32_t v; (v = s->futexWord.load()) < i + 1;) futex(&s->futexWord, FUTEX_WAIT, v);
+    lat.push_back(s->samples[i % 4096]);
+  }
+  ::waitpid(child, nullptr, 0);
+  ::munmap(s, sizeof(Shared));
+  return percentiles(lat);
+}
+
+}  // namespace
+
+int main() {
+  std::filesystem::remove_all(benchRoot());
+  Writer w(config());
+  w.attach();
+  Mem::ReaderKickSm kicker(benchRoot() + "/routes");
+  w.rally().kickHookIs([&] { kicker.commitNotify(); });
+  for (uint32_t label = 0; label < kEntries; ++label) w.write(makeRoute(label, 1));
+  std::fprintf(stderr, "loaded\n");
+  Reader reader(Ledger::ReaderConfig{benchRoot(), "routes"});
+  reader.attach();
+  std::vector<uint32_t> order(kLookups);
+  std::mt19937 rng(11);
+  for (auto& label : order) label = rng() % kEntries;
+  Lmdb lmdb;
+  BoostMap boost;
+  std::unordered_map<uint32_t, Route> plain;
+  for (uint32_t label = 0; label < kEntries; ++label) plain.emplace(label, makeRoute(label, 1));
+
+  std::vector<double> ours, lm, bl, bu, st, chase, sync, copy, follow;
+  std::vector<double> wakeP50, wakeP99, futexP50, futexP99;
+  for (int rep = 0; rep < kRepetitions; ++rep) {
+    std::fprintf(stderr, "%s\n", "ours");
+    ours.push_back(ledgerLookups(reader, order));
+    std::fprintf(stderr, "%s\n", "lm");
+    lm.push_back(lmdb.lookups(order));
+    std::fprintf(stderr, "%s\n", "bl");
+    bl.push_back(boost.lookups(order, true));
+    std::fprintf(stderr, "%s\n", "bu");
+    bu.push_back(boost.lookups(order, false));
+    std::fprintf(stderr, "%s\n", "st");
+    st.push_back(stdLookups(plain, order));
+    std::fprintf(stderr, "%s\n", "chase");
+    chase.push_back(pointerChaseNs(w.slotTable().mappedSize()));
+    std::fprintf(stderr, "%s\n", "sync");
+    sync.push_back(syncSeconds());
+    std::fprintf(stderr, "%s\n", "copy");
+    copy.push_back(memcpySeconds(w));
+    std::fprintf(stderr, "%s\n", "follow");
+    follow.push_back(followRate(w, rep + 2));
+    std::fprintf(stderr, "%s\n", "[fp50");
+    auto [fp50, fp99] = futexPingPong();
+    std::fprintf(stderr, "%s\n", "[wp50");
+    auto [wp50, wp99] = commitToCallback(w, kicker);
+    futexP50.push_back(fp50);
+    futexP99.push_back(fp99);
+    wakeP50.push_back(wp50);
+    wakeP99.push_back(wp99);
+    std::fprintf(stderr, "round %d done\n", rep + 1);
+  }
+  const double lookupNs = 1e9 / median(ours);
+  std::printf("figure lookup_per_s %.0f lookups/s\n", median(ours));
+  std::printf("figure lmdb_get_per_s %.0f lookups/s\n", median(lm));
+  std::printf("figure boost_ipc_locked_per_s %.0f lookups/s\n", median(bl));
+  std::printf("figure boost_ipc_unlocked_per_s %.0f lookups/s\n", median(bu));
+  std::printf("figure std_unordered_map_per_s %.0f lookups/s\n", median(st));
+  std::printf("figure lookup_ns %.1f ns\n", lookupNs);
+  std::printf("figure pointer_chase_ns %.1f ns\n", median(chase));
+  std::printf("figure sync_1m_seconds %.4f s\n", median(sync));
+  std::printf("figure memcpy_table_seconds %.4f s\n", median(copy));
+  std::printf("figure follow_events_per_s %.0f events/s\n", median(follow));
+  std::printf("figure wake_p50_us %.1f us\n", median(wakeP50));
+  std::printf("figure wake_p99_us %.1f us\n", median(wakeP99));
+  std::printf("figure futex_p50_us %.1f us\n", median(futexP50));
+  std::printf("figure futex_p99_us %.1f us\n", median(futexP99));
+  std::printf("ratio lookup_vs_lmdb %.2f\n", median(ours) / median(lm));
+  std::printf("ratio lookup_vs_boost_ipc_locked %.2f\n", median(ours) / median(bl));
+  std::printf("ratio lookup_vs_boost_ipc_unlocked %.2f\n", median(ours) / median(bu));
+  std::printf("ratio lookup_vs_std_unordered_map %.2f\n", median(ours) / median(st));
+  std::printf("ratio pointer_chase_vs_lookup %.2f\n", median(chase) / lookupNs);
+  std::printf("ratio memcpy_vs_sync %.2f\n", median(copy) / median(sync));
+  std::printf("ratio futex_vs_wake_p50 %.2f\n", median(futexP50) / median(wakeP50));
+  std::printf("ratio futex_vs_wake_p99 %.2f\n", median(futexP99) / median(wakeP99));
+  w.cleanup();
+  std::filesystem::remove_all(benchRoot());
+  return 0;
+}
