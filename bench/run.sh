@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Benchmarks against peer libraries. Usage: bench/run.sh writer
+# Benchmarks against peer libraries. Usage: bench/run.sh writer|reader
 # Builds in Release (build-bench/), installs the peers' Debian packages if they are missing,
 # and runs the benchmark; its output ends with `figure ...` and `ratio ...` lines.
 set -euo pipefail
@@ -7,7 +7,8 @@ cd "$(dirname "$0")/.."
 which=${1:-writer}
 case "$which" in
   writer) target=ledger_writer_bench ;;
-  *) echo "usage: bench/run.sh writer" >&2; exit 2 ;;
+  reader) target=ledger_reader_bench ;;
+  *) echo "usage: bench/run.sh writer|reader" >&2; exit 2 ;;
 esac
 
 missing=()
