@@ -7,7 +7,8 @@ cd "$(dirname "$0")/.."
 which=${1:-writer}
 case "$which" in
   writer) target=ledger_writer_bench ;;
-  *) echo "usage: bench/run.sh writer" >&2; exit 2 ;;
+  lfib) target=lfib_bench ;;
+  *) echo "usage: bench/run.sh writer|lfib" >&2; exit 2 ;;
 esac
 
 missing=()
@@ -21,4 +22,4 @@ fi
 cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DMPLS_BENCH=ON -DMPLS_TESTS=OFF \
   >/dev/null
 ninja -C build-bench -j2 "$target"
-"build-bench/bench/$target"
+"build-bench/bench/$target" "${@:2}"
