@@ -58,10 +58,20 @@
 //   };                                 //  64
 //   uint64_t head[numBuckets]          //  64 + 8 * i, a link pair like a slot's
 //
-// How a reader uses the bucket table: load resizeSeq (acquire); if it is odd, the writer is
-// redistributing chains: retry later. Load numBuckets, walk the chain of hash % numBuckets,
-// then fence (acquire) and load resizeSeq again: a miss counts only if resizeSeq did not
-// change; a hit is proven by the slot's own status re-check.
+// How a reader walks a chain without locks:
+//  1. Load resizeSeq (acquire); if it is odd the writer is redistributing chains: wait and
+//     retry. Load numBuckets (acquire) and the head pair of bucket hash % numBuckets.
+//  2. At each slot: load status (acquire); take rhash and key from the slot, or from the
+//     look-aside slot when LOOKASIDE is set; load the slot's link pair (acquire); fence
+//     (acquire); re-load the status and the link pair that led here (the bucket head or the
+//     previous slot's pair). If the status changed, or is not OCCUPIED, or that pair changed
+//     (its generation moves on every store), restart: the slot may have been freed and reused
+//     in another chain or another place of this one, which its status alone cannot show.
+//  3. Compare (rhash, key): equal is a hit (copy the value with the status re-check), greater
+//     ends the walk with a miss.
+//  4. A miss counts only if, after a fence (acquire), resizeSeq still has the value of step 1.
+// Every index is bounds-checked against the mapped size (re-map when the header's numSlots
+// or numBuckets is beyond it) and every walk is bounded.
 #pragma once
 
 #include <atomic>

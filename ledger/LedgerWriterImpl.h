@@ -208,9 +208,11 @@ const void* LedgerWriter<Key, Value, OpsT>::write(const Value& value, WriteFlag 
   checkNoDirect("LedgerWriter::write()");
   const Key key = OpsT::keyOf(value);
   const uint32_t hash = OpsT::hash(key);
-  const ChainPosition pos = map_.find(key, hash);
+  const ChainPosition pos =
+      map_.find(key, hash, "WriterHashMap::find()", [this](uint32_t s) { rally_.prefetch(s); });
   uint32_t slot = pos.hit;
   if (slot != kNoSlot) {
+    rally_.prefetchTombstone(slot);
     if (flag == WriteFlag::ifChanged && ops_.sameStored(slots_.value(slot), value)) {
       ++counters_.unchanged;
       return slots_.value(slot);
@@ -235,9 +237,24 @@ const void* LedgerWriter<Key, Value, OpsT>::write(const Value& value, WriteFlag 
 }
 
 template <class Key, class Value, class OpsT>
+void LedgerWriter<Key, Value, OpsT>::writeBatch(const Value* values, size_t count, WriteFlag flag) {
+  constexpr size_t kBucketAhead = 16, kSlotAhead = 8;
+  for (size_t i = 0; i < count; ++i) {
+    if (i + kBucketAhead < count) {
+      map_.prefetchBucket(OpsT::hash(OpsT::keyOf(values[i + kBucketAhead])));
+    }
+    if (i + kSlotAhead < count) {
+      map_.prefetchFirstSlot(OpsT::hash(OpsT::keyOf(values[i + kSlotAhead])));
+    }
+    write(values[i], flag);
+  }
+}
+
+template <class Key, class Value, class OpsT>
 bool LedgerWriter<Key, Value, OpsT>::remove(const Key& key, Value* out) {
   checkNoDirect("LedgerWriter::remove()");
-  const ChainPosition pos = map_.find(key, OpsT::hash(key));
+  const ChainPosition pos = map_.find(key, OpsT::hash(key), "WriterHashMap::find()",
+                                      [this](uint32_t s) { rally_.prefetch(s); });
   if (pos.hit == kNoSlot) return false;
   const uint32_t slot = pos.hit;
   if (out) ops_.load(slots_.value(slot), *out);
@@ -362,6 +379,9 @@ void LedgerWriter<Key, Value, OpsT>::doMaybeShrinkSlots() {
   rally_.markShrinkStart(target, n);
   slots_.purgeFreeSlots(target);
   for (uint32_t from = target; from < n; ++from) {
+    if (uint32_t ahead = from + 8; ahead < n && (slots_.slot(ahead).status & kOccupied)) {
+      map_.prefetchBucket(OpsT::hash(ops_.storedKey(slots_.value(ahead))));
+    }
     if (slots_.slot(from).status & kOccupied) moveSlot(from);
   }
   slots_.cut(target);

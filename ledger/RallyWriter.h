@@ -130,6 +130,16 @@ class RallyWriter {
   bool attached() const { return control_ != nullptr; }
   bool adopted() const { return adopted_; }
 
+  // Starts fetching what notify(slot) will touch, so that the fetch overlaps other work.
+  void prefetch(uint32_t slot) const {
+    if (queue_ && slot < queue_->slotCapacity) __builtin_prefetch(&positions_[slot]);
+  }
+  // Then, once the position is there, the entry that notify(slot) will tombstone.
+  void prefetchTombstone(uint32_t slot) const {
+    if (!queue_ || slot >= queue_->slotCapacity) return;
+    uint32_t pos = positions_[slot];
+    if (pos < queue_->count) __builtin_prefetch(&entries_[pos], 1);
+  }
   // Announces a change to `slot`; returns its sequence.
   uint64_t notify(uint32_t slot);
   void markShrinkStart(uint32_t corralStart, uint32_t corralEnd);

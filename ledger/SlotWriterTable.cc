@@ -54,6 +54,11 @@ SlotWriterTable::Attached SlotWriterTable::attach(const SlotTableConfig& config)
     return Attached::Reformatted;
   }
   bind();
+  try {
+    freeCount_ = freeListLength();
+  } catch (const CorruptionException&) {
+    freeCount_ = 0;  // the validator will say what is wrong, and recovery rebuilds the list
+  }
   if (config_.fixedSize && numSlots() != config_.capacity) {
     uint32_t existing = numSlots();
     detach();
@@ -66,6 +71,7 @@ SlotWriterTable::Attached SlotWriterTable::attach(const SlotTableConfig& config)
 }
 
 void SlotWriterTable::reformat(uint32_t numSlots) {
+  freeCount_ = 0;
   uint64_t bytes = SlotTable::fileSizeFor(numSlots, config_.shape.slotSize());
   if (!file_.resize(bytes)) {
     throw InitializationException("SlotWriter::attach() failed to resize " + file_.path() + ": " +
@@ -124,6 +130,7 @@ uint32_t SlotWriterTable::alloc() {
   uint32_t next = loadLink(s.linkPair);
   storeFreeHead(isEndOfChain(next) ? kNoSlot : next);
   storeOccupied(occupiedSlots() + 1);
+  --freeCount_;
   return index;
 }
 
@@ -140,6 +147,7 @@ void SlotWriterTable::markFree(uint32_t index, uint32_t nextFree) {
 void SlotWriterTable::dealloc(uint32_t index) {
   markFree(index, header().freeListHead);
   storeFreeHead(index);
+  ++freeCount_;
   storeOccupied(occupiedSlots() - 1);
 }
 
@@ -223,6 +231,7 @@ void SlotWriterTable::addFreeSlots(uint32_t start, uint32_t end) {
   for (uint32_t i = start; i + 1 < end; ++i) storeLink(slot(i).linkPair, i + 1);
   storeLink(slot(end - 1).linkPair, kNoSlot);
   storeFreeHead(start);
+  freeCount_ += end - start;
 }
 
 uint32_t SlotWriterTable::freeListLength() const {
@@ -245,32 +254,20 @@ void SlotWriterTable::purgeFreeSlots(uint32_t threshold) {
   if (header().freeListHead == kNoSlot) {
     throw Zinc::InternalException("SlotWriterTable::purgeFreeSlots() free-list is empty");
   }
-  uint32_t length = freeListLength();
-  if (length + occupiedSlots() != numSlots()) {
+  if (freeCount_ + occupiedSlots() != numSlots()) {
     corrupt("SlotWriter::purgeFreeSlots() numSlots mismatch, length of freeList: " +
-            std::to_string(length) + ", occupiedSlots: " + std::to_string(occupiedSlots()) +
+            std::to_string(freeCount_) + ", occupiedSlots: " + std::to_string(occupiedSlots()) +
             " do not add up to numSlots: " + std::to_string(numSlots()));
   }
-  uint64_t* tail = nullptr;  // link pair of the last kept slot; null: the header's head
-  for (uint32_t i = header().freeListHead; i != kNoSlot && !isEndOfChain(i);) {
-    uint32_t next = loadLink(slot(i).linkPair);
-    if (i >= threshold) {
+  // Every slot is occupied or free (the counts add up), so the free slots that stay are the
+  // unoccupied ones below the threshold: rebuilt in one sequential pass, ascending, instead of
+  // following the list through memory in the order slots were freed.
+  for (uint32_t i = threshold; i < numSlots(); ++i) {
+    if (!(slot(i).status & kOccupied)) {
       ZTRACE(9, "SlotWriter::purgeFreeSlots() removing slot id " << i << " from free-list");
-    } else {
-      if (tail) {
-        storeLink(*tail, i);
-      } else {
-        storeFreeHead(i);
-      }
-      tail = &slot(i).linkPair;
     }
-    i = next;
   }
-  if (tail) {
-    storeLink(*tail, kNoSlot);
-  } else {
-    storeFreeHead(kNoSlot);
-  }
+  rebuildFreeListBelow(threshold);
 }
 
 uint32_t SlotWriterTable::shrinkThreshold() const {
@@ -287,17 +284,20 @@ void SlotWriterTable::cut(uint32_t newNumSlots) {
 }
 
 void SlotWriterTable::rebuildFreeList() {
-  storeFreeHead(kNoSlot);
-  uint32_t occupied = 0;
-  for (uint32_t i = numSlots(); i-- > 0;) {
-    if (slot(i).status & kOccupied) {
-      ++occupied;
-      continue;
-    }
-    storeLink(slot(i).linkPair, header().freeListHead);
-    storeFreeHead(i);
+  rebuildFreeListBelow(numSlots());
+  storeOccupied(numSlots() - freeCount_);
+}
+
+void SlotWriterTable::rebuildFreeListBelow(uint32_t end) {
+  uint32_t head = kNoSlot;
+  freeCount_ = 0;
+  for (uint32_t i = end; i-- > 0;) {
+    if (slot(i).status & kOccupied) continue;
+    storeLink(slot(i).linkPair, head);
+    head = i;
+    ++freeCount_;
   }
-  storeOccupied(occupied);
+  storeFreeHead(head);
 }
 
 }  // namespace Ledger

@@ -81,9 +81,13 @@ class SlotWriterTable {
   void cut(uint32_t newNumSlots);
   // Rebuilds the free list from every slot below numSlots whose status is not OCCUPIED.
   void rebuildFreeList();
+  // The free list: every unoccupied slot below `end`, ascending.
+  void rebuildFreeListBelow(uint32_t end);
   uint32_t freeListLength() const;
 
   uint64_t growths() const { return growths_; }
+  // Free slots as counted by this writer (the free list's length when the file is sound).
+  uint32_t freeCount() const { return freeCount_; }
 
  private:
   void bind();
@@ -96,6 +100,7 @@ class SlotWriterTable {
   uint8_t* base_ = nullptr;
   uint32_t slotSize_ = 0;
   uint64_t growths_ = 0;
+  uint32_t freeCount_ = 0;
 };
 
 }  // namespace Ledger

@@ -46,12 +46,19 @@ class WriterHashMap {
     return ref.isBucket ? buckets_.head(ref.index) : slots_.slot(ref.index).linkPair;
   }
 
-  ChainPosition find(const Key& key, uint32_t hash, const char* who = "WriterHashMap::find()") {
+  // `visit(slot)` is called for every slot the walk is about to touch (a chance to start
+  // fetching what the caller will need for it).
+  template <class Visit = void (*)(uint32_t)>
+  ChainPosition find(
+      const Key& key, uint32_t hash, const char* who = "WriterHashMap::find()",
+      Visit visit = [](uint32_t) {}) {
     const uint32_t bucket = bucketOf(hash);
     const uint32_t rhash = reverseBits(hash);
     ChainPosition pos{{bucket, true}, kNoSlot, 0};
     uint32_t link = SlotWriterTable::loadLink(buckets_.head(bucket));
     for (uint32_t count = 0; !isEndOfChain(link);) {
+      prefetchSlotTail(link);
+      visit(link);
       checkSlot(link, bucket, who, ++count);
       const SlotHeader& s = slots_.slot(link);
       if (s.rhash == rhash) {
@@ -123,6 +130,11 @@ class WriterHashMap {
   }
 
   void setLink(LinkRef ref, uint32_t link) { SlotWriterTable::storeLink(pair(ref), link); }
+  void prefetchBucket(uint32_t hash) { __builtin_prefetch(&buckets_.head(bucketOf(hash))); }
+  void prefetchFirstSlot(uint32_t hash) {
+    uint32_t link = SlotWriterTable::loadLink(buckets_.head(bucketOf(hash)));
+    if (link < slots_.numSlots()) __builtin_prefetch(&slots_.slot(link));
+  }
 
   // Doubles the bucket count, splitting every chain in two (see Format.h for the readers'
   // side of the resize bracket).
@@ -132,6 +144,7 @@ class WriterHashMap {
     ZTRACE_TO(trace(), 1, "WriterHashMap::growBuckets() growing from: " << n << " to: " << 2 * n);
     buckets_.beginResize();
     for (uint32_t b = 0; b < n; ++b) {
+      prefetchChain(b + kPrefetchDistance, n);
       LinkRef low{b, true}, high{b + n, true};
       uint32_t link = SlotWriterTable::loadLink(buckets_.head(b));
       for (uint32_t count = 0; !isEndOfChain(link);) {
@@ -156,6 +169,8 @@ class WriterHashMap {
     const uint32_t half = buckets_.numBuckets() / 2;
     buckets_.beginResize();
     for (uint32_t b = 0; b < half; ++b) {
+      prefetchChain(b + kPrefetchDistance, half);
+      prefetchChain(b + half + kPrefetchDistance, 2 * half);
       uint32_t a = SlotWriterTable::loadLink(buckets_.head(b));
       uint32_t c = SlotWriterTable::loadLink(buckets_.head(b + half));
       LinkRef tail{b, true};
@@ -180,6 +195,24 @@ class WriterHashMap {
   }
 
  private:
+  // Chains are mostly one or two slots long: fetching the first slot of a bucket a few
+  // buckets ahead overlaps the cache misses of a whole-table walk.
+  static constexpr uint32_t kPrefetchDistance = 8;
+  void prefetchChain(uint32_t bucket, uint32_t end) {
+    if (bucket >= end) return;
+    uint32_t link = SlotWriterTable::loadLink(buckets_.head(bucket));
+    if (link < slots_.numSlots()) __builtin_prefetch(&slots_.slot(link));
+  }
+
+  // A slot spans several cache lines; a hit copies all of them (look-aside copy, value).
+  // Asking for the rest while the first line, which holds the key, is on its way overlaps
+  // those misses with the one the walk must wait for.
+  void prefetchSlotTail(uint32_t link) {
+    if (link >= slots_.numSlots()) return;
+    const auto* bytes = reinterpret_cast<const char*>(&slots_.slot(link));
+    for (uint32_t at = 64; at < slots_.slotSize(); at += 64) __builtin_prefetch(bytes + at);
+  }
+
   static const Zinc::Trace& trace() {
     static Zinc::Trace t("WriterHashMap");
     return t;

@@ -134,3 +134,21 @@ TEST_F(WriterModel, ReattachAdoptsTheTableAsItStands) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(WriterModel, BatchWritesEqualOneWriteAtATime) {
+  std::mt19937_64 rng(11);
+  std::vector<TestValue> batch;
+  for (int i = 0; i < 5000; ++i) {  // repeated keys: later values win, as with write()
+    uint64_t id = rng() % 1500;
+    batch.push_back(makeValue(id, ++version));
+    model[id] = batch.back();
+  }
+  uint64_t seq = writer->sequence();
+  writer->writeBatch(batch.data(), batch.size());
+  EXPECT_EQ(writer->sequence(), seq + batch.size());
+  ASSERT_NO_FATAL_FAILURE(checkAll());
+}
+
+}  // namespace

@@ -1,0 +1,218 @@
+// The writer's store order seen from another process: a child maps the files read-only and
+// reads them with nothing but the documented protocol (status re-check, look-aside copy,
+// bucket resize bracket) while the parent churns through rewrites, inserts, removes, bucket
+// and slot growth and shrink. Every value it copies must be whole and every lookup of a key
+// that is always present must find it.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <sched.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <random>
+
+#include "ledger/LedgerWriter.h"
+#include "ledger/tests/TestTable.h"
+#include "platform/shm/EmberFile.h"
+
+namespace {
+
+using namespace LedgerTest;
+using namespace Ledger;
+using SharedMem::EmberFile;
+
+constexpr uint64_t kStableKeys = 64;  // always present, rewritten over and over
+
+bool whole(const TestValue& v) {
+  return v.check == Zinc::hashBytes(&v, offsetof(TestValue, check)) &&
+         v == makeValue(v.k.id, v.version);
+}
+
+// A minimal reader over the shared files, written from Format.h's description alone.
+class ProtocolReader {
+ public:
+  explicit ProtocolReader(const std::string& root) {
+    slots_.open(root, "proto", "slots", EmberFile::Access::ReadOnly, false);
+    buckets_.open(root, "proto", "buckets", EmberFile::Access::ReadOnly, false);
+  }
+
+  struct Stats {
+    uint64_t reads = 0, torn = 0, lookasideReads = 0, lookups = 0, stableMisses = 0, retries = 0,
+             remaps = 0, resizeWaits = 0;
+  } stats;
+
+  // Consistent copy of slot `index`: false when it holds no entry.
+  bool readSlot(uint32_t index, TestValue& out) {
+    for (;;) {
+      if (!covered(index)) return false;
+      const SlotHeader& s = slot(index);
+      uint32_t before = Shm::load(s.status, std::memory_order_acquire);
+      const SlotHeader& from = (before & kLookaside) ? lookaside() : s;
+      std::memcpy(&out, reinterpret_cast<const uint8_t*>(&from) + 16, sizeof(out));
+      std::atomic_thread_fence(std::memory_order_acquire);
+      uint32_t after = Shm::load(s.status, std::memory_order_relaxed);
+      if (before == after) {
+        stats.lookasideReads += (before & kLookaside) != 0;
+        return (before & kOccupied) != 0;
+      }
+      ++stats.retries;
+    }
+  }
+
+  bool lookup(const TestKey& key, TestValue& out) {
+    ++stats.lookups;
+    const uint32_t hash = key.hash(), rhash = reverseBits(hash);
+    for (int attempt = 0; attempt < 1000000; ++attempt) {
+      const auto& bh = *reinterpret_cast<const BucketTableHeader*>(buckets_.base());
+      uint32_t seq = Shm::load(bh.resizeSeq, std::memory_order_acquire);
+      if (seq & 1) {  // chains are being redistributed: wait for the writer to finish
+        ++stats.resizeWaits;
+        ::sched_yield();
+        --attempt;
+        continue;
+      }
+      uint32_t n = Shm::load(bh.numBuckets, std::memory_order_acquire);
+      if (kBucketTableHeaderSize + 8ull * n > buckets_.size()) {
+        buckets_.remap();
+        ++stats.remaps;
+        continue;
+      }
+      int result = walk(reinterpret_cast<const uint64_t*>(buckets_.base() + 64)[hash & (n - 1)],
+                        key, rhash, out);
+      if (result == 1) return true;
+      std::atomic_thread_fence(std::memory_order_acquire);
+      if (result == 0 && Shm::load(bh.resizeSeq, std::memory_order_relaxed) == seq) return false;
+      ++stats.retries;
+    }
+    return false;
+  }
+
+ private:
+  // 1 hit, 0 miss, -1 retry.
+  int walk(const uint64_t& headPair, const TestKey& key, uint32_t rhash, TestValue& out) {
+    const uint64_t* pred = &headPair;
+    uint64_t predValue = Shm::load(*pred, std::memory_order_acquire);
+    uint32_t link = linkOf(predValue);
+    for (int steps = 0; !isEndOfChain(link); ++steps) {
+      if (steps > 100000 || !covered(link)) return -1;
+      const SlotHeader& s = slot(link);
+      uint32_t before = Shm::load(s.status, std::memory_order_acquire);
+      const SlotHeader& from = (before & kLookaside) ? lookaside() : s;
+      uint32_t slotRhash = Shm::load(from.rhash, std::memory_order_relaxed);
+      TestKey slotKey;
+      std::memcpy(&slotKey, reinterpret_cast<const uint8_t*>(&from) + 16, sizeof(slotKey));
+      uint64_t pair = Shm::load(s.linkPair, std::memory_order_acquire);
+      std::atomic_thread_fence(std::memory_order_acquire);
+      // The slot did not change while it was read, and the link that led here still does
+      // (same generation): the slot was in this chain, not freed and reused elsewhere.
+      if (Shm::load(s.status, std::memory_order_relaxed) != before || !(before & kOccupied) ||
+          Shm::load(*pred, std::memory_order_relaxed) != predValue) {
+        return -1;
+      }
+      if (slotRhash == rhash && slotKey == key) {
+        ++stats.reads;
+        if (!readSlot(link, out) || !(out.k == key)) return -1;
+        stats.torn += !whole(out);
+        return 1;
+      }
+      if (slotRhash > rhash || (slotRhash == rhash && key < slotKey)) return 0;
+      pred = &s.linkPair;
+      predValue = pair;
+      link = linkOf(pair);
+    }
+    return 0;
+  }
+
+  bool covered(uint32_t index) {
+    const auto& h = *reinterpret_cast<const SlotTableHeader*>(slots_.base());
+    size_t needed = SlotTable::fileSizeFor(uint64_t{index} + 1, h.slotSize);
+    if (needed <= slots_.size()) return true;
+    ++stats.remaps;
+    return slots_.remap() && needed <= slots_.size();
+  }
+  const SlotHeader& slot(uint32_t index) {
+    const auto& h = *reinterpret_cast<const SlotTableHeader*>(slots_.base());
+    return *reinterpret_cast<const SlotHeader*>(slots_.base() + kSlotTableHeaderSize +
+                                                (uint64_t{index} + 1) * h.slotSize);
+  }
+  const SlotHeader& lookaside() {
+    return *reinterpret_cast<const SlotHeader*>(slots_.base() + kSlotTableHeaderSize);
+  }
+
+  EmberFile slots_, buckets_;
+};
+
+TEST(ReaderProtocol, AnotherProcessNeverSeesATornValueOrLosesAStableKey) {
+  TempRoot root;
+  LedgerConfig config;
+  config.root = root.path();
+  config.table = "proto";
+  config.capacity = 8;
+  config.minBuckets = 4;
+  LedgerWriter<TestKey, TestValue> writer(config);
+  writer.attach();
+  uint64_t version = 0;
+  for (uint64_t id = 0; id < kStableKeys; ++id) writer.write(makeValue(id, ++version));
+
+  int fds[2];
+  ASSERT_EQ(::pipe(fds), 0);
+  pid_t pid = ::fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    ::close(fds[0]);
+    ProtocolReader reader(root.path());
+    std::mt19937_64 rng(1);
+    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(1500);
+    while (std::chrono::steady_clock::now() < end) {
+      TestValue v;
+      if (!reader.lookup(TestKey{rng() % kStableKeys}, v)) ++reader.stats.stableMisses;
+      reader.lookup(TestKey{1000 + rng() % 3000}, v);  // churning keys: either answer is fine
+    }
+    ssize_t n = ::write(fds[1], &reader.stats, sizeof(reader.stats));
+    ::_exit(n == sizeof(reader.stats) ? 0 : 1);
+  }
+  ::close(fds[1]);
+  // Churn until the reader reports: rewrites of the stable keys, and waves of inserts and
+  // removes that grow and shrink both the buckets and the slots.
+  std::mt19937_64 rng(2);
+  ProtocolReader::Stats stats;
+  ::fcntl(fds[0], F_SETFL, O_NONBLOCK);
+  uint64_t round = 0;
+  for (;; ++round) {
+    for (uint64_t id = 0; id < kStableKeys; ++id) writer.write(makeValue(id, ++version));
+    bool filling = (round / 12) % 2 == 0;
+    for (int i = 0; i < 500; ++i) {
+      uint64_t id = 1000 + rng() % 3000;
+      if (filling) {
+        writer.write(makeValue(id, ++version));
+      } else {
+        writer.remove(TestKey{id});
+      }
+    }
+    if (::read(fds[0], &stats, sizeof(stats)) == sizeof(stats)) break;
+  }
+  int status;
+  ::waitpid(pid, &status, 0);
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_GT(stats.lookups, 1000u);
+  EXPECT_EQ(stats.torn, 0u);
+  EXPECT_EQ(stats.stableMisses, 0u);
+  EXPECT_TRUE(writer.validate()) << writer.validationError();
+  auto counters = writer.writerCounters();
+  EXPECT_GT(counters.bucketGrowths, 0u);
+  EXPECT_GT(counters.bucketShrinks + counters.slotShrinks, 0u);
+  RecordProperty("lookups", static_cast<int>(stats.lookups));
+  RecordProperty("lookasideReads", static_cast<int>(stats.lookasideReads));
+  RecordProperty("retries", static_cast<int>(stats.retries));
+  std::printf(
+      "reader: lookups %lu lookaside %lu retries %lu remaps %lu waits %lu rounds %lu"
+      " bucket resizes %lu slot shrinks %lu\n",
+      stats.lookups, stats.lookasideReads, stats.retries, stats.remaps, stats.resizeWaits, round,
+      counters.bucketGrowths + counters.bucketShrinks, counters.slotShrinks);
+}
+
+}  // namespace
