@@ -44,6 +44,7 @@ template <class Key, class Value, class OpsT = Ops<Key, Value>>
 class LedgerReader : public LedgerBase<Key, Value> {
  public:
   static constexpr uint32_t kMaxAttempts = 64;
+  static constexpr std::chrono::seconds kResizeWait{2};
   using CorruptionHandler = std::function<void(const std::string& reason)>;
 
   explicit LedgerReader(ReaderConfig config, OpsT ops = OpsT())
@@ -241,11 +242,29 @@ class LedgerReader : public LedgerBase<Key, Value> {
   bool walkUntil(uint32_t hash, const char* who, Visit visit, const Key* key) {
     const uint32_t rhash = reverseBits(hash);
     std::string oddity;
-    for (uint32_t attempt = 0; attempt < kMaxAttempts; ++attempt) {
+    std::chrono::steady_clock::time_point resizeDeadline{};
+    for (uint32_t attempt = 0; attempt < kMaxAttempts;) {
       if (attempt > 2) ::sched_yield();
+      const uint32_t seq = buckets_.seqBegin();
       Walk w = walkOnce(hash, rhash, who, visit, key, oddity);
       if (w != Walk::again) return w == Walk::found;
       ++counters_.retries;
+      // A walk that overlapped a redistribution of the chains proves nothing either way: wait
+      // for the writer to finish it, without counting, but not forever (a writer that died
+      // half-way leaves resizeSeq odd until the next one attaches).
+      if ((seq & 1) || !buckets_.seqUnchanged(seq)) {
+        auto now = std::chrono::steady_clock::now();
+        if (resizeDeadline == std::chrono::steady_clock::time_point{}) {
+          resizeDeadline = now + kResizeWait;
+        } else if (now > resizeDeadline) {
+          throw CorruptionException(
+              std::string(who) +
+              " bucket resize never completed, resizeSeq:" + std::to_string(seq));
+        }
+        ::sched_yield();
+        continue;
+      }
+      ++attempt;
     }
     throw CorruptionException(oddity);
   }

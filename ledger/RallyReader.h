@@ -52,6 +52,22 @@ class RallyReader {
   uint32_t writerPid() const;
   uint64_t consumed() const { return consumed_; }
 
+  // The current queue as it stands, for tools: entries counted, capacity, slots covered, one
+  // entry, and the writer's recorded position of a slot's live entry (kNoPosition if none).
+  uint32_t queueCount() const { return queue_ ? count() : 0; }
+  uint32_t queueCapacity() const { return capacity_; }
+  uint32_t slotCapacity() const { return queue_ ? queue_->slotCapacity : 0; }
+  RallyEntry entryAt(uint32_t pos) const {
+    return RallyEntry{Shm::load(entries_[pos].sequence, std::memory_order_relaxed),
+                      Shm::load(entries_[pos].slotWord, std::memory_order_acquire), 0};
+  }
+  uint32_t positionOf(uint32_t slot) const {
+    if (!queue_ || slot >= queue_->slotCapacity) return kNoPosition;
+    const auto* positions =
+        reinterpret_cast<const uint32_t*>(queueFile_.base() + sizeof(RallyQueueHeader));
+    return Shm::load(positions[slot], std::memory_order_relaxed);
+  }
+
   // First entry with a sequence above `seq` in the current queue (its count when none).
   uint32_t findPosition(uint64_t seq);
 

@@ -22,6 +22,9 @@ namespace {
 using namespace std::chrono_literals;
 using namespace LedgerTest;
 
+constexpr uint64_t kStableBase = 1000000;
+constexpr uint64_t kStableKeys = 16;
+
 uint64_t opsFromEnv(uint64_t dflt) {
   const char* s = std::getenv("READER_STRESS_OPS");
   return s ? std::strtoull(s, nullptr, 10) : dflt;
@@ -65,18 +68,38 @@ int readerMain(const std::string& root, int ctl, const std::string& resultPath, 
   options.yieldTime = 200us;
   Shadow shadow(Ledger::ReaderConfig{root, "routes"}, loop, log.notifier(),
                 Ledger::Ops<TestKey, TestValue>(), options);
-  shadow.initialize();
   std::mt19937_64 rng(::getpid());
   uint64_t lookups = 0;
   std::vector<std::string> torn;
+  // A sane writer never makes a reader report corruption.
+  auto report = [&](const std::string& why) {
+    if (torn.size() < 10) torn.push_back("corruption reported: " + why);
+  };
+  shadow.reader().corruptionHandlerIs(report);
+  shadow.corruptionHandlerIs(report);
+  shadow.initialize();
+  // Stable keys are never removed: once the shadow has them all, a direct lookup must never
+  // miss one, whatever the writer is doing to the chains around it.
+  bool stableKnown = false;
   loop.timerEvery(1ms, [&] {
     if (!shadow.reader().attached()) return;
+    if (!stableKnown && shadow.inStep()) {
+      stableKnown = true;
+      for (uint64_t id = kStableBase; id < kStableBase + kStableKeys; ++id) {
+        stableKnown = stableKnown && shadow.store().contains(TestKey{id});
+      }
+    }
     for (int i = 0; i < 200; ++i) {
       TestValue v;
-      TestKey k{rng() % keys};
+      const bool stable = i % 4 == 0;
+      TestKey k{stable ? kStableBase + rng() % kStableKeys : rng() % keys};
       ++lookups;
-      if (shadow.reader().lookup(k, v) && (!whole(v) || v.k.id != k.id) && torn.size() < 10) {
+      const bool found = shadow.reader().lookup(k, v);
+      if (found && (!whole(v) || v.k.id != k.id) && torn.size() < 10) {
         torn.push_back("torn direct read of key " + std::to_string(k.id));
+      }
+      if (!found && stable && stableKnown && strictEvents && torn.size() < 10) {
+        torn.push_back("stable key " + std::to_string(k.id) + " missed");
       }
     }
   });
@@ -161,7 +184,15 @@ struct Churn {
   std::map<uint64_t, uint64_t> version;
 
   Churn(KickingWriter& writer, uint64_t keyCount, uint64_t versionBase, uint64_t seed)
-      : w(writer), keys(keyCount), base(versionBase), rng(seed) {}
+      : w(writer), keys(keyCount), base(versionBase), rng(seed) {
+    for (uint64_t id = kStableBase; id < kStableBase + kStableKeys; ++id) rewriteStable(id);
+    w.flush();
+  }
+  void rewriteStable(uint64_t id) {
+    uint64_t& v = version[id];
+    v = std::max(v + 1, base);
+    w.writer.write(makeValue(id, v));
+  }
 
   void op(uint64_t id, int kind) {
     TestValue current;
@@ -184,6 +215,7 @@ struct Churn {
         int kind = int(rng() % 100) + removeBias;
         op(rng() % keys, std::clamp(kind, 0, 99));
       }
+      rewriteStable(kStableBase + rng() % kStableKeys);
       w.flush();
     }
   }

@@ -45,7 +45,7 @@ TEST_F(ShadowTest, EventsFollowChangesExactly) {
   EXPECT_EQ(shadowContents(*shadow), w.contents());
 
   // An unchanged rewrite: announced by the writer, reported to nobody.
-  w.writer.write(makeValue(7, 1), Ledger::WriteFlag::always);
+  w.rewrite(7);
   // A change, a removal.
   w.writer.write(makeValue(8, 2));
   w.writer.remove(TestKey{9});
@@ -172,7 +172,7 @@ TEST_F(ShadowTest, KeyShadowReportsKeysWithoutKeepingValues) {
   w.writer.write(makeValue(1, 1));
   w.writer.write(makeValue(2, 1));
   ASSERT_TRUE(until([&] { return keys.quiesced(); }));
-  w.writer.write(makeValue(1, 1), Ledger::WriteFlag::always);  // unchanged
+  w.rewrite(1);  // unchanged
   w.writer.write(makeValue(2, 2));
   ASSERT_TRUE(until([&] { return keys.quiesced(); }));
   EXPECT_EQ(events, (std::map<uint64_t, int>{{1, 1}, {2, 2}}));

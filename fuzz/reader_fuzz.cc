@@ -1,0 +1,174 @@
+// Fuzz target: arbitrary bytes as a table's files, read by the reader side only. A direct
+// reader looks keys up, iterates and reads slots by index; a shadow syncs and follows the
+// change queue. Nothing may crash, hang or read out of bounds, whatever the files hold; a
+// reader reports corruption and carries on.
+//
+// Input: one mode byte, then the bytes of the files. Mode bit 0 set: the slot file is taken
+// as it comes. Clear: it gets a well-formed header (so that the fuzzer reaches slots and
+// chains) with counters and slots from the input. Bit 1 set: the bucket header, the queue's
+// control block and queue header are made well-formed, their fields and bodies from the
+// input, so that walks and the queue reader are reached; clear: those files are raw bytes.
+#include <unistd.h>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "ledger/LedgerShadow.h"
+#include "ledger/SlotTable.h"
+#include "zinc/Hash.h"
+
+namespace {
+
+struct FuzzKey {
+  uint32_t id;
+  uint32_t hash() const { return Zinc::Hash::finalize(id); }
+  auto operator<=>(const FuzzKey&) const = default;
+};
+struct FuzzValue {
+  FuzzKey k;
+  uint32_t data;
+  FuzzKey key() const { return k; }
+  static const char* typeName() { return "Fuzz::Value"; }
+};
+
+class Input {
+ public:
+  Input(const uint8_t* data, size_t size) : data_(data), size_(size) {}
+  std::vector<uint8_t> take(size_t n) {
+    n = std::min(n, size_ - at_);
+    std::vector<uint8_t> out(data_ + at_, data_ + at_ + n);
+    at_ += n;
+    return out;
+  }
+  uint32_t word() {
+    uint32_t w = 0;
+    auto bytes = take(4);
+    if (!bytes.empty()) std::memcpy(&w, bytes.data(), bytes.size());
+    return w;
+  }
+
+ private:
+  const uint8_t* data_;
+  size_t size_;
+  size_t at_ = 0;
+};
+
+void writeFile(const std::string& path, const std::vector<uint8_t>& bytes) {
+  FILE* f = std::fopen(path.c_str(), "wb");
+  if (!f) return;
+  if (!bytes.empty()) std::fwrite(bytes.data(), 1, bytes.size(), f);
+  std::fclose(f);
+}
+
+// Header of `T` at the front of `file`, made well-formed by `shape` when asked.
+template <class T, class Fn>
+std::vector<uint8_t> withHeader(std::vector<uint8_t> body, bool wellFormed, Fn shape) {
+  if (!wellFormed) return body;
+  std::vector<uint8_t> file(sizeof(T), 0);
+  file.insert(file.end(), body.begin(), body.end());
+  std::memcpy(file.data(), body.data(), std::min(body.size(), sizeof(T)));
+  shape(*reinterpret_cast<T*>(file.data()));
+  return file;
+}
+
+uint32_t writeSlots(const std::string& dir, Input& in, bool raw) {
+  if (raw) {
+    writeFile(dir + "/slots", in.take(in.word() % 4096));
+    return 0;
+  }
+  Ledger::TableShape shape{sizeof(FuzzValue), 0, "Fuzz::Value", "Ledger::Table<Fuzz::Value>"};
+  uint32_t numSlots = in.word() % 64;
+  uint32_t ember = in.word() | 1;
+  std::vector<uint8_t> file(Ledger::SlotTable::fileSizeFor(numSlots, shape.slotSize()));
+  Ledger::SlotTable::format(file.data(), numSlots, shape, ember);
+  auto& h = *reinterpret_cast<Ledger::SlotTableHeader*>(file.data());
+  h.occupiedSlots = in.word() % (numSlots + 1);
+  auto body = in.take(file.size() - Ledger::kSlotTableHeaderSize);
+  if (!body.empty()) {
+    std::memcpy(file.data() + Ledger::kSlotTableHeaderSize, body.data(), body.size());
+  }
+  writeFile(dir + "/slots", file);
+  return ember;
+}
+
+void writeOthers(const std::string& dir, Input& in, bool wellFormed, uint32_t ember) {
+  writeFile(dir + "/buckets",
+            withHeader<Ledger::BucketTableHeader>(in.take(in.word() % 1024), wellFormed,
+                                                  [&](Ledger::BucketTableHeader& h) {
+                                                    std::memcpy(h.magic, Ledger::kBucketMagic, 8);
+                                                    h.version = Ledger::kBucketVersion;
+                                                    h.emberId = ember;
+                                                    h.numBuckets = 1u << (h.numBuckets % 8);
+                                                    h.resizeSeq &= 2;
+                                                  }));
+  uint32_t generation = 0;
+  writeFile(dir + "/rally", withHeader<Ledger::RallyControl>(
+                                in.take(in.word() % 128), wellFormed, [&](Ledger::RallyControl& c) {
+                                  std::memcpy(c.magic, Ledger::kRallyControlMagic, 8);
+                                  c.version = Ledger::kRallyVersion;
+                                  c.emberId = ember;
+                                  c.generation %= 4;
+                                  generation = c.generation;
+                                }));
+  writeFile(dir + "/" + Ledger::rallyQueueName(generation),
+            withHeader<Ledger::RallyQueueHeader>(
+                in.take(in.word() % 2048), wellFormed, [&](Ledger::RallyQueueHeader& q) {
+                  std::memcpy(q.magic, Ledger::kRallyQueueMagic, 8);
+                  q.version = Ledger::kRallyVersion;
+                  q.emberId = ember;
+                  q.generation = generation;
+                  q.slotCapacity %= 256;
+                  q.capacity %= 256;
+                }));
+}
+
+void readDirectly(const std::string& root, Input& in) {
+  Ledger::LedgerReader<FuzzKey, FuzzValue> reader(Ledger::ReaderConfig{root, "t"});
+  if (!reader.initialize()) return;
+  reader.corruptionHandlerIs([](const std::string&) {});
+  FuzzValue v;
+  for (uint32_t i = 0; i < 8; ++i) reader.lookup(FuzzKey{in.word() % 64}, v);
+  uint32_t hint = Ledger::kNoSlot;
+  int steps = 0;
+  for (bool more = reader.first(v); more && steps < 10000; more = reader.next(v.k, v, &hint)) {
+    ++steps;
+  }
+  for (uint32_t i = 0; i < 8; ++i) {
+    try {
+      reader.getValue(in.word() % 128, v);
+    } catch (const Ledger::CorruptionException&) {
+    }
+  }
+}
+
+void follow(const std::string& root) {
+  Zinc::Loop loop;
+  Ledger::ShadowOptions options;
+  options.mountRetry = std::chrono::milliseconds(1);
+  Ledger::LedgerShadow<FuzzKey, FuzzValue> shadow(Ledger::ReaderConfig{root, "t"}, loop,
+                                                  Ledger::DummyShadowNotifier(), {}, options);
+  shadow.initialize();
+  for (int i = 0; i < 20; ++i) loop.runOnce(std::chrono::milliseconds(0));
+  shadow.detach();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static const std::string root = "/dev/shm/ledger-reader-fuzz-" + std::to_string(::getpid());
+  if (size < 1) return 0;
+  Input in(data + 1, size - 1);
+  const std::string dir = root + "/t";
+  std::filesystem::create_directories(dir);
+  uint32_t ember = writeSlots(dir, in, data[0] & 1);
+  writeOthers(dir, in, data[0] & 2, ember);
+  readDirectly(root, in);
+  follow(root);
+  std::filesystem::remove_all(root);
+  return 0;
+}

@@ -1,0 +1,575 @@
+#include "tools/ledger/LedgerTool.h"
+
+#include <dirent.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <iomanip>
+#include <map>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <sstream>
+
+#include "ledger/BucketReader.h"
+#include "ledger/Exceptions.h"
+#include "ledger/RallyReader.h"
+#include "ledger/SlotReaderTable.h"
+#include "ledger/SlotTable.h"
+#include "platform/shm/EmberFile.h"
+#include "platform/shm/ReaderKick.h"
+#include "zinc/Loop.h"
+
+namespace LedgerTool {
+
+namespace {
+
+using namespace Ledger;
+
+constexpr int kOk = 0;
+constexpr int kInvalid = 1;
+constexpr int kUsage = 2;
+
+const char* const kUsageText =
+    "usage: ledger [--root DIR] COMMAND [TABLE] [options]\n"
+    "\n"
+    "Looks at the shared-memory tables under DIR (default: $LEDGER_ROOT, else /dev/shm/ledger).\n"
+    "The tool only reads; it never takes the writer's lock.\n"
+    "\n"
+    "commands:\n"
+    "  ls               tables with their size, members and whether their writer is alive\n"
+    "  show TABLE       header fields, counters, bucket and change-queue state\n"
+    "  validate TABLE   structural check of slots, chains, free list and change queue;\n"
+    "                   exit status 0 when valid, 1 when not\n"
+    "  dump TABLE       every entry as raw hex; --json for JSON\n"
+    "  watch TABLE      follows the table and prints one line per added, changed or deleted\n"
+    "                   entry as it happens; --count N stops after N lines\n"
+    "\n"
+    "Run 'ledger COMMAND --help' for one command. Exit status 2: usage error, or a table\n"
+    "that is missing or unreadable.\n";
+
+const std::map<std::string, std::string> kCommandHelp = {
+    {"ls",
+     "usage: ledger [--root DIR] ls\n  One line per table: name, numSlots, members, value "
+     "size, value type, writer pid and whether it is alive.\n"},
+    {"show",
+     "usage: ledger [--root DIR] show TABLE\n  Slot header fields, bucket count and "
+     "resize sequence, change-queue generation, count, capacity, sequences, corral, "
+     "writer and registered readers.\n"},
+    {"validate",
+     "usage: ledger [--root DIR] validate TABLE\n  Checks the slot header, the free "
+     "list, every chain (bounds, cycles, OCCUPIED, stuck LOOKASIDE, bucket and "
+     "rhash order), the counts and the change queue. Exit 0 when valid, 1 with the "
+     "first failure. A writer changing the table meanwhile can cause a false "
+     "failure: validate a quiet table.\n"},
+    {"dump",
+     "usage: ledger [--root DIR] dump TABLE [--json]\n  Every occupied slot, read "
+     "consistently: slot, version, rhash and the stored value in hex.\n"},
+    {"watch",
+     "usage: ledger [--root DIR] watch TABLE [--count N]\n  Follows the table's change "
+     "queue and prints 'added', 'changed' or 'deleted' with the slot and value for "
+     "each entry as it changes; unchanged rewrites print nothing. Stops after N lines "
+     "when --count is given.\n"},
+};
+
+struct Options {
+  std::string root;
+  std::string command;
+  std::string table;
+  bool json = false;
+  bool help = false;
+  uint64_t count = 0;
+};
+
+std::optional<Options> parse(const std::vector<std::string>& args, std::ostream& err) {
+  Options o;
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    auto value = [&]() -> std::optional<std::string> {
+      if (i + 1 < args.size()) return args[++i];
+      err << "ledger: " << a << " needs a value\n";
+      return std::nullopt;
+    };
+    if (a == "--help" || a == "-h") {
+      o.help = true;
+    } else if (a == "--json") {
+      o.json = true;
+    } else if (a == "--root") {
+      auto v = value();
+      if (!v) return std::nullopt;
+      o.root = *v;
+    } else if (a == "--count") {
+      auto v = value();
+      if (!v) return std::nullopt;
+      char* end = nullptr;
+      o.count = std::strtoull(v->c_str(), &end, 10);
+      if (v->empty() || *end) {
+        err << "ledger: --count wants a number, not '" << *v << "'\n";
+        return std::nullopt;
+      }
+    } else if (a.rfind("--", 0) == 0) {
+      err << "ledger: unknown option " << a << "\n";
+      return std::nullopt;
+    } else if (o.command.empty()) {
+      o.command = a;
+    } else if (o.table.empty()) {
+      o.table = a;
+    } else {
+      err << "ledger: unexpected argument " << a << "\n";
+      return std::nullopt;
+    }
+  }
+  return o;
+}
+
+std::string hex(const uint8_t* p, size_t n) {
+  static const char digits[] = "0123456789abcdef";
+  std::string s(2 * n, '0');
+  for (size_t i = 0; i < n; ++i) {
+    s[2 * i] = digits[p[i] >> 4];
+    s[2 * i + 1] = digits[p[i] & 15];
+  }
+  return s;
+}
+
+std::string hex32(uint32_t v) {
+  std::ostringstream os;
+  os << "0x" << std::hex << std::setw(8) << std::setfill('0') << v;
+  return os.str();
+}
+
+bool writerAlive(uint32_t pid) {
+  return pid != 0 && (::kill(pid_t(pid), 0) == 0 || errno == EPERM);
+}
+
+// The mapped files of one table; what could not be opened is left out with a reason.
+struct Table {
+  SlotReaderTable slots;
+  BucketReader buckets;
+  RallyReader rally;
+  std::string bucketError;
+  std::string rallyError;
+};
+
+// Maps a table's files; on failure writes why and returns the exit status to use.
+int open(const Options& o, Table& t, std::ostream& err) {
+  if (o.table.empty()) {
+    err << "ledger " << o.command << ": which table? (ledger " << o.command << " TABLE)\n";
+    return kUsage;
+  }
+  if (!SharedMem::validName(o.table)) {
+    err << "ledger: bad table name '" << o.table << "'\n";
+    return kUsage;
+  }
+  if (!SharedMem::EmberFile::exists(o.root, o.table, "slots")) {
+    err << "ledger: no table '" << o.table << "' under " << SharedMem::rootPath(o.root) << "\n";
+    return kUsage;
+  }
+  try {
+    t.slots.attach(o.root, o.table);
+  } catch (const Zinc::Exception& e) {
+    err << "ledger: table '" << o.table << "' is unreadable: " << e.what() << "\n";
+    return kInvalid;
+  }
+  try {
+    t.buckets.attach(o.root, o.table, t.slots.emberId());
+  } catch (const Zinc::Exception& e) {
+    t.bucketError = e.what();
+  }
+  try {
+    t.rally.attach(o.root, o.table, t.slots.emberId());
+  } catch (const Zinc::Exception& e) {
+    t.rallyError = e.what();
+  }
+  return kOk;
+}
+
+int readersRegistered(const Options& o) {
+  std::string dir = Mem::readersDir(SharedMem::rootPath(o.root) + "/" + o.table);
+  int n = 0;
+  if (DIR* d = ::opendir(dir.c_str())) {
+    while (dirent* e = ::readdir(d)) n += std::strstr(e->d_name, ".sock") != nullptr;
+    ::closedir(d);
+  }
+  return n;
+}
+
+int ls(const Options& o, std::ostream& out, std::ostream& err) {
+  std::string root = SharedMem::rootPath(o.root);
+  DIR* d = ::opendir(root.c_str());
+  if (!d) {
+    err << "ledger: cannot read root " << root << ": " << std::strerror(errno) << "\n";
+    return kUsage;
+  }
+  std::vector<std::string> names;
+  while (dirent* e = ::readdir(d)) {
+    if (e->d_name[0] != '.' && SharedMem::EmberFile::exists(o.root, e->d_name, "slots")) {
+      names.push_back(e->d_name);
+    }
+  }
+  ::closedir(d);
+  std::sort(names.begin(), names.end());
+  out << std::left << std::setw(24) << "TABLE" << std::setw(10) << "SLOTS" << std::setw(10)
+      << "MEMBERS" << std::setw(8) << "VALUE" << std::setw(12) << "WRITER"
+      << "TYPE\n";
+  for (const auto& name : names) {
+    Options one = o;
+    one.table = name;
+    Table t;
+    std::ostringstream why;
+    if (open(one, t, why) != kOk) {
+      out << std::setw(24) << name << "unreadable: " << why.str();
+      continue;
+    }
+    uint32_t pid = t.rally.writerPid();
+    std::string writer = pid ? std::to_string(pid) + (writerAlive(pid) ? "" : "(dead)") : "-";
+    out << std::setw(24) << name << std::setw(10) << t.slots.numSlots() << std::setw(10)
+        << t.slots.occupiedSlots() << std::setw(8) << t.slots.valueSize() << std::setw(12) << writer
+        << SlotTable::typeName(t.slots.header().valueTypeName) << "\n";
+  }
+  return kOk;
+}
+
+int show(const Options& o, std::ostream& out, std::ostream& err) {
+  Table t;
+  if (int rc = open(o, t, err)) return rc;
+  out << "table: " << o.table << "\npath: " << t.slots.path() << "\n"
+      << SlotTable::describe(t.slots.header()) << "mappedBytes: " << t.slots.mappedSize() << "\n";
+  if (t.buckets.attached()) {
+    out << "numBuckets: " << t.buckets.headerNumBuckets()
+        << "\nbucketResizeSeq: " << t.buckets.seqBegin() << "\n";
+  } else {
+    out << "buckets: " << t.bucketError << "\n";
+  }
+  if (t.rally.attached()) {
+    auto [corralStart, corralEnd] = t.rally.corral();
+    uint32_t pid = t.rally.writerPid();
+    out << "rallyGeneration: " << t.rally.generation()
+        << "\nrallyIncarnation: " << t.rally.incarnation()
+        << "\nrallyLatestSeq: " << t.rally.writerSeq() << "\nrallyCount: " << t.rally.queueCount()
+        << "\nrallyCapacity: " << t.rally.queueCapacity()
+        << "\nrallySlotCapacity: " << t.rally.slotCapacity() << "\ncorral: " << corralStart << ".."
+        << corralEnd << "\nwriterPid: " << pid
+        << "\nwriterAlive: " << (writerAlive(pid) ? "yes" : "no") << "\n";
+  } else {
+    out << "rally: " << t.rallyError << "\n";
+  }
+  out << "readers: " << readersRegistered(o) << "\n";
+  return kOk;
+}
+
+// A read-only structural check; returns the first failure, or nothing.
+class Check {
+ public:
+  explicit Check(Table& t) : t_(t), n_(t.slots.numSlots()) {}
+
+  std::string run() {
+    if (n_ > t_.slots.mappedSlots()) return "SlotTable::Header::validate() bad shmem size:";
+    if (!t_.bucketError.empty()) return t_.bucketError;
+    if (!t_.rallyError.empty()) return t_.rallyError;
+    seen_.assign(n_, 0);
+    if (auto e = walkFreeSlots(); !e.empty()) return e;
+    if (auto e = walkOccupiedSlots(); !e.empty()) return e;
+    if (free_ + walked_ != n_) {
+      return "Validator::doValidate() bad slotCount:" + std::to_string(free_ + walked_) +
+             " numSlots:" + std::to_string(n_);
+    }
+    return checkRally();
+  }
+
+ private:
+  std::string walkFreeSlots() {
+    for (uint32_t i = t_.slots.header().freeListHead; i != kNoSlot;) {
+      if (i >= n_) {
+        return "Validator::walkFreeSlots() corrupted free slot detected with out of bound index: " +
+               std::to_string(i);
+      }
+      if (seen_[i])
+        return "Validator::walkFreeSlots() duplicate freeSlot detected: " + std::to_string(i);
+      seen_[i] = 1;
+      const SlotHeader& s = t_.slots.slot(i);
+      if (s.status & kOccupied) {
+        return "Validator::walkFreeSlots() corrupted free slot not marked as empty: " +
+               std::to_string(i);
+      }
+      ++free_;
+      i = linkOf(s.linkPair);
+    }
+    return {};
+  }
+
+  std::string walkOccupiedSlots() {
+    const uint32_t nb = t_.buckets.numBuckets();
+    for (uint32_t b = 0; b < nb; ++b) {
+      uint32_t lastRhash = 0;
+      for (uint32_t link = linkOf(t_.buckets.head(b)); !isEndOfChain(link);) {
+        if (link >= n_) return "Validator::walkOccupiedSlots() bad link: " + std::to_string(link);
+        if (seen_[link]) return "Validator::markOccupied() duplicate slot: " + std::to_string(link);
+        seen_[link] = 2;
+        const SlotHeader& s = t_.slots.slot(link);
+        if (!(s.status & kOccupied)) {
+          return "Validator::markOccupied() missing OCCUPIED bit: " + hex32(s.status) +
+                 " slot:" + std::to_string(link);
+        }
+        if (s.status & kLookaside) {
+          return "Validator::markOccupied() stuck LOOKASIDE bit: " + hex32(s.status) +
+                 " slot:" + std::to_string(link);
+        }
+        if ((reverseBits(s.rhash) & (nb - 1)) != b || s.rhash < lastRhash) {
+          return "Validator::walkOccupiedSlots() corrupt rhash detected, slot: " +
+                 std::to_string(link) + " bucket: " + std::to_string(b);
+        }
+        lastRhash = s.rhash;
+        if (auto e = checkNotified(link); !e.empty()) return e;
+        ++walked_;
+        link = linkOf(s.linkPair);
+      }
+    }
+    uint32_t occupied = t_.slots.occupiedSlots();
+    if (walked_ > occupied) {
+      return "Validator::walkOccupiedSlots() walkedSlots:" + std::to_string(walked_) +
+             " is greater than header->occupiedSlots:" + std::to_string(occupied);
+    }
+    if (walked_ != occupied) {
+      return "Validator::walkOccupiedSlots() mismatch header->occupiedSlots:" +
+             std::to_string(occupied) + " walkedSlots:" + std::to_string(walked_);
+    }
+    return {};
+  }
+
+  std::string checkNotified(uint32_t slot) {
+    if (slot >= t_.rally.slotCapacity()) {
+      return "Validator::markOccupied() slot:" + std::to_string(slot) +
+             " has out of range rally slot: " + std::to_string(t_.rally.slotCapacity());
+    }
+    uint32_t pos = t_.rally.positionOf(slot);
+    if (pos == kNoPosition) {
+      return "Validator::markOccupied() no notification in rally queue slot:" +
+             std::to_string(slot);
+    }
+    if (pos >= t_.rally.queueCount() || t_.rally.entryAt(pos).slotWord != slot) {
+      return "Validator::markOccupied() slot:" + std::to_string(slot) +
+             " bad rally index:" + std::to_string(pos);
+    }
+    return {};
+  }
+
+  std::string checkRally() {
+    auto [start, end] = t_.rally.corral();
+    if (start != end) {
+      return "Validator::doValidate() corral pos:" + std::to_string(start) + ".." +
+             std::to_string(end) + " still open";
+    }
+    uint64_t last = 0;
+    for (uint32_t pos = 0; pos < t_.rally.queueCount(); ++pos) {
+      RallyEntry e = t_.rally.entryAt(pos);
+      if (e.sequence <= last || e.sequence > t_.rally.writerSeq()) {
+        return "Validator::doValidate() rally pos:" + std::to_string(pos) +
+               " sequence:" + std::to_string(e.sequence) + " after:" + std::to_string(last);
+      }
+      last = e.sequence;
+      if (e.slotWord & kTombstone) continue;
+      if (t_.rally.positionOf(e.slotWord) != pos) {
+        return "Validator::doValidate() rally pos:" + std::to_string(pos) +
+               " with wrong rallySlot:" + std::to_string(e.slotWord);
+      }
+    }
+    return {};
+  }
+
+  Table& t_;
+  const uint32_t n_;
+  std::vector<uint8_t> seen_;
+  uint32_t free_ = 0;
+  uint32_t walked_ = 0;
+};
+
+int validate(const Options& o, std::ostream& out, std::ostream& err) {
+  Table t;
+  if (int rc = open(o, t, err)) {
+    if (rc == kInvalid) {
+      out << "Validator::validate() Ledger " << o.table << " validation failed: header\n";
+    }
+    return rc;
+  }
+  std::string failure = Check(t).run();
+  if (!failure.empty()) {
+    out << "Validator::validate() Ledger " << o.table << " validation failed: " << failure << "\n";
+    return kInvalid;
+  }
+  out << o.table << ": valid, " << t.slots.occupiedSlots() << " members in " << t.slots.numSlots()
+      << " slots\n";
+  return kOk;
+}
+
+int dump(const Options& o, std::ostream& out, std::ostream& err) {
+  Table t;
+  if (int rc = open(o, t, err)) return rc;
+  std::vector<uint8_t> value(t.slots.valueSize());
+  const uint32_t n = std::min(t.slots.numSlots(), t.slots.mappedSlots());
+  if (o.json) {
+    out << "{\"table\": \"" << o.table << "\", \"valueSize\": " << t.slots.valueSize()
+        << ", \"entries\": [";
+  }
+  bool firstEntry = true;
+  for (uint32_t i = 0; i < n; ++i) {
+    uint32_t rhash = 0, status = 0;
+    try {
+      if (t.slots.read(i, value.data(), &rhash, &status) != SlotReaderTable::Read::occupied) {
+        continue;
+      }
+    } catch (const CorruptionException& e) {
+      err << "ledger dump: slot " << i << ": " << e.what() << "\n";
+      continue;
+    }
+    if (o.json) {
+      out << (firstEntry ? "\n" : ",\n") << "  {\"slot\": " << i
+          << ", \"version\": " << (status >> 2) << ", \"rhash\": \"" << hex32(rhash)
+          << "\", \"value\": \"" << hex(value.data(), value.size()) << "\"}";
+    } else {
+      out << "slot " << i << " version " << (status >> 2) << " rhash " << hex32(rhash) << " "
+          << hex(value.data(), value.size()) << "\n";
+    }
+    firstEntry = false;
+  }
+  if (o.json) out << (firstEntry ? "" : "\n") << "]}\n";
+  return kOk;
+}
+
+// Follows a table by slot: what each slot held last (rhash and bytes), compared when the
+// change queue names it.
+class Watcher {
+ public:
+  Watcher(const Options& o, Table& t, std::ostream& out) : o_(o), t_(t), out_(out) {}
+
+  int run() {
+    Mem::ReaderKickListener kick(SharedMem::rootPath(o_.root) + "/" + o_.table);
+    t_.rally.skipToEnd();
+    for (uint32_t i = 0; i < t_.slots.numSlots(); ++i) look(i, false);
+    out_ << "watching " << o_.table << ": " << t_.slots.occupiedSlots() << " entries, sequence "
+         << t_.rally.lastSeq() << std::endl;
+    Zinc::Loop loop;
+    auto follow = [&] {
+      kick.drain();
+      if (t_.rally.handleAck([&](uint32_t slot, uint64_t) { look(slot, true); }) ==
+          RallyReader::Result::resync) {
+        resync();
+      }
+      out_.flush();
+      if (done()) loop.stop();
+    };
+    loop.fdWatchIs(kick.fd(), [&](uint32_t) { follow(); });
+    // A writer that re-attached tells us so with its first kick; this catches a table made anew.
+    loop.timerEvery(std::chrono::seconds(1), [&] {
+      if (t_.rally.incarnationChanged()) follow();
+    });
+    if (!done()) loop.run();
+    return kOk;
+  }
+
+ private:
+  struct Last {
+    bool occupied = false;
+    uint32_t rhash = 0;
+    std::vector<uint8_t> bytes;
+  };
+
+  bool done() const { return o_.count && lines_ >= o_.count; }
+
+  void resync() {
+    out_ << "resync (writer re-attached)\n";
+    try {
+      t_.slots.attach(o_.root, o_.table);
+      t_.rally.attach(o_.root, o_.table, t_.slots.emberId());
+    } catch (const Zinc::Exception& e) {
+      out_ << "cannot re-attach: " << e.what() << "\n";
+      return;
+    }
+    const uint32_t n = std::max<uint32_t>(t_.slots.numSlots(), uint32_t(last_.size()));
+    for (uint32_t i = 0; i < n; ++i) look(i, true);
+  }
+
+  void look(uint32_t slot, bool print) {
+    if (slot >= kMaxSlots) return;
+    if (slot >= last_.size()) last_.resize(slot + 1);
+    Last now;
+    now.bytes.resize(t_.slots.valueSize());
+    try {
+      auto r = t_.slots.read(slot, now.bytes.data(), &now.rhash);
+      if (r == SlotReaderTable::Read::unmapped && t_.slots.doResize()) {
+        r = t_.slots.read(slot, now.bytes.data(), &now.rhash);
+      }
+      now.occupied = r == SlotReaderTable::Read::occupied;
+    } catch (const CorruptionException& e) {
+      out_ << "corrupt slot " << slot << ": " << e.what() << "\n";
+      return;
+    }
+    Last& was = last_[slot];
+    const bool sameKey =
+        was.occupied && now.occupied && was.rhash == now.rhash &&
+        std::memcmp(was.bytes.data(), now.bytes.data(), std::min<size_t>(8, now.bytes.size())) == 0;
+    if (print) {
+      if (was.occupied && !sameKey) line("deleted", slot, was);
+      if (now.occupied && !sameKey) line("added", slot, now);
+      if (sameKey && was.bytes != now.bytes) line("changed", slot, now);
+    }
+    was = std::move(now);
+  }
+
+  void line(const char* what, uint32_t slot, const Last& l) {
+    if (done()) return;
+    out_ << what << " slot " << slot << " rhash " << hex32(l.rhash) << " "
+         << hex(l.bytes.data(), l.bytes.size()) << "\n";
+    ++lines_;
+  }
+
+  const Options& o_;
+  Table& t_;
+  std::ostream& out_;
+  std::vector<Last> last_;
+  uint64_t lines_ = 0;
+};
+
+int watch(const Options& o, std::ostream& out, std::ostream& err) {
+  Table t;
+  if (int rc = open(o, t, err)) return rc;
+  if (!t.rally.attached()) {
+    err << "ledger watch: no change queue: " << t.rallyError << "\n";
+    return kInvalid;
+  }
+  return Watcher(o, t, out).run();
+}
+
+}  // namespace
+
+int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
+  auto options = parse(args, err);
+  if (!options) {
+    err << kUsageText;
+    return kUsage;
+  }
+  const Options& o = *options;
+  if (o.command.empty() || o.command == "help") {
+    (o.help || o.command == "help" ? out : err) << kUsageText;
+    return o.help || o.command == "help" ? kOk : kUsage;
+  }
+  auto help = kCommandHelp.find(o.command);
+  if (help == kCommandHelp.end()) {
+    err << "ledger: unknown command '" << o.command << "'\n" << kUsageText;
+    return kUsage;
+  }
+  if (o.help) {
+    out << help->second;
+    return kOk;
+  }
+  if (o.command == "ls") return ls(o, out, err);
+  if (o.command == "show") return show(o, out, err);
+  if (o.command == "validate") return validate(o, out, err);
+  if (o.command == "dump") return dump(o, out, err);
+  return watch(o, out, err);
+}
+
+}  // namespace LedgerTool

@@ -1,0 +1,175 @@
+// The `ledger` tool against real tables: a writer's files, corrupt files, and a writer in
+// another process while `watch` follows it.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "ledger/tests/ShadowHarness.h"
+#include "tools/ledger/LedgerTool.h"
+
+namespace {
+
+using namespace LedgerTest;
+
+struct ToolRun {
+  int status;
+  std::string out;
+  std::string err;
+};
+
+ToolRun tool(const TempRoot& root, std::vector<std::string> args) {
+  args.insert(args.begin(), {"--root", root.path()});
+  std::ostringstream out, err;
+  int status = LedgerTool::run(args, out, err);
+  return {status, out.str(), err.str()};
+}
+
+bool contains(const std::string& s, const std::string& what) {
+  return s.find(what) != std::string::npos;
+}
+
+TEST(LedgerTool, HelpUsageAndMissingTables) {
+  TempRoot root;
+  std::filesystem::create_directories(root.path());
+  EXPECT_EQ(tool(root, {"--help"}).status, 0);
+  for (const char* command : {"ls", "show", "validate", "dump", "watch"}) {
+    auto r = tool(root, {command, "--help"});
+    EXPECT_EQ(r.status, 0) << command;
+    EXPECT_TRUE(contains(r.out, std::string("ledger [--root DIR] ") + command)) << r.out;
+  }
+  auto unknown = tool(root, {"frobnicate"});
+  EXPECT_EQ(unknown.status, 2);
+  EXPECT_TRUE(contains(unknown.err, "unknown command 'frobnicate'"));
+  for (const char* command : {"show", "validate", "dump", "watch"}) {
+    auto missing = tool(root, {command, "nosuch"});
+    EXPECT_EQ(missing.status, 2) << command;
+    EXPECT_TRUE(contains(missing.err, "no table 'nosuch'")) << missing.err;
+  }
+  EXPECT_EQ(tool(root, {"show"}).status, 2) << "a table is needed";
+  EXPECT_EQ(tool(root, {"show", "../etc"}).status, 2);
+}
+
+TEST(LedgerTool, InspectsAHealthyTable) {
+  TempRoot root;
+  KickingWriter w(root.path(), "routes");
+  for (uint64_t id = 0; id < 30; ++id) w.writer.write(makeValue(id, 1));
+  auto ls = tool(root, {"ls"});
+  EXPECT_EQ(ls.status, 0);
+  EXPECT_TRUE(contains(ls.out, "routes")) << ls.out;
+  EXPECT_TRUE(contains(ls.out, " 30 ")) << ls.out;
+  EXPECT_TRUE(contains(ls.out, std::to_string(::getpid()))) << "the live writer";
+  auto show = tool(root, {"show", "routes"});
+  EXPECT_EQ(show.status, 0);
+  EXPECT_TRUE(contains(show.out, "occupiedSlots: 30")) << show.out;
+  EXPECT_TRUE(contains(show.out, "writerAlive: yes")) << show.out;
+  EXPECT_TRUE(contains(show.out, "valueTypeName: LedgerTest::TestValue")) << show.out;
+  auto valid = tool(root, {"validate", "routes"});
+  EXPECT_EQ(valid.status, 0) << valid.out;
+  auto dump = tool(root, {"dump", "routes"});
+  EXPECT_EQ(dump.status, 0);
+  EXPECT_EQ(std::count(dump.out.begin(), dump.out.end(), '\n'), 30);
+  TestValue v = makeValue(7, 1);
+  std::string hex7;
+  for (size_t i = 0; i < 8; ++i) {
+    char b[3];
+    std::snprintf(b, sizeof(b), "%02x", reinterpret_cast<uint8_t*>(&v)[i]);
+    hex7 += b;
+  }
+  EXPECT_TRUE(contains(dump.out, " " + hex7)) << "key 7's bytes";
+  auto json = tool(root, {"dump", "routes", "--json"});
+  EXPECT_EQ(json.status, 0);
+  EXPECT_TRUE(contains(json.out, "\"entries\": [")) << json.out;
+  EXPECT_EQ(std::count(json.out.begin(), json.out.end(), '{'), 31);
+}
+
+template <class Fn>
+void patch(const TempRoot& root, const char* file, Fn fn) {
+  SharedMem::EmberFile f;
+  ASSERT_TRUE(f.open(root.path(), "routes", file, SharedMem::EmberFile::Access::ReadWrite, false));
+  fn(f.base());
+}
+
+TEST(LedgerTool, ReportsCorruptTables) {
+  TempRoot root;
+  KickingWriter w(root.path(), "routes");
+  for (uint64_t id = 0; id < 10; ++id) w.writer.write(makeValue(id, 1));
+  const uint32_t slotSize = w.writer.slotTable().slotSize();
+  // A chained slot that lost its OCCUPIED bit.
+  uint32_t victim = 0;
+  while (!(w.writer.slotTable().slot(victim).status & Ledger::kOccupied)) ++victim;
+  patch(root, "slots", [&](uint8_t* base) {
+    auto* s = reinterpret_cast<Ledger::SlotHeader*>(base + Ledger::kSlotTableHeaderSize +
+                                                    (victim + 1) * slotSize);
+    s->status &= ~Ledger::kOccupied;
+  });
+  auto bad = tool(root, {"validate", "routes"});
+  EXPECT_EQ(bad.status, 1);
+  EXPECT_TRUE(
+      contains(bad.out, "validation failed: Validator::markOccupied() missing OCCUPIED bit"))
+      << bad.out;
+  EXPECT_EQ(tool(root, {"dump", "routes"}).status, 0) << "dump shows what is there";
+  // A header that no longer validates.
+  patch(root, "slots", [](uint8_t* base) { base[0] = 'X'; });
+  auto header = tool(root, {"show", "routes"});
+  EXPECT_EQ(header.status, 1);
+  EXPECT_TRUE(contains(header.err, "bad magic")) << header.err;
+  EXPECT_EQ(tool(root, {"validate", "routes"}).status, 1);
+  auto ls = tool(root, {"ls"});
+  EXPECT_EQ(ls.status, 0);
+  EXPECT_TRUE(contains(ls.out, "unreadable")) << ls.out;
+}
+
+TEST(LedgerTool, WatchPrintsEachChangeAsItHappens) {
+  TempRoot root;
+  KickingWriter w(root.path(), "routes");
+  w.writer.write(makeValue(2, 1));
+  w.writer.write(makeValue(3, 1));
+  const std::string output = root.path() + "-watch";
+  pid_t watcher = ::fork();
+  if (watcher == 0) {
+    std::ofstream out(output);
+    std::vector<std::string> args{"--root", root.path(), "watch", "routes", "--count", "3"};
+    ::_exit(LedgerTool::run(args, out, out));
+  }
+  // Each step waits for the watcher's line about the one before (its first line: it has
+  // taken its snapshot), so that no two changes of a key fall into one look.
+  auto waitForLines = [&](size_t n) {
+    for (int i = 0; i < 10000; ++i) {
+      std::ifstream in(output);
+      size_t lines = 0;
+      for (std::string line; std::getline(in, line);) ++lines;
+      if (lines >= n) return;
+      ::usleep(1000);
+    }
+  };
+  waitForLines(1);
+  w.rewrite(3);  // unchanged: no line
+  w.flush();
+  w.writer.write(makeValue(1, 1));
+  w.flush();
+  waitForLines(2);
+  w.writer.write(makeValue(1, 2));
+  w.flush();
+  waitForLines(3);
+  w.writer.remove(TestKey{2});
+  w.flush();
+  int status = -1;
+  ::waitpid(watcher, &status, 0);
+  std::ifstream in(output);
+  std::string header, first, second, third;
+  std::getline(in, header);
+  std::getline(in, first);
+  std::getline(in, second);
+  std::getline(in, third);
+  ::unlink(output.c_str());
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_EQ(first.substr(0, 6), "added ") << first;
+  EXPECT_EQ(second.substr(0, 8), "changed ") << second;
+  EXPECT_EQ(third.substr(0, 8), "deleted ") << third;
+}
+
+}  // namespace
