@@ -30,6 +30,7 @@
 
 #include "lfib/LfibWriter.h"
 #include "platform/toggle/FeatureToggle.h"
+#include "tools/ledger/LedgerTool.h"
 #include "zinc/Loop.h"
 
 namespace {
@@ -498,11 +499,30 @@ int main(int argc, char** argv) {
   bool ok = WIFEXITED(writerStatus) && WEXITSTATUS(writerStatus) == 0 && WIFEXITED(readerStatus) &&
             WEXITSTATUS(readerStatus) == 0 && report.failed == 0 && report.tables > 0;
 
+  // The tables as any other process sees them: `ledger validate` on each, read-only.
+  const std::string base = o.root + "/lfib/demo";
+  uint32_t checked = 0, invalid = 0;
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator(base, ec)) {
+    if (!entry.is_directory()) continue;
+    std::ostringstream out, err;
+    int rc =
+        LedgerTool::run({"--root", base, "validate", entry.path().filename().string()}, out, err);
+    ++checked;
+    if (rc != 0) {
+      ++invalid;
+      std::printf("  ledger validate %s: %s%s", entry.path().filename().c_str(), out.str().c_str(),
+                  err.str().c_str());
+    }
+  }
+  ok = ok && checked > 0 && invalid == 0;
+
   std::printf("\nsummary\n");
   for (const auto& p : report.phases) std::printf("  %s\n", p.c_str());
   std::printf("  shared memory: %.1f MB (%lu bytes)\n", double(report.bytes) / 1e6,
               (unsigned long)report.bytes);
-  std::printf("  validation: %u tables, %u failed\n", report.tables, report.failed);
+  std::printf("  validation by the writer: %u tables, %u failed\n", report.tables, report.failed);
+  std::printf("  ledger validate: %u tables, %u failed\n", checked, invalid);
   if (o.keep) {
     std::printf("  tables kept under %s\n", o.root.c_str());
   } else {
