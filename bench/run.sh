@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Benchmarks against peer libraries. Usage: bench/run.sh writer|reader
+# Benchmarks against peer libraries. Usage: bench/run.sh writer|reader|lfib
 # Builds in Release (build-bench/), installs the peers' Debian packages if they are missing,
 # and runs the benchmark; its output ends with `figure ...` and `ratio ...` lines.
 set -euo pipefail
@@ -8,7 +8,8 @@ which=${1:-writer}
 case "$which" in
   writer) target=ledger_writer_bench ;;
   reader) target=ledger_reader_bench ;;
-  *) echo "usage: bench/run.sh writer|reader" >&2; exit 2 ;;
+  lfib) target=lfib_bench ;;
+  *) echo "usage: bench/run.sh writer|reader|lfib" >&2; exit 2 ;;
 esac
 
 missing=()
@@ -22,4 +23,4 @@ fi
 cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DMPLS_BENCH=ON -DMPLS_TESTS=OFF \
   >/dev/null
 ninja -C build-bench -j2 "$target"
-"build-bench/bench/$target"
+"build-bench/bench/$target" "${@:2}"

@@ -8,9 +8,11 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 
 #include "ledger/ZincLedgerMap.h"
 #include "lfib/LfibTypes.h"
+#include "zinc/Collection.h"
 
 namespace Mpls {
 
@@ -83,9 +85,16 @@ class ViaSetTable {
     return t;
   }
 
+  // The writer side keeps a private index of which class holds each via set (it is the only
+  // writer, so the index is exact): a lookup or a rewrite then touches one table only.
   void mountIs(Ledger::LedgerMode mode, const std::string& root, const std::string& folder,
                uint32_t capacity = 64, Zinc::Loop* loop = nullptr) {
     for (auto& t : tiers_) t->mountIs(mode, root, folder, capacity, loop);
+    tierOf_.clear();
+    indexed_ = mode == Ledger::LedgerMode::writer;
+    for (size_t t = 0; indexed_ && t < tiers_.size(); ++t) {
+      for (auto it = tiers_[t]->iterator(); it; ++it) tierOf_[it->key()] = uint8_t(t);
+    }
   }
   void flushKicks() {
     for (auto& t : tiers_) t->flushKicks();
@@ -98,8 +107,14 @@ class ViaSetTable {
   }
   void unmount() {
     for (auto& t : tiers_) t->unmount();
+    tierOf_.clear();
+    indexed_ = false;
   }
   bool lookup(const LfibViaSetKey& key, LfibViaSet& out) {
+    if (indexed_) {
+      auto it = tierOf_.find(key);
+      return it != tierOf_.end() && tiers_[it->second]->lookup(key, out);
+    }
     for (auto& t : tiers_) {
       if (t->lookup(key, out)) return true;
     }
@@ -110,14 +125,30 @@ class ViaSetTable {
     return lookup(key, vs) ? vs : LfibViaSet();
   }
   bool write(const LfibViaSet& vs) {
-    size_t home = tierFor(vs.viaKeys());
-    bool written = tiers_[home]->write(vs);
-    for (size_t t = 0; t < tiers_.size(); ++t) {
-      if (t != home) tiers_[t]->remove(vs.key());
+    const size_t home = tierFor(vs.viaKeys());
+    const bool written = tiers_[home]->write(vs);
+    if (!indexed_) {
+      for (size_t t = 0; t < tiers_.size(); ++t) {
+        if (t != home) tiers_[t]->remove(vs.key());
+      }
+      return written;
     }
-    return written;
+    if (!written) return false;
+    auto [it, added] = tierOf_.try_emplace(vs.key(), uint8_t(home));
+    if (!added && it->second != home) {
+      tiers_[it->second]->remove(vs.key());  // after the new home holds it
+      it->second = uint8_t(home);
+    }
+    return true;
   }
   bool remove(const LfibViaSetKey& key) {
+    if (indexed_) {
+      auto it = tierOf_.find(key);
+      if (it == tierOf_.end()) return false;
+      bool removed = tiers_[it->second]->remove(key);
+      tierOf_.erase(it);
+      return removed;
+    }
     bool removed = false;
     for (auto& t : tiers_) removed = t->remove(key) || removed;
     return removed;
@@ -153,6 +184,8 @@ class ViaSetTable {
  private:
   ViaSetTable() = default;
   std::array<std::unique_ptr<Tier>, tierKeys.size()> tiers_;
+  std::unordered_map<LfibViaSetKey, uint8_t, Zinc::HashOf<LfibViaSetKey>> tierOf_;
+  bool indexed_ = false;
 };
 
 }  // namespace Mpls

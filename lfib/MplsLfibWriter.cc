@@ -84,14 +84,16 @@ void LfibWriter::writeVias(const ConsolidatedLfibRoute& route, OldRoute& old, Lf
   for (Via via : route.vias(static_cast<const Via*>(nullptr))) {
     auto reuse = oldByContent.find(via);
     LfibViaKey key;
-    if (reuse != oldByContent.end() && old.takeViaKey(reuse->second)) {
+    const bool reused = reuse != oldByContent.end() && old.takeViaKey(reuse->second);
+    if (reused) {
       key = reuse->second;
     } else {
       key = indexAllocator(route.source())->getViaKey(route.viaType());
     }
     via.keyIs(key);  // the weight travels in the record (LfibMplsVia::weight)
+    // A fresh key was just probed absent; a reused one is compared with what is stored.
     Via stored;
-    if (!lfib_->elementLookup(key, stored) || !(stored == via)) lfib_->elementIs(via);
+    if (!reused || !lfib_->elementLookup(key, stored) || !(stored == via)) lfib_->elementIs(via);
     viaSet.viaKeyIs(LfibViaIndexRange(position), key);
     if (position == maxVias - 1) {
       ZTRACE(0, "Reached via index limit (" << position << "), ignoring extra vias");

@@ -11,6 +11,7 @@
 #include "ledger/Format.h"
 #include "ledger/ZincLedgerMap.h"
 #include "lfib/LfibStatus.h"
+#include "lfib/LfibStoredText.h"
 #include "lfib/tests/TempLedgerRoot.h"
 
 namespace Mpls {
@@ -71,6 +72,20 @@ TEST(LfibTables, StoredFormsRoundTripAndRefuseImpossibleBytes) {
   EXPECT_EQ(out, vs);
   vs.viaKeyIs(LfibViaIndexRange(2), LfibViaKey(LFib::sourceLdp_, viaTypeMplsIp_, 3));
   EXPECT_FALSE(small.fits(vs));
+}
+
+TEST(LfibTables, StoredRecordsPrintTypedByTheirHeaderTypeName) {
+  LfibPwVia via;
+  via.keyIs(LfibViaKey(LFib::sourcePseudowire_, viaTypeMplsPseudowire_, 4));
+  via.pwIntfIdIs(Wire::IntfId(9));
+  Ledger::ZincOps<LfibViaKey, LfibPwVia> ops;
+  std::vector<uint8_t> slot(ops.valueSize());
+  ops.store(via, slot.data());
+  EXPECT_EQ(storedValueText(ops.valueTypeName(), slot.data(), slot.size()), valueToStrep(via));
+  EXPECT_EQ(storedValueText("Mpls::NoSuchRecord", slot.data(), slot.size()), std::nullopt);
+  std::vector<uint8_t> bad(Ledger::ZincOps<RouteKey, LfibRoute>().valueSize(), 0xff);
+  EXPECT_EQ(storedValueText("Mpls::LfibRoute", bad.data(), bad.size()), std::nullopt)
+      << "a label beyond its bound is no route";
 }
 
 TEST(LfibTables, IterationVisitsEveryEntryOnceWhileDeleting) {

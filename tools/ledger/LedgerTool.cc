@@ -19,6 +19,7 @@
 #include "ledger/RallyReader.h"
 #include "ledger/SlotReaderTable.h"
 #include "ledger/SlotTable.h"
+#include "lfib/LfibStoredText.h"
 #include "platform/shm/EmberFile.h"
 #include "platform/shm/ReaderKick.h"
 #include "zinc/Loop.h"
@@ -405,6 +406,16 @@ int validate(const Options& o, std::ostream& out, std::ostream& err) {
   return kOk;
 }
 
+std::string jsonEscaped(const std::string& text) {
+  std::string out;
+  for (char c : text) {
+    if (c == '"' || c == '\\') out += '\\';
+    if (static_cast<unsigned char>(c) < 0x20) continue;
+    out += c;
+  }
+  return out;
+}
+
 int dump(const Options& o, std::ostream& out, std::ostream& err) {
   Table t;
   if (int rc = open(o, t, err)) return rc;
@@ -425,13 +436,18 @@ int dump(const Options& o, std::ostream& out, std::ostream& err) {
       err << "ledger dump: slot " << i << ": " << e.what() << "\n";
       continue;
     }
+    // Records of a known type print typed (lfib/LfibStoredText.h), others as hex.
+    std::optional<std::string> text = Mpls::storedValueText(
+        SlotTable::typeName(t.slots.header().valueTypeName), value.data(), value.size());
     if (o.json) {
       out << (firstEntry ? "\n" : ",\n") << "  {\"slot\": " << i
           << ", \"version\": " << (status >> 2) << ", \"rhash\": \"" << hex32(rhash)
-          << "\", \"value\": \"" << hex(value.data(), value.size()) << "\"}";
+          << "\", \"value\": \"" << hex(value.data(), value.size()) << "\"";
+      if (text) out << ", \"text\": \"" << jsonEscaped(*text) << "\"";
+      out << "}";
     } else {
       out << "slot " << i << " version " << (status >> 2) << " rhash " << hex32(rhash) << " "
-          << hex(value.data(), value.size()) << "\n";
+          << (text ? *text : hex(value.data(), value.size())) << "\n";
     }
     firstEntry = false;
   }

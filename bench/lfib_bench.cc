@@ -1,0 +1,197 @@
+// lfib_bench: routes per second through LfibWriter into shared memory, with a reader process
+// following the tables through its shadows.
+//
+// For 1, 2 and 16 MPLS vias per route: first publication of N routes (default 1,000,000),
+// an in-place rewrite of one via per route, and deletion of every route; after each phase the
+// time from the writer's last write until the reader is in step; and the shared memory used
+// against the raw slot bytes of what is stored.
+//
+//   lfib_bench [--routes N] [--vias 1,2,16]
+//
+// Output ends with "figure <name> <value> <unit>" and "ratio <name> <value>" lines.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "ledger/Format.h"
+#include "lfib/LfibWriter.h"
+#include "platform/toggle/FeatureToggle.h"
+#include "zinc/Loop.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+int64_t nowNs() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch())
+      .count();
+}
+
+void sendLine(int fd, const std::string& line) {
+  std::string all = line + "\n";
+  for (size_t done = 0; done < all.size();) {
+    ssize_t n = ::write(fd, all.data() + done, all.size() - done);
+    if (n <= 0) return;
+    done += size_t(n);
+  }
+}
+
+std::optional<std::string> readLine(int fd) {
+  std::string line;
+  char c;
+  for (ssize_t n; (n = ::read(fd, &c, 1)) > 0;) {
+    if (c == '\n') return line;
+    line += c;
+  }
+  return line.empty() ? std::nullopt : std::optional<std::string>(line);
+}
+
+Mpls::ConsolidatedLfibRoute route(uint32_t i, uint32_t vias, uint32_t variant) {
+  Mpls::ConsolidatedLfibRoute r(Mpls::RouteKey(Wire::MplsLabel(16 + i)), LFib::sourceLdp_,
+                                Mpls::FwdEqvClass(), Mpls::RouteMetric(), Mpls::viaTypeMplsIp_,
+                                Mpls::viaSetTypeEcmp_);
+  for (uint32_t v = 0; v < vias; ++v) {
+    Mpls::LfibMplsVia via;
+    via.nextHopIs(Wire::IpGenAddr::ipv4(0x0a000000 + v + (v == 0 ? variant : 0)));
+    Wire::MplsLabelOperation op;
+    op.operationIs(Wire::labelActionSwap_);
+    op.labelPush(Wire::MplsLabel(16 + (i + v) % 1000000));
+    via.labelStackIs(op);
+    via.weightIs(1);
+    r.mplsViaIs(via);
+  }
+  return r;
+}
+
+// The reader: follows the tables; for each "phase <endNs> <routes>" line it answers with the
+// seconds from endNs until its shadows are in step and hold that many routes.
+[[noreturn]] void reader(const std::string& root, int in, int out) {
+  {
+    Zinc::Loop loop;
+    auto status = Mpls::lfibStatusFactory("bench");
+    status->ledgerMountIs(Ledger::LedgerMode::readOnly, root, 64, &loop);
+    std::optional<std::pair<int64_t, uint64_t>> target;
+    loop.fdWatchIs(in, [&](uint32_t) {
+      auto line = readLine(in);
+      if (!line) return loop.stop();
+      std::istringstream is(*line);
+      std::string word;
+      int64_t end;
+      uint64_t routes;
+      is >> word >> end >> routes;
+      target = {end, routes};
+    });
+    loop.timerEvery(std::chrono::microseconds(200), [&] {
+      if (!target || !status->ledgerInStep() || status->lfibRouteCount() != target->second) return;
+      sendLine(out, std::to_string(double(nowNs() - target->first) / 1e9));
+      target.reset();
+    });
+    loop.run();
+    status->ledgerUnmount();
+  }
+  ::_exit(0);
+}
+
+struct Result {
+  double publish = 0, rewrite = 0, remove = 0;  // routes per second
+  double inStepPublish = 0, inStepRewrite = 0, inStepRemove = 0;
+  uint64_t shmBytes = 0, rawBytes = 0;
+};
+
+uint64_t rawSlotBytes(Mpls::LfibStatus& s, uint32_t vias) {
+  using VS = Mpls::ViaSetTable<Mpls::LfibStatus>;
+  uint64_t viaSetSlot =
+      Ledger::slotSizeFor(VS::fixedPart + VS::bytesPerViaKey * VS::tierKeys[VS::tierFor(vias)]);
+  return uint64_t(s.lfibRouteCount()) * 136 + uint64_t(s.viaSetCount()) * viaSetSlot +
+         uint64_t(s.mplsViaCount()) * 120;
+}
+
+Result run(uint32_t routes, uint32_t vias) {
+  std::string root = "/dev/shm/lfib_bench-" + std::to_string(::getpid());
+  std::filesystem::remove_all(root);
+  int toReader[2], fromReader[2];
+  if (::pipe(toReader) || ::pipe(fromReader)) std::exit(1);
+  pid_t child = ::fork();
+  if (child == 0) {
+    ::close(toReader[1]);
+    ::close(fromReader[0]);
+    reader(root, toReader[0], fromReader[1]);
+  }
+  ::close(toReader[0]);
+  ::close(fromReader[1]);
+
+  Result r;
+  auto status = Mpls::lfibStatusFactory("bench");
+  status->ledgerMountIs(Ledger::LedgerMode::writer, root);
+  auto writer = Mpls::lfibWriterFactory(status);
+  auto phase = [&](auto&& body, double& rate, double& inStep) {
+    int64_t start = nowNs();
+    for (uint32_t i = 0; i < routes; ++i) {
+      body(i);
+      if ((i & 1023) == 1023) status->ledgerFlushKicks();
+    }
+    int64_t end = nowNs();
+    status->ledgerFlushKicks();
+    rate = routes / (double(end - start) / 1e9);
+    sendLine(toReader[1],
+             "phase " + std::to_string(end) + " " + std::to_string(status->lfibRouteCount()));
+    inStep = std::stod(readLine(fromReader[0]).value_or("-1"));
+  };
+  phase([&](uint32_t i) { writer->lfibRouteIs(route(i, vias, 0)); }, r.publish, r.inStepPublish);
+  r.shmBytes = status->ledgerBytes();
+  r.rawBytes = rawSlotBytes(*status, vias);
+  phase([&](uint32_t i) { writer->lfibRouteIs(route(i, vias, 100)); }, r.rewrite, r.inStepRewrite);
+  phase([&](uint32_t i) { writer->lfibRouteDel(Mpls::RouteKey(Wire::MplsLabel(16 + i))); },
+        r.remove, r.inStepRemove);
+  ::close(toReader[1]);
+  ::waitpid(child, nullptr, 0);
+  status->ledgerUnmount();
+  std::filesystem::remove_all(root);
+  return r;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  uint32_t routes = 1000000;
+  std::vector<uint32_t> viaCounts{1, 2, 16};
+  for (int i = 1; i + 1 < argc; i += 2) {
+    std::string a = argv[i];
+    if (a == "--routes") routes = uint32_t(std::strtoul(argv[i + 1], nullptr, 10));
+    if (a == "--vias") {
+      viaCounts.clear();
+      std::stringstream list(argv[i + 1]);
+      for (std::string v; std::getline(list, v, ',');) viaCounts.push_back(std::stoul(v));
+    }
+  }
+  if (routes == 0 || routes > 1000000) routes = 1000000;  // labels are 20 bits
+  Platform::FeatureToggle::overrideIs("InPlaceMplsAdjacencyUpdate", true);
+  std::printf("lfib_bench: %u routes, in-place adjacency update on\n", routes);
+  std::optional<Result> two;
+  for (uint32_t vias : viaCounts) {
+    Result r = run(routes, vias);
+    std::printf(
+        "vias %2u: publish %.0f routes/s, rewrite one via %.0f routes/s, delete %.0f routes/s; "
+        "reader in step %.3f / %.3f / %.3f s after the last write; shm %.1f MB for %.1f MB of "
+        "slots\n",
+        vias, r.publish, r.rewrite, r.remove, r.inStepPublish, r.inStepRewrite, r.inStepRemove,
+        r.shmBytes / 1e6, r.rawBytes / 1e6);
+    std::fflush(stdout);
+    if (vias == 2) two = r;
+  }
+  if (two) {
+    std::printf("figure lfib_routes_per_s_2via %.0f routes/s\n", two->publish);
+    std::printf("figure reader_in_step_seconds %.3f s\n", two->inStepPublish);
+    std::printf("ratio raw_slots_vs_footprint %.2f\n",
+                two->shmBytes ? double(two->rawBytes) / double(two->shmBytes) : 0.0);
+  }
+  return 0;
+}

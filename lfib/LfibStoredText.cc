@@ -1,0 +1,44 @@
+#include "lfib/LfibStoredText.h"
+
+#include <tuple>
+
+#include "lfib/LfibTypes.h"
+
+namespace Mpls {
+
+namespace {
+
+using StoredRecords =
+    std::tuple<LfibRoute, LfibViaSet, LfibMplsVia, LfibPwVia, LfibIpLookupVia, LfibVlanVia,
+               LfibEvpnVlanAwareVia, LfibEvpnEthernetSegmentFilterVia, LfibEvpnVlanFloodVia,
+               LfibEvpnVlanAwareFloodVia, LfibExtFecVia, LfibDot1qTagToVlanComposite, RouteInfo,
+               LfibViaSetInfo>;
+
+template <class T>
+std::optional<std::string> textAs(const uint8_t* bytes, size_t size) {
+  try {
+    T value;
+    Zinc::Serial<T>::load(bytes, size, value);
+    return valueToStrep(value);
+  } catch (const Zinc::Exception&) {
+    return std::nullopt;
+  }
+}
+
+}  // namespace
+
+std::optional<std::string> storedValueText(std::string_view valueTypeName, const uint8_t* bytes,
+                                           size_t size) {
+  std::optional<std::string> text;
+  std::apply(
+      [&](auto... records) {
+        ((!text && decltype(records)::zincTypeName() == valueTypeName
+              ? (text = textAs<decltype(records)>(bytes, size), true)
+              : false),
+         ...);
+      },
+      StoredRecords());
+  return text;
+}
+
+}  // namespace Mpls
