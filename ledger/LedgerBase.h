@@ -71,4 +71,31 @@ class LedgerBase {
   virtual WriterCounters writerCounters() const { return {}; }
 };
 
+// The write side of a table that a reader holds: every write is refused with its message
+// and changes nothing. Readers say where the refusal is logged.
+template <class Key, class Value>
+class ReadOnlyLedger : public LedgerBase<Key, Value> {
+ public:
+  const void* write(const Value&, WriteFlag = WriteFlag::always) override {
+    return refuse("write to read-only Ledger table"), nullptr;
+  }
+  bool remove(const Key&, Value* = nullptr) override {
+    return refuse("remove to read-only Ledger table"), false;
+  }
+  Value* directWrite(const Key&) override {
+    return refuse("write to read-only Ledger table"), nullptr;
+  }
+  Value* directUpdate(const Key&) override {
+    return refuse("write to read-only Ledger table"), nullptr;
+  }
+  void directCommit() override { refuse("write to read-only Ledger table"); }
+  bool validate() override { return refuse("validate to read-only Ledger table"), false; }
+  bool validate(uint32_t) override { return validate(); }
+  bool validateFiles() override { return refuse("validateFiles to read-only Ledger table"), false; }
+  bool cleanup() override { return refuse("cleanup to read-only Ledger table"), false; }
+
+ protected:
+  virtual void refuse(const char* what) const = 0;
+};
+
 }  // namespace Ledger

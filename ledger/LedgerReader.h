@@ -41,7 +41,7 @@ const Zinc::Trace& trace();
 }
 
 template <class Key, class Value, class OpsT = Ops<Key, Value>>
-class LedgerReader : public LedgerBase<Key, Value> {
+class LedgerReader : public ReadOnlyLedger<Key, Value> {
  public:
   static constexpr uint32_t kMaxAttempts = 64;
   static constexpr std::chrono::seconds kResizeWait{2};
@@ -177,25 +177,6 @@ class LedgerReader : public LedgerBase<Key, Value> {
     return c;
   }
 
-  // A reader never writes.
-  const void* write(const Value&, WriteFlag = WriteFlag::always) override {
-    return refuse("write to read-only Ledger table"), nullptr;
-  }
-  bool remove(const Key&, Value* = nullptr) override {
-    return refuse("remove to read-only Ledger table"), false;
-  }
-  Value* directWrite(const Key&) override {
-    return refuse("write to read-only Ledger table"), nullptr;
-  }
-  Value* directUpdate(const Key&) override {
-    return refuse("write to read-only Ledger table"), nullptr;
-  }
-  void directCommit() override { refuse("write to read-only Ledger table"); }
-  bool validate() override { return refuse("validate to read-only Ledger table"), false; }
-  bool validate(uint32_t) override { return validate(); }
-  bool validateFiles() override { return refuse("validateFiles to read-only Ledger table"), false; }
-  bool cleanup() override { return refuse("cleanup to read-only Ledger table"), false; }
-
   // The stored bytes of the slot that getValue() or a lookup read last.
   const uint8_t* slotBuffer() const { return buffer_.data(); }
   SlotReaderTable& slotTable() { return slots_; }
@@ -207,7 +188,7 @@ class LedgerReader : public LedgerBase<Key, Value> {
   // How one walk ended.
   enum class Walk { found, miss, again };
 
-  void refuse(const char* what) const { ZTRACE_TO(ReaderDetail::trace(), 0, what); }
+  void refuse(const char* what) const override { ZTRACE_TO(ReaderDetail::trace(), 0, what); }
 
   template <class Fn>
   bool guarded(Fn fn) {

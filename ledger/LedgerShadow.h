@@ -42,7 +42,7 @@ struct ShadowOptions {
 enum class ShadowState { detached, attached, syncing, inStep };
 
 template <class Key, class Value, class OpsT = Ops<Key, Value>, class SlotKind = ValueShadowSlot>
-class LedgerShadow : public LedgerBase<Key, Value> {
+class LedgerShadow : public ReadOnlyLedger<Key, Value> {
  public:
   using Store = ShadowStore<Key, Value, OpsT, SlotKind>;
   using CorruptionHandler = std::function<void(const std::string&)>;
@@ -145,26 +145,8 @@ class LedgerShadow : public LedgerBase<Key, Value> {
   }
   ReaderCounters readerCounters() const override { return reader_.readerCounters(); }
 
-  const void* write(const Value&, WriteFlag = WriteFlag::always) override {
-    return refuse("write to read-only Ledger table"), nullptr;
-  }
-  bool remove(const Key&, Value* = nullptr) override {
-    return refuse("remove to read-only Ledger table"), false;
-  }
-  Value* directWrite(const Key&) override {
-    return refuse("write to read-only Ledger table"), nullptr;
-  }
-  Value* directUpdate(const Key&) override {
-    return refuse("write to read-only Ledger table"), nullptr;
-  }
-  void directCommit() override { refuse("write to read-only Ledger table"); }
-  bool validate() override { return refuse("validate to read-only Ledger table"), false; }
-  bool validate(uint32_t) override { return validate(); }
-  bool validateFiles() override { return refuse("validateFiles to read-only Ledger table"), false; }
-  bool cleanup() override { return refuse("cleanup to read-only Ledger table"), false; }
-
  private:
-  void refuse(const char* what) const { ZTRACE_TO(ShadowDetail::trace(), 0, what); }
+  void refuse(const char* what) const override { ZTRACE_TO(ShadowDetail::trace(), 0, what); }
   std::string tableDir() const { return SharedMem::rootPath(config_.root) + "/" + config_.table; }
 
   typename Syncer::Hooks syncHooks() {
