@@ -209,8 +209,13 @@ bool SlotWriterTable::resize(uint32_t newNumSlots) {
                   << static_cast<void*>(oldBase) << " to " << static_cast<void*>(base_));
   }
   if (newNumSlots <= n) return true;
+  // Slots that come back after a shrink start above every version they had before it (the
+  // floor in reservedCounter): a reader that read such a slot's status before the shrink can
+  // never see that status again and take a mix of old and new bytes for a whole value.
+  const uint32_t floorStatus = header().reservedCounter * kVersionStep;
   for (uint32_t i = n; i < newNumSlots; ++i) {
     SlotTable::formatSlot(reinterpret_cast<uint8_t*>(&slot(i)), slotSize_);
+    slot(i).status = floorStatus;
   }
   Shm::store(header().mostSlots, std::max(header().mostSlots, newNumSlots),
              std::memory_order_relaxed);
@@ -278,6 +283,11 @@ uint32_t SlotWriterTable::shrinkThreshold() const {
 
 void SlotWriterTable::cut(uint32_t newNumSlots) {
   ZTRACE(1, "SlotWriter::shrink() newNumSlots:" << newNumSlots << " from:" << numSlots());
+  uint32_t floor = header().reservedCounter;
+  for (uint32_t i = newNumSlots; i < numSlots(); ++i) {
+    floor = std::max(floor, slot(i).status / kVersionStep + 1);
+  }
+  Shm::store(header().reservedCounter, floor, std::memory_order_relaxed);
   setNumSlots(newNumSlots);
   uint64_t keep = SlotTable::fileSizeFor(newNumSlots, slotSize_);
   if (keep < file_.size()) file_.releaseRange(keep, file_.size() - keep);
