@@ -543,7 +543,8 @@ int main(int argc, char** argv) {
   std::printf("  validation by the writer: %u tables, %u failed\n", report.tables, report.failed);
   std::printf("  ledger validate: %u tables, %u failed\n", checked, invalid);
   if (o.keep) {
-    std::printf("  tables kept under %s\n", o.root.c_str());
+    std::printf("  tables kept under %s; look at them with:\n", o.root.c_str());
+    std::printf("    build/tools/ledger/ledger --root %s/lfib/demo ls\n", o.root.c_str());
   } else {
     std::error_code ec;
     std::filesystem::remove_all(o.root, ec);

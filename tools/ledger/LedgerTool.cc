@@ -213,7 +213,9 @@ int ls(const Options& o, std::ostream& out, std::ostream& err) {
   }
   ::closedir(d);
   std::sort(names.begin(), names.end());
-  out << std::left << std::setw(24) << "TABLE" << std::setw(10) << "SLOTS" << std::setw(10)
+  int nameWidth = 24;
+  for (const auto& name : names) nameWidth = std::max(nameWidth, int(name.size()) + 2);
+  out << std::left << std::setw(nameWidth) << "TABLE" << std::setw(10) << "SLOTS" << std::setw(10)
       << "MEMBERS" << std::setw(8) << "VALUE" << std::setw(12) << "WRITER"
       << "TYPE\n";
   for (const auto& name : names) {
@@ -222,12 +224,12 @@ int ls(const Options& o, std::ostream& out, std::ostream& err) {
     Table t;
     std::ostringstream why;
     if (open(one, t, why) != kOk) {
-      out << std::setw(24) << name << "unreadable: " << why.str();
+      out << std::setw(nameWidth) << name << "unreadable: " << why.str();
       continue;
     }
     uint32_t pid = t.rally.writerPid();
     std::string writer = pid ? std::to_string(pid) + (writerAlive(pid) ? "" : "(dead)") : "-";
-    out << std::setw(24) << name << std::setw(10) << t.slots.numSlots() << std::setw(10)
+    out << std::setw(nameWidth) << name << std::setw(10) << t.slots.numSlots() << std::setw(10)
         << t.slots.occupiedSlots() << std::setw(8) << t.slots.valueSize() << std::setw(12) << writer
         << SlotTable::typeName(t.slots.header().valueTypeName) << "\n";
   }
