@@ -58,6 +58,8 @@ class LedgerBase {
   virtual uint64_t sequence() const = 0;
   virtual bool connected() const = 0;
   virtual bool quiesced() const = 0;
+  // Per-key notifications on or off; tables that notify nobody ignore it.
+  virtual void notifying(bool) {}
   virtual uint32_t emberId() const = 0;
   virtual MountStatus mountStatus() const = 0;
 

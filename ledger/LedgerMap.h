@@ -4,8 +4,9 @@
 // refused), owns the real table once initialised, refuses writes in read-only mode, and turns
 // corruption met on any access into corruptionDetected(): logged, counted, reported to the
 // owner's handler, and (on the writer side) repaired by re-attaching, after which the access
-// carries on as if the entry were absent. The reader side (a LedgerReader or LedgerShadow
-// behind the same handle) is mounted by the reader's code.
+// carries on as if the entry were absent. In writer mode, given a loop, it wakes the table's
+// readers at most once per loop iteration after commits. In read-only mode it mounts a
+// LedgerShadow (mountShadow), or takes any reader handed over with tableIs().
 #pragma once
 
 #include <unistd.h>
@@ -16,7 +17,9 @@
 #include <string>
 
 #include "ledger/LedgerBase.h"
+#include "ledger/LedgerShadow.h"
 #include "ledger/LedgerWriter.h"
+#include "platform/shm/ReaderKick.h"
 #include "zinc/Trace.h"
 
 namespace Ledger {
@@ -79,6 +82,7 @@ class LedgerMap {
     if (mode_ == LedgerMode::readOnly) return false;
     auto writer = std::make_unique<LedgerWriter<Key, Value, OpsT>>(config_, ops_);
     writer->attach();
+    if (loop_) wakeReadersOf(*writer);
     writer_ = writer.get();
     table_ = std::move(writer);
     initialized_ = true;
@@ -90,6 +94,49 @@ class LedgerMap {
     writer_ = nullptr;
     initialized_ = true;
   }
+  // Read-only mode: mounts a shadow of the writer's table on `loop`; it keeps retrying until
+  // the writer appears. Its corruption reports reach corruptionDetected(), and its first
+  // moment in step advertises the collection ready. True when mounted at once.
+  template <class Notify_ = Notify<Key, Value>>
+  bool mountShadow(Zinc::Loop& loop, Notify_ notify = DummyShadowNotifier(),
+                   ShadowOptions options = ShadowOptions()) {
+    auto shadow = std::make_unique<LedgerShadow<Key, Value, OpsT>>(
+        ReaderConfig{config_.root, config_.table}, loop, std::move(notify), ops_, options);
+    shadow->corruptionHandlerIs([this](const std::string& why) { corruptionDetected(why); });
+    shadow->readyHookIs([this] { advertiseCollectionReady(); });
+    bool mounted = shadow->initialize();
+    tableIs(std::move(shadow));
+    return mounted;
+  }
+  // Writer mode: the loop on which readers are woken; set before initialize().
+  void loopIs(Zinc::Loop* loop) { loop_ = loop; }
+
+  // The bound collection learns once that the table is ready.
+  void collectionReadyHandlerIs(std::function<void()> handler) {
+    collectionReadyHandler_ = std::move(handler);
+  }
+  bool advertiseCollectionReady() {
+    if (collectionAdvertised_) {
+      ZTRACE_TO(Detail::mapTrace(), 3,
+                "LedgerMap::advertiseCollectionReady() collection already advertised");
+      return false;
+    }
+    collectionAdvertised_ = true;
+    if (collectionReadyHandler_) collectionReadyHandler_();
+    return true;
+  }
+  bool collectionAdvertised() const { return collectionAdvertised_; }
+  // Per-key notifications on or off; refused before the map is initialised.
+  bool notifying(bool on) {
+    if (!initialized_) {
+      ZTRACE_TO(Detail::mapTrace(), 0,
+                "LedgerMap::notifying() not allowed at this time, initialized:" << initialized_);
+      return false;
+    }
+    table_->notifying(on);
+    return true;
+  }
+
   bool initialized() const { return initialized_; }
   bool readOnly() const { return mode_ == LedgerMode::readOnly; }
   LedgerBase<Key, Value>& table() { return *table_; }
@@ -190,6 +237,18 @@ class LedgerMap {
   bool initialized_ = false;
   CorruptionHandler corruptionHandler_;
   uint64_t corruptions_ = 0;
+  Zinc::Loop* loop_ = nullptr;
+  std::unique_ptr<Mem::ReaderKickSm> kicker_;
+  std::function<void()> collectionReadyHandler_;
+  bool collectionAdvertised_ = false;
+
+  void wakeReadersOf(LedgerWriter<Key, Value, OpsT>& writer) {
+    Zinc::Loop* loop = loop_;
+    kicker_ = std::make_unique<Mem::ReaderKickSm>(
+        SharedMem::rootPath(config_.root) + "/" + config_.table,
+        [loop](std::function<void()> fn) { loop->defer(std::move(fn)); });
+    writer.rally().kickHookIs([kicker = kicker_.get()] { kicker->commitNotify(); });
+  }
 };
 
 // A writer on a table of its own (a unique name under the root), removed when it goes.

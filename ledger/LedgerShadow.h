@@ -84,7 +84,7 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
   ShadowState state() const { return state_; }
   bool inStep() const { return state_ == ShadowState::inStep; }
   void yieldTimeIs(std::chrono::microseconds t) { syncer_.yieldTimeIs(t); }
-  void notifying(bool on) { notifying_ = on; }
+  void notifying(bool on) override { notifying_ = on; }
   void corruptionHandlerIs(CorruptionHandler handler) { onCorruption_ = std::move(handler); }
   // Runs once, when the first sync has filled the shadow and it follows the writer: the
   // moment to advertise the bound collection as ready (LedgerMap::advertiseCollectionReady).

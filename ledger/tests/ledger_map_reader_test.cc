@@ -1,0 +1,117 @@
+// LedgerMap as agents hold it on both sides: a writer-mode map that wakes its readers, and a
+// read-only map that mounts a shadow, retries until the writer appears, advertises its
+// collection once and switches per-key notifications.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "ledger/LedgerMap.h"
+#include "ledger/tests/ShadowHarness.h"
+#include "zinc/Trace.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using namespace LedgerTest;
+using Map = Ledger::LedgerMap<TestKey, TestValue>;
+
+struct LedgerMapReaderTest : ::testing::Test {
+  TempRoot root;
+  Zinc::Loop loop;
+  EventLog log;
+  std::vector<std::string> traced;
+
+  void SetUp() override {
+    Zinc::Trace::configure("LedgerMap,LedgerShadow,Ledger*");
+    Zinc::Trace::sinkIs(
+        [this](const Zinc::Trace&, int, std::string_view text) { traced.emplace_back(text); });
+  }
+  void TearDown() override {
+    Zinc::Trace::sinkIs({});
+    Zinc::Trace::configure("");
+  }
+  Ledger::LedgerConfig config() const {
+    Ledger::LedgerConfig c;
+    c.root = root.path();
+    c.table = "routes";
+    c.capacity = 64;
+    return c;
+  }
+  bool traceHas(const std::string& text) const {
+    for (const auto& line : traced) {
+      if (line.find(text) != std::string::npos) return true;
+    }
+    return false;
+  }
+  bool until(const std::function<bool()>& pred) {
+    auto deadline = Zinc::Loop::now() + 20s;
+    while (!pred()) {
+      if (Zinc::Loop::now() > deadline) return false;
+      loop.runOnce(5ms);
+    }
+    return true;
+  }
+};
+
+TEST_F(LedgerMapReaderTest, NotifyingIsRefusedBeforeTheMapIsInitialised) {
+  Map reader(config(), Ledger::LedgerMode::readOnly);
+  EXPECT_FALSE(reader.notifying(true));
+  EXPECT_TRUE(traceHas("LedgerMap::notifying() not allowed at this time, initialized:0"));
+}
+
+TEST_F(LedgerMapReaderTest, ReaderMountsWhenTheWriterAppearsAndAdvertisesOnce) {
+  Map reader(config(), Ledger::LedgerMode::readOnly);
+  int advertised = 0;
+  reader.collectionReadyHandlerIs([&] { ++advertised; });
+  EXPECT_FALSE(reader.mountShadow(loop, log.notifier())) << "no writer yet";
+  loop.runFor(250ms);
+  EXPECT_TRUE(traceHas("ReaderMounter::timeout() start retrying to mount "));
+  EXPECT_EQ(advertised, 0);
+
+  Map writer(config(), Ledger::LedgerMode::writer);
+  writer.loopIs(&loop);
+  ASSERT_TRUE(writer.initialize());
+  for (uint64_t id = 0; id < 20; ++id) writer.write(makeValue(id, 1));
+
+  ASSERT_TRUE(until([&] { return reader.table().quiesced() && log.adds == 20; }));
+  EXPECT_EQ(advertised, 1);
+  TestValue v;
+  ASSERT_TRUE(reader.lookup(TestKey{7}, v));
+  EXPECT_EQ(v, makeValue(7, 1));
+  EXPECT_EQ(reader.write(makeValue(99, 1)), nullptr) << "a reader never writes";
+
+  EXPECT_FALSE(reader.advertiseCollectionReady());
+  EXPECT_TRUE(traceHas("LedgerMap::advertiseCollectionReady() collection already advertised"));
+  EXPECT_EQ(advertised, 1);
+
+  // A change wakes the reader through the writer map's own kicks.
+  writer.write(makeValue(3, 2));
+  ASSERT_TRUE(until([&] { return log.changes == 1; }));
+  EXPECT_TRUE(log.errors.empty()) << log.errors.front();
+}
+
+TEST_F(LedgerMapReaderTest, NotifyingOffKeepsTheShadowCurrentButSilent) {
+  Map writer(config(), Ledger::LedgerMode::writer);
+  writer.loopIs(&loop);
+  ASSERT_TRUE(writer.initialize());
+  writer.write(makeValue(1, 1));
+  Map reader(config(), Ledger::LedgerMode::readOnly);
+  ASSERT_TRUE(reader.mountShadow(loop, log.notifier()));
+  ASSERT_TRUE(until([&] { return reader.table().quiesced() && log.adds == 1; }));
+
+  ASSERT_TRUE(reader.notifying(false));
+  writer.write(makeValue(1, 2));
+  ASSERT_TRUE(until([&] { return reader.table().quiesced(); }));
+  loop.runFor(50ms);
+  EXPECT_EQ(log.changes, 0u);
+  TestValue v;
+  ASSERT_TRUE(reader.lookup(TestKey{1}, v));
+  EXPECT_EQ(v.version, 2u) << "the shadow follows even while silent";
+
+  ASSERT_TRUE(reader.notifying(true));
+  writer.write(makeValue(1, 3));
+  ASSERT_TRUE(until([&] { return log.changes == 1; }));
+}
+
+}  // namespace
