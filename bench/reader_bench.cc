@@ -36,6 +36,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "bench/BenchRoute.h"
 #include "ledger/LedgerShadow.h"
 #include "ledger/LedgerWriter.h"
 #include "platform/shm/ReaderKick.h"
@@ -48,34 +49,7 @@ const uint32_t kEntries =
 constexpr int kRepetitions = 5;
 constexpr uint32_t kLookups = 2000000;
 
-struct RouteKey {
-  uint32_t label = 0;
-  uint32_t hash() const { return Zinc::Hash::finalize(label); }
-  auto operator<=>(const RouteKey&) const = default;
-};
-struct Route {
-  RouteKey k;
-  uint32_t words[28];
-  RouteKey key() const { return k; }
-  static const char* typeName() { return "Bench::Route"; }
-};
-static_assert(sizeof(Route) == 116);
-
-Route makeRoute(uint32_t label, uint32_t version) {
-  Route r;
-  r.k.label = label;
-  for (uint32_t i = 0; i < 28; ++i) r.words[i] = label ^ (version * 2654435761u) ^ i;
-  return r;
-}
-
-using Clock = std::chrono::steady_clock;
-double seconds(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
+using namespace Bench;
 uint64_t nowNs() {
   timespec ts;
   ::clock_gettime(CLOCK_MONOTONIC, &ts);

@@ -27,6 +27,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/BenchRoute.h"
 #include "ledger/LedgerWriter.h"
 #include "zinc/Hash.h"
 
@@ -35,30 +36,7 @@ namespace {
 constexpr uint32_t kEntries = 1000000;
 constexpr int kRepetitions = 5;
 
-struct RouteKey {
-  uint32_t label = 0;
-  uint32_t hash() const { return Zinc::Hash::finalize(label); }
-  auto operator<=>(const RouteKey&) const = default;
-};
-struct Route {
-  RouteKey k;
-  uint32_t words[28];
-  RouteKey key() const { return k; }
-  static const char* typeName() { return "Bench::Route"; }
-};
-static_assert(sizeof(Route) == 116);
-
-Route makeRoute(uint32_t label, uint32_t version) {
-  Route r;
-  r.k.label = label;
-  for (uint32_t i = 0; i < 28; ++i) r.words[i] = label ^ (version * 2654435761u) ^ i;
-  return r;
-}
-
-using Clock = std::chrono::steady_clock;
-double seconds(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
+using namespace Bench;
 
 struct PhaseTimes {
   double insert = 0, update = 0, remove = 0;
@@ -194,11 +172,6 @@ PhaseTimes runBoost(const std::vector<uint32_t>& order) {
   }
   bip::shared_memory_object::remove(name.c_str());
   return t;
-}
-
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
 }
 
 }  // namespace
