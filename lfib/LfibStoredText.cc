@@ -30,14 +30,13 @@ std::optional<std::string> textAs(const uint8_t* bytes, size_t size) {
 std::optional<std::string> storedValueText(std::string_view valueTypeName, const uint8_t* bytes,
                                            size_t size) {
   std::optional<std::string> text;
-  std::apply(
-      [&](auto... records) {
-        ((!text && decltype(records)::zincTypeName() == valueTypeName
-              ? (text = textAs<decltype(records)>(bytes, size), true)
-              : false),
-         ...);
-      },
-      StoredRecords());
+  auto tryAs = [&](auto record) {
+    using T = decltype(record);
+    if (T::zincTypeName() != valueTypeName) return false;
+    text = textAs<T>(bytes, size);
+    return true;
+  };
+  std::apply([&](auto... records) { (void)(tryAs(records) || ...); }, StoredRecords());
   return text;
 }
 
