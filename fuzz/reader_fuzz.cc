@@ -71,7 +71,7 @@ std::vector<uint8_t> withHeader(std::vector<uint8_t> body, bool wellFormed, Fn s
   if (!wellFormed) return body;
   std::vector<uint8_t> file(sizeof(T), 0);
   file.insert(file.end(), body.begin(), body.end());
-  std::memcpy(file.data(), body.data(), std::min(body.size(), sizeof(T)));
+  if (!body.empty()) std::memcpy(file.data(), body.data(), std::min(body.size(), sizeof(T)));
   shape(*reinterpret_cast<T*>(file.data()));
   return file;
 }
