@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -19,6 +21,18 @@ namespace LedgerTest {
 
 using Writer = Ledger::LedgerWriter<TestKey, TestValue>;
 using Shadow = Ledger::LedgerShadow<TestKey, TestValue>;
+
+// Runs `loop` until `pred` holds (checked before the first wait too), waiting for events at
+// most 5 ms at a time; false when it still does not hold after `limit`.
+inline bool runUntil(Zinc::Loop& loop, const std::function<bool()>& pred,
+                     std::chrono::seconds limit = std::chrono::seconds(20)) {
+  auto deadline = Zinc::Loop::now() + limit;
+  while (!pred()) {
+    if (Zinc::Loop::now() > deadline) return false;
+    loop.runOnce(std::chrono::milliseconds(5));
+  }
+  return true;
+}
 
 inline bool whole(const TestValue& v) {
   return v.check == Zinc::hashBytes(&v, offsetof(TestValue, check)) &&

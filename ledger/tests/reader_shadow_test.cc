@@ -24,15 +24,7 @@ struct ShadowTest : ::testing::Test {
   bool settle(Shadow& shadow) {
     return until([&] { return shadow.quiesced(); });
   }
-  // Runs the loop until pred holds, checking it before the first wait too.
-  bool until(const std::function<bool()>& pred) {
-    auto deadline = Zinc::Loop::now() + 20s;
-    while (!pred()) {
-      if (Zinc::Loop::now() > deadline) return false;
-      loop.runOnce(5ms);
-    }
-    return true;
-  }
+  bool until(const std::function<bool()>& pred) { return runUntil(loop, pred); }
 };
 
 TEST_F(ShadowTest, EventsFollowChangesExactly) {
