@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <random>
@@ -255,8 +256,14 @@ TEST(ReaderMultiProcess, TwoReadersFollowAChurningWriter) {
   EXPECT_GT(counters.unchanged + counters.updates, 0u);
   auto table = w.contents();
   EXPECT_TRUE(w.writer.validate()) << w.writer.validationError();
-  expectReaderMatches(r1.finish(), table);
-  expectReaderMatches(r2.finish(), table);
+  ReaderResult one = r1.finish(), two = r2.finish();
+  expectReaderMatches(one, table);
+  expectReaderMatches(two, table);
+  std::printf(
+      "churned %lu operations: slot growths %lu shrinks %lu, bucket growths %lu shrinks %lu, "
+      "queue compactions %lu; reader lookups %lu and %lu; %zu keys at the end\n",
+      ops, counters.slotGrowths, counters.slotShrinks, counters.bucketGrowths,
+      counters.bucketShrinks, counters.rallyCompactions, one.lookups, two.lookups, table.size());
 }
 
 TEST(ReaderMultiProcess, WriterKilledAndRestartedReadersResync) {
