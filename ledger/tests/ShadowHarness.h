@@ -8,6 +8,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -82,6 +83,7 @@ struct KickingWriter {
 struct EventLog {
   std::map<uint64_t, uint64_t> present;  // key -> version, as the events tell it
   std::map<uint64_t, uint64_t> lastVersion;
+  std::set<uint64_t> deletedSince;  // keys whose last event was a deletion
   std::vector<std::string> errors;
   uint64_t adds = 0, changes = 0, deletes = 0, batches = 0;
 
@@ -96,6 +98,7 @@ struct EventLog {
     if (!v) {
       if (!present.erase(k.id)) errors.push_back("deleted absent key " + std::to_string(k.id));
       ++deletes;
+      deletedSince.insert(k.id);
       return;
     }
     if (!whole(*v) || v->k.id != k.id) {
@@ -105,9 +108,11 @@ struct EventLog {
     auto last = lastVersion.find(k.id);
     if (last != lastVersion.end() && v->version <= last->second) {
       errors.push_back("key " + std::to_string(k.id) + " version " + std::to_string(v->version) +
-                       " after " + std::to_string(last->second));
+                       " after " + std::to_string(last->second) +
+                       (deletedSince.count(k.id) ? ", deleted in between" : ""));
     }
     lastVersion[k.id] = v->version;
+    deletedSince.erase(k.id);
     (present.count(k.id) ? changes : adds)++;
     present[k.id] = v->version;
   }

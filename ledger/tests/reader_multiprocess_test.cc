@@ -124,6 +124,9 @@ int readerMain(const std::string& root, int ctl, const std::string& resultPath, 
   out << "errors " << errors.size() << "\n";
   for (const auto& e : errors) out << e << "\n";
   out << "lookups " << lookups << "\n";
+  std::printf("reader %d: %lu resyncs, %lu kicks\n", int(::getpid()), shadow.resyncs(),
+              shadow.kicks());
+  std::fflush(stdout);  // the process ends with _exit
   return out.good() ? 0 : 4;
 }
 
