@@ -44,6 +44,7 @@ inline constexpr uint32_t kSlabVersion = 1;
 inline constexpr uint32_t kNoEntry = 0xffffffffu;
 inline constexpr uint32_t kNumClasses = 6;  // 64 .. 2048 bytes
 inline constexpr uint32_t kMinPayloadShift = 6;
+inline constexpr uint32_t kMaxPayload = 1u << (kMinPayloadShift + kNumClasses - 1);
 
 struct SlabHeader {
   char magic[8];
@@ -86,6 +87,14 @@ static_assert(sizeof(Offset) == 8);
 // The size class holding `size` bytes, or kNumClasses when none does.
 uint32_t sizeClassFor(size_t size);
 
+// The entries of a mapped slab file (`fileSize` bytes, header already validated): the free
+// list walked (bounded: a loop or an index beyond the file is reported), every entry either
+// free or holding a possible payload size, numOccupied equal to the entries in use and, with
+// `referenced` (one mark per entry), exactly the referenced entries in use. The first
+// inconsistency, or empty.
+std::string checkEntries(const uint8_t* file, size_t fileSize,
+                         const std::vector<bool>* referenced = nullptr);
+
 // The writer's end of one slab file.
 class SlabWriter {
  public:
@@ -107,6 +116,9 @@ class SlabWriter {
   uint32_t numEntries() const { return header().numEntries; }
   // Rebuilds free list and count keeping exactly the entries marked in `live`.
   void rebuild(const std::vector<bool>& live);
+  std::string check(const std::vector<bool>* referenced) const {
+    return checkEntries(file_.base(), file_.size(), referenced);
+  }
 
  private:
   SlabHeader& mutableHeader() { return *reinterpret_cast<SlabHeader*>(file_.base()); }
@@ -119,6 +131,78 @@ class SlabWriter {
   SharedMem::EmberFile file_;
   uint32_t sizeClass_ = 0;
   uint32_t entrySize_ = 0;
+};
+
+// A reader's read-only mapping of one slab file. Nothing in the file is trusted: every entry
+// index is checked against the mapping (re-mapped once when the writer grew the file) and
+// every payload size against maxPayload.
+class SlabReader {
+ public:
+  // Maps slab.<sizeClass> read-only and validates its header (any ember when `emberId` is 0).
+  // Throws Ledger::InitializationException without a file, CorruptionException on a bad
+  // header.
+  void attach(const std::string& root, const std::string& table, uint32_t sizeClass,
+              uint32_t emberId);
+  void detach();
+  bool attached() const { return file_.isOpen(); }
+  // Maps the file's current length again; false (traced "::doResize() failed to resize
+  // from ") when that fails or the header no longer validates.
+  bool doResize();
+
+  const SlabHeader& header() const { return *reinterpret_cast<const SlabHeader*>(file_.base()); }
+  uint32_t mappedEntries() const { return mappedEntries_; }
+  size_t mappedSize() const { return file_.size(); }
+  uint32_t maxPayload() const { return maxPayload_; }
+  const std::string& path() const { return file_.path(); }
+  uint64_t remaps() const { return remaps_; }
+
+  // Copies the payload of entry `index` into `out` (room for `capacity` bytes): its size, or
+  // 0 when the entry is free or its bytes are impossible (`why` says which). Re-maps once
+  // when the index lies beyond the mapping.
+  uint32_t copy(uint32_t index, uint8_t* out, uint32_t capacity, std::string& why);
+  // The payload of entry `index` in place, for a table that nobody writes (tools); null when
+  // the entry is free, beyond the mapping or impossible.
+  const uint8_t* payload(uint32_t index, uint32_t* size) const;
+  // checkEntries() on the mapping.
+  std::string check(const std::vector<bool>* referenced = nullptr) const {
+    return checkEntries(file_.base(), file_.size(), referenced);
+  }
+
+ private:
+  const SlabEntryHeader* entry(uint32_t index) const {
+    return reinterpret_cast<const SlabEntryHeader*>(file_.base() + sizeof(SlabHeader) +
+                                                    uint64_t{index} * entrySize_);
+  }
+  void bind();
+
+  SharedMem::EmberFile file_;
+  uint32_t sizeClass_ = 0;
+  uint32_t emberId_ = 0;
+  uint32_t entrySize_ = 0;
+  uint32_t maxPayload_ = 0;
+  uint32_t mappedEntries_ = 0;
+  uint64_t remaps_ = 0;
+};
+
+// A reader's view of all the slab files of one table, each mapped on first use.
+class ReaderAllocator {
+ public:
+  void attach(const std::string& root, const std::string& table, uint32_t emberId);
+  void detach();
+  // Copies the payload `offset` names into `out` (room for `capacity` bytes): its size, or 0
+  // with the reason in `why` (no such entry, free, impossible size, file missing).
+  uint32_t copy(Offset offset, uint8_t* out, uint32_t capacity, std::string& why);
+  // `stored` holds a slot's Offset; replaces it by the copy [uint32 size][payload] of what it
+  // refers to (payload at most `capacity` bytes). False, with the reason, when it cannot.
+  bool copyReferenced(uint8_t* stored, uint32_t capacity, std::string& why);
+  // The slab of a size class, mapped now; null (reason in `why`) when it cannot be.
+  SlabReader* slab(uint32_t sizeClass, std::string& why);
+
+ private:
+  std::string root_;
+  std::string table_;
+  uint32_t emberId_ = 0;
+  std::array<SlabReader, kNumClasses> slabs_;
 };
 
 // Allocation over all size classes of one table.
@@ -134,6 +218,9 @@ class WriterAllocator {
   uint8_t* mutablePayload(Offset offset) { return const_cast<uint8_t*>(payload(offset)); }
   // Keeps exactly the entries named in `live` (recovery after a writer died).
   void rebuild(const std::vector<Offset>& live);
+  // Every slab consistent (checkEntries) and in use by exactly the entries `live` names,
+  // each named once: the first inconsistency, or empty.
+  std::string check(const std::vector<Offset>& live) const;
   uint64_t occupied() const;
   SlabWriter& slab(uint32_t sizeClass) { return slabs_[sizeClass]; }
 

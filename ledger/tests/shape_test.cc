@@ -56,6 +56,7 @@ struct ViaSetCodec {
   }
   static ViaSetKey keyOf(const ViaSet& v) { return v.key; }
   static const char* typeName() { return "Test::ViaSet"; }
+  static constexpr size_t kMaxEncodedSize = 44 + 12 * 128;
 };
 using ViaOps = SlabOps<ViaSetKey, ViaSet, ViaSetCodec>;
 using ViaWriter = LedgerWriter<ViaSetKey, ViaSet, ViaOps>;
