@@ -10,6 +10,7 @@
 #include "ledger/LedgerWriter.h"
 #include "ledger/Shape.h"
 #include "ledger/SlabOps.h"
+#include "ledger/tests/SlabTestTypes.h"
 #include "ledger/tests/TestTable.h"
 #include "zinc/Trace.h"
 
@@ -20,54 +21,7 @@ using namespace Ledger;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-// A via set: 44 bytes of fixed fields (key first) and 12 bytes per via.
-struct ViaSetKey {
-  uint32_t id = 0;
-  uint32_t hash() const { return Zinc::Hash::finalize(id * 2654435761u); }
-  auto operator<=>(const ViaSetKey&) const = default;
-};
-struct Via {
-  uint32_t a, b, c;
-  bool operator==(const Via&) const = default;
-};
-struct ViaSet {
-  ViaSetKey key;
-  uint8_t fixed[40] = {};
-  std::vector<Via> vias;
-  bool operator==(const ViaSet&) const = default;
-};
-struct ViaSetCodec {
-  static size_t encodedSize(const ViaSet& v) { return 44 + 12 * v.vias.size(); }
-  static void encode(const ViaSet& v, uint8_t* out) {
-    std::memcpy(out, &v.key, 4);
-    std::memcpy(out + 4, v.fixed, 40);
-    if (!v.vias.empty()) std::memcpy(out + 44, v.vias.data(), 12 * v.vias.size());
-  }
-  static void decode(const uint8_t* in, size_t size, ViaSet& out) {
-    std::memcpy(&out.key, in, 4);
-    std::memcpy(out.fixed, in + 4, 40);
-    out.vias.resize((size - 44) / 12);
-    if (!out.vias.empty()) std::memcpy(out.vias.data(), in + 44, 12 * out.vias.size());
-  }
-  static ViaSetKey keyOfEncoded(const uint8_t* in, size_t) {
-    ViaSetKey k;
-    std::memcpy(&k, in, 4);
-    return k;
-  }
-  static ViaSetKey keyOf(const ViaSet& v) { return v.key; }
-  static const char* typeName() { return "Test::ViaSet"; }
-  static constexpr size_t kMaxEncodedSize = 44 + 12 * 128;
-};
-using ViaOps = SlabOps<ViaSetKey, ViaSet, ViaSetCodec>;
 using ViaWriter = LedgerWriter<ViaSetKey, ViaSet, ViaOps>;
-
-ViaSet makeViaSet(uint32_t id, size_t vias, uint32_t version) {
-  ViaSet v;
-  v.key.id = id;
-  v.fixed[0] = static_cast<uint8_t>(version);
-  for (size_t i = 0; i < vias; ++i) v.vias.push_back(Via{id, version, static_cast<uint32_t>(i)});
-  return v;
-}
 
 LedgerConfig viaConfig(const TempRoot& root) {
   LedgerConfig c;
