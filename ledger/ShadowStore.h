@@ -130,7 +130,13 @@ class ShadowStore {
     if (occupied)
       stored_.assign(reader_.slotBuffer(), reader_.slotBuffer() + lengthOf(reader_.slotBuffer()));
     Entry* e = &entries_[slotIndex];
-    if (e->occupied && (!occupied || !OpsT::equal(e->key, key))) leave(slotIndex, notifying);
+    if (e->occupied && (!occupied || !OpsT::equal(e->key, key))) {
+      leave(slotIndex, notifying);
+      e = &entries_[slotIndex];  // leave() may have grown the shadow
+      // leave() read the writer's table again and found this slot's new key here: what it
+      // took is newer than our read, which must not overwrite it.
+      if (e->occupied) return;
+    }
     if (!occupied) return;
     if (e->occupied) {
       if (sameAs(slotIndex, stored_.data())) return;

@@ -17,7 +17,7 @@ using Ledger::CorruptionException;
 
 uint32_t sizeClassFor(size_t size) {
   for (uint32_t c = 0; c < kNumClasses; ++c) {
-    if (size <= (size_t{1} << (kMinPayloadShift + c))) return c;
+    if (size <= maxPayloadOf(c)) return c;
   }
   return kNumClasses;
 }
@@ -28,8 +28,8 @@ std::string checkEntries(const uint8_t* file, size_t fileSize,
   const auto& h = *reinterpret_cast<const SlabHeader*>(file);
   const std::string name = "slab." + std::to_string(h.sizeClass);
   const uint64_t entrySize = sizeof(SlabEntryHeader) + h.maxPayload;
-  const uint32_t n =
-      uint32_t(std::min<uint64_t>(h.numEntries, (fileSize - sizeof(SlabHeader)) / entrySize));
+  const uint32_t n = uint32_t(
+      std::min<uint64_t>({h.highWater, h.numEntries, (fileSize - sizeof(SlabHeader)) / entrySize}));
   auto entry = [&](uint32_t i) {
     return reinterpret_cast<const SlabEntryHeader*>(file + sizeof(SlabHeader) + i * entrySize);
   };
@@ -60,7 +60,9 @@ std::string checkEntries(const uint8_t* file, size_t fileSize,
   }
   if (referenced && referenced->size() > n) {
     for (uint32_t i = n; i < referenced->size(); ++i) {
-      if ((*referenced)[i]) return name + " entry " + std::to_string(i) + " beyond the file";
+      if ((*referenced)[i]) {
+        return name + " entry " + std::to_string(i) + " referenced but above the high water";
+      }
     }
   }
   if (used != h.numOccupied || used + free != n) {
@@ -75,6 +77,22 @@ uint32_t SlabHeader::checksumOf(uint32_t maxPayload, uint32_t sizeClass) {
   return Dock::Util::hash(words, sizeof(words));
 }
 
+void SlabHeader::validateFixed(uint32_t expectedEmber) const {
+  auto fail = [](const std::string& text) { throw CorruptionException(text); };
+  if (std::memcmp(magic, kSlabMagic, 8) != 0) fail("SlabHeader::validate() bad magic: ");
+  if (version != kSlabVersion) {
+    fail("SlabHeader::validate() bad version: " + std::to_string(version));
+  }
+  if (checksum != checksumOf(maxPayload, sizeClass) || sizeClass >= kNumClasses ||
+      maxPayload != maxPayloadOf(sizeClass)) {
+    fail("SlabHeader::validate() checksum fail: " + std::to_string(checksum));
+  }
+  if (expectedEmber != 0 && emberId != expectedEmber) {
+    fail("SlabHeader::validate() bad ember:" + std::to_string(emberId) +
+         " wanted:" + std::to_string(expectedEmber));
+  }
+}
+
 void SlabHeader::validate(size_t fileSize, uint32_t expectedEmber) const {
   auto fail = [](const std::string& text) { throw CorruptionException(text); };
   if (fileSize < sizeof(SlabHeader)) {
@@ -85,7 +103,7 @@ void SlabHeader::validate(size_t fileSize, uint32_t expectedEmber) const {
     fail("SlabHeader::validate() bad version: " + std::to_string(version));
   }
   if (checksum != checksumOf(maxPayload, sizeClass) || sizeClass >= kNumClasses ||
-      maxPayload != (1u << (kMinPayloadShift + sizeClass))) {
+      maxPayload != maxPayloadOf(sizeClass)) {
     fail("SlabHeader::validate() checksum fail: " + std::to_string(checksum));
   }
   if (numOccupied > numEntries) {
@@ -101,7 +119,11 @@ void SlabHeader::validate(size_t fileSize, uint32_t expectedEmber) const {
     fail("SlabHeader::validate() bad ember:" + std::to_string(emberId) +
          " wanted:" + std::to_string(expectedEmber));
   }
-  if (freeList != kNoEntry && freeList >= numEntries) {
+  if (highWater > numEntries || numOccupied > highWater) {
+    fail("SlabHeader::validate() bad highWater: " + std::to_string(highWater) +
+         " numEntries: " + std::to_string(numEntries));
+  }
+  if (freeList != kNoEntry && freeList >= highWater) {
     fail("SlabHeader::validate() bad freeList: " + std::to_string(freeList));
   }
 }
@@ -110,7 +132,7 @@ SlabWriter::Attached SlabWriter::attach(const std::string& root, const std::stri
                                         uint32_t sizeClass, uint32_t emberId,
                                         SharedMem::EmberFile::Perm perm) {
   sizeClass_ = sizeClass;
-  entrySize_ = 8 + (1u << (kMinPayloadShift + sizeClass));
+  entrySize_ = entrySizeOf(sizeClass);
   const std::string name = "slab." + std::to_string(sizeClass);
   if (!file_.open(root, table, name, SharedMem::EmberFile::Access::ReadWrite, true, perm)) {
     throw Ledger::InitializationException("SlabWriter::attach() cannot attach to " + file_.path() +
@@ -152,7 +174,7 @@ void SlabWriter::format(uint32_t emberId) {
   SlabHeader& h = mutableHeader();
   std::memset(&h, 0, sizeof(h));
   h.version = kSlabVersion;
-  h.maxPayload = 1u << (kMinPayloadShift + sizeClass_);
+  h.maxPayload = maxPayloadOf(sizeClass_);
   h.sizeClass = sizeClass_;
   h.checksum = SlabHeader::checksumOf(h.maxPayload, h.sizeClass);
   h.emberId = emberId;
@@ -167,29 +189,18 @@ bool SlabWriter::doResize(uint32_t numEntries) {
                       << numEntries << " entries: " << file_.error());
     return false;
   }
-  for (uint32_t i = old; i < numEntries; ++i) {
-    auto* e = reinterpret_cast<SlabEntryHeader*>(entry(i));
-    e->payloadSize = 0;
-    e->next = i + 1 < numEntries ? i + 1 : mutableHeader().freeList;
-  }
+  // The new entries stay untouched (above highWater) until alloc() hands them out.
   // Relaxed: readers bound-check offsets against the size they mapped, not against this.
   Ledger::Shm::store(mutableHeader().numEntries, numEntries, std::memory_order_relaxed);
-  mutableHeader().freeList = old;
   return true;
 }
 
 uint32_t SlabWriter::alloc(uint32_t size) {
-  SlabHeader& h = mutableHeader();
-  if (h.freeList == kNoEntry) {
-    uint32_t grown = h.numEntries ? 2 * h.numEntries : 16;
-    if (h.numEntries > Ledger::kMaxSlots / 2 || !doResize(grown)) {
-      throw Ledger::TableFullException("slab." + std::to_string(sizeClass_) +
-                                       "::resize() failed shmem " + file_.path());
-    }
-  }
+  ZINC_ASSERT(size != 0 && size <= header().maxPayload, "slab entry size outside its class");
+  if (header().freeList == kNoEntry) return allocAboveHighWater(size);
   const uint32_t index = mutableHeader().freeList;
   auto* e = reinterpret_cast<SlabEntryHeader*>(entry(index));
-  if (index >= header().numEntries || e->payloadSize != 0) {
+  if (index >= header().highWater || e->payloadSize != 0) {
     throw CorruptionException("WriterAllocator::alloc() corrupt free list at entry " +
                               std::to_string(index));
   }
@@ -200,9 +211,26 @@ uint32_t SlabWriter::alloc(uint32_t size) {
   return index;
 }
 
+uint32_t SlabWriter::allocAboveHighWater(uint32_t size) {
+  const SlabHeader& h = header();
+  if (h.highWater == h.numEntries) {
+    const uint32_t grown = h.numEntries ? 2 * h.numEntries : 16;
+    if (h.numEntries > Ledger::kMaxSlots / 2 || !doResize(grown)) {
+      throw Ledger::TableFullException("slab." + std::to_string(sizeClass_) +
+                                       "::resize() failed shmem " + file_.path());
+    }
+  }
+  const uint32_t index = mutableHeader().highWater++;
+  auto* e = reinterpret_cast<SlabEntryHeader*>(entry(index));
+  e->payloadSize = size;
+  e->next = kNoEntry;
+  ++mutableHeader().numOccupied;
+  return index;
+}
+
 void SlabWriter::free(uint32_t index) {
   auto* e = reinterpret_cast<SlabEntryHeader*>(entry(index));
-  ZINC_ASSERT(index < header().numEntries && e->payloadSize != 0, "free of a free slab entry");
+  ZINC_ASSERT(index < header().highWater && e->payloadSize != 0, "free of a free slab entry");
   e->payloadSize = 0;
   e->next = header().freeList;
   mutableHeader().freeList = index;
@@ -213,7 +241,14 @@ void SlabWriter::rebuild(const std::vector<bool>& live) {
   SlabHeader& h = mutableHeader();
   h.freeList = kNoEntry;
   h.numOccupied = 0;
-  for (uint32_t i = h.numEntries; i-- > 0;) {
+  // An entry in use cannot lie above the high water.
+  for (uint32_t i = uint32_t(std::min<size_t>(live.size(), h.numEntries)); i > h.highWater; --i) {
+    if (live[i - 1]) {
+      h.highWater = i;
+      break;
+    }
+  }
+  for (uint32_t i = h.highWater; i-- > 0;) {
     auto* e = reinterpret_cast<SlabEntryHeader*>(entry(i));
     if (i < live.size() && live[i]) {
       ++h.numOccupied;
@@ -321,7 +356,7 @@ void SlabReader::attach(const std::string& root, const std::string& table, uint3
       throw CorruptionException("SlabHeader::validate() bad header file size: " +
                                 std::to_string(file_.size()));
     }
-    header().validate(file_.size(), emberId);
+    header().validateFixed(emberId);
     if (header().sizeClass != sizeClass) {
       throw CorruptionException("SlabHeader::validate() checksum fail: size class " +
                                 std::to_string(header().sizeClass) + " in " + name);
@@ -330,11 +365,12 @@ void SlabReader::attach(const std::string& root, const std::string& table, uint3
     file_.close();
     throw;
   }
+  emberId_ = header().emberId;
   bind();
 }
 
 void SlabReader::bind() {
-  maxPayload_ = header().maxPayload;  // validated: 64 << sizeClass
+  maxPayload_ = header().maxPayload;  // validated: maxPayloadOf(sizeClass)
   entrySize_ = sizeof(SlabEntryHeader) + maxPayload_;
   const uint64_t entries = (file_.size() - sizeof(SlabHeader)) / entrySize_;
   mappedEntries_ = uint32_t(std::min<uint64_t>(entries, Ledger::kMaxSlots));
@@ -354,15 +390,13 @@ bool SlabReader::doResize() {
     return false;
   }
   ++remaps_;
-  try {
-    if (file_.size() < sizeof(SlabHeader)) {
-      throw CorruptionException("SlabHeader::validate() bad header file size: " +
-                                std::to_string(file_.size()));
-    }
-    header().validate(file_.size(), emberId_);
-  } catch (const CorruptionException& e) {
+  // Only the fixed part of the header is checked here: the writer changes the counts while
+  // we look, and every entry we read is bounds-checked against the mapping anyway.
+  const SlabHeader* h = file_.size() >= sizeof(SlabHeader) ? &header() : nullptr;
+  if (!h || std::memcmp(h->magic, kSlabMagic, 8) != 0 || h->emberId != emberId_ ||
+      h->sizeClass != sizeClass_ || h->maxPayload != maxPayload_) {
     ZTRACE(0, "slab." << sizeClass_ << "::doResize() failed to resize from " << old
-                      << " entries: " << e.what());
+                      << " entries: slab re-formatted");
     mappedEntries_ = 0;
     return false;
   }

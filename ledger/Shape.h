@@ -1,21 +1,24 @@
 // Shape: slabs for values whose size varies (a via set holds 44 + 12 x count bytes, up to
 // 1580). A table of such values stores a Shape::Offset (8 bytes) in each slot and the value's
-// bytes in a slab entry; a via set of 2 vias costs a 128-byte entry, not a 1,600-byte slot.
+// bytes in a slab entry; a via set of 2 vias costs an 80-byte entry, not a 1,600-byte slot.
 //
-// One slab file per size class, "slab.<c>" in the table's folder, class c holding payloads of
-// up to 64 << c bytes:
+// One slab file per size class, "slab.<c>" in the table's folder. Entries (8-byte entry header
+// included) grow in quarter steps between powers of two, 64, 80, 96, 112, 128, 160, ... 2048
+// bytes (entrySizeOf), so an entry wastes less than a fifth of its bytes.
 //
 //   struct SlabHeader {           // offset size
 //     char     magic[8];          //   0    8   "LEDGRSLB"
-//     uint32_t version;           //   8    4   1
+//     uint32_t version;           //   8    4   2
 //     uint32_t checksum;          //  12    4   platform hash of maxPayload and sizeClass
 //     uint32_t numOccupied;       //  16    4   entries in use
 //     uint32_t numEntries;        //  20    4   entries the file holds
 //     uint32_t emberId;           //  24    4   the slot table's ember id
 //     uint32_t freeList;          //  28    4   first free entry, kNoEntry when none
-//     uint32_t maxPayload;        //  32    4   64 << sizeClass
+//     uint32_t maxPayload;        //  32    4   maxPayloadOf(sizeClass)
 //     uint32_t sizeClass;         //  36    4
-//     uint32_t reserved[6];       //  40   24
+//     uint32_t highWater;         //  40    4   entries ever handed out; those at and above
+//                                 //            it are free without being on the free list
+//     uint32_t reserved[5];       //  44   20
 //   };                            //  64
 //   struct SlabEntry {            //  64 + i * (8 + maxPayload)
 //     uint32_t payloadSize;       //   0    4   0: free
@@ -27,6 +30,9 @@
 // never changed while any slot refers to it; the writer frees it only after the referring
 // slot's final status store (Ops::retire), so a reader whose status re-check succeeds copied
 // a payload that was whole. Slab files never shrink and are never cut.
+//
+// A file grows by doubling, but the entries above highWater are never written until they are
+// handed out: the pages of a file's unused tail cost no memory.
 #pragma once
 
 #include <array>
@@ -40,11 +46,15 @@
 namespace Shape {
 
 inline constexpr char kSlabMagic[8] = {'L', 'E', 'D', 'G', 'R', 'S', 'L', 'B'};
-inline constexpr uint32_t kSlabVersion = 1;
+inline constexpr uint32_t kSlabVersion = 2;
 inline constexpr uint32_t kNoEntry = 0xffffffffu;
-inline constexpr uint32_t kNumClasses = 6;  // 64 .. 2048 bytes
-inline constexpr uint32_t kMinPayloadShift = 6;
-inline constexpr uint32_t kMaxPayload = 1u << (kMinPayloadShift + kNumClasses - 1);
+inline constexpr uint32_t kEntryHeaderSize = 8;
+inline constexpr uint32_t kNumClasses = 21;
+// Bytes of an entry of class c, its header included: (4 + c % 4) << (4 + c / 4).
+constexpr uint32_t entrySizeOf(uint32_t c) { return (4 + c % 4) << (4 + c / 4); }
+constexpr uint32_t maxPayloadOf(uint32_t c) { return entrySizeOf(c) - kEntryHeaderSize; }
+inline constexpr uint32_t kMaxPayload = maxPayloadOf(kNumClasses - 1);
+static_assert(entrySizeOf(0) == 64 && entrySizeOf(1) == 80 && kMaxPayload == 2040);
 
 struct SlabHeader {
   char magic[8];
@@ -56,12 +66,16 @@ struct SlabHeader {
   uint32_t freeList;
   uint32_t maxPayload;
   uint32_t sizeClass;
-  uint32_t reserved[6];
+  uint32_t highWater;
+  uint32_t reserved[5];
 
   static uint32_t checksumOf(uint32_t maxPayload, uint32_t sizeClass);
   // In order: header size, magic, version, checksum, numOccupied, shmem size, ember (unless
-  // `expectedEmber` is 0), free list. Throws Ledger::CorruptionException.
+  // `expectedEmber` is 0), high water, free list. Throws Ledger::CorruptionException.
   void validate(size_t fileSize, uint32_t expectedEmber) const;
+  // The fields that never change while the file lives (magic, version, checksum, ember),
+  // for a reader mapping a slab that its writer is changing: the counts may be mid-update.
+  void validateFixed(uint32_t expectedEmber) const;
 };
 static_assert(sizeof(SlabHeader) == 64);
 
@@ -69,6 +83,7 @@ struct SlabEntryHeader {
   uint32_t payloadSize;
   uint32_t next;
 };
+static_assert(sizeof(SlabEntryHeader) == kEntryHeaderSize);
 
 // A reference to a slab entry, as stored in a slot: bit 63 set, size class in bits 32-39,
 // entry index in bits 0-31. Zero is no entry.
@@ -127,6 +142,7 @@ class SlabWriter {
   }
   void format(uint32_t emberId);
   bool doResize(uint32_t numEntries);
+  uint32_t allocAboveHighWater(uint32_t size);
 
   SharedMem::EmberFile file_;
   uint32_t sizeClass_ = 0;

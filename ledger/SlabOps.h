@@ -41,8 +41,7 @@ class SlabOps : public OutOfLineReader {
   static constexpr bool kDirect = false;
   static constexpr bool kRetires = true;
   static constexpr bool kOutOfLine = true;
-  static_assert(Codec::kMaxEncodedSize <=
-                    (size_t{1} << (Shape::kMinPayloadShift + Shape::kNumClasses - 1)),
+  static_assert(Codec::kMaxEncodedSize <= Shape::kMaxPayload,
                 "the largest encoded value must fit the largest slab class");
   // Bytes of a reader's copy of the largest value.
   static constexpr uint32_t kMaxCopySize = uint32_t(sizeof(uint32_t) + Codec::kMaxEncodedSize);

@@ -44,24 +44,25 @@ std::string slabError(const Shape::SlabHeader& h, size_t size, uint32_t ember = 
 TEST(SlabHeaderChecks, InOrderWithTheirMessages) {
   TempRoot root;
   Shape::SlabWriter slab;
-  EXPECT_EQ(slab.attach(root.path(), "t", 1, 77, SharedMem::EmberFile::Perm::OwnerOnly),
+  EXPECT_EQ(slab.attach(root.path(), "t", 4, 77, SharedMem::EmberFile::Perm::OwnerOnly),
             Shape::SlabWriter::Attached::created);
-  slab.alloc(100);
-  const size_t size = sizeof(Shape::SlabHeader) + 16 * (8 + 128);
+  slab.free(slab.alloc(100));
+  const size_t size = sizeof(Shape::SlabHeader) + 16 * 128;
   Shape::SlabHeader h = slab.header();
-  EXPECT_EQ(h.maxPayload, 128u);
+  EXPECT_EQ(h.maxPayload, 120u);
   EXPECT_EQ(slabError(h, size, 77), "");
   using Break = std::function<void(Shape::SlabHeader&, size_t&, uint32_t&)>;
   const std::vector<std::pair<std::string, Break>> breaks = {
       {"SlabHeader::validate() bad header file size: ", [](auto&, auto& s, auto&) { s = 63; }},
       {"SlabHeader::validate() bad magic: ", [](auto& h, auto&, auto&) { h.magic[0] = 'X'; }},
-      {"SlabHeader::validate() bad version: ", [](auto& h, auto&, auto&) { h.version = 2; }},
+      {"SlabHeader::validate() bad version: ", [](auto& h, auto&, auto&) { h.version = 3; }},
       {"SlabHeader::validate() checksum fail: ", [](auto& h, auto&, auto&) { h.sizeClass = 2; }},
       {"SlabHeader::validate() bad numOccupied: ",
        [](auto& h, auto&, auto&) { h.numOccupied = 17; }},
       {"SlabHeader::validate() bad shmem size: ", [](auto&, auto& s, auto&) { s -= 1; }},
       {"SlabHeader::validate() bad ember:", [](auto&, auto&, auto& e) { e = 78; }},
-      {"SlabHeader::validate() bad freeList: ", [](auto& h, auto&, auto&) { h.freeList = 16; }},
+      {"SlabHeader::validate() bad highWater: ", [](auto& h, auto&, auto&) { h.highWater = 17; }},
+      {"SlabHeader::validate() bad freeList: ", [](auto& h, auto&, auto&) { h.freeList = 1; }},
   };
   for (size_t k = 0; k < breaks.size(); ++k) {
     Shape::SlabHeader broken = h;
@@ -82,10 +83,15 @@ TEST(SlabAllocation, RefusesSizeZeroAndPicksTheSmallestClass) {
   } catch (const Zinc::InternalException& e) {
     EXPECT_STREQ(e.what(), "WriterAllocator::alloc() doing an allocation of size 0 is forbidden");
   }
-  EXPECT_EQ(allocator.alloc(44 + 2 * 12).sizeClass(), 1u);  // 68 bytes: the 128-byte class
-  EXPECT_EQ(allocator.alloc(1580).sizeClass(), 5u);
-  EXPECT_EQ(allocator.alloc(64).sizeClass(), 0u);
-  EXPECT_THROW(allocator.alloc(2049), Zinc::InternalException);
+  EXPECT_EQ(allocator.alloc(44 + 2 * 12).sizeClass(), 1u);  // 68 bytes: the 80-byte entries
+  EXPECT_EQ(allocator.alloc(56).sizeClass(), 0u);           // 64-byte entries
+  EXPECT_EQ(allocator.alloc(57).sizeClass(), 1u);
+  EXPECT_EQ(allocator.alloc(1580).sizeClass(), 19u);  // 1792-byte entries
+  EXPECT_EQ(allocator.alloc(2040).sizeClass(), 20u);
+  EXPECT_THROW(allocator.alloc(2041), Zinc::InternalException);
+  for (uint32_t c = 1; c < Shape::kNumClasses; ++c) {
+    EXPECT_LE(Shape::entrySizeOf(c), Shape::entrySizeOf(c - 1) * 5 / 4) << "at most 25% apart";
+  }
   Shape::Offset a = allocator.alloc(10);
   allocator.free(a);
   EXPECT_EQ(allocator.alloc(20), a);  // a freed entry is reused
@@ -202,10 +208,11 @@ TEST(SlabTable, ASlotWhosePayloadVanishedIsDropped) {
     w.attach();
     for (uint32_t id = 0; id < 20; ++id) w.write(makeViaSet(id, 3, 1));
   }
-  ASSERT_TRUE(SharedMem::EmberFile::unlinkFile(root.path(), "viaSet", "slab.1"));
+  const std::string lost = "slab." + std::to_string(Shape::sizeClassFor(44 + 3 * 12));
+  ASSERT_TRUE(SharedMem::EmberFile::unlinkFile(root.path(), "viaSet", lost));
   ViaWriter w(viaConfig(root));
   EXPECT_EQ(w.attach(), AttachResult::recovered);
-  EXPECT_EQ(w.members(), 0u);  // every via set of 3 vias lived in the lost 128-byte slab
+  EXPECT_EQ(w.members(), 0u);  // every via set of 3 vias lived in the lost slab
   EXPECT_TRUE(w.validate()) << w.validationError();
 }
 

@@ -305,7 +305,7 @@ struct LyingSlabs : ::testing::Test {
   }
   std::string slab(uint32_t c) { return root.file("viaSet", "slab." + std::to_string(c)); }
   static uint64_t entryAt(Shape::Offset o) {
-    return sizeof(Shape::SlabHeader) + uint64_t{o.index()} * (8 + (64u << o.sizeClass()));
+    return sizeof(Shape::SlabHeader) + uint64_t{o.index()} * Shape::entrySizeOf(o.sizeClass());
   }
   std::string lastReport() const { return reports.empty() ? "" : reports.back(); }
 };
@@ -313,10 +313,11 @@ struct LyingSlabs : ::testing::Test {
 TEST_F(LyingSlabs, ImpossiblePayloadSizeIsReported) {
   auto r = reader();
   const Shape::Offset o = offsetOf(*r, 3);
-  patchValue<uint32_t>(slab(o.sizeClass()), entryAt(o), 129);  // maxPayload is 128
+  ASSERT_EQ(Shape::maxPayloadOf(o.sizeClass()), 72u);
+  patchValue<uint32_t>(slab(o.sizeClass()), entryAt(o), 73);
   ViaSet v;
   EXPECT_FALSE(r->lookup(ViaSetKey{3}, v));
-  EXPECT_THAT(lastReport(), HasSubstr("payload size 129 beyond maxPayload 128"));
+  EXPECT_THAT(lastReport(), HasSubstr("payload size 73 beyond maxPayload 72"));
   EXPECT_TRUE(r->lookup(ViaSetKey{4}, v)) << "the other via sets still read";
   EXPECT_EQ(v, makeViaSet(4, 2, 1));
 }
@@ -333,9 +334,9 @@ TEST_F(LyingSlabs, EntryBeyondTheFileIsReported) {
   EXPECT_THAT(lastReport(), HasSubstr("entry 100000 beyond slab.1"));
   patchValue(root.file("viaSet", "slots"),
              Ledger::kSlotTableHeaderSize + uint64_t{slot + 1} * slotSize + 16,
-             Shape::Offset::of(9, 0));
+             Shape::Offset::of(99, 0));
   EXPECT_FALSE(r->lookup(ViaSetKey{5}, v));
-  EXPECT_THAT(lastReport(), HasSubstr("no size class 9"));
+  EXPECT_THAT(lastReport(), HasSubstr("no size class 99"));
 }
 
 TEST_F(LyingSlabs, BadMagicIsReportedWhenTheSlabIsMapped) {
