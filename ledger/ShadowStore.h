@@ -127,8 +127,9 @@ class ShadowStore {
     }
     Key key{};
     const bool occupied = reader_.getValue(slotIndex, scratch_, &key);
-    if (occupied)
+    if (occupied) {
       stored_.assign(reader_.slotBuffer(), reader_.slotBuffer() + lengthOf(reader_.slotBuffer()));
+    }
     Entry* e = &entries_[slotIndex];
     if (e->occupied && (!occupied || !OpsT::equal(e->key, key))) {
       leave(slotIndex, notifying);

@@ -15,13 +15,6 @@ namespace Shape {
 
 using Ledger::CorruptionException;
 
-uint32_t sizeClassFor(size_t size) {
-  for (uint32_t c = 0; c < kNumClasses; ++c) {
-    if (size <= maxPayloadOf(c)) return c;
-  }
-  return kNumClasses;
-}
-
 std::string checkEntries(const uint8_t* file, size_t fileSize,
                          const std::vector<bool>* referenced) {
   if (!file || fileSize < sizeof(SlabHeader)) return "slab file not mapped";

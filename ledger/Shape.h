@@ -100,7 +100,11 @@ struct Offset {
 static_assert(sizeof(Offset) == 8);
 
 // The size class holding `size` bytes, or kNumClasses when none does.
-uint32_t sizeClassFor(size_t size);
+constexpr uint32_t sizeClassFor(size_t size) {
+  uint32_t c = 0;
+  while (c < kNumClasses && size > maxPayloadOf(c)) ++c;
+  return c;
+}
 
 // The entries of a mapped slab file (`fileSize` bytes, header already validated): the free
 // list walked (bounded: a loop or an index beyond the file is reported), every entry either
