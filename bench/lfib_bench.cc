@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "ledger/Format.h"
+#include "ledger/Shape.h"
 #include "lfib/LfibWriter.h"
 #include "platform/toggle/FeatureToggle.h"
 #include "zinc/Loop.h"
@@ -106,12 +107,15 @@ struct Result {
   uint64_t shmBytes = 0, rawBytes = 0;
 };
 
-uint64_t rawSlotBytes(Mpls::LfibStatus& s, uint32_t vias) {
-  using VS = Mpls::ViaSetTable<Mpls::LfibStatus>;
-  uint64_t viaSetSlot =
-      Ledger::slotSizeFor(VS::fixedPart + VS::bytesPerViaKey * VS::tierKeys[VS::tierFor(vias)]);
-  return uint64_t(s.lfibRouteCount()) * 136 + uint64_t(s.viaSetCount()) * viaSetSlot +
-         uint64_t(s.mplsViaCount()) * 120;
+// The bytes that the entries need: their slots, and for the via sets (kept in slabs) a 24-byte
+// slot plus the payload each one actually uses.
+uint64_t rawSlotBytes(Mpls::LfibStatus& s) {
+  uint64_t viaSetBytes = 0;
+  s.viaSetForEach([&](const Mpls::LfibViaSet& v) {
+    viaSetBytes +=
+        Ledger::slotSizeFor(sizeof(Shape::Offset)) + Zinc::Serial<Mpls::LfibViaSet>::length(v);
+  });
+  return uint64_t(s.lfibRouteCount()) * 136 + viaSetBytes + uint64_t(s.mplsViaCount()) * 120;
 }
 
 Result run(uint32_t routes, uint32_t vias) {
@@ -147,7 +151,7 @@ Result run(uint32_t routes, uint32_t vias) {
   };
   phase([&](uint32_t i) { writer->lfibRouteIs(route(i, vias, 0)); }, r.publish, r.inStepPublish);
   r.shmBytes = status->ledgerBytes();
-  r.rawBytes = rawSlotBytes(*status, vias);
+  r.rawBytes = rawSlotBytes(*status);
   phase([&](uint32_t i) { writer->lfibRouteIs(route(i, vias, 100)); }, r.rewrite, r.inStepRewrite);
   phase([&](uint32_t i) { writer->lfibRouteDel(Mpls::RouteKey(Wire::MplsLabel(16 + i))); },
         r.remove, r.inStepRemove);

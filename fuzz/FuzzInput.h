@@ -57,12 +57,12 @@ inline void writeFile(const std::string& path, const std::vector<uint8_t>& bytes
   std::fclose(f);
 }
 
-// A slot file of FuzzValue with a well-formed header of ember `ember` (so that the fuzzer
+// A slot file of `table` with a well-formed header of ember `ember` (so that the fuzzer
 // reaches slots and chains); its slot count, occupied count and slot bytes from the input.
 // `shape` may change further header fields.
 template <class Fn>
-std::vector<uint8_t> formattedSlotFile(Input& in, uint32_t ember, Fn shape) {
-  Ledger::TableShape table{sizeof(FuzzValue), 0, "Fuzz::Value", "Ledger::Table<Fuzz::Value>"};
+std::vector<uint8_t> formattedSlotFile(Input& in, const Ledger::TableShape& table, uint32_t ember,
+                                       Fn shape) {
   uint32_t numSlots = in.word() % 64;
   std::vector<uint8_t> file(Ledger::SlotTable::fileSizeFor(numSlots, table.slotSize()));
   Ledger::SlotTable::format(file.data(), numSlots, table, ember);

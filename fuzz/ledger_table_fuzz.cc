@@ -25,7 +25,8 @@ using Writer = Ledger::LedgerWriter<FuzzKey, FuzzValue>;
 
 std::vector<uint8_t> slotFile(Input& in, bool raw) {
   if (raw) return in.take(in.word() % 4096);
-  return formattedSlotFile(in, in.word() | 1, [&](Ledger::SlotTableHeader& h) {
+  const Ledger::TableShape table{sizeof(FuzzValue), 0, "Fuzz::Value", "Ledger::Table<Fuzz::Value>"};
+  return formattedSlotFile(in, table, in.word() | 1, [&](Ledger::SlotTableHeader& h) {
     h.freeListHead = in.word();
     if (h.freeListHead & 1) h.freeListHead = Ledger::kNoSlot;
     h.freeListHead %= h.numSlots + 1;

@@ -58,6 +58,11 @@ class LedgerReader : public ReadOnlyLedger<Key, Value> {
     slots_.attach(config_.root, config_.table, ops_.valueSize());
     buckets_.attach(config_.root, config_.table, slots_.emberId());
     buffer_.assign(slots_.valueSize(), 0);
+    if constexpr (OutOfLineOps<OpsT>) {
+      ops_.attachReaderStorage(config_.root, config_.table, slots_.emberId());
+      slots_.outOfLineIs(&ops_);
+      buffer_.assign(std::max(slots_.valueSize(), OpsT::kMaxCopySize), 0);
+    }
     ZTRACE_TO(ReaderDetail::trace(), 1,
               "LedgerReader::attach() " << config_.table << " ember:" << slots_.emberId());
   }
@@ -78,6 +83,7 @@ class LedgerReader : public ReadOnlyLedger<Key, Value> {
     }
     slots_.detach();
     buckets_.detach();
+    if constexpr (OutOfLineOps<OpsT>) ops_.detachReaderStorage();
     ZTRACE_TO(ReaderDetail::trace(), 1, "LedgerReader::detach() " << config_.table);
   }
   bool attached() const { return slots_.attached(); }
@@ -179,6 +185,15 @@ class LedgerReader : public ReadOnlyLedger<Key, Value> {
 
   // The stored bytes of the slot that getValue() or a lookup read last.
   const uint8_t* slotBuffer() const { return buffer_.data(); }
+  // Bytes of a stored form that this reader copied (out-of-line tables: as long as the value).
+  uint32_t storedLength(const uint8_t* stored) const {
+    if constexpr (OutOfLineOps<OpsT>) {
+      return ops_.storedLength(stored);
+    } else {
+      (void)stored;
+      return slots_.valueSize();
+    }
+  }
   SlotReaderTable& slotTable() { return slots_; }
   const SlotReaderTable& slotTable() const { return slots_; }
   BucketReader& bucketTable() { return buckets_; }
@@ -289,7 +304,10 @@ class LedgerReader : public ReadOnlyLedger<Key, Value> {
       lastRhash = srh;
       if (srh > rhash) break;
       if (srh == rhash) {
-        if (key && OpsT::less(*key, ops_.storedKey(slots_.value(link)))) break;
+        // An out-of-line key is only known after the slot's consistent read: no early stop.
+        if constexpr (!OutOfLineOps<OpsT>) {
+          if (key && OpsT::less(*key, ops_.storedKey(slots_.value(link)))) break;
+        }
         uint32_t readRhash = 0;
         auto r = slots_.read(link, buffer_.data(), &readRhash);
         if (r == SlotReaderTable::Read::occupied && readRhash == rhash) {

@@ -19,6 +19,10 @@
 //   static constexpr bool kDirect               the stored form is the Value itself, so the
 //                                               direct mode can hand out a Value*
 //
+// Ops of a table whose slots refer to bytes kept out of line (OutOfLineOps, ledger/SlabOps.h)
+// also set kOutOfLine and give readers attachReaderStorage/detachReaderStorage, copyOut (run
+// inside the consistent read), storedLength (bytes of a reader's copy) and kMaxCopySize.
+//
 // The default below serves trivially copyable structs whose first member is the key: the
 // stored form is the struct's bytes.
 #pragma once
@@ -46,6 +50,11 @@ std::string typeNameOf(const char* fallback) {
     return fallback;
   }
 }
+
+template <class OpsT>
+concept OutOfLineOps = requires {
+  requires OpsT::kOutOfLine;
+};
 
 template <class Key, class Value>
 struct Ops {

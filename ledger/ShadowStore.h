@@ -11,6 +11,8 @@
 //    the shadow, and "unchanged" means byte-equal.
 //  - KeyShadowSlot keeps only the key and a 64-bit digest of the stored bytes, for readers
 //    that want changes by key but not the values (KeyShadowStore).
+// A table whose values live out of line (slabs) has copies as long as each value; its shadow
+// keeps each one in a block of its own instead of one fixed-size array.
 #pragma once
 
 #include <cstdint>
@@ -59,6 +61,7 @@ class ShadowStore {
     Key key{};
   };
   using Reader = LedgerReader<Key, Value, OpsT>;
+  static constexpr bool kVariable = OutOfLineOps<OpsT>;
 
   ShadowStore(Reader& reader, Notify<Key, Value> notify, uint32_t bucketFactor = 1)
       : reader_(reader), notify_(std::move(notify)), map_(bucketFactor) {}
@@ -124,16 +127,18 @@ class ShadowStore {
     }
     Key key{};
     const bool occupied = reader_.getValue(slotIndex, scratch_, &key);
-    if (occupied) stored_.assign(reader_.slotBuffer(), reader_.slotBuffer() + valueSize());
-    if (entries_[slotIndex].occupied && (!occupied || !OpsT::equal(entries_[slotIndex].key, key))) {
-      leave(slotIndex, notifying);  // may grow the store: no pointer into it survives this
+    if (occupied) {
+      stored_.assign(reader_.slotBuffer(), reader_.slotBuffer() + lengthOf(reader_.slotBuffer()));
+    }
+    Entry* e = &entries_[slotIndex];
+    if (e->occupied && (!occupied || !OpsT::equal(e->key, key))) {
+      leave(slotIndex, notifying);
+      e = &entries_[slotIndex];  // leave() may have grown the shadow
+      // leave() read the writer's table again and found this slot's new key here: what it
+      // took is newer than our read, which must not overwrite it.
+      if (e->occupied) return;
     }
     if (!occupied) return;
-    Entry* e = &entries_[slotIndex];
-    // Following other keys, leave() may have placed here what the writer holds in this slot
-    // now; when that is no longer `key` the writer changed the slot again since it was read,
-    // and that change has its own notification still to come.
-    if (e->occupied && !OpsT::equal(e->key, key)) return;
     if (e->occupied) {
       if (sameAs(slotIndex, stored_.data())) return;
       keep(slotIndex, stored_.data());
@@ -160,33 +165,40 @@ class ShadowStore {
   void flush() {
     entries_.clear();
     values_.clear();
+    blocks_.clear();
     map_.clear();
   }
 
  private:
   uint32_t slotOf(const Entry* e) const { return uint32_t(e - entries_.data()); }
   const uint8_t* storedAt(uint32_t slot) const {
+    if constexpr (kVariable) return blocks_[slot].data();
     return values_.data() + uint64_t{slot} * valueSize();
   }
   uint32_t valueSize() const { return reader_.slotTable().valueSize(); }
+  uint32_t lengthOf(const uint8_t* stored) const { return reader_.storedLength(stored); }
 
   bool sameAs(uint32_t slot, const uint8_t* stored) const {
     if constexpr (SlotKind::kValues) {
-      return std::memcmp(storedAt(slot), stored, valueSize()) == 0;
+      const uint32_t n = lengthOf(stored);
+      return lengthOf(storedAt(slot)) == n && std::memcmp(storedAt(slot), stored, n) == 0;
     } else {
       return entries_[slot].digest == digest(stored);
     }
   }
   void keep(uint32_t slot, const uint8_t* stored) {
-    if constexpr (SlotKind::kValues) {
+    if constexpr (SlotKind::kValues && kVariable) {
+      blocks_[slot].assign(stored, stored + lengthOf(stored));
+    } else if constexpr (SlotKind::kValues) {
       std::memcpy(values_.data() + uint64_t{slot} * valueSize(), stored, valueSize());
     } else {
       entries_[slot].digest = digest(stored);
     }
   }
   uint64_t digest(const uint8_t* stored) const {
-    return (uint64_t{Zinc::hashBytes(stored, valueSize(), 0x9e3779b9u)} << 32) |
-           Zinc::hashBytes(stored, valueSize(), 0x7f4a7c15u);
+    const uint32_t n = lengthOf(stored);
+    return (uint64_t{Zinc::hashBytes(stored, n, 0x9e3779b9u)} << 32) |
+           Zinc::hashBytes(stored, n, 0x7f4a7c15u);
   }
   // The shadow's key of `slot` is no longer there. If the writer holds it in another slot, a
   // shrink moved it (the queue may tell of the old slot before the new one): the entry
@@ -207,10 +219,9 @@ class ShadowStore {
         elsewhere = reader_.findSlot(gone);
       }
       if (elsewhere < entries_.size() && !entries_[elsewhere].occupied) {
-        const std::vector<uint8_t> now(reader_.slotBuffer(), reader_.slotBuffer() + valueSize());
-        const bool unchanged = SlotKind::kValues
-                                   ? std::memcmp(now.data(), kept.data(), valueSize()) == 0
-                                   : keptDigest == digest(now.data());
+        const std::vector<uint8_t> now(reader_.slotBuffer(),
+                                       reader_.slotBuffer() + lengthOf(reader_.slotBuffer()));
+        const bool unchanged = SlotKind::kValues ? now == kept : keptDigest == digest(now.data());
         place(elsewhere, gone, now.data());
         if (!unchanged) {
           Value value{};
@@ -247,7 +258,7 @@ class ShadowStore {
 
   std::vector<uint8_t> bytesOf(uint32_t slot) const {
     if constexpr (SlotKind::kValues) {
-      return std::vector<uint8_t>(storedAt(slot), storedAt(slot) + valueSize());
+      return std::vector<uint8_t>(storedAt(slot), storedAt(slot) + lengthOf(storedAt(slot)));
     } else {
       return std::vector<uint8_t>(valueSize(), 0);
     }
@@ -269,7 +280,10 @@ class ShadowStore {
     const Entry* old = entries_.data();
     entries_.resize(n);
     entries_.shrink_to_fit();
-    if constexpr (SlotKind::kValues) {
+    if constexpr (SlotKind::kValues && kVariable) {
+      blocks_.resize(n);
+      blocks_.shrink_to_fit();
+    } else if constexpr (SlotKind::kValues) {
       values_.resize(uint64_t{n} * valueSize());
       values_.shrink_to_fit();
     }
@@ -280,6 +294,7 @@ class ShadowStore {
   Notify<Key, Value> notify_;
   std::vector<Entry> entries_;
   std::vector<uint8_t> values_;
+  std::vector<std::vector<uint8_t>> blocks_;  // kVariable: one copy per slot
   ShadowHashMap<Key, OpsT, Entry> map_;
   Value scratch_{};
   std::vector<uint8_t> stored_;

@@ -1,5 +1,6 @@
 #include "ledger/Shape.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "ledger/Exceptions.h"
@@ -14,16 +15,75 @@ namespace Shape {
 
 using Ledger::CorruptionException;
 
-uint32_t sizeClassFor(size_t size) {
-  for (uint32_t c = 0; c < kNumClasses; ++c) {
-    if (size <= (size_t{1} << (kMinPayloadShift + c))) return c;
+std::string checkEntries(const uint8_t* file, size_t fileSize,
+                         const std::vector<bool>* referenced) {
+  if (!file || fileSize < sizeof(SlabHeader)) return "slab file not mapped";
+  const auto& h = *reinterpret_cast<const SlabHeader*>(file);
+  const std::string name = "slab." + std::to_string(h.sizeClass);
+  const uint64_t entrySize = sizeof(SlabEntryHeader) + h.maxPayload;
+  const uint32_t n = uint32_t(
+      std::min<uint64_t>({h.highWater, h.numEntries, (fileSize - sizeof(SlabHeader)) / entrySize}));
+  auto entry = [&](uint32_t i) {
+    return reinterpret_cast<const SlabEntryHeader*>(file + sizeof(SlabHeader) + i * entrySize);
+  };
+  std::vector<bool> onFreeList(n, false);
+  uint32_t free = 0;
+  for (uint32_t i = h.freeList; i != kNoEntry; i = entry(i)->next) {
+    if (i >= n) return name + " free list entry " + std::to_string(i) + " beyond the file";
+    if (onFreeList[i]) return name + " free list loop at entry " + std::to_string(i);
+    if (entry(i)->payloadSize != 0) {
+      return name + " free list entry " + std::to_string(i) + " holds a payload";
+    }
+    onFreeList[i] = true;
+    ++free;
   }
-  return kNumClasses;
+  uint32_t used = 0;
+  for (uint32_t i = 0; i < n; ++i) {
+    const uint32_t size = entry(i)->payloadSize;
+    const bool isReferenced = referenced && i < referenced->size() && (*referenced)[i];
+    if (size > h.maxPayload) {
+      return name + " entry " + std::to_string(i) + " has payload size " + std::to_string(size) +
+             " beyond maxPayload " + std::to_string(h.maxPayload);
+    }
+    if (referenced && isReferenced != (size != 0)) {
+      return name + " entry " + std::to_string(i) +
+             (isReferenced ? " referenced but free" : " in use but referenced by no slot");
+    }
+    used += size != 0;
+  }
+  if (referenced && referenced->size() > n) {
+    for (uint32_t i = n; i < referenced->size(); ++i) {
+      if ((*referenced)[i]) {
+        return name + " entry " + std::to_string(i) + " referenced but above the high water";
+      }
+    }
+  }
+  if (used != h.numOccupied || used + free != n) {
+    return name + " numOccupied:" + std::to_string(h.numOccupied) + " but " + std::to_string(used) +
+           " entries in use and " + std::to_string(free) + " free of " + std::to_string(n);
+  }
+  return {};
 }
 
 uint32_t SlabHeader::checksumOf(uint32_t maxPayload, uint32_t sizeClass) {
   uint32_t words[2] = {maxPayload, sizeClass};
   return Dock::Util::hash(words, sizeof(words));
+}
+
+void SlabHeader::validateFixed(uint32_t expectedEmber) const {
+  auto fail = [](const std::string& text) { throw CorruptionException(text); };
+  if (std::memcmp(magic, kSlabMagic, 8) != 0) fail("SlabHeader::validate() bad magic: ");
+  if (version != kSlabVersion) {
+    fail("SlabHeader::validate() bad version: " + std::to_string(version));
+  }
+  if (checksum != checksumOf(maxPayload, sizeClass) || sizeClass >= kNumClasses ||
+      maxPayload != maxPayloadOf(sizeClass)) {
+    fail("SlabHeader::validate() checksum fail: " + std::to_string(checksum));
+  }
+  if (expectedEmber != 0 && emberId != expectedEmber) {
+    fail("SlabHeader::validate() bad ember:" + std::to_string(emberId) +
+         " wanted:" + std::to_string(expectedEmber));
+  }
 }
 
 void SlabHeader::validate(size_t fileSize, uint32_t expectedEmber) const {
@@ -36,7 +96,7 @@ void SlabHeader::validate(size_t fileSize, uint32_t expectedEmber) const {
     fail("SlabHeader::validate() bad version: " + std::to_string(version));
   }
   if (checksum != checksumOf(maxPayload, sizeClass) || sizeClass >= kNumClasses ||
-      maxPayload != (1u << (kMinPayloadShift + sizeClass))) {
+      maxPayload != maxPayloadOf(sizeClass)) {
     fail("SlabHeader::validate() checksum fail: " + std::to_string(checksum));
   }
   if (numOccupied > numEntries) {
@@ -52,7 +112,11 @@ void SlabHeader::validate(size_t fileSize, uint32_t expectedEmber) const {
     fail("SlabHeader::validate() bad ember:" + std::to_string(emberId) +
          " wanted:" + std::to_string(expectedEmber));
   }
-  if (freeList != kNoEntry && freeList >= numEntries) {
+  if (highWater > numEntries || numOccupied > highWater) {
+    fail("SlabHeader::validate() bad highWater: " + std::to_string(highWater) +
+         " numEntries: " + std::to_string(numEntries));
+  }
+  if (freeList != kNoEntry && freeList >= highWater) {
     fail("SlabHeader::validate() bad freeList: " + std::to_string(freeList));
   }
 }
@@ -61,7 +125,7 @@ SlabWriter::Attached SlabWriter::attach(const std::string& root, const std::stri
                                         uint32_t sizeClass, uint32_t emberId,
                                         SharedMem::EmberFile::Perm perm) {
   sizeClass_ = sizeClass;
-  entrySize_ = 8 + (1u << (kMinPayloadShift + sizeClass));
+  entrySize_ = entrySizeOf(sizeClass);
   const std::string name = "slab." + std::to_string(sizeClass);
   if (!file_.open(root, table, name, SharedMem::EmberFile::Access::ReadWrite, true, perm)) {
     throw Ledger::InitializationException("SlabWriter::attach() cannot attach to " + file_.path() +
@@ -103,7 +167,7 @@ void SlabWriter::format(uint32_t emberId) {
   SlabHeader& h = mutableHeader();
   std::memset(&h, 0, sizeof(h));
   h.version = kSlabVersion;
-  h.maxPayload = 1u << (kMinPayloadShift + sizeClass_);
+  h.maxPayload = maxPayloadOf(sizeClass_);
   h.sizeClass = sizeClass_;
   h.checksum = SlabHeader::checksumOf(h.maxPayload, h.sizeClass);
   h.emberId = emberId;
@@ -118,29 +182,18 @@ bool SlabWriter::doResize(uint32_t numEntries) {
                       << numEntries << " entries: " << file_.error());
     return false;
   }
-  for (uint32_t i = old; i < numEntries; ++i) {
-    auto* e = reinterpret_cast<SlabEntryHeader*>(entry(i));
-    e->payloadSize = 0;
-    e->next = i + 1 < numEntries ? i + 1 : mutableHeader().freeList;
-  }
+  // The new entries stay untouched (above highWater) until alloc() hands them out.
   // Relaxed: readers bound-check offsets against the size they mapped, not against this.
   Ledger::Shm::store(mutableHeader().numEntries, numEntries, std::memory_order_relaxed);
-  mutableHeader().freeList = old;
   return true;
 }
 
 uint32_t SlabWriter::alloc(uint32_t size) {
-  SlabHeader& h = mutableHeader();
-  if (h.freeList == kNoEntry) {
-    uint32_t grown = h.numEntries ? 2 * h.numEntries : 16;
-    if (h.numEntries > Ledger::kMaxSlots / 2 || !doResize(grown)) {
-      throw Ledger::TableFullException("slab." + std::to_string(sizeClass_) +
-                                       "::resize() failed shmem " + file_.path());
-    }
-  }
+  ZINC_ASSERT(size != 0 && size <= header().maxPayload, "slab entry size outside its class");
+  if (header().freeList == kNoEntry) return allocAboveHighWater(size);
   const uint32_t index = mutableHeader().freeList;
   auto* e = reinterpret_cast<SlabEntryHeader*>(entry(index));
-  if (index >= header().numEntries || e->payloadSize != 0) {
+  if (index >= header().highWater || e->payloadSize != 0) {
     throw CorruptionException("WriterAllocator::alloc() corrupt free list at entry " +
                               std::to_string(index));
   }
@@ -151,9 +204,26 @@ uint32_t SlabWriter::alloc(uint32_t size) {
   return index;
 }
 
+uint32_t SlabWriter::allocAboveHighWater(uint32_t size) {
+  const SlabHeader& h = header();
+  if (h.highWater == h.numEntries) {
+    const uint32_t grown = h.numEntries ? 2 * h.numEntries : 16;
+    if (h.numEntries > Ledger::kMaxSlots / 2 || !doResize(grown)) {
+      throw Ledger::TableFullException("slab." + std::to_string(sizeClass_) +
+                                       "::resize() failed shmem " + file_.path());
+    }
+  }
+  const uint32_t index = mutableHeader().highWater++;
+  auto* e = reinterpret_cast<SlabEntryHeader*>(entry(index));
+  e->payloadSize = size;
+  e->next = kNoEntry;
+  ++mutableHeader().numOccupied;
+  return index;
+}
+
 void SlabWriter::free(uint32_t index) {
   auto* e = reinterpret_cast<SlabEntryHeader*>(entry(index));
-  ZINC_ASSERT(index < header().numEntries && e->payloadSize != 0, "free of a free slab entry");
+  ZINC_ASSERT(index < header().highWater && e->payloadSize != 0, "free of a free slab entry");
   e->payloadSize = 0;
   e->next = header().freeList;
   mutableHeader().freeList = index;
@@ -164,7 +234,14 @@ void SlabWriter::rebuild(const std::vector<bool>& live) {
   SlabHeader& h = mutableHeader();
   h.freeList = kNoEntry;
   h.numOccupied = 0;
-  for (uint32_t i = h.numEntries; i-- > 0;) {
+  // An entry in use cannot lie above the high water.
+  for (uint32_t i = uint32_t(std::min<size_t>(live.size(), h.numEntries)); i > h.highWater; --i) {
+    if (live[i - 1]) {
+      h.highWater = i;
+      break;
+    }
+  }
+  for (uint32_t i = h.highWater; i-- > 0;) {
     auto* e = reinterpret_cast<SlabEntryHeader*>(entry(i));
     if (i < live.size() && live[i]) {
       ++h.numOccupied;
@@ -225,10 +302,175 @@ void WriterAllocator::rebuild(const std::vector<Offset>& live) {
   for (uint32_t c = 0; c < kNumClasses; ++c) slabs_[c].rebuild(marks[c]);
 }
 
+std::string WriterAllocator::check(const std::vector<Offset>& live) const {
+  std::array<std::vector<bool>, kNumClasses> marks;
+  for (uint32_t c = 0; c < kNumClasses; ++c) marks[c].assign(slabs_[c].numEntries(), false);
+  for (Offset o : live) {
+    if (!o.valid() || o.sizeClass() >= kNumClasses || o.index() >= marks[o.sizeClass()].size()) {
+      return "WriterAllocator::check() reference to no slab entry: 0x" + std::to_string(o.raw);
+    }
+    auto mark = marks[o.sizeClass()][o.index()];
+    if (mark) {
+      return "WriterAllocator::check() slab." + std::to_string(o.sizeClass()) + " entry " +
+             std::to_string(o.index()) + " referenced twice";
+    }
+    mark = true;
+  }
+  for (uint32_t c = 0; c < kNumClasses; ++c) {
+    if (std::string problem = slabs_[c].check(&marks[c]); !problem.empty()) return problem;
+  }
+  return {};
+}
+
 uint64_t WriterAllocator::occupied() const {
   uint64_t n = 0;
   for (const auto& slab : slabs_) n += slab.attached() ? slab.header().numOccupied : 0;
   return n;
+}
+
+}  // namespace Shape
+
+namespace Shape {
+
+void SlabReader::attach(const std::string& root, const std::string& table, uint32_t sizeClass,
+                        uint32_t emberId) {
+  detach();
+  sizeClass_ = sizeClass;
+  emberId_ = emberId;
+  const std::string name = "slab." + std::to_string(sizeClass);
+  if (!file_.open(root, table, name, SharedMem::EmberFile::Access::ReadOnly, false)) {
+    std::string why =
+        "SlabReader::attach() no shared memory region " + file_.path() + ": " + file_.error();
+    file_.close();
+    throw Ledger::InitializationException(why);
+  }
+  try {
+    if (file_.size() < sizeof(SlabHeader)) {
+      throw CorruptionException("SlabHeader::validate() bad header file size: " +
+                                std::to_string(file_.size()));
+    }
+    header().validateFixed(emberId);
+    if (header().sizeClass != sizeClass) {
+      throw CorruptionException("SlabHeader::validate() checksum fail: size class " +
+                                std::to_string(header().sizeClass) + " in " + name);
+    }
+  } catch (...) {
+    file_.close();
+    throw;
+  }
+  emberId_ = header().emberId;
+  bind();
+}
+
+void SlabReader::bind() {
+  maxPayload_ = header().maxPayload;  // validated: maxPayloadOf(sizeClass)
+  entrySize_ = sizeof(SlabEntryHeader) + maxPayload_;
+  const uint64_t entries = (file_.size() - sizeof(SlabHeader)) / entrySize_;
+  mappedEntries_ = uint32_t(std::min<uint64_t>(entries, Ledger::kMaxSlots));
+}
+
+void SlabReader::detach() {
+  file_.close();
+  mappedEntries_ = 0;
+}
+
+bool SlabReader::doResize() {
+  if (!attached()) return false;
+  const uint32_t old = mappedEntries_;
+  if (!file_.remap()) {
+    ZTRACE(0, "slab." << sizeClass_ << "::doResize() failed to resize from " << old
+                      << " entries: " << file_.error());
+    return false;
+  }
+  ++remaps_;
+  // Only the fixed part of the header is checked here: the writer changes the counts while
+  // we look, and every entry we read is bounds-checked against the mapping anyway.
+  const SlabHeader* h = file_.size() >= sizeof(SlabHeader) ? &header() : nullptr;
+  if (!h || std::memcmp(h->magic, kSlabMagic, 8) != 0 || h->emberId != emberId_ ||
+      h->sizeClass != sizeClass_ || h->maxPayload != maxPayload_) {
+    ZTRACE(0, "slab." << sizeClass_ << "::doResize() failed to resize from " << old
+                      << " entries: slab re-formatted");
+    mappedEntries_ = 0;
+    return false;
+  }
+  bind();
+  return true;
+}
+
+uint32_t SlabReader::copy(uint32_t index, uint8_t* out, uint32_t capacity, std::string& why) {
+  if (index >= mappedEntries_ && !doResize()) {
+    why = "slab." + std::to_string(sizeClass_) + "::doResize() failed to resize from " +
+          std::to_string(mappedEntries_) + " for entry " + std::to_string(index);
+    return 0;
+  }
+  if (index >= mappedEntries_) {
+    why = "SlabReader::copy() entry " + std::to_string(index) + " beyond slab." +
+          std::to_string(sizeClass_) + " of " + std::to_string(mappedEntries_) + " entries";
+    return 0;
+  }
+  const SlabEntryHeader* e = entry(index);
+  const uint32_t size = Ledger::Shm::load(e->payloadSize, std::memory_order_relaxed);
+  if (size == 0 || size > maxPayload_ || size > capacity) {
+    why = "SlabReader::copy() slab." + std::to_string(sizeClass_) + " entry " +
+          std::to_string(index) + " has payload size " + std::to_string(size) +
+          (size == 0 ? " (free)" : " beyond maxPayload " + std::to_string(maxPayload_));
+    return 0;
+  }
+  std::memcpy(out, e + 1, size);
+  return size;
+}
+
+const uint8_t* SlabReader::payload(uint32_t index, uint32_t* size) const {
+  if (index >= mappedEntries_) return nullptr;
+  const SlabEntryHeader* e = entry(index);
+  if (e->payloadSize == 0 || e->payloadSize > maxPayload_) return nullptr;
+  if (size) *size = e->payloadSize;
+  return reinterpret_cast<const uint8_t*>(e + 1);
+}
+
+void ReaderAllocator::attach(const std::string& root, const std::string& table, uint32_t emberId) {
+  detach();
+  root_ = root;
+  table_ = table;
+  emberId_ = emberId;
+}
+
+void ReaderAllocator::detach() {
+  for (auto& slab : slabs_) slab.detach();
+}
+
+SlabReader* ReaderAllocator::slab(uint32_t sizeClass, std::string& why) {
+  if (sizeClass >= kNumClasses) {
+    why = "ReaderAllocator::slab() no size class " + std::to_string(sizeClass);
+    return nullptr;
+  }
+  SlabReader& slab = slabs_[sizeClass];
+  if (!slab.attached()) {
+    try {
+      slab.attach(root_, table_, sizeClass, emberId_);
+    } catch (const Zinc::Exception& e) {
+      why = e.what();
+      return nullptr;
+    }
+  }
+  return &slab;
+}
+
+uint32_t ReaderAllocator::copy(Offset offset, uint8_t* out, uint32_t capacity, std::string& why) {
+  if (!offset.valid()) {
+    why = "ReaderAllocator::copy() slot refers to no slab entry: 0x" + std::to_string(offset.raw);
+    return 0;
+  }
+  SlabReader* s = slab(offset.sizeClass(), why);
+  return s ? s->copy(offset.index(), out, capacity, why) : 0;
+}
+
+bool ReaderAllocator::copyReferenced(uint8_t* stored, uint32_t capacity, std::string& why) {
+  Offset offset;
+  std::memcpy(&offset, stored, sizeof(offset));
+  const uint32_t size = copy(offset, stored + sizeof(uint32_t), capacity, why);
+  std::memcpy(stored, &size, sizeof(size));
+  return size != 0;
 }
 
 }  // namespace Shape

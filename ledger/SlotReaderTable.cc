@@ -107,10 +107,13 @@ SlotReaderTable::Read SlotReaderTable::read(uint32_t index, uint8_t* out, uint32
     if (status & kLookaside) ++lookasideReads_;
     uint32_t h = Shm::load(from.rhash, std::memory_order_relaxed);
     std::memcpy(out, reinterpret_cast<const uint8_t*>(&from) + kSlotHeaderSize, valueSize_);
-    // Acquire fence: the copy above is ordered before the re-load of the status word; if the
-    // writer touched the copied bytes, the status word has changed by the time we see it.
+    const bool whole = !outOfLine_ || outOfLine_->copyOut(out, outOfLineWhy_);
+    // Acquire fence: the copies above are ordered before the re-load of the status word; if
+    // the writer touched the copied bytes (or retired the out-of-line bytes they refer to), the
+    // status word has changed by the time we see it.
     std::atomic_thread_fence(std::memory_order_acquire);
     uint32_t again = Shm::load(s.status, std::memory_order_relaxed);
+    if (again == status && !whole) throw CorruptionException(outOfLineWhy_);
     if (again == status) {
       if (rhash) *rhash = h;
       if (statusOut) *statusOut = status;

@@ -19,6 +19,19 @@
 
 namespace Ledger {
 
+// The out-of-line part of a table whose slots refer to bytes kept elsewhere (slabs). The
+// consistent read calls copyOut() after copying a slot's bytes and before re-checking its
+// status word, so that the referred bytes are covered by the same check: copyOut() replaces
+// the reference in `stored` by a copy of what it refers to. False when the reference leads
+// nowhere (`why` says where): a torn read if the status word moved meanwhile, else corruption.
+class OutOfLineReader {
+ public:
+  virtual bool copyOut(uint8_t* stored, std::string& why) = 0;
+
+ protected:
+  ~OutOfLineReader() = default;
+};
+
 class SlotReaderTable {
  public:
   // A slot that changed this many times during one read is not being written by a writer
@@ -70,6 +83,9 @@ class SlotReaderTable {
   // Throws CorruptionException when the slot keeps changing for kMaxReadRetries reads.
   Read read(uint32_t index, uint8_t* out, uint32_t* rhash = nullptr, uint32_t* status = nullptr);
 
+  // Out-of-line bytes copied by every read from now on; null for none.
+  void outOfLineIs(OutOfLineReader* outOfLine) { outOfLine_ = outOfLine; }
+
   uint64_t lookasideReads() const { return lookasideReads_; }
   uint64_t retries() const { return retries_; }
   uint64_t remaps() const { return remaps_; }
@@ -89,6 +105,8 @@ class SlotReaderTable {
   uint64_t lookasideReads_ = 0;
   uint64_t retries_ = 0;
   uint64_t remaps_ = 0;
+  OutOfLineReader* outOfLine_ = nullptr;
+  std::string outOfLineWhy_;
 };
 
 }  // namespace Ledger

@@ -5,7 +5,8 @@
 // duplicate, not OCCUPIED); every chain (in range, no slot twice, OCCUPIED without a stuck
 // LOOKASIDE, key hashing to its bucket with a matching rhash, strictly ascending (rhash, key),
 // a live notification in the rally queue); counts (walked == occupiedSlots, free + occupied
-// == numSlots); the rally queue (no open corral, sequences ascending, every live entry the
+// == numSlots; out-of-line storage: every occupied slot's own entry in use, nothing else);
+// the rally queue (no open corral, sequences ascending, every live entry the
 // recorded position of its slot, no tombstone recorded as live).
 #pragma once
 
@@ -64,6 +65,7 @@ class Validator {
         return "Validator::doValidate() slab entries:" + std::to_string(ops_.storageOccupied()) +
                " for occupied slots:" + std::to_string(walked);
       }
+      if (std::string problem = checkStorage(); !problem.empty()) return problem;
     }
     return checkRally();
   }
@@ -79,6 +81,16 @@ class Validator {
     std::ostringstream os;
     os << std::hex << v;
     return os.str();
+  }
+
+  // Out-of-line storage: every occupied slot refers to its own entry, and only those are used.
+  std::string checkStorage() {
+    std::vector<const uint8_t*> live;
+    for (uint32_t i = 0; i < seen_.size(); ++i) {
+      if (seen_[i] == kOccupiedSeen) live.push_back(slots_.value(i));
+    }
+    std::string problem = ops_.checkStorage(live);
+    return problem.empty() ? problem : "Validator::doValidate() " + problem;
   }
 
   std::string walkFreeSlots(uint32_t& freeCount) {

@@ -28,6 +28,7 @@
 
 #include "ledger/LedgerMap.h"
 #include "ledger/LedgerShadow.h"
+#include "ledger/SlabOps.h"
 #include "platform/shm/EmberFile.h"
 #include "platform/shm/ReaderKick.h"
 #include "zinc/Exception.h"
@@ -110,6 +111,51 @@ class ZincOps {
   uint32_t valueSize_;
   std::string classSuffix_;
 };
+
+// The slab codec of a framework value type of variable length: its serialised form, key
+// first, exactly as long as the value (a via set: fixed part plus the via keys it uses).
+// Decoding refuses impossible bytes and bytes left over with a corruption exception.
+template <class Key, class Value>
+struct ZincSlabCodec {
+  using Stored = Zinc::Serial<Value>;
+  static_assert(std::is_same_v<typename Stored::Key, Key>, "a stored value starts with its key");
+  static constexpr size_t kMaxEncodedSize = Stored::size;
+
+  static size_t encodedSize(const Value& value) { return Stored::length(value); }
+  static void encode(const Value& value, uint8_t* out) { Stored::store(value, out); }
+  static void decode(const uint8_t* in, size_t size, Value& out) {
+    size_t used = 0;
+    try {
+      used = Stored::load(in, size, out);
+    } catch (const Zinc::Exception& e) {
+      throw CorruptionException(std::string("ZincSlabCodec::decode() impossible value: ") +
+                                e.what());
+    }
+    if (used != size) {
+      throw CorruptionException("ZincSlabCodec::decode() " + std::to_string(size - used) +
+                                " bytes after the value");
+    }
+  }
+  static Key keyOfEncoded(const uint8_t* in, size_t size) {
+    Key key;
+    if (size < Zinc::Serial<Key>::size) {
+      throw CorruptionException("ZincSlabCodec::keyOfEncoded() " + std::to_string(size) +
+                                " bytes hold no key");
+    }
+    try {
+      Stored::loadKey(in, key);
+    } catch (const Zinc::Exception& e) {
+      throw CorruptionException(std::string("ZincSlabCodec::keyOfEncoded() impossible key: ") +
+                                e.what());
+    }
+    return key;
+  }
+  static Key keyOf(const Value& value) { return value.key(); }
+  static std::string typeName() { return std::string(Value::zincTypeName()); }
+};
+
+template <class Key, class Value>
+using ZincSlabOps = SlabOps<Key, Value, ZincSlabCodec<Key, Value>>;
 
 template <class Entity, class Value, class Key, class OpsT = ZincOps<Key, Value>>
 class ZincLedgerMap {

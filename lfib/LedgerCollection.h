@@ -1,14 +1,12 @@
 // The pieces that every entity with shared-memory collections shares: the per-collection call
-// counters, a via-set table split into size classes, and the macros that declare one
+// counters, the via-set table kept in slabs, and the macros that declare one
 // shared-memory collection (its notifiee operations and its members) from one list entry.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
-#include <unordered_map>
 
 #include "ledger/ZincLedgerMap.h"
 #include "lfib/LfibTypes.h"
@@ -68,147 +66,13 @@ void applyControl(Table& table, const CollectionControl& control) {
 template <class E, class V, class K>
 using LedgerTable = Ledger::ZincLedgerMap<E, V, K>;
 
-// Via sets in size classes. A via set holds up to 128 via keys, 12 bytes each; one slot size
-// for all would make a 2-via set cost a 1,600-byte slot. Each class is its own table:
-//   "viaSet"    up to 2 via keys     value  68 bytes, slot   88
-//   "viaSet8"   up to 8 via keys     value 140 bytes, slot  160
-//   "viaSet32"  up to 32 via keys    value 428 bytes, slot  448
-//   "viaSet128" up to 128 via keys   value 1580 bytes, slot 1600
-// A via set lives in the smallest class that holds it. A write goes to that class first and
-// then removes the key from the other classes, so a reader that looks a key up (smallest
-// class first) always finds a whole via set, old or new. Notifications of all classes are
-// reported as changes of the one collection.
+// The via sets: one table whose values vary in length (a fixed part of 44 bytes and 12 bytes
+// per via key, up to 128 keys). Its slots hold a reference into the table's slabs, where each
+// via set takes only the bytes it uses: a 2-via set costs a 24-byte slot and a 128-byte slab
+// entry, not a slot sized for 128 via keys.
 template <class E>
-class ViaSetTable {
- public:
-  using Tier = Ledger::ZincLedgerMap<E, LfibViaSet, LfibViaSetKey>;
-  using Ops = Ledger::ZincOps<LfibViaSetKey, LfibViaSet>;
-  static constexpr std::array<uint32_t, 4> tierKeys{2, 8, 32, 128};
-  static constexpr uint32_t fixedPart = 44;
-  static constexpr uint32_t bytesPerViaKey = 12;
-
-  static std::unique_ptr<ViaSetTable> entity(const std::string& name, E* entity,
-                                             typename Tier::KeyHandler onKey,
-                                             typename Tier::CollectionHandler onCollection,
-                                             typename Tier::CollectionHandler onControl) {
-    auto table = std::unique_ptr<ViaSetTable>(new ViaSetTable);
-    for (size_t t = 0; t < tierKeys.size(); ++t) {
-      std::string tierName = t == 0 ? name : name + std::to_string(tierKeys[t]);
-      Ops ops(fixedPart + bytesPerViaKey * tierKeys[t]);
-      table->tiers_[t] = Tier::entity(tierName, entity, onKey, onCollection, onControl, ops);
-    }
-    return table;
-  }
-
-  Tier& tier(size_t t) { return *tiers_[t]; }
-  static size_t tierFor(uint32_t viaKeys) {
-    size_t t = 0;
-    while (tierKeys[t] < viaKeys) ++t;
-    return t;
-  }
-
-  // The writer side keeps a private index of which class holds each via set (it is the only
-  // writer, so the index is exact): a lookup or a rewrite then touches one table only.
-  void mountIs(Ledger::LedgerMode mode, const std::string& root, const std::string& folder,
-               uint32_t capacity = 64, Zinc::Loop* loop = nullptr) {
-    for (auto& t : tiers_) t->mountIs(mode, root, folder, capacity, loop);
-    tierOf_.clear();
-    indexed_ = mode == Ledger::LedgerMode::writer;
-    for (size_t t = 0; indexed_ && t < tiers_.size(); ++t) {
-      for (auto it = tiers_[t]->iterator(); it; ++it) tierOf_[it->key()] = uint8_t(t);
-    }
-  }
-  void flushKicks() {
-    for (auto& t : tiers_) t->flushKicks();
-  }
-  bool inStep() const {
-    for (auto& t : tiers_) {
-      if (!t->inStep()) return false;
-    }
-    return true;
-  }
-  void unmount() {
-    for (auto& t : tiers_) t->unmount();
-    tierOf_.clear();
-    indexed_ = false;
-  }
-  bool lookup(const LfibViaSetKey& key, LfibViaSet& out) {
-    if (indexed_) {
-      auto it = tierOf_.find(key);
-      return it != tierOf_.end() && tiers_[it->second]->lookup(key, out);
-    }
-    for (auto& t : tiers_) {
-      if (t->lookup(key, out)) return true;
-    }
-    return false;
-  }
-  LfibViaSet get(const LfibViaSetKey& key) {
-    LfibViaSet vs;
-    return lookup(key, vs) ? vs : LfibViaSet();
-  }
-  bool write(const LfibViaSet& vs) {
-    const size_t home = tierFor(vs.viaKeys());
-    const bool written = tiers_[home]->write(vs);
-    if (!indexed_) {
-      for (size_t t = 0; t < tiers_.size(); ++t) {
-        if (t != home) tiers_[t]->remove(vs.key());
-      }
-      return written;
-    }
-    if (!written) return false;
-    auto [it, added] = tierOf_.try_emplace(vs.key(), uint8_t(home));
-    if (!added && it->second != home) {
-      tiers_[it->second]->remove(vs.key());  // after the new home holds it
-      it->second = uint8_t(home);
-    }
-    return true;
-  }
-  bool remove(const LfibViaSetKey& key) {
-    if (indexed_) {
-      auto it = tierOf_.find(key);
-      if (it == tierOf_.end()) return false;
-      bool removed = tiers_[it->second]->remove(key);
-      tierOf_.erase(it);
-      return removed;
-    }
-    bool removed = false;
-    for (auto& t : tiers_) removed = t->remove(key) || removed;
-    return removed;
-  }
-  uint32_t members() const {
-    uint32_t n = 0;
-    for (auto& t : tiers_) n += t->members();
-    return n;
-  }
-  bool validateFiles() {
-    bool ok = true;
-    for (auto& t : tiers_) ok = t->validateFiles() && ok;
-    return ok;
-  }
-  template <class Fn>
-  void forEachTier(Fn&& fn) {
-    for (auto& t : tiers_) fn(*t);
-  }
-  void handleParent(E* parent) {
-    for (auto& t : tiers_) t->handleParent(parent);
-  }
-  void corruptionDetected(const std::string& reason) {
-    for (auto& t : tiers_) t->corruptionDetected(reason);
-  }
-  // Calls fn(viaSet) for every via set of every class.
-  template <class Fn>
-  void forEach(Fn&& fn) {
-    for (auto& t : tiers_) {
-      for (auto it = t->iterator(); it; ++it) fn(*it);
-    }
-  }
-
- private:
-  ViaSetTable() = default;
-  std::array<std::unique_ptr<Tier>, tierKeys.size()> tiers_;
-  std::unordered_map<LfibViaSetKey, uint8_t, Zinc::HashOf<LfibViaSetKey>> tierOf_;
-  bool indexed_ = false;
-};
+using ViaSetLedger = Ledger::ZincLedgerMap<E, LfibViaSet, LfibViaSetKey,
+                                           Ledger::ZincSlabOps<LfibViaSetKey, LfibViaSet>>;
 
 }  // namespace Mpls
 
@@ -293,14 +157,10 @@ class ViaSetTable {
 
 namespace Mpls {
 
-// Walks a table in table order (a via-set table: class by class).
+// Walks a table in table order.
 template <class Table, class Fn>
 void forEachIn(Table& table, Fn& fn) {
-  if constexpr (requires { table.forEach(fn); }) {
-    table.forEach(fn);
-  } else {
-    for (auto it = table.iterator(); it; ++it) fn(*it);
-  }
+  for (auto it = table.iterator(); it; ++it) fn(*it);
 }
 
 }  // namespace Mpls

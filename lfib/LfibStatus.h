@@ -6,7 +6,7 @@
 //   <root>/lfib/<entity name>/<collection>/
 // (<root>: the argument, else $LEDGER_ROOT, else /dev/shm/ledger); LfibHwStatus mounts under
 //   <root>/lfibHw/<entity name>/<collection>/
-// The via sets are split into size classes (viaSet, viaSet8, viaSet32, viaSet128; see
+// The via sets are one table whose values live in slabs (slab.<c> files beside its slots; see
 // lfib/LedgerCollection.h). Before mounting, reads find nothing and writes are dropped with a
 // "no man's land" trace.
 //
@@ -63,7 +63,7 @@ class LfibStatus : public Zinc::Entity {
  public:
 #define MPLS_LFIB_STATUS_TABLES(X)                                                           \
   X(lfibRoute, LfibRoute, RouteKey, LfibRoute, (LedgerTable<Self, LfibRoute, RouteKey>))     \
-  X(viaSet, ViaSet, LfibViaSetKey, LfibViaSet, (ViaSetTable<Self>))                          \
+  X(viaSet, ViaSet, LfibViaSetKey, LfibViaSet, (ViaSetLedger<Self>))                         \
   X(mplsVia, MplsVia, LfibViaKey, LfibMplsVia, (LedgerTable<Self, LfibMplsVia, LfibViaKey>)) \
   X(pwVia, PwVia, LfibViaKey, LfibPwVia, (LedgerTable<Self, LfibPwVia, LfibViaKey>))         \
   X(ipLookupVia, IpLookupVia, LfibViaKey, LfibIpLookupVia,                                   \
@@ -108,7 +108,7 @@ class LfibStatus : public Zinc::Entity {
   std::string ledgerFolder() const { return "lfib/" + std::string(name().view()); }
   // validateFiles on every table; true when all pass.
   bool validateFiles();
-  // Each table's files validated: (table name, passed), the via-set classes one by one.
+  // Each table's files validated: (table name, passed).
   std::vector<std::pair<std::string, bool>> validateEachTable();
   // Bytes that the tables' files take in shared memory (allocated blocks).
   uint64_t ledgerBytes() const;

@@ -80,16 +80,9 @@ LfibViaIndexAllocator::Probe LfibViaIndexAllocator::probeVia(const LfibViaKey& k
 LfibViaIndexAllocator::Probe LfibViaIndexAllocator::probeViaSet(const LfibViaSetKey& key) {
   LfibViaSet scratch;
   auto& table = lfibStatus_->viaSetLedger();
-  uint64_t corruptions = 0;
-  for (size_t t = 0; t < ViaSetTable<LfibStatus>::tierKeys.size(); ++t) {
-    corruptions += table.tier(t).ledgerMap().corruptions();
-  }
+  const uint64_t corruptions = table.ledgerMap().corruptions();
   bool present = table.lookup(key, scratch);
-  uint64_t after = 0;
-  for (size_t t = 0; t < ViaSetTable<LfibStatus>::tierKeys.size(); ++t) {
-    after += table.tier(t).ledgerMap().corruptions();
-  }
-  if (after != corruptions) return Probe::corrupt;
+  if (table.ledgerMap().corruptions() != corruptions) return Probe::corrupt;
   return present ? Probe::present : Probe::absent;
 }
 

@@ -107,22 +107,10 @@ bool LfibStatus::validateFiles() {
   return ok;
 }
 
-namespace {
-
-template <class Table>
-void validateInto(Table& table, std::vector<std::pair<std::string, bool>>& out) {
-  if constexpr (requires { table.forEachTier([](auto&) {}); }) {
-    table.forEachTier([&](auto& tier) { validateInto(tier, out); });
-  } else {
-    out.emplace_back(table.name(), table.validateFiles());
-  }
-}
-
-}  // namespace
-
 std::vector<std::pair<std::string, bool>> LfibStatus::validateEachTable() {
   std::vector<std::pair<std::string, bool>> out;
-#define MPLS_VALIDATE_EACH(attr, Attr, K, V, Table) validateInto(*attr##_, out);
+#define MPLS_VALIDATE_EACH(attr, Attr, K, V, Table) \
+  out.emplace_back(attr##_->name(), attr##_->validateFiles());
   MPLS_LFIB_STATUS_TABLES(MPLS_VALIDATE_EACH)
 #undef MPLS_VALIDATE_EACH
   return out;

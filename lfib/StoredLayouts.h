@@ -4,12 +4,13 @@
 //
 // A table slot is a 16-byte header followed by the value, rounded up to 8 bytes. Records with an
 // inline array (LfibViaSet, LfibIpLookupVia) have a variable serialised length; their largest
-// is pinned too.
+// is pinned too, and so are the slab entries that hold via sets.
 #pragma once
 
 #include <cstddef>
 #include <type_traits>
 
+#include "ledger/Shape.h"
 #include "lfib/LfibTypes.h"
 #include "zinc/Value.h"
 
@@ -65,6 +66,14 @@ static_assert(fixedLayout<LfibDot1qTagToVlanComposite, 12>());
 // Variable-length records: fixed part plus used elements.
 static_assert(std::is_trivially_copyable_v<LfibViaSet> && !Zinc::Serial<LfibViaSet>::fixed);
 static_assert(Zinc::Serial<LfibViaSet>::size == 44 + 12 * 128);
+// The via-set table keeps them in slabs: a 24-byte slot holding a Shape::Offset, and an entry
+// of the smallest slab class that holds the fixed part and the via keys in use.
+static_assert(slotSize(sizeof(Shape::Offset)) == 24);
+constexpr uint32_t viaSetEntrySize(size_t viaKeys) {
+  return Shape::entrySizeOf(Shape::sizeClassFor(44 + 12 * viaKeys));
+}
+static_assert(viaSetEntrySize(1) == 64 && viaSetEntrySize(2) == 80 && viaSetEntrySize(3) == 96 &&
+              viaSetEntrySize(16) == 256 && viaSetEntrySize(128) == 1792);
 static_assert(std::is_trivially_copyable_v<LfibIpLookupVia> &&
               !Zinc::Serial<LfibIpLookupVia>::fixed);
 static_assert(Zinc::Serial<LfibIpLookupVia>::size == 20 + 101);

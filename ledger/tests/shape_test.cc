@@ -10,6 +10,7 @@
 #include "ledger/LedgerWriter.h"
 #include "ledger/Shape.h"
 #include "ledger/SlabOps.h"
+#include "ledger/tests/SlabTestTypes.h"
 #include "ledger/tests/TestTable.h"
 #include "zinc/Trace.h"
 
@@ -20,53 +21,7 @@ using namespace Ledger;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-// A via set: 44 bytes of fixed fields (key first) and 12 bytes per via.
-struct ViaSetKey {
-  uint32_t id = 0;
-  uint32_t hash() const { return Zinc::Hash::finalize(id * 2654435761u); }
-  auto operator<=>(const ViaSetKey&) const = default;
-};
-struct Via {
-  uint32_t a, b, c;
-  bool operator==(const Via&) const = default;
-};
-struct ViaSet {
-  ViaSetKey key;
-  uint8_t fixed[40] = {};
-  std::vector<Via> vias;
-  bool operator==(const ViaSet&) const = default;
-};
-struct ViaSetCodec {
-  static size_t encodedSize(const ViaSet& v) { return 44 + 12 * v.vias.size(); }
-  static void encode(const ViaSet& v, uint8_t* out) {
-    std::memcpy(out, &v.key, 4);
-    std::memcpy(out + 4, v.fixed, 40);
-    if (!v.vias.empty()) std::memcpy(out + 44, v.vias.data(), 12 * v.vias.size());
-  }
-  static void decode(const uint8_t* in, size_t size, ViaSet& out) {
-    std::memcpy(&out.key, in, 4);
-    std::memcpy(out.fixed, in + 4, 40);
-    out.vias.resize((size - 44) / 12);
-    if (!out.vias.empty()) std::memcpy(out.vias.data(), in + 44, 12 * out.vias.size());
-  }
-  static ViaSetKey keyOfEncoded(const uint8_t* in, size_t) {
-    ViaSetKey k;
-    std::memcpy(&k, in, 4);
-    return k;
-  }
-  static ViaSetKey keyOf(const ViaSet& v) { return v.key; }
-  static const char* typeName() { return "Test::ViaSet"; }
-};
-using ViaOps = SlabOps<ViaSetKey, ViaSet, ViaSetCodec>;
 using ViaWriter = LedgerWriter<ViaSetKey, ViaSet, ViaOps>;
-
-ViaSet makeViaSet(uint32_t id, size_t vias, uint32_t version) {
-  ViaSet v;
-  v.key.id = id;
-  v.fixed[0] = static_cast<uint8_t>(version);
-  for (size_t i = 0; i < vias; ++i) v.vias.push_back(Via{id, version, static_cast<uint32_t>(i)});
-  return v;
-}
 
 LedgerConfig viaConfig(const TempRoot& root) {
   LedgerConfig c;
@@ -89,24 +44,25 @@ std::string slabError(const Shape::SlabHeader& h, size_t size, uint32_t ember = 
 TEST(SlabHeaderChecks, InOrderWithTheirMessages) {
   TempRoot root;
   Shape::SlabWriter slab;
-  EXPECT_EQ(slab.attach(root.path(), "t", 1, 77, SharedMem::EmberFile::Perm::OwnerOnly),
+  EXPECT_EQ(slab.attach(root.path(), "t", 4, 77, SharedMem::EmberFile::Perm::OwnerOnly),
             Shape::SlabWriter::Attached::created);
-  slab.alloc(100);
-  const size_t size = sizeof(Shape::SlabHeader) + 16 * (8 + 128);
+  slab.free(slab.alloc(100));
+  const size_t size = sizeof(Shape::SlabHeader) + 16 * 128;
   Shape::SlabHeader h = slab.header();
-  EXPECT_EQ(h.maxPayload, 128u);
+  EXPECT_EQ(h.maxPayload, 120u);
   EXPECT_EQ(slabError(h, size, 77), "");
   using Break = std::function<void(Shape::SlabHeader&, size_t&, uint32_t&)>;
   const std::vector<std::pair<std::string, Break>> breaks = {
       {"SlabHeader::validate() bad header file size: ", [](auto&, auto& s, auto&) { s = 63; }},
       {"SlabHeader::validate() bad magic: ", [](auto& h, auto&, auto&) { h.magic[0] = 'X'; }},
-      {"SlabHeader::validate() bad version: ", [](auto& h, auto&, auto&) { h.version = 2; }},
+      {"SlabHeader::validate() bad version: ", [](auto& h, auto&, auto&) { h.version = 3; }},
       {"SlabHeader::validate() checksum fail: ", [](auto& h, auto&, auto&) { h.sizeClass = 2; }},
       {"SlabHeader::validate() bad numOccupied: ",
        [](auto& h, auto&, auto&) { h.numOccupied = 17; }},
       {"SlabHeader::validate() bad shmem size: ", [](auto&, auto& s, auto&) { s -= 1; }},
       {"SlabHeader::validate() bad ember:", [](auto&, auto&, auto& e) { e = 78; }},
-      {"SlabHeader::validate() bad freeList: ", [](auto& h, auto&, auto&) { h.freeList = 16; }},
+      {"SlabHeader::validate() bad highWater: ", [](auto& h, auto&, auto&) { h.highWater = 17; }},
+      {"SlabHeader::validate() bad freeList: ", [](auto& h, auto&, auto&) { h.freeList = 1; }},
   };
   for (size_t k = 0; k < breaks.size(); ++k) {
     Shape::SlabHeader broken = h;
@@ -127,10 +83,15 @@ TEST(SlabAllocation, RefusesSizeZeroAndPicksTheSmallestClass) {
   } catch (const Zinc::InternalException& e) {
     EXPECT_STREQ(e.what(), "WriterAllocator::alloc() doing an allocation of size 0 is forbidden");
   }
-  EXPECT_EQ(allocator.alloc(44 + 2 * 12).sizeClass(), 1u);  // 68 bytes: the 128-byte class
-  EXPECT_EQ(allocator.alloc(1580).sizeClass(), 5u);
-  EXPECT_EQ(allocator.alloc(64).sizeClass(), 0u);
-  EXPECT_THROW(allocator.alloc(2049), Zinc::InternalException);
+  EXPECT_EQ(allocator.alloc(44 + 2 * 12).sizeClass(), 1u);  // 68 bytes: the 80-byte entries
+  EXPECT_EQ(allocator.alloc(56).sizeClass(), 0u);           // 64-byte entries
+  EXPECT_EQ(allocator.alloc(57).sizeClass(), 1u);
+  EXPECT_EQ(allocator.alloc(1580).sizeClass(), 19u);  // 1792-byte entries
+  EXPECT_EQ(allocator.alloc(2040).sizeClass(), 20u);
+  EXPECT_THROW(allocator.alloc(2041), Zinc::InternalException);
+  for (uint32_t c = 1; c < Shape::kNumClasses; ++c) {
+    EXPECT_LE(Shape::entrySizeOf(c), Shape::entrySizeOf(c - 1) * 5 / 4) << "at most 25% apart";
+  }
   Shape::Offset a = allocator.alloc(10);
   allocator.free(a);
   EXPECT_EQ(allocator.alloc(20), a);  // a freed entry is reused
@@ -247,10 +208,11 @@ TEST(SlabTable, ASlotWhosePayloadVanishedIsDropped) {
     w.attach();
     for (uint32_t id = 0; id < 20; ++id) w.write(makeViaSet(id, 3, 1));
   }
-  ASSERT_TRUE(SharedMem::EmberFile::unlinkFile(root.path(), "viaSet", "slab.1"));
+  const std::string lost = "slab." + std::to_string(Shape::sizeClassFor(44 + 3 * 12));
+  ASSERT_TRUE(SharedMem::EmberFile::unlinkFile(root.path(), "viaSet", lost));
   ViaWriter w(viaConfig(root));
   EXPECT_EQ(w.attach(), AttachResult::recovered);
-  EXPECT_EQ(w.members(), 0u);  // every via set of 3 vias lived in the lost 128-byte slab
+  EXPECT_EQ(w.members(), 0u);  // every via set of 3 vias lived in the lost slab
   EXPECT_TRUE(w.validate()) << w.validationError();
 }
 

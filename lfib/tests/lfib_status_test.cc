@@ -143,12 +143,12 @@ TEST_F(LfibStatusTest, DeletingAbsentEntriesPassesValidation) {
   EXPECT_EQ(failureOf([&] { status->viaSetDel(viaSetKey(viaTypeVlan_, 5)); }), "");
 }
 
-TEST_F(LfibStatusTest, ViaSetsMoveBetweenSizeClasses) {
+TEST_F(LfibStatusTest, ViaSetsChangeSizeInTheirOneTable) {
   for (uint32_t vias : {2u, 10u, 1u, 128u, 8u, 0u}) {
     LfibViaSet vs = viaSetWith(viaTypeMplsIp_, 9, vias);
     status->viaSetIs(vs);
     EXPECT_EQ(status->viaSet(vs.key()), vs) << vias << " vias";
-    EXPECT_EQ(status->viaSetCount(), 1u) << "one class holds the set at " << vias << " vias";
+    EXPECT_EQ(status->viaSetCount(), 1u) << vias << " vias";
   }
   status->viaSetDel(viaSetKey(viaTypeMplsIp_, 9));
   EXPECT_EQ(status->viaSetCount(), 0u);

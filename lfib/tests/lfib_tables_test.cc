@@ -27,11 +27,17 @@ TEST(LfibTables, SlotSizesOfTheCatalogue) {
   EXPECT_EQ((slotSizeOf<LfibViaKey, LfibMplsVia>()), 120u);
   EXPECT_EQ((slotSizeOf<LfibViaKey, LfibPwVia>()), 48u);
   EXPECT_EQ((slotSizeOf<LfibViaKey, LfibEvpnEthernetSegmentFilterVia>()), 40u);
-  std::vector<uint32_t> viaSetSlots;
-  for (uint32_t keys : ViaSetTable<LfibStatus>::tierKeys) {
-    viaSetSlots.push_back(Ledger::slotSizeFor(44 + 12 * keys));
+  // Via sets live in slabs: the slot holds a reference, and a set takes only what it uses.
+  Ledger::ZincSlabOps<LfibViaSetKey, LfibViaSet> viaSetOps;
+  EXPECT_EQ(Ledger::slotSizeFor(viaSetOps.valueSize()), 24u);
+  LfibViaSet two(LfibViaSetKey(LFib::sourceLdp_, 1, viaTypeMplsIp_, viaSetTypeEcmp_));
+  for (uint32_t i = 0; i < 2; ++i) {
+    two.viaKeyIs(LfibViaIndexRange(i), LfibViaKey(LFib::sourceLdp_, viaTypeMplsIp_, i + 1));
   }
-  EXPECT_EQ(viaSetSlots, (std::vector<uint32_t>{88, 160, 448, 1600}));
+  using Codec = Ledger::ZincSlabCodec<LfibViaSetKey, LfibViaSet>;
+  EXPECT_EQ(Codec::encodedSize(two), 44u + 2 * 12);
+  EXPECT_EQ(Codec::kMaxEncodedSize, 44u + 128 * 12);
+  EXPECT_LE(viaSetOps.classTypeName().size(), 63u);
   EXPECT_LE(
       (Ledger::ZincOps<LfibViaKey, LfibEvpnEthernetSegmentFilterVia>().classTypeName().size()),
       63u);
@@ -57,21 +63,22 @@ TEST(LfibTables, StoredFormsRoundTripAndRefuseImpossibleBytes) {
   EXPECT_THROW(ops.storedKey(bad.data()), Ledger::CorruptionException);
   EXPECT_THROW(ops.load(bad.data(), back), Ledger::CorruptionException);
 
-  // A via set whose count claims more keys than its table's value size holds.
-  Ledger::ZincOps<LfibViaSetKey, LfibViaSet> small(44 + 12 * 2);
+  // A via set whose count claims more keys than its payload holds, or with bytes left over.
+  using Codec = Ledger::ZincSlabCodec<LfibViaSetKey, LfibViaSet>;
   LfibViaSet vs(LfibViaSetKey(LFib::sourceLdp_, 1, viaTypeMplsIp_, viaSetTypeEcmp_));
   vs.viaKeyIs(LfibViaIndexRange(0), LfibViaKey(LFib::sourceLdp_, viaTypeMplsIp_, 1));
-  std::vector<uint8_t> vsSlot(small.valueSize(), 0);
-  small.store(vs, vsSlot.data());
-  std::vector<uint8_t> lying = vsSlot;
+  std::vector<uint8_t> payload(Codec::encodedSize(vs) + 12, 0);
+  Codec::encode(vs, payload.data());
+  LfibViaSet out;
+  EXPECT_THROW(Codec::decode(payload.data(), payload.size(), out), Ledger::CorruptionException);
+  Codec::decode(payload.data(), Codec::encodedSize(vs), out);
+  EXPECT_EQ(out, vs);
+  std::vector<uint8_t> lying = payload;
   uint32_t count = 100;
   std::memcpy(lying.data() + 40, &count, 4);  // the count follows the keys, bool and flags
-  LfibViaSet out;
-  EXPECT_THROW(small.load(lying.data(), out), Ledger::CorruptionException);
-  small.load(vsSlot.data(), out);
-  EXPECT_EQ(out, vs);
-  vs.viaKeyIs(LfibViaIndexRange(2), LfibViaKey(LFib::sourceLdp_, viaTypeMplsIp_, 3));
-  EXPECT_FALSE(small.fits(vs));
+  EXPECT_THROW(Codec::decode(lying.data(), Codec::encodedSize(vs), out),
+               Ledger::CorruptionException);
+  EXPECT_THROW(Codec::keyOfEncoded(payload.data(), 3), Ledger::CorruptionException);
 }
 
 TEST(LfibTables, StoredRecordsPrintTypedByTheirHeaderTypeName) {

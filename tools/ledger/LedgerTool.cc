@@ -4,6 +4,8 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -17,6 +19,7 @@
 #include "ledger/BucketReader.h"
 #include "ledger/Exceptions.h"
 #include "ledger/RallyReader.h"
+#include "ledger/Shape.h"
 #include "ledger/SlotReaderTable.h"
 #include "ledger/SlotTable.h"
 #include "lfib/LfibStoredText.h"
@@ -146,14 +149,63 @@ bool writerAlive(uint32_t pid) {
   return pid != 0 && (::kill(pid_t(pid), 0) == 0 || errno == EPERM);
 }
 
+// The slabs of a table whose values live out of line: every consistent read of a slot copies
+// the payload it refers to, as [uint32 size][payload].
+struct SlabCopier : OutOfLineReader {
+  Shape::ReaderAllocator slabs;
+  bool copyOut(uint8_t* stored, std::string& why) override {
+    return slabs.copyReferenced(stored, Shape::kMaxPayload, why);
+  }
+};
+
 // The mapped files of one table; what could not be opened is left out with a reason.
 struct Table {
   SlotReaderTable slots;
   BucketReader buckets;
   RallyReader rally;
+  std::unique_ptr<SlabCopier> slabs;  // slab tables only
   std::string bucketError;
   std::string rallyError;
+
+  // Bytes of a buffer that holds one consistent read.
+  size_t readSize() const {
+    return slabs ? sizeof(uint32_t) + Shape::kMaxPayload : slots.valueSize();
+  }
+  // The value bytes of a consistent read in `stored`.
+  std::pair<const uint8_t*, size_t> valueOf(const std::vector<uint8_t>& stored) const {
+    if (!slabs) return {stored.data(), stored.size()};
+    uint32_t size;
+    std::memcpy(&size, stored.data(), sizeof(size));
+    return {stored.data() + sizeof(size), std::min<size_t>(size, Shape::kMaxPayload)};
+  }
 };
+
+bool isSlabTable(const SlotReaderTable& slots) {
+  return SlotTable::typeName(slots.header().classTypeName).rfind("Ledger::SlabTable<", 0) == 0;
+}
+
+void attachSlabs(const Options& o, Table& t) {
+  if (!isSlabTable(t.slots)) return;
+  if (!t.slabs) t.slabs = std::make_unique<SlabCopier>();
+  t.slabs->slabs.attach(o.root, o.table, t.slots.emberId());
+  t.slots.outOfLineIs(t.slabs.get());
+}
+
+// Bytes that the files of a table take in shared memory (allocated blocks), slabs included.
+uint64_t tableBytes(const Options& o, const std::string& table) {
+  std::string dir = SharedMem::rootPath(o.root) + "/" + table;
+  uint64_t bytes = 0;
+  if (DIR* d = ::opendir(dir.c_str())) {
+    while (dirent* e = ::readdir(d)) {
+      struct stat st;
+      if (::stat((dir + "/" + e->d_name).c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
+        bytes += uint64_t(st.st_blocks) * 512;
+      }
+    }
+    ::closedir(d);
+  }
+  return bytes;
+}
 
 // Maps a table's files; on failure writes why and returns the exit status to use.
 int open(const Options& o, Table& t, std::ostream& err) {
@@ -175,6 +227,7 @@ int open(const Options& o, Table& t, std::ostream& err) {
     err << "ledger: table '" << o.table << "' is unreadable: " << e.what() << "\n";
     return kInvalid;
   }
+  attachSlabs(o, t);
   try {
     t.buckets.attach(o.root, o.table, t.slots.emberId());
   } catch (const Zinc::Exception& e) {
@@ -216,7 +269,8 @@ int ls(const Options& o, std::ostream& out, std::ostream& err) {
   int nameWidth = 24;
   for (const auto& name : names) nameWidth = std::max(nameWidth, int(name.size()) + 2);
   out << std::left << std::setw(nameWidth) << "TABLE" << std::setw(10) << "SLOTS" << std::setw(10)
-      << "MEMBERS" << std::setw(8) << "VALUE" << std::setw(12) << "WRITER"
+      << "MEMBERS" << std::setw(8) << "VALUE" << std::setw(12) << "BYTES" << std::setw(12)
+      << "WRITER"
       << "TYPE\n";
   for (const auto& name : names) {
     Options one = o;
@@ -230,10 +284,26 @@ int ls(const Options& o, std::ostream& out, std::ostream& err) {
     uint32_t pid = t.rally.writerPid();
     std::string writer = pid ? std::to_string(pid) + (writerAlive(pid) ? "" : "(dead)") : "-";
     out << std::setw(nameWidth) << name << std::setw(10) << t.slots.numSlots() << std::setw(10)
-        << t.slots.occupiedSlots() << std::setw(8) << t.slots.valueSize() << std::setw(12) << writer
+        << t.slots.occupiedSlots() << std::setw(8) << t.slots.valueSize() << std::setw(12)
+        << tableBytes(o, name) << std::setw(12) << writer
         << SlotTable::typeName(t.slots.header().valueTypeName) << "\n";
   }
   return kOk;
+}
+
+void showSlabs(Table& t, std::ostream& out) {
+  for (uint32_t c = 0; c < Shape::kNumClasses; ++c) {
+    std::string why;
+    const Shape::SlabReader* slab = t.slabs->slabs.slab(c, why);
+    out << "slab." << c << ": ";
+    if (!slab) {
+      out << why << "\n";
+      continue;
+    }
+    const Shape::SlabHeader& h = slab->header();
+    out << "maxPayload " << h.maxPayload << " numEntries " << h.numEntries << " numOccupied "
+        << h.numOccupied << " mappedBytes " << slab->mappedSize() << "\n";
+  }
 }
 
 int show(const Options& o, std::ostream& out, std::ostream& err) {
@@ -260,6 +330,8 @@ int show(const Options& o, std::ostream& out, std::ostream& err) {
   } else {
     out << "rally: " << t.rallyError << "\n";
   }
+  if (t.slabs) showSlabs(t, out);
+  out << "bytes: " << tableBytes(o, o.table) << "\n";
   out << "readers: " << readersRegistered(o) << "\n";
   return kOk;
 }
@@ -279,6 +351,9 @@ class Check {
     if (free_ + walked_ != n_) {
       return "Validator::doValidate() bad slotCount:" + std::to_string(free_ + walked_) +
              " numSlots:" + std::to_string(n_);
+    }
+    if (t_.slabs) {
+      if (auto e = checkSlabs(); !e.empty()) return e;
     }
     return checkRally();
   }
@@ -339,6 +414,35 @@ class Check {
     if (walked_ != occupied) {
       return "Validator::walkOccupiedSlots() mismatch header->occupiedSlots:" +
              std::to_string(occupied) + " walkedSlots:" + std::to_string(walked_);
+    }
+    return {};
+  }
+
+  // Every occupied slot refers to its own slab entry in use, and no other entry is in use.
+  std::string checkSlabs() {
+    std::array<std::vector<bool>, Shape::kNumClasses> referenced;
+    for (uint32_t i = 0; i < n_; ++i) {
+      if (seen_[i] != 2) continue;
+      Shape::Offset o;
+      std::memcpy(&o, t_.slots.value(i), sizeof(o));
+      if (!o.valid() || o.sizeClass() >= Shape::kNumClasses || o.index() >= Ledger::kMaxSlots) {
+        return "Validator::walkOccupiedSlots() slot: " + std::to_string(i) +
+               " refers to no stored value";
+      }
+      auto& marks = referenced[o.sizeClass()];
+      if (o.index() >= marks.size()) marks.resize(o.index() + 1, false);
+      if (marks[o.index()]) {
+        return "Validator::doValidate() slab." + std::to_string(o.sizeClass()) + " entry " +
+               std::to_string(o.index()) + " referenced twice";
+      }
+      marks[o.index()] = true;
+    }
+    for (uint32_t c = 0; c < Shape::kNumClasses; ++c) {
+      std::string why;
+      const Shape::SlabReader* slab = t_.slabs->slabs.slab(c, why);
+      if (!slab && referenced[c].empty()) continue;
+      if (!slab) return why;
+      if (auto e = slab->check(&referenced[c]); !e.empty()) return "Validator::doValidate() " + e;
     }
     return {};
   }
@@ -421,7 +525,7 @@ std::string jsonEscaped(const std::string& text) {
 int dump(const Options& o, std::ostream& out, std::ostream& err) {
   Table t;
   if (int rc = open(o, t, err)) return rc;
-  std::vector<uint8_t> value(t.slots.valueSize());
+  std::vector<uint8_t> stored(t.readSize());
   const uint32_t n = std::min(t.slots.numSlots(), t.slots.mappedSlots());
   if (o.json) {
     out << "{\"table\": \"" << o.table << "\", \"valueSize\": " << t.slots.valueSize()
@@ -431,7 +535,7 @@ int dump(const Options& o, std::ostream& out, std::ostream& err) {
   for (uint32_t i = 0; i < n; ++i) {
     uint32_t rhash = 0, status = 0;
     try {
-      if (t.slots.read(i, value.data(), &rhash, &status) != SlotReaderTable::Read::occupied) {
+      if (t.slots.read(i, stored.data(), &rhash, &status) != SlotReaderTable::Read::occupied) {
         continue;
       }
     } catch (const CorruptionException& e) {
@@ -439,17 +543,18 @@ int dump(const Options& o, std::ostream& out, std::ostream& err) {
       continue;
     }
     // Records of a known type print typed (lfib/LfibStoredText.h), others as hex.
-    std::optional<std::string> text = Mpls::storedValueText(
-        SlotTable::typeName(t.slots.header().valueTypeName), value.data(), value.size());
+    const auto [bytes, size] = t.valueOf(stored);
+    std::optional<std::string> text =
+        Mpls::storedValueText(SlotTable::typeName(t.slots.header().valueTypeName), bytes, size);
     if (o.json) {
       out << (firstEntry ? "\n" : ",\n") << "  {\"slot\": " << i
           << ", \"version\": " << (status >> 2) << ", \"rhash\": \"" << hex32(rhash)
-          << "\", \"value\": \"" << hex(value.data(), value.size()) << "\"";
+          << "\", \"value\": \"" << hex(bytes, size) << "\"";
       if (text) out << ", \"text\": \"" << jsonEscaped(*text) << "\"";
       out << "}";
     } else {
       out << "slot " << i << " version " << (status >> 2) << " rhash " << hex32(rhash) << " "
-          << (text ? *text : hex(value.data(), value.size())) << "\n";
+          << (text ? *text : hex(bytes, size)) << "\n";
     }
     firstEntry = false;
   }
@@ -501,6 +606,7 @@ class Watcher {
     out_ << "resync (writer re-attached)\n";
     try {
       t_.slots.attach(o_.root, o_.table);
+      attachSlabs(o_, t_);
       t_.rally.attach(o_.root, o_.table, t_.slots.emberId());
     } catch (const Zinc::Exception& e) {
       out_ << "cannot re-attach: " << e.what() << "\n";
@@ -514,7 +620,7 @@ class Watcher {
     if (slot >= kMaxSlots) return;
     if (slot >= last_.size()) last_.resize(slot + 1);
     Last now;
-    now.bytes.resize(t_.slots.valueSize());
+    now.bytes.resize(t_.readSize());
     try {
       auto r = t_.slots.read(slot, now.bytes.data(), &now.rhash);
       if (r == SlotReaderTable::Read::unmapped && t_.slots.doResize()) {
@@ -526,14 +632,18 @@ class Watcher {
       return;
     }
     Last& was = last_[slot];
+    // A slab table's copy starts with its size word; the key follows.
+    const size_t keyAt = t_.slabs ? sizeof(uint32_t) : 0;
     const bool sameKey =
         was.occupied && now.occupied && was.rhash == now.rhash &&
-        std::memcmp(was.bytes.data(), now.bytes.data(), std::min<size_t>(8, now.bytes.size())) == 0;
+        std::memcmp(was.bytes.data() + keyAt, now.bytes.data() + keyAt,
+                    std::min<size_t>({8, was.bytes.size() - keyAt, now.bytes.size() - keyAt})) == 0;
     if (print) {
       if (was.occupied && !sameKey) line("deleted", slot, was);
       if (now.occupied && !sameKey) line("added", slot, now);
       if (sameKey && was.bytes != now.bytes) line("changed", slot, now);
     }
+    if (t_.slabs) now.bytes.resize(sizeof(uint32_t) + t_.valueOf(now.bytes).second);
     was = std::move(now);
   }
 

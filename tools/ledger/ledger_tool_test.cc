@@ -1,6 +1,7 @@
 // The `ledger` tool against real tables: a writer's files, corrupt files, and a writer in
 // another process while `watch` follows it.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -8,7 +9,9 @@
 #include <fstream>
 #include <sstream>
 
+#include "ledger/Shape.h"
 #include "ledger/tests/ShadowHarness.h"
+#include "lfib/LfibStatus.h"
 #include "tools/ledger/LedgerTool.h"
 
 namespace {
@@ -170,6 +173,82 @@ TEST(LedgerTool, WatchPrintsEachChangeAsItHappens) {
   EXPECT_EQ(first.substr(0, 6), "added ") << first;
   EXPECT_EQ(second.substr(0, 8), "changed ") << second;
   EXPECT_EQ(third.substr(0, 8), "deleted ") << third;
+}
+
+// The via sets of a published LFIB live in slabs: the tool reads them through the slot's
+// references, prints them typed, counts slab files in the sizes and checks the references.
+TEST(LedgerTool, ViaSetsInSlabs) {
+  TempRoot root;
+  auto status = Mpls::lfibStatusFactory("status");
+  status->ledgerMountIs(Ledger::LedgerMode::writer, root.path());
+  for (uint32_t index : {1u, 2u, 40u}) {
+    Mpls::LfibViaSet vs(
+        Mpls::LfibViaSetKey(LFib::sourceLdp_, index, Mpls::viaTypeMplsIp_, Mpls::viaSetTypeEcmp_));
+    for (uint32_t i = 0; i < index; ++i) {
+      vs.viaKeyIs(Mpls::LfibViaIndexRange(i),
+                  Mpls::LfibViaKey(LFib::sourceLdp_, Mpls::viaTypeMplsIp_, 100 * index + i));
+    }
+    status->viaSetIs(vs);
+  }
+  auto run = [&](std::vector<std::string> args) {
+    args.insert(args.begin(), {"--root", root.path() + "/lfib/status"});
+    std::ostringstream out, err;
+    int rc = LedgerTool::run(args, out, err);
+    return ToolRun{rc, out.str(), err.str()};
+  };
+  auto valid = run({"validate", "viaSet"});
+  EXPECT_EQ(valid.status, 0) << valid.out;
+  EXPECT_TRUE(contains(valid.out, "valid, 3 members")) << valid.out;
+  auto dump = run({"dump", "viaSet"});
+  EXPECT_EQ(dump.status, 0) << dump.err;
+  size_t typed = 0;
+  for (size_t at = 0; (at = dump.out.find("Value('Mpls::LfibViaSet'", at)) != std::string::npos;
+       ++at) {
+    ++typed;
+  }
+  EXPECT_EQ(typed, 3u) << dump.out;
+  auto json = run({"dump", "viaSet", "--json"});
+  EXPECT_TRUE(contains(json.out, "\"text\": \"Value('Mpls::LfibViaSet'")) << json.out;
+  auto show = run({"show", "viaSet"});
+  EXPECT_TRUE(contains(show.out, "slab.1: maxPayload 72 numEntries 16 numOccupied 1")) << show.out;
+  struct stat slots, slab;
+  ASSERT_EQ(::stat((root.path() + "/lfib/status/viaSet/slots").c_str(), &slots), 0);
+  ASSERT_EQ(::stat((root.path() + "/lfib/status/viaSet/slab.1").c_str(), &slab), 0);
+  auto ls = run({"ls"});
+  std::istringstream lines(ls.out);
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream words(line);
+    std::string name;
+    uint64_t numSlots, members, valueSize, bytes;
+    if (!(words >> name >> numSlots >> members >> valueSize >> bytes) || name != "viaSet") continue;
+    EXPECT_EQ(valueSize, 8u) << "a slot holds a slab reference";
+    EXPECT_GE(bytes, uint64_t(slots.st_blocks + slab.st_blocks) * 512) << "slab files counted";
+  }
+
+  // A slab entry whose payload size is impossible, then a free list that loops.
+  const std::string slab1 = root.path() + "/lfib/status/viaSet/slab.1";
+  auto patchWord = [&](uint64_t offset, uint32_t word) {
+    std::fstream f(slab1, std::ios::in | std::ios::out | std::ios::binary);
+    f.seekp(std::streamoff(offset));
+    f.write(reinterpret_cast<const char*>(&word), sizeof(word));
+  };
+  patchWord(sizeof(Shape::SlabHeader), 4000);
+  auto bad = run({"validate", "viaSet"});
+  EXPECT_EQ(bad.status, 1);
+  EXPECT_TRUE(contains(bad.out, "slab.1 entry 0 has payload size 4000 beyond maxPayload 72"))
+      << bad.out;
+  auto dumpBad = run({"dump", "viaSet"});
+  EXPECT_EQ(dumpBad.status, 0);
+  EXPECT_TRUE(contains(dumpBad.err, "beyond maxPayload")) << dumpBad.err;
+  patchWord(sizeof(Shape::SlabHeader), 68);
+  EXPECT_EQ(run({"validate", "viaSet"}).status, 0);
+  status->viaSetDel(
+      Mpls::LfibViaSetKey(LFib::sourceLdp_, 2, Mpls::viaTypeMplsIp_, Mpls::viaSetTypeEcmp_));
+  patchWord(sizeof(Shape::SlabHeader) + 4, 0);  // entry 0, now free, names itself next
+  auto loop = run({"validate", "viaSet"});
+  EXPECT_EQ(loop.status, 1);
+  EXPECT_TRUE(contains(loop.out, "slab.1 free list loop at entry 0")) << loop.out;
+  status->ledgerUnmount();
 }
 
 }  // namespace

@@ -1,0 +1,385 @@
+// Readers of a table whose values live in slabs: a reader process copying via sets while the
+// writer rewrites them at changing sizes, a shadow's per-key notifications, and slab files
+// that lie to the reader.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <map>
+#include <optional>
+#include <random>
+
+#include "ledger/LedgerShadow.h"
+#include "ledger/LedgerWriter.h"
+#include "ledger/tests/SlabTestTypes.h"
+#include "ledger/tests/TestTable.h"
+#include "platform/shm/ReaderKick.h"
+#include "zinc/Loop.h"
+
+namespace {
+
+using namespace LedgerTest;
+using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+using ViaWriter = Ledger::LedgerWriter<ViaSetKey, ViaSet, ViaOps>;
+using ViaReader = Ledger::LedgerReader<ViaSetKey, ViaSet, ViaOps>;
+using ViaShadow = Ledger::LedgerShadow<ViaSetKey, ViaSet, ViaOps>;
+
+// Each key's via count cycles through these with its version, so that every key keeps moving
+// between slab classes and neighbouring keys share them.
+constexpr uint32_t kSizes[] = {1, 2, 40, 128, 3};
+uint32_t viasOf(uint32_t id, uint32_t version) { return kSizes[(id + version) % 5]; }
+ViaSet viaSetOf(uint32_t id, uint32_t version) {
+  return makeViaSet(id, viasOf(id, version), version);
+}
+uint32_t versionOf(const ViaSet& v) {
+  uint32_t version;
+  std::memcpy(&version, v.fixed, sizeof(version));
+  return version;
+}
+
+// A via-set writer whose commits kick its readers at flush().
+struct ViaTableWriter {
+  explicit ViaTableWriter(const std::string& root) : writer(config(root)) {
+    writer.attach();
+    kicker = std::make_unique<Mem::ReaderKickSm>(SharedMem::rootPath(root) + "/viaSet",
+                                                 Mem::ReaderKickSm::Defer());
+    writer.rally().kickHookIs([this] { kicker->commitNotify(); });
+  }
+  static Ledger::LedgerConfig config(const std::string& root) {
+    Ledger::LedgerConfig c;
+    c.root = root;
+    c.table = "viaSet";
+    c.capacity = 16;
+    return c;
+  }
+  void flush() { kicker->flush(); }
+
+  ViaWriter writer;
+  std::unique_ptr<Mem::ReaderKickSm> kicker;
+};
+
+// Per-key events, checked as they come: whole via sets, versions of a key strictly growing
+// (an unchanged rewrite would repeat one), no deletion of an absent key.
+struct ViaEvents {
+  std::map<uint32_t, uint32_t> present;
+  std::map<uint32_t, uint32_t> last;
+  std::vector<std::string> errors;
+
+  void error(const std::string& e) {
+    if (errors.size() < 20) errors.push_back(e);
+  }
+  Ledger::Notify<ViaSetKey, ViaSet> notifier() {
+    Ledger::Notify<ViaSetKey, ViaSet> n;
+    n.onKey = [this](const ViaSetKey& k, const ViaSet* v) { onKey(k, v); };
+    return n;
+  }
+  void onKey(const ViaSetKey& k, const ViaSet* v) {
+    const std::string key = std::to_string(k.id);
+    if (!v) {
+      if (!present.erase(k.id)) error("deleted absent key " + key);
+      return;
+    }
+    if (v->key.id != k.id || !wholeViaSet(*v, viasOf)) error("torn via set for key " + key);
+    const uint32_t version = versionOf(*v);
+    if (last.count(k.id) && version <= last[k.id]) {
+      error("key " + key + " version " + std::to_string(version) + " after " +
+            std::to_string(last[k.id]));
+    }
+    last[k.id] = present[k.id] = version;
+  }
+};
+
+void writeMap(std::ofstream& out, const std::map<uint32_t, uint32_t>& m) {
+  out << m.size() << "\n";
+  for (auto [k, v] : m) out << k << " " << v << "\n";
+}
+std::map<uint32_t, uint32_t> readMap(std::ifstream& in) {
+  size_t n = 0;
+  in >> n;
+  std::map<uint32_t, uint32_t> m;
+  for (size_t i = 0; i < n; ++i) {
+    uint32_t k, v;
+    in >> k >> v;
+    m[k] = v;
+  }
+  return m;
+}
+
+// The reader process: a shadow with checked events, and direct lookups through the shadow's
+// mapping every millisecond. On 'f' from `ctl` it finishes consuming, writes what it holds
+// and what it saw wrong to `resultPath`.
+int readerMain(const std::string& root, int ctl, const std::string& resultPath, uint32_t keys) {
+  Zinc::Loop loop;
+  ViaEvents events;
+  Ledger::ShadowOptions options;
+  options.mountRetry = 5ms;
+  options.yieldTime = 200us;
+  ViaShadow shadow(Ledger::ReaderConfig{root, "viaSet"}, loop, events.notifier(), ViaOps(),
+                   options);
+  auto report = [&](const std::string& why) { events.error("corruption reported: " + why); };
+  shadow.reader().corruptionHandlerIs(report);
+  shadow.corruptionHandlerIs(report);
+  shadow.initialize();
+  std::mt19937 rng(::getpid());
+  uint64_t lookups = 0;
+  loop.timerEvery(1ms, [&] {
+    if (!shadow.reader().attached()) return;
+    for (int i = 0; i < 2000; ++i, ++lookups) {
+      ViaSet v;
+      const uint32_t id = rng() % keys;
+      if (shadow.reader().lookup(ViaSetKey{id}, v) && (v.key.id != id || !wholeViaSet(v, viasOf))) {
+        events.error("torn direct read of key " + std::to_string(id));
+      }
+    }
+  });
+  bool finishing = false;
+  loop.fdWatchIs(ctl, [&](uint32_t) {
+    char c;
+    if (::read(ctl, &c, 1) <= 0 || c == 'f') finishing = true;
+  });
+  const auto deadline = Zinc::Loop::now() + 120s;
+  while (!(finishing && shadow.quiesced())) {
+    if (Zinc::Loop::now() > deadline) return 3;
+    loop.runOnce(20ms);
+  }
+  std::map<uint32_t, uint32_t> held;
+  shadow.store().forEach([&](const ViaSetKey& k, const ViaSet* v) {
+    held[k.id] = versionOf(*v);
+    if (!wholeViaSet(*v, viasOf)) events.error("torn via set held for key " + std::to_string(k.id));
+  });
+  std::ofstream out(resultPath);
+  writeMap(out, held);
+  writeMap(out, events.present);
+  out << lookups << " " << events.errors.size() << "\n";
+  for (const auto& e : events.errors) out << e << "\n";
+  return out.good() ? 0 : 4;
+}
+
+TEST(SlabReaderProcess, CopiesWholeViaSetsWhileTheWriterResizesAndReusesThem) {
+  TempRoot root;
+  constexpr uint32_t kKeys = 24;
+  constexpr uint32_t kRounds = 1500;
+  const std::string resultPath = root.path() + "-result";
+  int fds[2];
+  ASSERT_EQ(::pipe(fds), 0);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::close(fds[1]);
+    ::_exit(readerMain(root.path(), fds[0], resultPath, kKeys));
+  }
+  ::close(fds[0]);
+
+  ViaTableWriter w(root.path());
+  std::map<uint32_t, uint32_t> expected;
+  // Churn for at least a second, so that the reader's copies overlap many rewrites.
+  const auto churnUntil = std::chrono::steady_clock::now() + 1s;
+  for (uint32_t round = 1; round <= kRounds || std::chrono::steady_clock::now() < churnUntil;
+       ++round) {
+    for (uint32_t id = 0; id < kKeys; ++id) {
+      if ((id + round) % 7 == 0) {
+        w.writer.remove(ViaSetKey{id});
+        expected.erase(id);
+      } else if ((id + round) % 11 == 0 && expected.count(id)) {
+        w.writer.write(viaSetOf(id, expected[id]), Ledger::WriteFlag::always);  // unchanged
+      } else {
+        w.writer.write(viaSetOf(id, round));
+        expected[id] = round;
+      }
+      if (id % 16 == 15) w.flush();
+    }
+    w.flush();
+  }
+  ASSERT_TRUE(w.writer.validate()) << w.writer.validationError();
+  // Freed entries are reused: no class holds many more entries than there are keys.
+  for (uint32_t c = 0; c < Shape::kNumClasses; ++c) {
+    EXPECT_LE(w.writer.ops().allocator().slab(c).numEntries(), 2 * kKeys + 16) << "class " << c;
+  }
+
+  ASSERT_EQ(::write(fds[1], "f", 1), 1);
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  ::close(fds[1]);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "reader status " << status;
+  std::ifstream in(resultPath);
+  const auto held = readMap(in);
+  const auto present = readMap(in);
+  uint64_t lookups = 0;
+  size_t errorCount = 0;
+  in >> lookups >> errorCount;
+  std::string line;
+  std::getline(in, line);
+  for (size_t i = 0; i < errorCount && std::getline(in, line); ++i) ADD_FAILURE() << line;
+  ::unlink(resultPath.c_str());
+  EXPECT_EQ(errorCount, 0u);
+  EXPECT_EQ(held, expected) << "the shadow ends equal to the writer";
+  EXPECT_EQ(present, expected) << "the events tell every key's last version";
+  EXPECT_GT(lookups, 0u);
+}
+
+// Runs `loop` until `done` or a deadline, then a little longer to catch stray events.
+template <class Done>
+void runUntil(Zinc::Loop& loop, Done done) {
+  const auto deadline = Zinc::Loop::now() + 10s;
+  while (!done() && Zinc::Loop::now() < deadline) loop.runOnce(5ms);
+  for (int i = 0; i < 5; ++i) loop.runOnce(1ms);
+}
+
+TEST(SlabShadow, NotifiesEachChangedKeyOnceAndNoUnchangedRewrite) {
+  TempRoot root;
+  ViaTableWriter w(root.path());
+  Zinc::Loop loop;
+  std::vector<std::pair<uint32_t, std::optional<size_t>>> events;
+  Ledger::Notify<ViaSetKey, ViaSet> notify;
+  notify.onKey = [&](const ViaSetKey& k, const ViaSet* v) {
+    events.emplace_back(k.id, v ? std::optional<size_t>(v->vias.size()) : std::nullopt);
+  };
+  ViaShadow shadow(Ledger::ReaderConfig{root.path(), "viaSet"}, loop, notify);
+  ASSERT_TRUE(shadow.initialize());
+  runUntil(loop, [&] { return shadow.inStep(); });
+  using Events = decltype(events);
+  auto step = [&](auto writes, const Events& want) {
+    events.clear();
+    writes();
+    w.flush();
+    runUntil(loop, [&] { return events.size() >= want.size(); });
+    EXPECT_EQ(events, want);
+  };
+  step([&] { w.writer.write(makeViaSet(1, 1, 1)); }, {{1, 1}});
+  step(
+      [&] {
+        w.writer.write(makeViaSet(1, 1, 1), Ledger::WriteFlag::always);  // a new slab entry
+        w.writer.write(makeViaSet(2, 2, 1));
+      },
+      {{2, 2}});
+  step([&] { w.writer.write(makeViaSet(1, 40, 2)); }, {{1, 40}});
+  step(
+      [&] {
+        w.writer.write(makeViaSet(1, 128, 3));
+        w.writer.write(makeViaSet(1, 3, 4));
+      },
+      {{1, 3}});
+  step([&] { w.writer.remove(ViaSetKey{1}); }, {{1, std::nullopt}});
+  ViaSet v;
+  EXPECT_TRUE(shadow.lookup(ViaSetKey{2}, v));
+  EXPECT_EQ(v, makeViaSet(2, 2, 1));
+  EXPECT_FALSE(shadow.lookup(ViaSetKey{1}, v));
+}
+
+// ---- slab files that lie ----
+
+void patch(const std::string& path, uint64_t offset, const void* bytes, size_t size) {
+  std::fstream f(path, std::ios::in | std::ios::out | std::ios::binary);
+  f.seekp(std::streamoff(offset));
+  f.write(static_cast<const char*>(bytes), std::streamsize(size));
+  ASSERT_TRUE(f.good()) << path;
+}
+template <class T>
+void patchValue(const std::string& path, uint64_t offset, T value) {
+  patch(path, offset, &value, sizeof(value));
+}
+
+// A table of a few via sets, with a reader whose corruption reports are collected.
+struct LyingSlabs : ::testing::Test {
+  TempRoot root;
+  ViaTableWriter w{root.path()};
+  std::vector<std::string> reports;
+
+  void SetUp() override {
+    for (uint32_t id = 1; id <= 8; ++id) w.writer.write(makeViaSet(id, 2, 1));  // class 1
+  }
+  std::unique_ptr<ViaReader> reader() {
+    auto r = std::make_unique<ViaReader>(Ledger::ReaderConfig{root.path(), "viaSet"});
+    r->attach();
+    r->corruptionHandlerIs([this](const std::string& why) { reports.push_back(why); });
+    return r;
+  }
+  Shape::Offset offsetOf(ViaReader& r, uint32_t id) {
+    const uint32_t slot = r.findSlot(ViaSetKey{id});
+    Shape::Offset o;
+    std::memcpy(&o, r.slotTable().value(slot), sizeof(o));
+    return o;
+  }
+  std::string slab(uint32_t c) { return root.file("viaSet", "slab." + std::to_string(c)); }
+  static uint64_t entryAt(Shape::Offset o) {
+    return sizeof(Shape::SlabHeader) + uint64_t{o.index()} * Shape::entrySizeOf(o.sizeClass());
+  }
+  std::string lastReport() const { return reports.empty() ? "" : reports.back(); }
+};
+
+TEST_F(LyingSlabs, ImpossiblePayloadSizeIsReported) {
+  auto r = reader();
+  const Shape::Offset o = offsetOf(*r, 3);
+  ASSERT_EQ(Shape::maxPayloadOf(o.sizeClass()), 72u);
+  patchValue<uint32_t>(slab(o.sizeClass()), entryAt(o), 73);
+  ViaSet v;
+  EXPECT_FALSE(r->lookup(ViaSetKey{3}, v));
+  EXPECT_THAT(lastReport(), HasSubstr("payload size 73 beyond maxPayload 72"));
+  EXPECT_TRUE(r->lookup(ViaSetKey{4}, v)) << "the other via sets still read";
+  EXPECT_EQ(v, makeViaSet(4, 2, 1));
+}
+
+TEST_F(LyingSlabs, EntryBeyondTheFileIsReported) {
+  auto r = reader();
+  const uint32_t slot = r->findSlot(ViaSetKey{5});
+  const uint32_t slotSize = r->slotTable().slotSize();
+  patchValue(root.file("viaSet", "slots"),
+             Ledger::kSlotTableHeaderSize + uint64_t{slot + 1} * slotSize + 16,
+             Shape::Offset::of(1, 100000));
+  ViaSet v;
+  EXPECT_FALSE(r->lookup(ViaSetKey{5}, v));
+  EXPECT_THAT(lastReport(), HasSubstr("entry 100000 beyond slab.1"));
+  patchValue(root.file("viaSet", "slots"),
+             Ledger::kSlotTableHeaderSize + uint64_t{slot + 1} * slotSize + 16,
+             Shape::Offset::of(99, 0));
+  EXPECT_FALSE(r->lookup(ViaSetKey{5}, v));
+  EXPECT_THAT(lastReport(), HasSubstr("no size class 99"));
+}
+
+TEST_F(LyingSlabs, BadMagicIsReportedWhenTheSlabIsMapped) {
+  patch(slab(1), 0, "XXXXXXXX", 8);
+  auto r = reader();
+  ViaSet v;
+  EXPECT_FALSE(r->lookup(ViaSetKey{1}, v));
+  EXPECT_THAT(lastReport(), HasSubstr("SlabHeader::validate() bad magic: "));
+  EXPECT_FALSE(r->first(v));
+}
+
+TEST_F(LyingSlabs, FreeListLoopIsFoundByTheChecks) {
+  for (uint32_t id = 1; id <= 4; ++id) w.writer.remove(ViaSetKey{id});
+  ASSERT_TRUE(w.writer.validate()) << w.writer.validationError();
+  const Shape::SlabHeader& h = w.writer.ops().allocator().slab(1).header();
+  const uint32_t head = h.freeList;
+  ASSERT_NE(head, Shape::kNoEntry);
+  patchValue<uint32_t>(slab(1), entryAt(Shape::Offset::of(1, head)) + 4, head);
+  EXPECT_FALSE(w.writer.validate());
+  EXPECT_THAT(w.writer.validationError(), HasSubstr("slab.1 free list loop at entry"));
+  Shape::SlabReader mapped;
+  mapped.attach(root.path(), "viaSet", 1, 0);
+  EXPECT_THAT(mapped.check(), HasSubstr("free list loop"));
+  auto r = reader();
+  ViaSet v;
+  EXPECT_TRUE(r->lookup(ViaSetKey{6}, v)) << "a reader does not walk the free list";
+}
+
+TEST_F(LyingSlabs, ArbitraryBytesNeverCrashTheReader) {
+  std::mt19937 rng(11);
+  for (uint32_t id = 10; id < 40; ++id) w.writer.write(makeViaSet(id, id % 130, 1));
+  for (int round = 0; round < 40; ++round) {
+    const uint32_t c = rng() % Shape::kNumClasses;
+    std::vector<uint8_t> junk(64 + rng() % 512);
+    for (auto& b : junk) b = uint8_t(rng() % 3 == 0 ? 0xff : rng());
+    patch(slab(c), rng() % 600, junk.data(), junk.size());
+    auto r = reader();
+    ViaSet v;
+    for (uint32_t id = 1; id < 40; ++id) r->lookup(ViaSetKey{id}, v);
+    uint32_t n = 0;
+    for (bool more = r->first(v); more && n < 100; more = r->next(v.key, v)) ++n;
+  }
+  EXPECT_FALSE(reports.empty());
+}
+
+}  // namespace
