@@ -62,6 +62,13 @@ class SlotReaderTable {
   const uint8_t* value(uint32_t index) const {
     return reinterpret_cast<const uint8_t*>(&slot(index)) + kSlotHeaderSize;
   }
+  // Starts fetching every cache line of slot `index` (below mappedSlots()), so that its
+  // header, key and value arrive together instead of one miss after another.
+  void prefetch(uint32_t index) const {
+    const uint8_t* at = reinterpret_cast<const uint8_t*>(&slot(index));
+    for (uint32_t offset = 0; offset < slotSize_; offset += 64) __builtin_prefetch(at + offset);
+    __builtin_prefetch(at + slotSize_ - 1);
+  }
 
   enum class Read { occupied, free, unmapped };
   // The consistent read: copies valueSize() bytes of the slot's value into `out` (and its
