@@ -70,6 +70,11 @@ class SlotReaderTable {
     __builtin_prefetch(at + slotSize_ - 1);
   }
 
+  // Maps in the pages of slots [first, first + count) now, in one call, ahead of a walk over
+  // them (instead of one page fault after another on the way). Advice only: a failure, or a
+  // range beyond the mapping, is harmless.
+  void populate(uint32_t first, uint32_t count) const;
+
   enum class Read { occupied, free, unmapped };
   // The consistent read: copies valueSize() bytes of the slot's value into `out` (and its
   // rhash) when it is OCCUPIED. `unmapped`: the index is below the writer's numSlots but
