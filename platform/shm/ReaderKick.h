@@ -11,7 +11,8 @@
 //
 // The writer learns of new and removed registrations through inotify on the readers folder,
 // and keeps one socket connected to each reader, so a kick costs one non-blocking read plus one
-// send per reader: no directory scan and no path lookup.
+// send per reader: no directory scan and no path lookup. A reader drains its kicks with one
+// receive call.
 //
 // Beside its socket every reader keeps an acknowledgement record, <pid>-<n>.ack, in which it
 // publishes the last change sequence it has consumed (ReaderAck below). The reader's name is
