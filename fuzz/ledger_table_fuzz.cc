@@ -15,71 +15,21 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/FuzzInput.h"
 #include "ledger/LedgerWriter.h"
-#include "ledger/SlotTable.h"
-#include "zinc/Hash.h"
 
 namespace {
 
-struct FuzzKey {
-  uint32_t id;
-  uint32_t hash() const { return Zinc::Hash::finalize(id); }
-  auto operator<=>(const FuzzKey&) const = default;
-};
-struct FuzzValue {
-  FuzzKey k;
-  uint32_t data;
-  FuzzKey key() const { return k; }
-  static const char* typeName() { return "Fuzz::Value"; }
-};
+using namespace Fuzz;
 using Writer = Ledger::LedgerWriter<FuzzKey, FuzzValue>;
-
-class Input {
- public:
-  Input(const uint8_t* data, size_t size) : data_(data), size_(size) {}
-  std::vector<uint8_t> take(size_t n) {
-    n = std::min(n, size_ - at_);
-    std::vector<uint8_t> out(data_ + at_, data_ + at_ + n);
-    at_ += n;
-    return out;
-  }
-  uint32_t word() {
-    uint32_t w = 0;
-    auto bytes = take(4);
-    if (!bytes.empty()) std::memcpy(&w, bytes.data(), bytes.size());
-    return w;
-  }
-  size_t left() const { return size_ - at_; }
-
- private:
-  const uint8_t* data_;
-  size_t size_;
-  size_t at_ = 0;
-};
-
-void writeFile(const std::string& path, const std::vector<uint8_t>& bytes) {
-  FILE* f = std::fopen(path.c_str(), "wb");
-  if (!f) return;
-  if (!bytes.empty()) std::fwrite(bytes.data(), 1, bytes.size(), f);
-  std::fclose(f);
-}
 
 std::vector<uint8_t> slotFile(Input& in, bool raw) {
   if (raw) return in.take(in.word() % 4096);
-  Ledger::TableShape shape{sizeof(FuzzValue), 0, "Fuzz::Value", "Ledger::Table<Fuzz::Value>"};
-  uint32_t numSlots = in.word() % 64;
-  std::vector<uint8_t> file(Ledger::SlotTable::fileSizeFor(numSlots, shape.slotSize()));
-  Ledger::SlotTable::format(file.data(), numSlots, shape, in.word() | 1);
-  auto& h = *reinterpret_cast<Ledger::SlotTableHeader*>(file.data());
-  h.occupiedSlots = in.word() % (numSlots + 2);
-  h.freeListHead = in.word();
-  if (h.freeListHead & 1) h.freeListHead = Ledger::kNoSlot;
-  h.freeListHead %= numSlots + 1;
-  auto body = in.take(file.size() - Ledger::kSlotTableHeaderSize);
-  if (!body.empty()) {
-    std::memcpy(file.data() + Ledger::kSlotTableHeaderSize, body.data(), body.size());
-  }
-  return file;
+  return formattedSlotFile(in, in.word() | 1, [&](Ledger::SlotTableHeader& h) {
+    h.freeListHead = in.word();
+    if (h.freeListHead & 1) h.freeListHead = Ledger::kNoSlot;
+    h.freeListHead %= h.numSlots + 1;
+  });
 }
 
 void exercise(Writer& w, Input& in) {

@@ -18,52 +18,12 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/FuzzInput.h"
 #include "ledger/LedgerShadow.h"
-#include "ledger/SlotTable.h"
-#include "zinc/Hash.h"
 
 namespace {
 
-struct FuzzKey {
-  uint32_t id;
-  uint32_t hash() const { return Zinc::Hash::finalize(id); }
-  auto operator<=>(const FuzzKey&) const = default;
-};
-struct FuzzValue {
-  FuzzKey k;
-  uint32_t data;
-  FuzzKey key() const { return k; }
-  static const char* typeName() { return "Fuzz::Value"; }
-};
-
-class Input {
- public:
-  Input(const uint8_t* data, size_t size) : data_(data), size_(size) {}
-  std::vector<uint8_t> take(size_t n) {
-    n = std::min(n, size_ - at_);
-    std::vector<uint8_t> out(data_ + at_, data_ + at_ + n);
-    at_ += n;
-    return out;
-  }
-  uint32_t word() {
-    uint32_t w = 0;
-    auto bytes = take(4);
-    if (!bytes.empty()) std::memcpy(&w, bytes.data(), bytes.size());
-    return w;
-  }
-
- private:
-  const uint8_t* data_;
-  size_t size_;
-  size_t at_ = 0;
-};
-
-void writeFile(const std::string& path, const std::vector<uint8_t>& bytes) {
-  FILE* f = std::fopen(path.c_str(), "wb");
-  if (!f) return;
-  if (!bytes.empty()) std::fwrite(bytes.data(), 1, bytes.size(), f);
-  std::fclose(f);
-}
+using namespace Fuzz;
 
 // Header of `T` at the front of `file`, made well-formed by `shape` when asked.
 template <class T, class Fn>
@@ -81,17 +41,8 @@ uint32_t writeSlots(const std::string& dir, Input& in, bool raw) {
     writeFile(dir + "/slots", in.take(in.word() % 4096));
     return 0;
   }
-  Ledger::TableShape shape{sizeof(FuzzValue), 0, "Fuzz::Value", "Ledger::Table<Fuzz::Value>"};
-  uint32_t numSlots = in.word() % 64;
   uint32_t ember = in.word() | 1;
-  std::vector<uint8_t> file(Ledger::SlotTable::fileSizeFor(numSlots, shape.slotSize()));
-  Ledger::SlotTable::format(file.data(), numSlots, shape, ember);
-  auto& h = *reinterpret_cast<Ledger::SlotTableHeader*>(file.data());
-  h.occupiedSlots = in.word() % (numSlots + 1);
-  auto body = in.take(file.size() - Ledger::kSlotTableHeaderSize);
-  if (!body.empty()) {
-    std::memcpy(file.data() + Ledger::kSlotTableHeaderSize, body.data(), body.size());
-  }
+  auto file = formattedSlotFile(in, ember, [](Ledger::SlotTableHeader&) {});
   writeFile(dir + "/slots", file);
   return ember;
 }
@@ -133,9 +84,9 @@ void readDirectly(const std::string& root, Input& in) {
   reader.corruptionHandlerIs([](const std::string&) {});
   FuzzValue v;
   for (uint32_t i = 0; i < 8; ++i) reader.lookup(FuzzKey{in.word() % 64}, v);
-  FuzzKey keys[20];
-  FuzzValue values[20];
-  bool found[20];
+  FuzzKey keys[8];
+  FuzzValue values[8];
+  bool found[8];
   for (FuzzKey& k : keys) k.id = in.word() % 64;
   reader.lookupBatch(keys, values, found);
   uint32_t hint = Ledger::kNoSlot;

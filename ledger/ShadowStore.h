@@ -126,9 +126,15 @@ class ShadowStore {
     Key key{};
     const bool occupied = reader_.getValue(slotIndex, scratch_, &key);
     if (occupied) stored_.assign(reader_.slotBuffer(), reader_.slotBuffer() + valueSize());
-    Entry* e = &entries_[slotIndex];
-    if (e->occupied && (!occupied || !OpsT::equal(e->key, key))) leave(slotIndex, notifying);
+    if (entries_[slotIndex].occupied && (!occupied || !OpsT::equal(entries_[slotIndex].key, key))) {
+      leave(slotIndex, notifying);  // may grow the store: no pointer into it survives this
+    }
     if (!occupied) return;
+    Entry* e = &entries_[slotIndex];
+    // Following other keys, leave() may have placed here what the writer holds in this slot
+    // now; when that is no longer `key` the writer changed the slot again since it was read,
+    // and that change has its own notification still to come.
+    if (e->occupied && !OpsT::equal(e->key, key)) return;
     if (e->occupied) {
       if (sameAs(slotIndex, stored_.data())) return;
       keep(slotIndex, stored_.data());

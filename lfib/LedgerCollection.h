@@ -42,6 +42,28 @@ class CounterRegistry {
   std::map<std::string, uint64_t*> byName_;
 };
 
+// How one shared-memory collection is backed: mounted as the writer or as a reader of its
+// table in the folder `root` (the table is <root>/<attribute>), or not mounted at all (its
+// writes are then dropped as "no man's land"). A reader with a loop follows the table
+// through a shadow.
+struct CollectionControl {
+  bool mounted = false;
+  Ledger::LedgerMode mode = Ledger::LedgerMode::readOnly;
+  std::string root;
+  uint32_t capacity = 64;
+  Zinc::Loop* loop = nullptr;
+};
+
+// Mounts or unmounts `table` as `control` says.
+template <class Table>
+void applyControl(Table& table, const CollectionControl& control) {
+  if (control.mounted) {
+    table.mountIs(control.mode, control.root, {}, control.capacity, control.loop);
+  } else {
+    table.unmount();
+  }
+}
+
 // A shared-memory collection of value records, bound to entity E.
 template <class E, class V, class K>
 using LedgerTable = Ledger::ZincLedgerMap<E, V, K>;
@@ -241,6 +263,12 @@ class ViaSetTable {
   void attr##NotifyCollection() const { notify(&NotifieeConst::on##Attr##zincImmediate); } \
   void attr##NotifyMountStatus() const { notify(&NotifieeConst::on##Attr##Control); }      \
   void attr##NotifyQuiesced() const { notify(&NotifieeConst::on##Attr##zincImmediate); }   \
+  /* Mounts or unmounts the collection's table; its control state changed. */              \
+  void attr##ControlIs(const ::Mpls::CollectionControl& control) {                         \
+    attr##Control_ = control;                                                              \
+    ::Mpls::applyControl(*attr##_, control);                                               \
+  }                                                                                        \
+  const ::Mpls::CollectionControl& attr##Control() const { return attr##Control_; }        \
   /* Reader side: one key changed in the table. */                                         \
   void attr##Changed(const K& k) const { notify(&NotifieeConst::on##Attr, k); }            \
   template <class Fn>                                                                      \
@@ -260,6 +288,7 @@ class ViaSetTable {
       #attr, this, &Self::attr##Changed, &Self::attr##NotifyCollection,                    \
       &Self::attr##NotifyMountStatus);                                                     \
   ::Mpls::CollectionCounters attr##Counters_;                                              \
+  ::Mpls::CollectionControl attr##Control_;                                                \
   bool attr##Registered_ = (counterRegistry_.add(#attr, attr##Counters_), true);
 
 namespace Mpls {

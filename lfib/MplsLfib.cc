@@ -87,13 +87,14 @@ void LfibStatus::ledgerMountIs(Ledger::LedgerMode mode, const std::string& root,
   mountedRoot_ = root;
   const std::string base = SharedMem::rootPath(root) + "/" + ledgerFolder();
   ZTRACE(1, "LfibStatus::ledgerMountIs() " << base);
-#define MPLS_MOUNT_TABLE(attr, Attr, K, V, Table) attr##_->mountIs(mode, base, {}, capacity, loop);
+  const CollectionControl control{true, mode, base, capacity, loop};
+#define MPLS_MOUNT_TABLE(attr, Attr, K, V, Table) attr##ControlIs(control);
   MPLS_LFIB_STATUS_TABLES(MPLS_MOUNT_TABLE)
 #undef MPLS_MOUNT_TABLE
 }
 
 void LfibStatus::ledgerUnmount() {
-#define MPLS_UNMOUNT_TABLE(attr, Attr, K, V, Table) attr##_->unmount();
+#define MPLS_UNMOUNT_TABLE(attr, Attr, K, V, Table) attr##ControlIs(CollectionControl{});
   MPLS_LFIB_STATUS_TABLES(MPLS_UNMOUNT_TABLE)
 #undef MPLS_UNMOUNT_TABLE
 }
@@ -207,7 +208,8 @@ LfibHwStatus::~LfibHwStatus() {
 void LfibHwStatus::ledgerMountIs(Ledger::LedgerMode mode, const std::string& root,
                                  uint32_t capacity, Zinc::Loop* loop) {
   const std::string base = SharedMem::rootPath(root) + "/" + ledgerFolder();
-#define MPLS_MOUNT_TABLE(attr, Attr, K, V, Table) attr##_->mountIs(mode, base, {}, capacity, loop);
+  const CollectionControl control{true, mode, base, capacity, loop};
+#define MPLS_MOUNT_TABLE(attr, Attr, K, V, Table) attr##ControlIs(control);
   MPLS_LFIB_HW_STATUS_TABLES(MPLS_MOUNT_TABLE)
 #undef MPLS_MOUNT_TABLE
 }

@@ -4,8 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -19,6 +22,18 @@ namespace LedgerTest {
 
 using Writer = Ledger::LedgerWriter<TestKey, TestValue>;
 using Shadow = Ledger::LedgerShadow<TestKey, TestValue>;
+
+// Runs `loop` until `pred` holds (checked before the first wait too), waiting for events at
+// most 5 ms at a time; false when it still does not hold after `limit`.
+inline bool runUntil(Zinc::Loop& loop, const std::function<bool()>& pred,
+                     std::chrono::seconds limit = std::chrono::seconds(20)) {
+  auto deadline = Zinc::Loop::now() + limit;
+  while (!pred()) {
+    if (Zinc::Loop::now() > deadline) return false;
+    loop.runOnce(std::chrono::milliseconds(5));
+  }
+  return true;
+}
 
 inline bool whole(const TestValue& v) {
   return v.check == Zinc::hashBytes(&v, offsetof(TestValue, check)) &&
@@ -68,6 +83,7 @@ struct KickingWriter {
 struct EventLog {
   std::map<uint64_t, uint64_t> present;  // key -> version, as the events tell it
   std::map<uint64_t, uint64_t> lastVersion;
+  std::set<uint64_t> deletedSince;  // keys whose last event was a deletion
   std::vector<std::string> errors;
   uint64_t adds = 0, changes = 0, deletes = 0, batches = 0;
 
@@ -82,6 +98,7 @@ struct EventLog {
     if (!v) {
       if (!present.erase(k.id)) errors.push_back("deleted absent key " + std::to_string(k.id));
       ++deletes;
+      deletedSince.insert(k.id);
       return;
     }
     if (!whole(*v) || v->k.id != k.id) {
@@ -91,9 +108,11 @@ struct EventLog {
     auto last = lastVersion.find(k.id);
     if (last != lastVersion.end() && v->version <= last->second) {
       errors.push_back("key " + std::to_string(k.id) + " version " + std::to_string(v->version) +
-                       " after " + std::to_string(last->second));
+                       " after " + std::to_string(last->second) +
+                       (deletedSince.count(k.id) ? ", deleted in between" : ""));
     }
     lastVersion[k.id] = v->version;
+    deletedSince.erase(k.id);
     (present.count(k.id) ? changes : adds)++;
     present[k.id] = v->version;
   }

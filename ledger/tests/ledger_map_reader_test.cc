@@ -44,14 +44,7 @@ struct LedgerMapReaderTest : ::testing::Test {
     }
     return false;
   }
-  bool until(const std::function<bool()>& pred) {
-    auto deadline = Zinc::Loop::now() + 20s;
-    while (!pred()) {
-      if (Zinc::Loop::now() > deadline) return false;
-      loop.runOnce(5ms);
-    }
-    return true;
-  }
+  bool until(const std::function<bool()>& pred) { return runUntil(loop, pred); }
 };
 
 TEST_F(LedgerMapReaderTest, NotifyingIsRefusedBeforeTheMapIsInitialised) {

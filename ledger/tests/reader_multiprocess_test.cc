@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <random>
@@ -132,6 +133,9 @@ int readerMain(const std::string& root, int ctl, const std::string& resultPath, 
   out << "errors " << errors.size() << "\n";
   for (const auto& e : errors) out << e << "\n";
   out << "lookups " << lookups << "\n";
+  std::printf("reader %d: %lu resyncs, %lu kicks\n", int(::getpid()), shadow.resyncs(),
+              shadow.kicks());
+  std::fflush(stdout);  // the process ends with _exit
   return out.good() ? 0 : 4;
 }
 
@@ -264,8 +268,14 @@ TEST(ReaderMultiProcess, TwoReadersFollowAChurningWriter) {
   EXPECT_GT(counters.unchanged + counters.updates, 0u);
   auto table = w.contents();
   EXPECT_TRUE(w.writer.validate()) << w.writer.validationError();
-  expectReaderMatches(r1.finish(), table);
-  expectReaderMatches(r2.finish(), table);
+  ReaderResult one = r1.finish(), two = r2.finish();
+  expectReaderMatches(one, table);
+  expectReaderMatches(two, table);
+  std::printf(
+      "churned %lu operations: slot growths %lu shrinks %lu, bucket growths %lu shrinks %lu, "
+      "queue compactions %lu; reader lookups %lu and %lu; %zu keys at the end\n",
+      ops, counters.slotGrowths, counters.slotShrinks, counters.bucketGrowths,
+      counters.bucketShrinks, counters.rallyCompactions, one.lookups, two.lookups, table.size());
 }
 
 TEST(ReaderMultiProcess, WriterKilledAndRestartedReadersResync) {

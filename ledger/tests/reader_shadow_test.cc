@@ -24,15 +24,7 @@ struct ShadowTest : ::testing::Test {
   bool settle(Shadow& shadow) {
     return until([&] { return shadow.quiesced(); });
   }
-  // Runs the loop until pred holds, checking it before the first wait too.
-  bool until(const std::function<bool()>& pred) {
-    auto deadline = Zinc::Loop::now() + 20s;
-    while (!pred()) {
-      if (Zinc::Loop::now() > deadline) return false;
-      loop.runOnce(5ms);
-    }
-    return true;
-  }
+  bool until(const std::function<bool()>& pred) { return runUntil(loop, pred); }
 };
 
 TEST_F(ShadowTest, EventsFollowChangesExactly) {
@@ -196,3 +188,37 @@ TEST_F(ShadowTest, DetachTwiceAndDummyNotifier) {
 }
 
 }  // namespace
+
+// A key that left a slot for one beyond the shadow's size makes the shadow grow while it
+// follows the key there; the slot's new occupant is then taken into the grown store, and the
+// moved key, unchanged, is not reported again.
+TEST(ShadowStore, KeyThatLeftForASlotBeyondTheShadowIsFollowedThere) {
+  TempRoot root;
+  KickingWriter w(root.path(), "routes", 8);
+  for (uint64_t id = 0; id < 4; ++id) w.writer.write(makeValue(id, 1));
+  Ledger::LedgerReader<TestKey, TestValue> reader(Ledger::ReaderConfig{root.path(), "routes"});
+  ASSERT_TRUE(reader.initialize());
+  EventLog log;
+  Ledger::ShadowStore<TestKey, TestValue> store(reader, log.notifier());
+  for (uint32_t s = 0; s < reader.slotTable().numSlots(); ++s) store.doSlot(s, 0);
+  ASSERT_EQ(log.adds, 4u);
+  const uint32_t oldSlot = reader.findSlot(TestKey{0});
+
+  // Key 0 leaves its slot to a newcomer and comes back, unchanged, far above the shadow.
+  for (uint64_t id = 100; id < 400; ++id) w.writer.write(makeValue(id, 1));
+  TestValue same;  // the stored bytes, padding included: an unchanged value
+  ASSERT_TRUE(w.writer.lookup(TestKey{0}, same));
+  w.writer.remove(TestKey{0});
+  w.writer.write(makeValue(500, 1));
+  w.writer.write(same);
+  ASSERT_EQ(reader.findSlot(TestKey{500}), oldSlot) << "the newcomer took another slot";
+  const uint32_t newSlot = reader.findSlot(TestKey{0});
+  ASSERT_GE(newSlot, store.numSlots());
+
+  store.doSlot(oldSlot, 0);
+  EXPECT_TRUE(log.errors.empty()) << log.errors.front();
+  EXPECT_EQ(log.adds, 5u) << "only the newcomer is new";
+  EXPECT_EQ(log.deletes, 0u);
+  EXPECT_EQ(store.slotOfKey(TestKey{0}), newSlot);
+  EXPECT_EQ(store.slotOfKey(TestKey{500}), oldSlot);
+}

@@ -43,6 +43,7 @@ class Recorder : public LfibStatus::NotifieeConst {
   void onMplsVia(const LfibViaKey& k) override {
     log.push_back("mplsVia " + std::to_string(k.index()));
   }
+  void onMplsViaControl() override { log.push_back("mplsVia control"); }
   std::vector<std::string> log;
 };
 
@@ -188,6 +189,34 @@ TEST(LfibStatusUnmounted, WritesAreDroppedInNoMansLand) {
   status->lfibRouteIs(route);
   EXPECT_EQ(status->counter("lfibRouteIs"), 1u);
   EXPECT_FALSE(status->lfibRouteHas(route.key()));
+}
+
+// One collection mounted, unmounted and mounted again on its own through its control; the
+// others stay in no man's land.
+TEST(LfibStatusControl, OneCollectionFollowsItsControl) {
+  Testing::TempLedgerRoot root;
+  LfibStatus::Ptr status = lfibStatusFactory("controlled");
+  Recorder recorder(status);
+  CollectionControl control;
+  control.mounted = true;
+  control.mode = Ledger::LedgerMode::writer;
+  control.root = root.path() + "/vias";
+  status->mplsViaControlIs(control);
+  EXPECT_EQ(status->mplsViaControl().root, root.path() + "/vias");
+  EXPECT_THAT(recorder.log, ::testing::Contains("mplsVia control"));
+
+  LfibMplsVia via;
+  via.keyIs(viaKey(viaTypeMplsIp_, 7));
+  status->mplsViaIs(via);
+  status->lfibRouteIs(routeTo(20, viaSetKey(viaTypeMplsIp_, 1), 0));
+  EXPECT_TRUE(status->mplsViaHas(via.key()));
+  EXPECT_EQ(status->lfibRouteCount(), 0u) << "an unmounted collection keeps nothing";
+
+  status->mplsViaControlIs(CollectionControl{});
+  EXPECT_FALSE(status->mplsViaControl().mounted);
+  EXPECT_FALSE(status->mplsViaHas(via.key()));
+  status->mplsViaControlIs(control);
+  EXPECT_TRUE(status->mplsViaHas(via.key())) << "the table's files outlive the mount";
 }
 
 TEST(LfibDot1qTagToVlan, MapsTagsToLocalVlans) {
