@@ -30,8 +30,10 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <numeric>
 #include <random>
+#include <span>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -85,6 +87,24 @@ double ledgerLookups(Reader& reader, const std::vector<uint32_t>& order) {
   for (uint32_t label : order) found += reader.lookup(RouteKey{label}, r);
   double t = seconds(start);
   sink = found;
+  return order.size() / t;
+}
+
+// The same keys through lookupBatch, kBatch at a time.
+double ledgerBatchedLookups(Reader& reader, const std::vector<uint32_t>& order) {
+  constexpr size_t kBatch = 64;
+  std::vector<RouteKey> keys(kBatch);
+  std::vector<Route> outs(kBatch);
+  bool found[kBatch];
+  uint32_t hits = 0;
+  auto start = Clock::now();
+  for (size_t at = 0; at < order.size(); at += kBatch) {
+    const size_t n = std::min(kBatch, order.size() - at);
+    for (size_t i = 0; i < n; ++i) keys[i] = RouteKey{order[at + i]};
+    hits += reader.lookupBatch(std::span<const RouteKey>(keys.data(), n), outs, found);
+  }
+  double t = seconds(start);
+  sink = hits + outs[0].words[0];
   return order.size() / t;
 }
 
@@ -326,7 +346,10 @@ std::pair<double, double> commitToCallback(Writer& w, Mem::ReaderKickSm& kicker)
     runUntil(loop, [&] { return shadow.inStep(); });
     armed = true;
     s->ready.store(1);
-    runUntil(loop, [&] { return seen >= kWakes; });
+    // As an agent's loop does: block until something happens. (A wait with a time-out, as
+    // runUntil's, arms and cancels a kernel timer around every wait, which costs each
+    // wake-up several microseconds on a virtual machine.)
+    while (seen < kWakes) loop.runOnce(Zinc::Loop::Duration::max());
     ::_exit(0);
   }
   while (!s->ready.load()) ::usleep(1000);
@@ -346,6 +369,23 @@ std::pair<double, double> commitToCallback(Writer& w, Mem::ReaderKickSm& kicker)
   return percentiles(lat);
 }
 
+// BENCH_PARTS (comma-separated: lookup, sync, follow, wake) runs only those parts; a figure
+// or ratio whose inputs were not measured is not printed.
+bool wanted(const char* part) {
+  const char* parts = std::getenv("BENCH_PARTS");
+  if (!parts) return true;
+  return ("," + std::string(parts) + ",").find("," + std::string(part) + ",") != std::string::npos;
+}
+
+using Series = std::vector<double>;
+void figure(const char* name, const Series& v, int decimals, const char* unit) {
+  if (!v.empty()) std::printf("figure %s %.*f %s\n", name, decimals, median(v), unit);
+}
+void ratio(const char* name, const Series& a, const Series& b, bool inverse = false) {
+  if (a.empty() || b.empty()) return;
+  std::printf("ratio %s %.2f\n", name, inverse ? median(b) / median(a) : median(a) / median(b));
+}
+
 }  // namespace
 
 int main() {
@@ -361,65 +401,69 @@ int main() {
   std::vector<uint32_t> order(kLookups);
   std::mt19937 rng(11);
   for (auto& label : order) label = rng() % kEntries;
-  Lmdb lmdb;
-  BoostMap boost;
+  const bool lookups = wanted("lookup");
+  std::unique_ptr<Lmdb> lmdb;
+  std::unique_ptr<BoostMap> boost;
   std::unordered_map<uint32_t, Route> plain;
-  for (uint32_t label = 0; label < kEntries; ++label) plain.emplace(label, makeRoute(label, 1));
+  if (lookups) {
+    lmdb = std::make_unique<Lmdb>();
+    boost = std::make_unique<BoostMap>();
+    for (uint32_t label = 0; label < kEntries; ++label) plain.emplace(label, makeRoute(label, 1));
+  }
 
-  std::vector<double> ours, lm, bl, bu, st, chase, sync, copy, follow;
-  std::vector<double> wakeP50, wakeP99, futexP50, futexP99;
+  Series ours, batched, lm, bl, bu, st, chase, sync, copy, follow;
+  Series wakeP50, wakeP99, futexP50, futexP99;
   for (int rep = 0; rep < kRepetitions; ++rep) {
-    std::fprintf(stderr, "%s\n", "ours");
-    ours.push_back(ledgerLookups(reader, order));
-    std::fprintf(stderr, "%s\n", "lm");
-    lm.push_back(lmdb.lookups(order));
-    std::fprintf(stderr, "%s\n", "bl");
-    bl.push_back(boost.lookups(order, true));
-    std::fprintf(stderr, "%s\n", "bu");
-    bu.push_back(boost.lookups(order, false));
-    std::fprintf(stderr, "%s\n", "st");
-    st.push_back(stdLookups(plain, order));
-    std::fprintf(stderr, "%s\n", "chase");
-    chase.push_back(pointerChaseNs(w.slotTable().mappedSize()));
-    std::fprintf(stderr, "%s\n", "sync");
-    sync.push_back(syncSeconds());
-    std::fprintf(stderr, "%s\n", "copy");
-    copy.push_back(memcpySeconds(w));
-    std::fprintf(stderr, "%s\n", "follow");
-    follow.push_back(followRate(w, rep + 2));
-    std::fprintf(stderr, "%s\n", "[fp50");
-    auto [fp50, fp99] = futexPingPong();
-    std::fprintf(stderr, "%s\n", "[wp50");
-    auto [wp50, wp99] = commitToCallback(w, kicker);
-    futexP50.push_back(fp50);
-    futexP99.push_back(fp99);
-    wakeP50.push_back(wp50);
-    wakeP99.push_back(wp99);
+    if (lookups) {
+      ours.push_back(ledgerLookups(reader, order));
+      batched.push_back(ledgerBatchedLookups(reader, order));
+      lm.push_back(lmdb->lookups(order));
+      bl.push_back(boost->lookups(order, true));
+      bu.push_back(boost->lookups(order, false));
+      st.push_back(stdLookups(plain, order));
+      chase.push_back(pointerChaseNs(w.slotTable().mappedSize()));
+    }
+    if (wanted("sync")) {
+      sync.push_back(syncSeconds());
+      copy.push_back(memcpySeconds(w));
+    }
+    if (wanted("follow")) follow.push_back(followRate(w, rep + 2));
+    if (wanted("wake")) {
+      auto [fp50, fp99] = futexPingPong();
+      auto [wp50, wp99] = commitToCallback(w, kicker);
+      futexP50.push_back(fp50);
+      futexP99.push_back(fp99);
+      wakeP50.push_back(wp50);
+      wakeP99.push_back(wp99);
+    }
     std::fprintf(stderr, "round %d done\n", rep + 1);
   }
-  const double lookupNs = 1e9 / median(ours);
-  std::printf("figure lookup_per_s %.0f lookups/s\n", median(ours));
-  std::printf("figure lmdb_get_per_s %.0f lookups/s\n", median(lm));
-  std::printf("figure boost_ipc_locked_per_s %.0f lookups/s\n", median(bl));
-  std::printf("figure boost_ipc_unlocked_per_s %.0f lookups/s\n", median(bu));
-  std::printf("figure std_unordered_map_per_s %.0f lookups/s\n", median(st));
-  std::printf("figure lookup_ns %.1f ns\n", lookupNs);
-  std::printf("figure pointer_chase_ns %.1f ns\n", median(chase));
-  std::printf("figure sync_1m_seconds %.4f s\n", median(sync));
-  std::printf("figure memcpy_table_seconds %.4f s\n", median(copy));
-  std::printf("figure follow_events_per_s %.0f events/s\n", median(follow));
-  std::printf("figure wake_p50_us %.1f us\n", median(wakeP50));
-  std::printf("figure wake_p99_us %.1f us\n", median(wakeP99));
-  std::printf("figure futex_p50_us %.1f us\n", median(futexP50));
-  std::printf("figure futex_p99_us %.1f us\n", median(futexP99));
-  std::printf("ratio lookup_vs_lmdb %.2f\n", median(ours) / median(lm));
-  std::printf("ratio lookup_vs_boost_ipc_locked %.2f\n", median(ours) / median(bl));
-  std::printf("ratio lookup_vs_boost_ipc_unlocked %.2f\n", median(ours) / median(bu));
-  std::printf("ratio lookup_vs_std_unordered_map %.2f\n", median(ours) / median(st));
-  std::printf("ratio pointer_chase_vs_lookup %.2f\n", median(chase) / lookupNs);
-  std::printf("ratio memcpy_vs_sync %.2f\n", median(copy) / median(sync));
-  std::printf("ratio futex_vs_wake_p50 %.2f\n", median(futexP50) / median(wakeP50));
-  std::printf("ratio futex_vs_wake_p99 %.2f\n", median(futexP99) / median(wakeP99));
+  Series lookupNs;
+  for (double rate : ours) lookupNs.push_back(1e9 / rate);
+  figure("lookup_per_s", ours, 0, "lookups/s");
+  figure("batched_lookup_per_s", batched, 0, "lookups/s");
+  figure("lmdb_get_per_s", lm, 0, "lookups/s");
+  figure("boost_ipc_locked_per_s", bl, 0, "lookups/s");
+  figure("boost_ipc_unlocked_per_s", bu, 0, "lookups/s");
+  figure("std_unordered_map_per_s", st, 0, "lookups/s");
+  figure("lookup_ns", lookupNs, 1, "ns");
+  figure("pointer_chase_ns", chase, 1, "ns");
+  figure("sync_1m_seconds", sync, 4, "s");
+  figure("memcpy_table_seconds", copy, 4, "s");
+  figure("follow_events_per_s", follow, 0, "events/s");
+  figure("wake_p50_us", wakeP50, 1, "us");
+  figure("wake_p99_us", wakeP99, 1, "us");
+  figure("futex_p50_us", futexP50, 1, "us");
+  figure("futex_p99_us", futexP99, 1, "us");
+  ratio("lookup_vs_lmdb", ours, lm);
+  ratio("batched_lookup_vs_lmdb", batched, lm);
+  ratio("lookup_vs_boost_ipc_locked", ours, bl);
+  ratio("lookup_vs_boost_ipc_unlocked", ours, bu);
+  ratio("lookup_vs_std_unordered_map", ours, st);
+  ratio("pointer_chase_vs_lookup", chase, lookupNs);
+  ratio("memcpy_vs_sync", copy, sync);
+  ratio("futex_vs_wake_p50", futexP50, wakeP50);
+  ratio("futex_vs_wake_p99", futexP99, wakeP99);
   w.cleanup();
   std::filesystem::remove_all(benchRoot());
   return 0;

@@ -1,7 +1,7 @@
 // Fuzz target: arbitrary bytes as a table's files, read by the reader side only. A direct
 // reader looks keys up, iterates and reads slots by index; a shadow syncs and follows the
 // change queue. Nothing may crash, hang or read out of bounds, whatever the files hold; a
-// reader reports corruption and carries on.
+// reader reports corruption and carries on. Lookups go one by one and in a batch.
 //
 // Input: one mode byte, then the bytes of the files. Mode bit 0 set: the slot file is taken
 // as it comes. Clear: it gets a well-formed header (so that the fuzzer reaches slots and
@@ -140,6 +140,11 @@ void readDirectly(const std::string& root, Input& in) {
   reader.corruptionHandlerIs([](const std::string&) {});
   Value v;
   for (uint32_t i = 0; i < 8; ++i) reader.lookup(FuzzKey{in.word() % 64}, v);
+  FuzzKey keys[8];
+  FuzzValue values[8];
+  bool found[8];
+  for (FuzzKey& k : keys) k.id = in.word() % 64;
+  reader.lookupBatch(keys, values, found);
   uint32_t hint = Ledger::kNoSlot;
   int steps = 0;
   for (bool more = reader.first(v); more && steps < 10000;

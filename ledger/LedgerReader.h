@@ -16,8 +16,11 @@
 
 #include <sched.h>
 
+#include <algorithm>
+#include <array>
 #include <chrono>
 #include <functional>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -139,11 +142,35 @@ class LedgerReader : public ReadOnlyLedger<Key, Value> {
     return found;
   }
 
-  bool doLookup(const Key& key, Value& out) {
+  // Looks up keys[i] into outs[i], found[i] telling whether it was there; returns how many
+  // were. Every lookup is the single lookup's, with its checks and retries; what a batch adds
+  // is fetching ahead: the buckets of a group of keys are requested together, then the first
+  // slots of their chains, so that the memory latency of a group overlaps instead of adding
+  // up. Corruption is handled as by lookup() (thrown after the keys before it are done).
+  uint32_t lookupBatch(std::span<const Key> keys, std::span<Value> outs, std::span<bool> found) {
+    ZINC_ASSERT(outs.size() >= keys.size() && found.size() >= keys.size(),
+                "lookupBatch needs an output and a found flag per key");
+    uint32_t hits = 0;
+    std::array<uint32_t, kBatchGroup> hashes;
+    for (size_t base = 0; base < keys.size(); base += kBatchGroup) {
+      const size_t n = std::min(keys.size() - base, kBatchGroup);
+      for (size_t i = 0; i < n; ++i) hashes[i] = OpsT::hash(keys[base + i]);
+      prefetchChains(hashes.data(), n);
+      for (size_t i = 0; i < n; ++i) {
+        const Key& key = keys[base + i];
+        found[base + i] = guarded([&] { return doLookup(key, outs[base + i], hashes[i]); });
+        hits += found[base + i];
+      }
+    }
+    return hits;
+  }
+
+  bool doLookup(const Key& key, Value& out) { return doLookup(key, out, OpsT::hash(key)); }
+  bool doLookup(const Key& key, Value& out, uint32_t hash) {
     if (!buckets_.attached())
       throw CorruptionException("LedgerReader::doLookup() bucket table detached");
     ++counters_.lookups;
-    const uint32_t hash = OpsT::hash(key);
+    if (const Walk w = quickWalk(key, hash, out); w != Walk::again) return w == Walk::found;
     return walkUntil(
         hash, "LedgerReader::doLookup()",
         [&](uint32_t slot, bool& more) {
@@ -202,6 +229,93 @@ class LedgerReader : public ReadOnlyLedger<Key, Value> {
  private:
   // How one walk ended.
   enum class Walk { found, miss, again };
+  // Keys whose chains a batch fetches at once.
+  static constexpr size_t kBatchGroup = 16;
+  // Link pairs a quick walk remembers to confirm a miss; longer chains take the full walk.
+  static constexpr uint32_t kQuickPath = 8;
+
+  // The first step of a batch: requests the bucket heads of `n` hashes, then the first slot
+  // of each chain, then, where the sought rhash lies further on, the chain's next slot.
+  // Prefetches only; every index is checked before its address is formed.
+  void prefetchChains(const uint32_t* hashes, size_t n) {
+    const uint32_t buckets = buckets_.numBuckets();
+    if (!buckets_.attached() || buckets == 0 || buckets_.headerNumBuckets() != buckets) return;
+    std::array<uint32_t, kBatchGroup> links;
+    for (size_t i = 0; i < n; ++i)
+      __builtin_prefetch(&buckets_.headWord(hashes[i] & (buckets - 1)));
+    const uint32_t mapped = slots_.mappedSlots();
+    for (size_t i = 0; i < n; ++i) {
+      links[i] = linkOf(buckets_.head(hashes[i] & (buckets - 1)));
+      if (links[i] < mapped) slots_.prefetch(links[i]);  // also false at the end of a chain
+    }
+    for (size_t i = 0; i < n; ++i) {
+      if (links[i] >= mapped) continue;
+      const SlotHeader& s = slots_.slot(links[i]);
+      if (Shm::load(s.rhash, std::memory_order_relaxed) >= reverseBits(hashes[i])) continue;
+      const uint32_t next = linkOf(Shm::load(s.linkPair, std::memory_order_relaxed));
+      if (next < mapped) slots_.prefetch(next);
+    }
+  }
+
+  // The common case of a lookup, kept short so that the processor overlaps one lookup's
+  // memory accesses with the next one's: no resize in progress, the chain short, every slot
+  // on it mapped, settled (LOOKASIDE clear) and in order. The hit is the consistent read of
+  // the slot (status re-check) with the key compared in the copy; a miss is confirmed as in
+  // the full walk (resizeSeq and every link pair followed unchanged). Anything else answers
+  // `again`, and the full walk, with its retries and reports, takes over.
+  Walk quickWalk(const Key& key, uint32_t hash, Value& out) {
+    const uint32_t seq = buckets_.seqBegin();
+    const uint32_t n = buckets_.numBuckets();
+    if ((seq & 1) || n == 0 || buckets_.headerNumBuckets() != n) return Walk::again;
+    const uint32_t rhash = reverseBits(hash);
+    // A slot belongs to this bucket when the top log2(n) bits of its rhash are the bucket's.
+    const uint32_t bucketBits = reverseBits(n - 1);
+    const uint32_t mapped = slots_.mappedSlots();
+    std::array<std::pair<const uint64_t*, uint64_t>, kQuickPath> path;
+    const uint64_t* word = &buckets_.headWord(hash & (n - 1));
+    uint64_t pair = Shm::load(*word, std::memory_order_acquire);
+    uint32_t lastRhash = 0;
+    for (uint32_t len = 0;; ++len) {
+      if (len == kQuickPath) return Walk::again;
+      path[len] = {word, pair};
+      const uint32_t link = linkOf(pair);
+      if (isEndOfChain(link)) return quickMiss(seq, path.data(), len + 1);
+      if (link >= mapped) return Walk::again;
+      slots_.prefetch(link);
+      const SlotHeader& s = slots_.slot(link);
+      const uint32_t status = Shm::load(s.status, std::memory_order_acquire);
+      const uint32_t srh = Shm::load(s.rhash, std::memory_order_relaxed);
+      if ((status & (kOccupied | kLookaside)) != kOccupied || ((srh ^ rhash) & bucketBits) ||
+          srh < lastRhash) {
+        return Walk::again;
+      }
+      lastRhash = srh;
+      if (srh > rhash) return quickMiss(seq, path.data(), len + 1);
+      if (srh == rhash) {
+        uint32_t readRhash = 0;
+        if (slots_.read(link, buffer_.data(), &readRhash) != SlotReaderTable::Read::occupied ||
+            readRhash != rhash) {
+          return Walk::again;
+        }
+        const Key stored = ops_.storedKey(buffer_.data());
+        if (OpsT::equal(stored, key)) {
+          ops_.load(buffer_.data(), out);
+          return Walk::found;
+        }
+        if (OpsT::less(key, stored)) return quickMiss(seq, path.data(), len + 1);
+      }
+      word = &s.linkPair;
+      pair = Shm::load(*word, std::memory_order_acquire);
+    }
+  }
+  Walk quickMiss(uint32_t seq, const std::pair<const uint64_t*, uint64_t>* path, uint32_t len) {
+    if (!buckets_.seqUnchanged(seq)) return Walk::again;
+    for (uint32_t i = 0; i < len; ++i) {
+      if (Shm::load(*path[i].first, std::memory_order_relaxed) != path[i].second)
+        return Walk::again;
+    }
+    return Walk::miss;
+  }
 
   void refuse(const char* what) const override { ZTRACE_TO(ReaderDetail::trace(), 0, what); }
 

@@ -57,6 +57,9 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
         store_(reader_, std::move(notify), options.bucketFactor),
         syncer_(loop, syncHooks()) {
     syncer_.yieldTimeIs(options_.yieldTime);
+    rally_.ackHookIs([this](uint64_t consumed) {
+      if (kick_) kick_->acknowledge(consumed);
+    });
   }
   ~LedgerShadow() override {
     *alive_ = false;
@@ -93,6 +96,9 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
   Store& store() { return store_; }
   RallyReader& rally() { return rally_; }
   LedgerReader<Key, Value, OpsT>& reader() { return reader_; }
+  // The name by which the writer knows this reader (LedgerWriter::clientQuiesced), empty
+  // before the first mount; a new one when its registration had to be made anew.
+  std::string readerName() const { return kick_ ? kick_->name() : std::string(); }
   uint64_t resyncs() const { return resyncs_; }
   uint64_t kicks() const { return kicks_; }
 
@@ -151,7 +157,10 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
 
   typename Syncer::Hooks syncHooks() {
     typename Syncer::Hooks h;
-    h.doSlot = [this](uint32_t slot) { store_.doSlot(slot, 0, notifying_); };
+    h.doSlot = [this](uint32_t slot) {
+      store_.prefetchForWalk(slot);
+      store_.doSlot(slot, 0, notifying_);
+    };
     h.slotsToWalk = [this] { return std::max(reader_.slotTable().numSlots(), store_.numSlots()); };
     h.done = [this] { syncComplete(); };
     h.corruption = [this](const std::string& why) { corruptionDetected(why); };
@@ -217,6 +226,8 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
     state_ = ShadowState::syncing;
     rallyScheduled_ = false;
     rally_.skipToEnd();
+    if (kick_) kick_->acknowledge(Mem::kNotInStep);
+    store_.reserve();
     syncer_.sync(resync);
   }
 
@@ -281,6 +292,7 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
     if (onCorruption_) onCorruption_(why);
     // Try again a little later rather than spinning on a broken table.
     state_ = ShadowState::attached;
+    if (kick_) kick_->acknowledge(Mem::kNotInStep);
     loop_.timerAfter(options_.mountRetry, [this, alive = alive_] {
       if (*alive && state_ == ShadowState::attached) resync("after corruption");
     });

@@ -35,6 +35,7 @@
 #include "ledger/SlotWriterTable.h"
 #include "ledger/Validator.h"
 #include "ledger/WriterHashMap.h"
+#include "platform/shm/ReaderKick.h"
 #include "zinc/Exception.h"
 #include "zinc/Trace.h"
 
@@ -114,6 +115,15 @@ class LedgerWriter : public LedgerBase<Key, Value> {
   // the readers' business.
   bool quiesced() const override { return writerQuiesced(); }
   bool writerQuiesced() const { return !direct_.has_value(); }
+  // Whether reader `readerName` (its registration name, LedgerShadow::readerName()) has
+  // consumed every change up to the latest sequence, as its acknowledgement record says. An
+  // unknown or dead reader, or one still syncing, is not quiesced.
+  bool clientQuiesced(const std::string& readerName) const {
+    if (!attached()) return false;
+    auto consumed =
+        Mem::readerConsumed(SharedMem::rootPath(config_.root) + "/" + config_.table, readerName);
+    return consumed && *consumed == sequence();
+  }
   uint32_t emberId() const override { return attached() ? slots_.emberId() : 0; }
   MountStatus mountStatus() const override {
     return attached() ? MountStatus::mounted : MountStatus::unmounted;

@@ -223,7 +223,9 @@ RallyReader::Result RallyReader::handleAck(const SlotFn& doSlot, uint32_t maxEnt
   if (!attached()) return Result::resync;
   try {
     ZTRACE(9, "RallyReader::handleAck() minSeq:" << lastSeq_ + 1);
-    return rally(doSlot, maxEntries);
+    const Result result = rally(doSlot, maxEntries);
+    if (result != Result::resync && ackHook_) ackHook_(lastSeq_);
+    return result;
   } catch (const CorruptionException& e) {
     ZTRACE(0, "RallyReader::handleAck() corruption detected: " << e.what());
     return Result::resync;

@@ -36,8 +36,11 @@ class RallyReader {
   // Walks the queue from the reader's position, at most `maxEntries` notifications.
   // ok: caught up; more: stopped at maxEntries; resync: the shadow must be rebuilt.
   Result rally(const SlotFn& doSlot, uint32_t maxEntries = UINT32_MAX);
-  // A kick from the writer's side: walks, and turns a corruption into a resync request.
+  // A kick from the writer's side: walks, and turns a corruption into a resync request. After
+  // a walk it acknowledges the last sequence consumed through the ack hook (the reader's
+  // record that the writer reads, see LedgerWriter::clientQuiesced).
   Result handleAck(const SlotFn& doSlot, uint32_t maxEntries = UINT32_MAX);
+  void ackHookIs(std::function<void(uint64_t consumed)> hook) { ackHook_ = std::move(hook); }
   // Whether everything up to the writer's latest sequence has been consumed.
   bool quiesced() const;
 
@@ -94,6 +97,7 @@ class RallyReader {
   uint32_t pos_ = 0;
   uint64_t lastSeq_ = 0;
   uint64_t consumed_ = 0;
+  std::function<void(uint64_t)> ackHook_;
 };
 
 }  // namespace Ledger

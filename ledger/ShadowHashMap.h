@@ -11,6 +11,7 @@
 #include <cstring>
 #include <vector>
 
+#include "ledger/LargePageAllocator.h"
 #include "zinc/Trace.h"
 
 namespace Ledger {
@@ -53,6 +54,20 @@ class ShadowHashMap {
       }
     }
   }
+  // Sizes the bucket array for `count` entries at once, so that a map filled from empty
+  // does not rehash on the way (each rehash touches every entry again).
+  void reserve(uint32_t count) {
+    uint32_t n = numBuckets_;
+    while (n < count / bucketFactor_ && n < (1u << 31)) n *= 2;
+    if (n != numBuckets_) rehash(n);
+  }
+  // Starts fetching the bucket of `hash`, and (once that is in) the first entry of its chain.
+  void prefetchBucket(uint32_t hash) const {
+    __builtin_prefetch(&buckets_[hash & (numBuckets_ - 1)]);
+  }
+  void prefetchChain(uint32_t hash) const {
+    if (const Entry* e = buckets_[hash & (numBuckets_ - 1)]) __builtin_prefetch(e);
+  }
   // Halves the bucket array while it is less than a quarter full.
   void shrink() {
     uint32_t n = numBuckets_;
@@ -82,7 +97,7 @@ class ShadowHashMap {
     return reinterpret_cast<Entry*>(reinterpret_cast<intptr_t>(e) + offset);
   }
   void rehash(uint32_t n) {
-    std::vector<Entry*> old(n, nullptr);
+    std::vector<Entry*, LargePageAllocator<Entry*>> old(n, nullptr);
     old.swap(buckets_);
     numBuckets_ = n;
     for (Entry* head : old) {
@@ -99,7 +114,7 @@ class ShadowHashMap {
   uint32_t bucketFactor_;
   uint32_t numBuckets_ = kMinBuckets;
   uint32_t size_ = 0;
-  std::vector<Entry*> buckets_;
+  std::vector<Entry*, LargePageAllocator<Entry*>> buckets_;
 };
 
 }  // namespace Ledger

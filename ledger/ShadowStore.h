@@ -20,6 +20,7 @@
 #include <functional>
 #include <vector>
 
+#include "ledger/LargePageAllocator.h"
 #include "ledger/LedgerReader.h"
 #include "ledger/ShadowHashMap.h"
 #include "zinc/Hash.h"
@@ -148,6 +149,34 @@ class ShadowStore {
     take(slotIndex, key, stored_.data(), notifying);
   }
 
+  // Makes room for the writer's table as it stands before a full walk: the slot arrays are
+  // sized once and the hash map for its occupancy, instead of growing by doubling on the way
+  // (every doubling copies the slots and re-points the map). Bounded by what is mapped: the
+  // header's counts are not trusted with an allocation.
+  void reserve() {
+    const SlotReaderTable& table = reader_.slotTable();
+    const uint32_t slots = std::min(table.numSlots(), table.mappedSlots());
+    if (slots > entries_.size()) resize(slots);
+    map_.reserve(std::min(table.occupiedSlots(), slots));
+  }
+  // A walk over the slots in order (a sync) is at `slotIndex`: fetch ahead what the next
+  // slots will need, in the order they need it: the pages of the writer's slots a chunk at a
+  // time, the writer's slot, then the shadow's hash
+  // bucket for the key it holds, then the first entry of that bucket's chain. The key comes
+  // from the slot's rhash, read early and unchecked: a wrong guess only costs a useless fetch.
+  void prefetchForWalk(uint32_t slotIndex) const {
+    const SlotReaderTable& table = reader_.slotTable();
+    const uint64_t mapped = table.mappedSlots();
+    if (slotIndex % kPopulateChunk == 0) table.populate(slotIndex + kPopulateChunk, kPopulateChunk);
+    if (slotIndex + uint64_t{kAheadSlot} < mapped) table.prefetch(slotIndex + kAheadSlot);
+    if (slotIndex + uint64_t{kAheadBucket} < mapped) {
+      map_.prefetchBucket(rhashOf(slotIndex + kAheadBucket));
+    }
+    if (slotIndex + uint64_t{kAheadEntry} < mapped) {
+      map_.prefetchChain(rhashOf(slotIndex + kAheadEntry));
+    }
+  }
+
   // Slots at or above `numSlots` that hold nothing are dropped (the writer's table shrank).
   void tryShrink(uint32_t numSlots) {
     if (numSlots >= entries_.size() || entries_.size() < 2 * uint64_t{numSlots} + 64) return;
@@ -170,6 +199,16 @@ class ShadowStore {
   }
 
  private:
+  // How far ahead of a sync's walk each fetch goes (prefetchForWalk).
+  static constexpr uint32_t kAheadSlot = 24;
+  static constexpr uint32_t kAheadBucket = 16;
+  static constexpr uint32_t kAheadEntry = 8;
+  static constexpr uint32_t kPopulateChunk = 4096;
+
+  uint32_t rhashOf(uint32_t slot) const {
+    return reverseBits(Shm::load(reader_.slotTable().slot(slot).rhash, std::memory_order_relaxed));
+  }
+
   uint32_t slotOf(const Entry* e) const { return uint32_t(e - entries_.data()); }
   const uint8_t* storedAt(uint32_t slot) const {
     if constexpr (kVariable) return blocks_[slot].data();
@@ -292,8 +331,8 @@ class ShadowStore {
 
   Reader& reader_;
   Notify<Key, Value> notify_;
-  std::vector<Entry> entries_;
-  std::vector<uint8_t> values_;
+  std::vector<Entry, LargePageAllocator<Entry>> entries_;
+  std::vector<uint8_t, LargePageAllocator<uint8_t>> values_;
   std::vector<std::vector<uint8_t>> blocks_;  // kVariable: one copy per slot
   ShadowHashMap<Key, OpsT, Entry> map_;
   Value scratch_{};

@@ -1,7 +1,11 @@
 #include "ledger/SlotReaderTable.h"
 
+#include <sys/mman.h>
 #include <sys/stat.h>
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <cstring>
 
 #include "ledger/Exceptions.h"
@@ -87,6 +91,20 @@ bool SlotReaderTable::doResize() {
   }
   ZTRACE(5, "SlotReader::doResize() successful, slots:" << mappedSlots_);
   return true;
+}
+
+void SlotReaderTable::populate(uint32_t first, uint32_t count) const {
+#ifdef MADV_POPULATE_READ
+  if (!attached() || first >= mappedSlots_) return;
+  const uint64_t page = uint64_t(::sysconf(_SC_PAGESIZE));
+  const uint64_t from = (kSlotTableHeaderSize + (uint64_t{first} + 1) * slotSize_) & ~(page - 1);
+  const uint64_t to = std::min<uint64_t>(
+      file_.size(), kSlotTableHeaderSize + (uint64_t{first} + count + 1) * slotSize_);
+  if (to > from) ::madvise(const_cast<uint8_t*>(base_) + from, to - from, MADV_POPULATE_READ);
+#else
+  (void)first;
+  (void)count;
+#endif
 }
 
 SlotReaderTable::Read SlotReaderTable::read(uint32_t index, uint8_t* out, uint32_t* rhash,

@@ -102,7 +102,7 @@ void Loop::stop() {
 
 void Loop::run() {
   stopped_.store(false, std::memory_order_release);
-  while (!stopped_.load(std::memory_order_acquire)) runOnce(std::chrono::hours(1));
+  while (!stopped_.load(std::memory_order_acquire)) runOnce(Duration::max());
 }
 
 void Loop::runFor(Duration d) {
@@ -136,8 +136,13 @@ void Loop::runDeferred() {
 void Loop::wait(Duration maxWait) {
   armTimerFd();
   using std::chrono::milliseconds;
+  // Duration::max(): no time-out at all. Any finite one arms a kernel timer around the wait,
+  // which makes every wake-up slower (markedly so on virtual machines); timers of the loop
+  // have their own timerfd and need none.
   int timeoutMs = 0;
-  if (maxWait > Duration::zero()) {
+  if (maxWait == Duration::max()) {
+    timeoutMs = -1;
+  } else if (maxWait > Duration::zero()) {
     auto ms = std::chrono::ceil<milliseconds>(maxWait).count();
     timeoutMs = ms > 3600000 ? 3600000 : static_cast<int>(ms);
   }

@@ -11,10 +11,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <random>
+#include <span>
 
 #include "ledger/tests/ShadowHarness.h"
 
@@ -90,17 +92,24 @@ int readerMain(const std::string& root, int ctl, const std::string& resultPath, 
         stableKnown = stableKnown && shadow.store().contains(TestKey{id});
       }
     }
-    for (int i = 0; i < 200; ++i) {
-      TestValue v;
-      const bool stable = i % 4 == 0;
-      TestKey k{stable ? kStableBase + rng() % kStableKeys : rng() % keys};
-      ++lookups;
-      const bool found = shadow.reader().lookup(k, v);
-      if (found && (!whole(v) || v.k.id != k.id) && torn.size() < 10) {
-        torn.push_back("torn direct read of key " + std::to_string(k.id));
+    // Half the keys looked up one by one, half in one batch: both must hold to the same.
+    constexpr size_t kKeys = 200;
+    std::array<TestKey, kKeys> k;
+    std::array<TestValue, kKeys> v;
+    std::array<bool, kKeys> found;
+    for (size_t i = 0; i < kKeys; ++i) {
+      k[i].id = i % 4 == 0 ? kStableBase + rng() % kStableKeys : rng() % keys;
+      if (i < kKeys / 2) found[i] = shadow.reader().lookup(k[i], v[i]);
+    }
+    shadow.reader().lookupBatch(std::span(k).subspan(kKeys / 2), std::span(v).subspan(kKeys / 2),
+                                std::span(found).subspan(kKeys / 2));
+    lookups += kKeys;
+    for (size_t i = 0; i < kKeys; ++i) {
+      if (found[i] && (!whole(v[i]) || v[i].k.id != k[i].id) && torn.size() < 10) {
+        torn.push_back("torn direct read of key " + std::to_string(k[i].id));
       }
-      if (!found && stable && stableKnown && strictEvents && torn.size() < 10) {
-        torn.push_back("stable key " + std::to_string(k.id) + " missed");
+      if (!found[i] && i % 4 == 0 && stableKnown && strictEvents && torn.size() < 10) {
+        torn.push_back("stable key " + std::to_string(k[i].id) + " missed");
       }
     }
   });

@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <memory>
 #include <random>
 #include <set>
+#include <span>
 
 #include "ledger/LedgerReader.h"
 #include "ledger/LedgerWriter.h"
@@ -13,6 +15,8 @@
 namespace {
 
 using namespace Ledger;
+using LedgerTest::CollidingKey;
+using LedgerTest::CollidingValue;
 using LedgerTest::makeValue;
 using LedgerTest::TempRoot;
 using LedgerTest::TestKey;
@@ -203,6 +207,93 @@ TEST(LedgerReader, GarbageLinksAndKeysAreReported) {
         << report;
   }
   EXPECT_TRUE(reader.lookup(TestKey{2}, v)) << "the rest of the table still reads";
+}
+
+// A batch answers as the single lookups do, hits and misses alike, on short chains (the quick
+// walk) and on long ones (the full walk), and after the writer grew and shrank the table.
+TEST(LedgerReader, BatchedLookupsAgreeWithTheTable) {
+  TempRoot root;
+  Writer writer(writerConfig(root, 4));
+  writer.attach();
+  Reader reader(ReaderConfig{root.path(), "routes"});
+  ASSERT_TRUE(reader.initialize());
+  std::map<uint64_t, uint64_t> model;
+  std::mt19937 rng(3);
+  for (int round = 0; round < 3; ++round) {
+    for (int i = 0; i < 3000; ++i) {
+      uint64_t id = rng() % 4000;
+      writer.write(makeValue(id, ++model[id]));
+    }
+    for (int i = 0; i < 2000 * round; ++i) {
+      uint64_t id = rng() % 4000;
+      if (writer.remove(TestKey{id})) model.erase(id);
+    }
+    std::vector<TestKey> keys;
+    for (uint64_t id = 0; id < 4100; ++id) keys.push_back(TestKey{(id * 7919) % 4100});
+    std::vector<TestValue> values(keys.size());
+    std::unique_ptr<bool[]> found(new bool[keys.size()]);
+    const uint32_t hits = reader.lookupBatch(keys, values, std::span(found.get(), keys.size()));
+    EXPECT_EQ(hits, model.size());
+    for (size_t i = 0; i < keys.size(); ++i) {
+      ASSERT_EQ(found[i], model.count(keys[i].id) == 1) << "id " << keys[i].id;
+      if (found[i]) {
+        EXPECT_EQ(values[i], makeValue(keys[i].id, model[keys[i].id]));
+      }
+    }
+  }
+
+  using CReader = LedgerReader<CollidingKey, CollidingValue>;
+  LedgerConfig c = writerConfig(root);
+  c.table = "colliding";
+  LedgerWriter<CollidingKey, CollidingValue> colliding(c);
+  colliding.attach();
+  for (uint64_t id = 0; id < 90; id += 2) colliding.write(CollidingValue{{id}, id * 10});
+  CReader creader(ReaderConfig{root.path(), "colliding"});
+  ASSERT_TRUE(creader.initialize());
+  std::vector<CollidingKey> ckeys;
+  for (uint64_t id = 0; id < 100; ++id) ckeys.push_back(CollidingKey{99 - id});
+  std::vector<CollidingValue> cvalues(ckeys.size());
+  std::unique_ptr<bool[]> cfound(new bool[ckeys.size()]);
+  EXPECT_EQ(creader.lookupBatch(ckeys, cvalues, std::span(cfound.get(), ckeys.size())), 45u);
+  for (size_t i = 0; i < ckeys.size(); ++i) {
+    const uint64_t id = ckeys[i].id;
+    ASSERT_EQ(cfound[i], id % 2 == 0 && id < 90) << id;
+    if (cfound[i]) {
+      EXPECT_EQ(cvalues[i].data, id * 10);
+    }
+  }
+}
+
+// A corrupt chain in a batch is reported for its key alone; the other keys still read.
+TEST(LedgerReader, BatchedLookupReportsCorruptionPerKey) {
+  TempRoot root;
+  Writer writer(writerConfig(root));
+  writer.attach();
+  for (uint64_t id = 0; id < 20; ++id) writer.write(makeValue(id, 1));
+  Reader reader(ReaderConfig{root.path(), "routes"});
+  ASSERT_TRUE(reader.initialize());
+  const uint32_t bucket = TestKey{0}.hash() & (reader.bucketTable().numBuckets() - 1);
+  patchFile(root, "buckets", [&](uint8_t* base) {
+    reinterpret_cast<uint64_t*>(base + kBucketTableHeaderSize)[bucket] = packLink(0, 0x7ffffff0u);
+  });
+  std::vector<TestKey> keys;
+  for (uint64_t id = 0; id < 20; ++id) {
+    if (id == 0 || (TestKey{id}.hash() & (reader.bucketTable().numBuckets() - 1)) != bucket) {
+      keys.push_back(TestKey{id});
+    }
+  }
+  std::vector<TestValue> values(keys.size());
+  std::unique_ptr<bool[]> found(new bool[keys.size()]);
+  std::vector<std::string> reports;
+  reader.corruptionHandlerIs([&](const std::string& why) { reports.push_back(why); });
+  EXPECT_EQ(reader.lookupBatch(keys, values, std::span(found.get(), keys.size())), keys.size() - 1);
+  EXPECT_FALSE(found[0]);
+  ASSERT_EQ(reports.size(), 1u);
+  EXPECT_NE(reports[0].find("LedgerReader::doLookup() corrupt key detected. key:"),
+            std::string::npos);
+  reader.corruptionHandlerIs({});
+  EXPECT_THROW(reader.lookupBatch(keys, values, std::span(found.get(), keys.size())),
+               CorruptionException);
 }
 
 }  // namespace

@@ -2,8 +2,11 @@
 
 #include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/inotify.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -39,6 +42,22 @@ bool fillAddress(const std::string& path, sockaddr_un& addr) {
   return true;
 }
 
+constexpr char kAckMagic[8] = {'L', 'E', 'D', 'G', 'R', 'A', 'C', 'K'};
+constexpr uint32_t kAckVersion = 1;
+
+std::string ackPathOf(const std::string& socketPath) {
+  return socketPath.substr(0, socketPath.size() - 5) + ".ack";
+}
+
+// A registration name is "<pid>-<n>": nothing that could lead out of the readers folder.
+bool validReaderName(const std::string& name) {
+  if (name.empty() || name.size() > 64) return false;
+  for (char c : name) {
+    if (!(c >= '0' && c <= '9') && c != '-') return false;
+  }
+  return true;
+}
+
 bool isSocketName(const char* name) {
   size_t len = std::strlen(name);
   return len > 5 && std::strcmp(name + len - 5, ".sock") == 0;
@@ -51,8 +70,10 @@ std::string readersDir(const std::string& tableDir) { return tableDir + "/reader
 ReaderKickListener::ReaderKickListener(const std::string& tableDir) {
   makeDir(tableDir);
   makeDir(readersDir(tableDir));
-  path_ = readersDir(tableDir) + "/" + std::to_string(::getpid()) + "-" +
-          std::to_string(listenerCount.fetch_add(1)) + ".sock";
+  name_ = std::to_string(::getpid()) + "-" + std::to_string(listenerCount.fetch_add(1));
+  path_ = readersDir(tableDir) + "/" + name_ + ".sock";
+  ackPath_ = ackPathOf(path_);
+  openAckRecord();
   sockaddr_un addr;
   if (!fillAddress(path_, addr)) {
     throw Zinc::Exception("ReaderKickListener path too long for a socket: " + path_);
@@ -63,6 +84,9 @@ ReaderKickListener::ReaderKickListener(const std::string& tableDir) {
   if (::bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
     int err = errno;
     ::close(fd_);
+    ::munmap(ack_, sizeof(ReaderAck));
+    ::close(ackFd_);
+    ::unlink(ackPath_.c_str());
     throw Zinc::Exception("ReaderKickListener cannot bind " + path_ + ": " + errnoText(err));
   }
   ::chmod(path_.c_str(), 0620);  // the writer may be another user of the group
@@ -72,13 +96,82 @@ ReaderKickListener::ReaderKickListener(const std::string& tableDir) {
 ReaderKickListener::~ReaderKickListener() {
   ::unlink(path_.c_str());
   ::close(fd_);
+  ::unlink(ackPath_.c_str());
+  ::munmap(ack_, sizeof(ReaderAck));
+  ::close(ackFd_);  // drops the flock
+}
+
+// Made fresh (a dead process with our pid may have left one), locked shared for our lifetime,
+// and mapped for plain stores.
+void ReaderKickListener::openAckRecord() {
+  ::unlink(ackPath_.c_str());
+  ackFd_ = ::open(ackPath_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0640);
+  void* at = MAP_FAILED;
+  if (ackFd_ >= 0 && ::flock(ackFd_, LOCK_SH) == 0 && ::ftruncate(ackFd_, sizeof(ReaderAck)) == 0) {
+    at = ::mmap(nullptr, sizeof(ReaderAck), PROT_READ | PROT_WRITE, MAP_SHARED, ackFd_, 0);
+  }
+  if (at == MAP_FAILED) {
+    int err = errno;
+    if (ackFd_ >= 0) ::close(ackFd_);
+    ::unlink(ackPath_.c_str());
+    throw Zinc::Exception("ReaderKickListener cannot make " + ackPath_ + ": " + errnoText(err));
+  }
+  ack_ = static_cast<ReaderAck*>(at);
+  ack_->version = kAckVersion;
+  ack_->pid = uint32_t(::getpid());
+  std::atomic_ref<uint64_t>(ack_->consumed).store(kNotInStep, std::memory_order_relaxed);
+  // Release: the record is whole before its magic says so.
+  std::atomic_thread_fence(std::memory_order_release);
+  std::memcpy(ack_->magic, kAckMagic, sizeof(kAckMagic));
+}
+
+void ReaderKickListener::acknowledge(uint64_t consumed) {
+  // Release: whoever reads this sequence also sees what this reader did before consuming it.
+  std::atomic_ref<uint64_t>(ack_->consumed).store(consumed, std::memory_order_release);
+}
+
+uint64_t ReaderKickListener::acknowledged() const {
+  return std::atomic_ref<uint64_t>(ack_->consumed).load(std::memory_order_relaxed);
+}
+
+// A record nobody holds locked belongs to a dead reader; a live one's is locked shared.
+std::optional<uint64_t> readerConsumed(const std::string& tableDir, const std::string& name) {
+  if (!validReaderName(name)) return std::nullopt;
+  const std::string path = readersDir(tableDir) + "/" + name + ".ack";
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+  if (fd < 0) return std::nullopt;
+  std::optional<uint64_t> consumed;
+  struct stat st;
+  void* at = MAP_FAILED;
+  if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size >= off_t(sizeof(ReaderAck))) {
+    at = ::mmap(nullptr, sizeof(ReaderAck), PROT_READ, MAP_SHARED, fd, 0);
+  }
+  const bool alive = ::flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+  if (at != MAP_FAILED) {
+    const auto* record = static_cast<const ReaderAck*>(at);
+    const bool wellFormed = std::memcmp(record->magic, kAckMagic, sizeof(kAckMagic)) == 0 &&
+                            record->version == kAckVersion;
+    // Acquire: pairs with the reader's release store of the sequence.
+    const uint64_t seq = std::atomic_ref<uint64_t>(const_cast<uint64_t&>(record->consumed))
+                             .load(std::memory_order_acquire);
+    if (alive && wellFormed) consumed = seq;
+    ::munmap(at, sizeof(ReaderAck));
+  }
+  ::close(fd);  // drops the lock if we took it
+  return consumed;
 }
 
 uint32_t ReaderKickListener::drain() {
+  // Up to kBatch kicks a call: one call when, as usual, a handful are waiting.
+  constexpr unsigned kBatch = 64;
+  mmsghdr messages[kBatch] = {};
   uint32_t kicks = 0;
-  char byte;
-  while (::recv(fd_, &byte, sizeof(byte), MSG_DONTWAIT) >= 0) ++kicks;
-  return kicks;
+  for (;;) {
+    int n = ::recvmmsg(fd_, messages, kBatch, MSG_DONTWAIT, nullptr);
+    if (n <= 0) return kicks;
+    kicks += uint32_t(n);
+    if (unsigned(n) < kBatch) return kicks;
+  }
 }
 
 bool ReaderKickListener::wait(int timeoutMs) const {
@@ -200,6 +293,7 @@ bool ReaderKickSm::kick(Registration& reader) {
   }
   ZTRACE(1, "ReaderKickSm::kick() dropping reader " << reader.path << ": " << errnoText(errno));
   ::unlink(reader.path.c_str());
+  ::unlink(ackPathOf(reader.path).c_str());
   return false;
 }
 

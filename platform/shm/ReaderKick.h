@@ -11,12 +11,19 @@
 //
 // The writer learns of new and removed registrations through inotify on the readers folder,
 // and keeps one socket connected to each reader, so a kick costs one non-blocking read plus one
-// send per reader: no directory scan and no path lookup.
+// send per reader: no directory scan and no path lookup. A reader drains its kicks with one
+// receive call.
+//
+// Beside its socket every reader keeps an acknowledgement record, <pid>-<n>.ack, in which it
+// publishes the last change sequence it has consumed (ReaderAck below). The reader's name is
+// the registration's, <pid>-<n>. The reader holds a shared flock on the record for as long as
+// it lives, so that the writer can tell a live reader's record from one a dead reader left.
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,6 +31,28 @@ namespace Mem {
 
 // The folder under a table's folder in which readers register.
 std::string readersDir(const std::string& tableDir);
+
+// The acknowledgement record, a 64-byte file written by its reader only:
+//   char     magic[8]    "LEDGRACK"
+//   uint32_t version     1
+//   uint32_t pid         the reader's
+//   uint64_t consumed    last sequence consumed, or kNotInStep; one aligned 64-bit store
+//   uint64_t reserved[5]
+struct ReaderAck {
+  char magic[8];
+  uint32_t version;
+  uint32_t pid;
+  uint64_t consumed;
+  uint64_t reserved[5];
+};
+static_assert(sizeof(ReaderAck) == 64);
+// What a reader that is not following the writer (still syncing) publishes.
+inline constexpr uint64_t kNotInStep = ~uint64_t{0};
+
+// The sequence that reader `name` (a registration name, "<pid>-<n>") of the table in
+// `tableDir` has consumed; nothing when there is no such reader, it is dead, or its record is
+// not well formed. The record is untrusted: its size, magic and version are checked.
+std::optional<uint64_t> readerConsumed(const std::string& tableDir, const std::string& name);
 
 // Reader side: one registration, removed when destroyed. Watch fd() for readability and call
 // drain() when it fires; it consumes every pending kick (many kicks coalesce into one wake-up).
@@ -38,6 +67,11 @@ class ReaderKickListener {
 
   int fd() const { return fd_; }
   const std::string& path() const { return path_; }
+  // The registration's name, "<pid>-<n>", by which the writer asks about this reader.
+  const std::string& name() const { return name_; }
+  // Publishes the last sequence consumed (kNotInStep while not following the writer).
+  void acknowledge(uint64_t consumed);
+  uint64_t acknowledged() const;
   // Consumes all pending kicks without blocking; returns how many there were.
   uint32_t drain();
   // Blocks until a kick arrives or timeoutMs passes (-1: forever); true when kicked. For
@@ -45,8 +79,14 @@ class ReaderKickListener {
   bool wait(int timeoutMs) const;
 
  private:
+  void openAckRecord();
+
+  std::string name_;
   std::string path_;
+  std::string ackPath_;
   int fd_ = -1;
+  int ackFd_ = -1;
+  ReaderAck* ack_ = nullptr;
 };
 
 // Writer side. Kicks go out from flush(); commitNotify() only sets a flag and, when a defer
