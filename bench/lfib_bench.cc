@@ -25,34 +25,19 @@
 #include "ledger/Shape.h"
 #include "lfib/LfibWriter.h"
 #include "platform/toggle/FeatureToggle.h"
+#include "tools/LineIo.h"
 #include "zinc/Loop.h"
 
 namespace {
+
+using LineIo::readLine;
+using LineIo::sendLine;
 
 using Clock = std::chrono::steady_clock;
 
 int64_t nowNs() {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch())
       .count();
-}
-
-void sendLine(int fd, const std::string& line) {
-  std::string all = line + "\n";
-  for (size_t done = 0; done < all.size();) {
-    ssize_t n = ::write(fd, all.data() + done, all.size() - done);
-    if (n <= 0) return;
-    done += size_t(n);
-  }
-}
-
-std::optional<std::string> readLine(int fd) {
-  std::string line;
-  char c;
-  for (ssize_t n; (n = ::read(fd, &c, 1)) > 0;) {
-    if (c == '\n') return line;
-    line += c;
-  }
-  return line.empty() ? std::nullopt : std::optional<std::string>(line);
 }
 
 Mpls::ConsolidatedLfibRoute route(uint32_t i, uint32_t vias, uint32_t variant) {

@@ -30,10 +30,14 @@
 
 #include "lfib/LfibWriter.h"
 #include "platform/toggle/FeatureToggle.h"
+#include "tools/LineIo.h"
 #include "tools/ledger/LedgerTool.h"
 #include "zinc/Loop.h"
 
 namespace {
+
+using LineIo::readLine;
+using LineIo::sendLine;
 
 using Clock = std::chrono::steady_clock;
 using Mpls::ConsolidatedLfibRoute;
@@ -169,28 +173,6 @@ class RouteMaker {
   }
   std::mt19937 rng_;
 };
-
-// ---- pipes ----
-
-void sendLine(int fd, const std::string& line) {
-  std::string all = line + "\n";
-  for (size_t done = 0; done < all.size();) {
-    ssize_t n = ::write(fd, all.data() + done, all.size() - done);
-    if (n <= 0) return;
-    done += size_t(n);
-  }
-}
-
-// Reads one line (blocking); nullopt at end of file.
-std::optional<std::string> readLine(int fd) {
-  std::string line;
-  char c;
-  for (ssize_t n; (n = ::read(fd, &c, 1)) > 0;) {
-    if (c == '\n') return line;
-    line += c;
-  }
-  return line.empty() ? std::nullopt : std::optional<std::string>(line);
-}
 
 // ---- the writer agent ----
 
