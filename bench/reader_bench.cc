@@ -1,12 +1,15 @@
 // Reader benchmark: 1M entries of a 116-byte value (the LFIB route record's size).
 //   lookup        direct-reader random lookups on one core, against LMDB mdb_get with a
 //                 reused read transaction, a Boost.Interprocess unordered_map read under a
-//                 sharable lock and with no lock, and an in-process std::unordered_map
+//                 sharable lock and with no lock, and an in-process std::unordered_map;
+//                 the same keys through lookupBatch, 64 at a time
 //   chase         a dependent pointer chase over a buffer of the slot table's size
 //   sync          cold shadow sync of the whole table, against a memcpy of its bytes
 //   follow        notifications a shadow consumes per second
-//   wake          commit -> callback latency in another process (idle), against a raw futex
-//                 ping-pong between two processes, p50 and p99
+//   wake          commit -> callback latency in another process (idle, its loop blocked with
+//                 no time-out), against a raw futex ping-pong between two processes, p50, p99
+// The lookup, chase and sync parts walk 1M random memory places: on a virtual machine every
+// one of them also misses the TLB, which is what the pointer chase measures.
 // Every figure is the median of kRepetitions runs, peers interleaved with ours in each round.
 // Output ends with "figure <name> <value> <unit>" and "ratio <name> <value>" lines (higher is
 // better in every ratio).
