@@ -70,54 +70,54 @@ uint32_t SlabHeader::checksumOf(uint32_t maxPayload, uint32_t sizeClass) {
   return Dock::Util::hash(words, sizeof(words));
 }
 
-void SlabHeader::validateFixed(uint32_t expectedEmber) const {
-  auto fail = [](const std::string& text) { throw CorruptionException(text); };
-  if (std::memcmp(magic, kSlabMagic, 8) != 0) fail("SlabHeader::validate() bad magic: ");
+namespace {
+[[noreturn]] void slabFail(const std::string& text) { throw CorruptionException(text); }
+}  // namespace
+
+void SlabHeader::validateIdentity() const {
+  if (std::memcmp(magic, kSlabMagic, 8) != 0) slabFail("SlabHeader::validate() bad magic: ");
   if (version != kSlabVersion) {
-    fail("SlabHeader::validate() bad version: " + std::to_string(version));
+    slabFail("SlabHeader::validate() bad version: " + std::to_string(version));
   }
   if (checksum != checksumOf(maxPayload, sizeClass) || sizeClass >= kNumClasses ||
       maxPayload != maxPayloadOf(sizeClass)) {
-    fail("SlabHeader::validate() checksum fail: " + std::to_string(checksum));
-  }
-  if (expectedEmber != 0 && emberId != expectedEmber) {
-    fail("SlabHeader::validate() bad ember:" + std::to_string(emberId) +
-         " wanted:" + std::to_string(expectedEmber));
+    slabFail("SlabHeader::validate() checksum fail: " + std::to_string(checksum));
   }
 }
 
+void SlabHeader::validateEmber(uint32_t expectedEmber) const {
+  if (expectedEmber != 0 && emberId != expectedEmber) {
+    slabFail("SlabHeader::validate() bad ember:" + std::to_string(emberId) +
+             " wanted:" + std::to_string(expectedEmber));
+  }
+}
+
+void SlabHeader::validateFixed(uint32_t expectedEmber) const {
+  validateIdentity();
+  validateEmber(expectedEmber);
+}
+
 void SlabHeader::validate(size_t fileSize, uint32_t expectedEmber) const {
-  auto fail = [](const std::string& text) { throw CorruptionException(text); };
   if (fileSize < sizeof(SlabHeader)) {
-    fail("SlabHeader::validate() bad header file size: " + std::to_string(fileSize));
+    slabFail("SlabHeader::validate() bad header file size: " + std::to_string(fileSize));
   }
-  if (std::memcmp(magic, kSlabMagic, 8) != 0) fail("SlabHeader::validate() bad magic: ");
-  if (version != kSlabVersion) {
-    fail("SlabHeader::validate() bad version: " + std::to_string(version));
-  }
-  if (checksum != checksumOf(maxPayload, sizeClass) || sizeClass >= kNumClasses ||
-      maxPayload != maxPayloadOf(sizeClass)) {
-    fail("SlabHeader::validate() checksum fail: " + std::to_string(checksum));
-  }
+  validateIdentity();
   if (numOccupied > numEntries) {
-    fail("SlabHeader::validate() bad numOccupied: " + std::to_string(numOccupied) +
-         " numEntries: " + std::to_string(numEntries));
+    slabFail("SlabHeader::validate() bad numOccupied: " + std::to_string(numOccupied) +
+             " numEntries: " + std::to_string(numEntries));
   }
   uint64_t needed = sizeof(SlabHeader) + uint64_t{numEntries} * (8 + maxPayload);
   if (fileSize < needed) {
-    fail("SlabHeader::validate() bad shmem size: " + std::to_string(fileSize) +
-         " needed: " + std::to_string(needed));
+    slabFail("SlabHeader::validate() bad shmem size: " + std::to_string(fileSize) +
+             " needed: " + std::to_string(needed));
   }
-  if (expectedEmber != 0 && emberId != expectedEmber) {
-    fail("SlabHeader::validate() bad ember:" + std::to_string(emberId) +
-         " wanted:" + std::to_string(expectedEmber));
-  }
+  validateEmber(expectedEmber);
   if (highWater > numEntries || numOccupied > highWater) {
-    fail("SlabHeader::validate() bad highWater: " + std::to_string(highWater) +
-         " numEntries: " + std::to_string(numEntries));
+    slabFail("SlabHeader::validate() bad highWater: " + std::to_string(highWater) +
+             " numEntries: " + std::to_string(numEntries));
   }
   if (freeList != kNoEntry && freeList >= highWater) {
-    fail("SlabHeader::validate() bad freeList: " + std::to_string(freeList));
+    slabFail("SlabHeader::validate() bad freeList: " + std::to_string(freeList));
   }
 }
 

@@ -76,6 +76,10 @@ struct SlabHeader {
   // The fields that never change while the file lives (magic, version, checksum, ember),
   // for a reader mapping a slab that its writer is changing: the counts may be mid-update.
   void validateFixed(uint32_t expectedEmber) const;
+
+ private:
+  void validateIdentity() const;  // magic, version, checksum
+  void validateEmber(uint32_t expectedEmber) const;
 };
 static_assert(sizeof(SlabHeader) == 64);
 
