@@ -141,7 +141,7 @@ void readDirectly(const std::string& root, Input& in) {
   Value v;
   for (uint32_t i = 0; i < 8; ++i) reader.lookup(FuzzKey{in.word() % 64}, v);
   FuzzKey keys[8];
-  FuzzValue values[8];
+  Value values[8];
   bool found[8];
   for (FuzzKey& k : keys) k.id = in.word() % 64;
   reader.lookupBatch(keys, values, found);
