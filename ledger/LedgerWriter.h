@@ -151,10 +151,8 @@ class LedgerWriter : public LedgerBase<Key, Value> {
     return t;
   }
   void checkNoDirect(const char* who) const {
-    if (direct_) {
-      throw Zinc::InternalException(std::string(who) +
-                                    " unbalanced directSlot:" + std::to_string(direct_->slot));
-    }
+    if (direct_) [[unlikely]]
+      unbalancedDirect(who);
   }
   SlotTableConfig slotConfig() const;
   Validator<Key, OpsT> validator() {
@@ -181,9 +179,23 @@ class LedgerWriter : public LedgerBase<Key, Value> {
   void moveSlot(uint32_t from);
   void notify(uint32_t slot) { rally_.notify(slot); }
   // Old stored bytes kept for Ops::retire, which must run only after the final status store.
-  std::vector<uint8_t> keepForRetire(uint32_t slot);
-  void retire(const std::vector<uint8_t>& old) {
-    if (!old.empty()) ops_.retire(old.data());
+  // One buffer for all writes: no allocation per write (null when nothing retires).
+  const uint8_t* keepForRetire(uint32_t slot) {
+    if constexpr (OpsT::kRetires) {
+      const uint8_t* stored = slots_.value(slot);
+      retireCopy_.assign(stored, stored + ops_.valueSize());
+      return retireCopy_.data();
+    } else {
+      (void)slot;
+      return nullptr;
+    }
+  }
+  void retire(const uint8_t* old) {
+    if constexpr (OpsT::kRetires) ops_.retire(old);
+  }
+  [[noreturn]] [[gnu::cold]] [[gnu::noinline]] void unbalancedDirect(const char* who) const {
+    throw Zinc::InternalException(std::string(who) +
+                                  " unbalanced directSlot:" + std::to_string(direct_->slot));
   }
   void setBucketThresholds() {
     growThreshold_ = buckets_.numBuckets();
@@ -203,6 +215,7 @@ class LedgerWriter : public LedgerBase<Key, Value> {
   bool shrinking_ = false;
   WriterCounters counters_;
   std::string validationError_;
+  std::vector<uint8_t> retireCopy_;
 };
 
 }  // namespace Ledger
