@@ -101,6 +101,11 @@ class LedgerWriter : public LedgerBase<Key, Value> {
   void directCommit() override;
 
   bool lookup(const Key& key, Value& out) override;
+  // Starts fetching the bucket head of `key`: a caller that knows which keys it will touch
+  // next overlaps their cache misses instead of meeting them one after the other.
+  void prefetch(const Key& key) {
+    if (attached()) map_.prefetchBucket(OpsT::hash(key));
+  }
   bool first(Value& out) override;
   bool next(const Key& prev, Value& out, uint32_t* hint = nullptr) override;
 

@@ -47,6 +47,8 @@ class LfibWriter : public Zinc::PtrInterface {
 
  private:
   struct OldRoute;
+  static constexpr uint32_t kPrefetchedVias = 8;
+  void prefetchFor(const ConsolidatedLfibRoute& route, LfibViaIndexAllocator& allocator);
   template <class Via>
   void writeVias(const ConsolidatedLfibRoute& route, OldRoute& old, LfibViaSet& viaSet,
                  LfibViaIndexAllocator& allocator);

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <map>
 #include <optional>
 
@@ -105,10 +106,26 @@ void LfibWriter::writeVias(const ConsolidatedLfibRoute& route, OldRoute& old, Lf
   }
 }
 
+// The route's bucket and those of the via keys the allocator will hand out next (for a new
+// route, every via takes a fresh key) are fetched together up front: each look-up would
+// otherwise wait for its own cache miss in turn.
+void LfibWriter::prefetchFor(const ConsolidatedLfibRoute& route, LfibViaIndexAllocator& allocator) {
+  lfib_->lfibRouteLedger().prefetch(route.key());
+  if (route.viaType() != viaTypeMplsIp_) return;
+  const uint32_t vias = std::min<uint32_t>(uint32_t(route.mplsVias().size()), kPrefetchedVias);
+  const uint32_t next = allocator.viaKeyIndex(viaTypeMplsIp_);
+  for (uint32_t i = 1; i <= vias; ++i) {
+    lfib_->mplsViaLedger().prefetch(LfibViaKey(route.source(), viaTypeMplsIp_, next + i));
+  }
+}
+
 void LfibWriter::lfibRouteIs(const ConsolidatedLfibRoute& route) {
   ZTRACE(8, "void Mpls::LfibWriter::lfibRouteIs(const Mpls::ConsolidatedLfibRoute&)");
   ZINC_ASSERT(route.viaType() != viaTypeMplsUnknown_ && route.viaType() != viaTypeMax_,
               "invalid viaType");
+  // One allocator for the whole route: looked up once, not per via.
+  const Zinc::Ptr<LfibViaIndexAllocator> allocator = indexAllocator(route.source());
+  prefetchFor(route, *allocator);
   OldRoute old;
   LfibRoute stored;
   if (lfib_->elementLookup(route.key(), stored)) {
@@ -122,8 +139,6 @@ void LfibWriter::lfibRouteIs(const ConsolidatedLfibRoute& route) {
     }
     old.viaSet = oldViaSet;
   }
-  // One allocator for the whole route: looked up once, not per via.
-  const Zinc::Ptr<LfibViaIndexAllocator> allocator = indexAllocator(route.source());
   const LfibViaSetKey viaSetKey = chooseViaSetKey(route, old, *allocator);
   LfibViaSet viaSet(viaSetKey);
   switch (route.viaType()) {
