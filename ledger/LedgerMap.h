@@ -146,6 +146,10 @@ class LedgerMap {
   bool lookup(const Key& key, Value& out) {
     return guarded("lookup", [&] { return table_->lookup(key, out); });
   }
+  // Writer mode: starts fetching what a look-up or write of `key` will touch first.
+  void prefetch(const Key& key) {
+    if (writer_) writer_->prefetch(key);
+  }
   bool first(Value& out) {
     return guarded("first", [&] { return table_->first(out); });
   }

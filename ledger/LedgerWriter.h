@@ -102,6 +102,11 @@ class LedgerWriter : public LedgerBase<Key, Value> {
   void directCommit() override;
 
   bool lookup(const Key& key, Value& out) override;
+  // Starts fetching the bucket head of `key`: a caller that knows which keys it will touch
+  // next overlaps their cache misses instead of meeting them one after the other.
+  void prefetch(const Key& key) {
+    if (attached()) map_.prefetchBucket(OpsT::hash(key));
+  }
   bool first(Value& out) override;
   bool next(const Key& prev, Value& out, uint32_t* hint = nullptr) override;
 
@@ -161,10 +166,8 @@ class LedgerWriter : public LedgerBase<Key, Value> {
     return t;
   }
   void checkNoDirect(const char* who) const {
-    if (direct_) {
-      throw Zinc::InternalException(std::string(who) +
-                                    " unbalanced directSlot:" + std::to_string(direct_->slot));
-    }
+    if (direct_) [[unlikely]]
+      unbalancedDirect(who);
   }
   SlotTableConfig slotConfig() const;
   Validator<Key, OpsT> validator() {
@@ -191,9 +194,23 @@ class LedgerWriter : public LedgerBase<Key, Value> {
   void moveSlot(uint32_t from);
   void notify(uint32_t slot) { rally_.notify(slot); }
   // Old stored bytes kept for Ops::retire, which must run only after the final status store.
-  std::vector<uint8_t> keepForRetire(uint32_t slot);
-  void retire(const std::vector<uint8_t>& old) {
-    if (!old.empty()) ops_.retire(old.data());
+  // One buffer for all writes: no allocation per write (null when nothing retires).
+  const uint8_t* keepForRetire(uint32_t slot) {
+    if constexpr (OpsT::kRetires) {
+      const uint8_t* stored = slots_.value(slot);
+      retireCopy_.assign(stored, stored + ops_.valueSize());
+      return retireCopy_.data();
+    } else {
+      (void)slot;
+      return nullptr;
+    }
+  }
+  void retire(const uint8_t* old) {
+    if constexpr (OpsT::kRetires) ops_.retire(old);
+  }
+  [[noreturn]] [[gnu::cold]] [[gnu::noinline]] void unbalancedDirect(const char* who) const {
+    throw Zinc::InternalException(std::string(who) +
+                                  " unbalanced directSlot:" + std::to_string(direct_->slot));
   }
   void setBucketThresholds() {
     growThreshold_ = buckets_.numBuckets();
@@ -213,6 +230,7 @@ class LedgerWriter : public LedgerBase<Key, Value> {
   bool shrinking_ = false;
   WriterCounters counters_;
   std::string validationError_;
+  std::vector<uint8_t> retireCopy_;
 };
 
 }  // namespace Ledger

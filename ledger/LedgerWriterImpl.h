@@ -174,17 +174,6 @@ void LedgerWriter<Key, Value, OpsT>::detach() {
 }
 
 template <class Key, class Value, class OpsT>
-std::vector<uint8_t> LedgerWriter<Key, Value, OpsT>::keepForRetire(uint32_t slot) {
-  if constexpr (OpsT::kRetires) {
-    const uint8_t* stored = slots_.value(slot);
-    return std::vector<uint8_t>(stored, stored + ops_.valueSize());
-  } else {
-    (void)slot;
-    return {};
-  }
-}
-
-template <class Key, class Value, class OpsT>
 void LedgerWriter<Key, Value, OpsT>::publish(uint32_t slot, const Value& value) {
   uint8_t* stored = slots_.openSlot(slot);
   ops_.store(value, stored);
@@ -217,7 +206,7 @@ const void* LedgerWriter<Key, Value, OpsT>::write(const Value& value, WriteFlag 
       ++counters_.unchanged;
       return slots_.value(slot);
     }
-    auto old = keepForRetire(slot);
+    const uint8_t* old = keepForRetire(slot);
     publish(slot, value);
     retire(old);
     ++counters_.updates;
@@ -258,7 +247,7 @@ bool LedgerWriter<Key, Value, OpsT>::remove(const Key& key, Value* out) {
   if (pos.hit == kNoSlot) return false;
   const uint32_t slot = pos.hit;
   if (out) ops_.load(slots_.value(slot), *out);
-  auto old = keepForRetire(slot);
+  const uint8_t* old = keepForRetire(slot);
   map_.setLink(pos.pred, SlotWriterTable::loadLink(slots_.slot(slot).linkPair));
   slots_.dealloc(slot);
   retire(old);

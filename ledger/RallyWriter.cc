@@ -151,32 +151,13 @@ void RallyWriter::swapIn(uint32_t slotCapacity, bool keepLive) {
                                                 << " capacity:" << capacity);
 }
 
-uint64_t RallyWriter::notify(uint32_t slot) {
+void RallyWriter::makeRoomFor(uint32_t slot) {
   if (slot >= queue_->slotCapacity) {
     swapIn(slotCapacityFor(std::max(slot + 1, 2 * queue_->slotCapacity)), true);
-    ++compactions_;
-  } else if (queue_->count == queue_->capacity) {
+  } else {
     swapIn(queue_->slotCapacity, true);
-    ++compactions_;
   }
-  uint64_t seq = control_->latestSeq + 1;
-  uint32_t pos = queue_->count;
-  // The entry is private until `count` covers it: relaxed stores suffice here.
-  Shm::store(entries_[pos].sequence, seq, std::memory_order_relaxed);
-  Shm::store(entries_[pos].slotWord, slot, std::memory_order_relaxed);
-  // Release: a reader that loads the new count (acquire) sees the entry whole.
-  Shm::store(queue_->count, pos + 1, std::memory_order_release);
-  uint32_t old = positions_[slot];
-  if (old != kNoPosition && old < pos) {
-    // Release, and after the count store: whoever sees the tombstone also sees the newer
-    // entry of the same slot counted.
-    Shm::store(entries_[old].slotWord, slot | kTombstone, std::memory_order_release);
-  }
-  // Positions are the writer's and the validator's bookkeeping; readers do not use them.
-  positions_[slot] = pos;
-  // Release: a reader that sees latestSeq (acquire) sees every entry up to it.
-  Shm::store(control_->latestSeq, seq, std::memory_order_release);
-  return seq;
+  ++compactions_;
 }
 
 void RallyWriter::markShrinkStart(uint32_t corralStart, uint32_t corralEnd) {
@@ -200,16 +181,6 @@ void RallyWriter::reset(uint32_t numSlots) {
   markShrinkEnd();
 }
 
-void RallyWriter::commit() {
-  uint64_t seq = sequence();
-  if (seq == kickedSeq_) return;
-  kickedSeq_ = seq;
-  if (kickHook_) kickHook_();
-}
-
-uint64_t RallyWriter::sequence() const {
-  return control_ ? Shm::load(control_->latestSeq, std::memory_order_relaxed) : 0;
-}
 uint32_t RallyWriter::generation() const { return control_ ? control_->generation : 0; }
 uint32_t RallyWriter::incarnation() const { return control_ ? control_->incarnation : 0; }
 

@@ -140,8 +140,32 @@ class RallyWriter {
     uint32_t pos = positions_[slot];
     if (pos < queue_->count) __builtin_prefetch(&entries_[pos], 1);
   }
-  // Announces a change to `slot`; returns its sequence.
-  uint64_t notify(uint32_t slot);
+  // Announces a change to `slot`; returns its sequence. Inline: every write ends here, and
+  // only a full queue or a slot beyond the position array takes the slow path (a swap).
+  uint64_t notify(uint32_t slot) {
+    if (slot >= queue_->slotCapacity || queue_->count == queue_->capacity) [[unlikely]] {
+      makeRoomFor(slot);
+    }
+    const uint64_t seq = control_->latestSeq + 1;
+    const uint32_t pos = queue_->count;
+    // The entry is private until `count` covers it: relaxed stores suffice here.
+    Shm::store(entries_[pos].sequence, seq, std::memory_order_relaxed);
+    Shm::store(entries_[pos].slotWord, slot, std::memory_order_relaxed);
+    // Release: a reader that loads the new count (acquire) sees the entry whole.
+    Shm::store(queue_->count, pos + 1, std::memory_order_release);
+    // The slot's previous entry, found in O(1) through the position array.
+    const uint32_t old = positions_[slot];
+    if (old != kNoPosition && old < pos) {
+      // Release, and after the count store: whoever sees the tombstone also sees the newer
+      // entry of the same slot counted.
+      Shm::store(entries_[old].slotWord, slot | kTombstone, std::memory_order_release);
+    }
+    // Positions are the writer's and the validator's bookkeeping; readers do not use them.
+    positions_[slot] = pos;
+    // Release: a reader that sees latestSeq (acquire) sees every entry up to it.
+    Shm::store(control_->latestSeq, seq, std::memory_order_release);
+    return seq;
+  }
   void markShrinkStart(uint32_t corralStart, uint32_t corralEnd);
   void markShrinkEnd();
   // Drops every entry: a new, empty generation (recovery re-announces every slot after it).
@@ -149,10 +173,17 @@ class RallyWriter {
 
   // Called by the table once per commit batch: runs the kick hook when something was
   // announced since the last kick. Reader wake-ups hang on this hook.
-  void commit();
+  void commit() {
+    const uint64_t seq = sequence();
+    if (seq == kickedSeq_) return;
+    kickedSeq_ = seq;
+    if (kickHook_) kickHook_();
+  }
   void kickHookIs(KickHook hook) { kickHook_ = std::move(hook); }
 
-  uint64_t sequence() const;
+  uint64_t sequence() const {
+    return control_ ? Shm::load(control_->latestSeq, std::memory_order_relaxed) : 0;
+  }
   uint32_t generation() const;
   uint32_t incarnation() const;
   uint32_t count() const { return queue_ ? queue_->count : 0; }
@@ -164,6 +195,8 @@ class RallyWriter {
   uint64_t compactions() const { return compactions_; }
 
  private:
+  // Swaps in a queue with room for one more entry and a position for `slot`.
+  void makeRoomFor(uint32_t slot);
   bool adoptQueue();
   void unbindQueue();
   void swapIn(uint32_t slotCapacity, bool keepLive);

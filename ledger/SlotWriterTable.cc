@@ -28,6 +28,7 @@ uint32_t largestPowerOfTwoBelow(uint32_t n) {
 void SlotWriterTable::bind() {
   base_ = file_.base();
   slotSize_ = header().slotSize;
+  updateShrinkThreshold();
 }
 
 SlotWriterTable::Attached SlotWriterTable::attach(const SlotTableConfig& config) {
@@ -85,6 +86,7 @@ void SlotWriterTable::reformat(uint32_t numSlots) {
 void SlotWriterTable::detach() {
   file_.close();
   base_ = nullptr;
+  shrinkThreshold_ = 0;
 }
 
 void SlotWriterTable::storeFreeHead(uint32_t head) {
@@ -100,18 +102,7 @@ void SlotWriterTable::storeOccupied(uint32_t occupied) {
 void SlotWriterTable::setNumSlots(uint32_t n) {
   // Release: slots below n are formatted before a reader that loads n (acquire) maps them.
   Shm::store(header().numSlots, n, std::memory_order_release);
-}
-
-void SlotWriterTable::storeLink(uint64_t& pair, uint32_t link) {
-  uint64_t old = Shm::load(pair, std::memory_order_relaxed);  // only the writer stores it
-  // One 64-bit store with the generation advanced by 4: a reader sees old or new pair whole.
-  // Release: whatever the link makes reachable (a complete value, a freed slot's status) is
-  // visible to a reader that loads this pair with acquire.
-  Shm::store(pair, packLink(generationOf(old) + 4, link), std::memory_order_release);
-}
-
-uint32_t SlotWriterTable::loadLink(const uint64_t& pair) {
-  return linkOf(Shm::load(pair, std::memory_order_relaxed));  // the writer reads its own store
+  updateShrinkThreshold();
 }
 
 uint32_t SlotWriterTable::alloc() {
@@ -149,32 +140,6 @@ void SlotWriterTable::dealloc(uint32_t index) {
   storeFreeHead(index);
   ++freeCount_;
   storeOccupied(occupiedSlots() - 1);
-}
-
-uint8_t* SlotWriterTable::openSlot(uint32_t index) {
-  SlotHeader& s = slot(index);
-  uint32_t status = s.status;
-  if (status & kOccupied) {
-    // Step 1: rhash and value into the look-aside slot, while LOOKASIDE is still clear.
-    SlotHeader& la = lookaside();
-    std::memcpy(&la.rhash, &s.rhash, slotSize_ - offsetof(SlotHeader, rhash));
-  }
-  // Step 2: status + 2 sets LOOKASIDE. Release: the look-aside copy is complete before a
-  // reader can see the bit and go there.
-  Shm::store(s.status, status + kLookaside, std::memory_order_release);
-  // The value stores that follow must not rise above the status store: the fence is a
-  // compiler barrier, and stores leave this CPU in order (and after a store-store barrier
-  // where the hardware needs one). A reader that copies a value concurrently sees the status
-  // changed on its re-check and retries.
-  std::atomic_thread_fence(std::memory_order_release);
-  return value(index);
-}
-
-void SlotWriterTable::closeSlot(uint32_t index) {
-  SlotHeader& s = slot(index);
-  // Step 4: status + 2 | OCCUPIED: the carry clears LOOKASIDE and advances the version.
-  // Release: the new value is complete before a reader sees the final status.
-  Shm::store(s.status, (s.status + kLookaside) | kOccupied, std::memory_order_release);
 }
 
 bool SlotWriterTable::grow() {
@@ -275,10 +240,13 @@ void SlotWriterTable::purgeFreeSlots(uint32_t threshold) {
   rebuildFreeListBelow(threshold);
 }
 
-uint32_t SlotWriterTable::shrinkThreshold() const {
-  uint32_t n = numSlots();
-  if (!config_.shrinkEnabled || config_.fixedSize || n <= config_.minSlots) return 0;
-  return n == 1 ? 1 : largestPowerOfTwoBelow(n);
+void SlotWriterTable::updateShrinkThreshold() {
+  const uint32_t n = attached() ? numSlots() : 0;
+  if (!config_.shrinkEnabled || config_.fixedSize || n <= config_.minSlots) {
+    shrinkThreshold_ = 0;
+  } else {
+    shrinkThreshold_ = n == 1 ? 1 : largestPowerOfTwoBelow(n);
+  }
 }
 
 void SlotWriterTable::cut(uint32_t newNumSlots) {

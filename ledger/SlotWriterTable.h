@@ -3,7 +3,9 @@
 // changes under lock-free readers. It knows nothing of keys; WriterHashMap does.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 #include "ledger/Format.h"
@@ -66,17 +68,49 @@ class SlotWriterTable {
 
   // Rewrite protocol. openSlot: look-aside copy of an occupied slot, then LOOKASIDE set;
   // returns the value bytes, which may now change. closeSlot: status + 2 | OCCUPIED.
-  uint8_t* openSlot(uint32_t index);
-  void closeSlot(uint32_t index);
+  // Inline: every write runs them, and a call per step costs more than the steps.
+  uint8_t* openSlot(uint32_t index) {
+    SlotHeader& s = slot(index);
+    const uint32_t status = s.status;
+    if (status & kOccupied) {
+      // Step 1: rhash and value into the look-aside slot, while LOOKASIDE is still clear.
+      std::memcpy(&lookaside().rhash, &s.rhash, slotSize_ - offsetof(SlotHeader, rhash));
+    }
+    // Step 2: status + 2 sets LOOKASIDE. Release: the look-aside copy is complete before a
+    // reader can see the bit and go there.
+    Shm::store(s.status, status + kLookaside, std::memory_order_release);
+    // The value stores that follow must not rise above the status store: the fence is a
+    // compiler barrier, and stores leave this CPU in order (and after a store-store barrier
+    // where the hardware needs one). A reader that copies a value concurrently sees the
+    // status changed on its re-check and retries.
+    std::atomic_thread_fence(std::memory_order_release);
+    return value(index);
+  }
+  void closeSlot(uint32_t index) {
+    SlotHeader& s = slot(index);
+    // Step 4: status + 2 | OCCUPIED: the carry clears LOOKASIDE and advances the version.
+    // Release: the new value is complete before a reader sees the final status.
+    Shm::store(s.status, (s.status + kLookaside) | kOccupied, std::memory_order_release);
+  }
   // Stores (generation + 4, link) into a slot's or a bucket's link pair with one store.
-  static void storeLink(uint64_t& pair, uint32_t link);
-  static uint32_t loadLink(const uint64_t& pair);
+  static void storeLink(uint64_t& pair, uint32_t link) {
+    const uint64_t old = Shm::load(pair, std::memory_order_relaxed);  // only the writer stores
+    // One 64-bit store with the generation advanced by 4: a reader sees old or new pair whole.
+    // Release: whatever the link makes reachable (a complete value, a freed slot's status) is
+    // visible to a reader that loads this pair with acquire.
+    Shm::store(pair, packLink(generationOf(old) + 4, link), std::memory_order_release);
+  }
+  static uint32_t loadLink(const uint64_t& pair) {
+    return linkOf(Shm::load(pair, std::memory_order_relaxed));  // the writer reads its own store
+  }
 
   bool grow();
   bool resize(uint32_t newNumSlots);
   void addFreeSlots(uint32_t start, uint32_t end);
   void purgeFreeSlots(uint32_t threshold);
-  uint32_t shrinkThreshold() const;
+  // The slot count that a shrink cuts to (0: never shrinks); kept up to date on every change
+  // of numSlots, since every remove asks for it.
+  uint32_t shrinkThreshold() const { return shrinkThreshold_; }
   // Publishes the smaller slot count and gives the cut slots' pages back.
   void cut(uint32_t newNumSlots);
   // Rebuilds the free list from every slot below numSlots whose status is not OCCUPIED.
@@ -94,6 +128,7 @@ class SlotWriterTable {
   void setNumSlots(uint32_t numSlots);
   void storeFreeHead(uint32_t head);
   void storeOccupied(uint32_t occupied);
+  void updateShrinkThreshold();
 
   SlotTableConfig config_;
   SharedMem::EmberFile file_;
@@ -101,6 +136,7 @@ class SlotWriterTable {
   uint32_t slotSize_ = 0;
   uint64_t growths_ = 0;
   uint32_t freeCount_ = 0;
+  uint32_t shrinkThreshold_ = 0;
 };
 
 }  // namespace Ledger

@@ -48,29 +48,35 @@ class WriterHashMap {
 
   // `visit(slot)` is called for every slot the walk is about to touch (a chance to start
   // fetching what the caller will need for it).
+  //
+  // Each slot met is checked (in range, within the walk's bound, OCCUPIED, its stored key
+  // hashing to this bucket and to its rhash) before it is compared. For the slot that holds
+  // the sought key the check needs no hashing: its stored key equals the key whose hash we
+  // have, so it passes exactly when the slot is OCCUPIED with our rhash.
   template <class Visit = void (*)(uint32_t)>
   ChainPosition find(
       const Key& key, uint32_t hash, const char* who = "WriterHashMap::find()",
       Visit visit = [](uint32_t) {}) {
     const uint32_t bucket = bucketOf(hash);
     const uint32_t rhash = reverseBits(hash);
+    const uint32_t numSlots = slots_.numSlots();
     ChainPosition pos{{bucket, true}, kNoSlot, 0};
     uint32_t link = SlotWriterTable::loadLink(buckets_.head(bucket));
-    for (uint32_t count = 0; !isEndOfChain(link);) {
+    for (uint32_t count = 1; !isEndOfChain(link); ++count) {
+      if (link >= numSlots || count > numSlots) [[unlikely]] {
+        badWalk(who, link, count);
+      }
       prefetchSlotTail(link);
       visit(link);
-      checkSlot(link, bucket, who, ++count);
       const SlotHeader& s = slots_.slot(link);
-      if (s.rhash == rhash) {
-        Key stored = ops_.storedKey(slots_.value(link));
-        if (OpsT::equal(stored, key)) {
-          pos.hit = link;
-          return pos;
-        }
-        if (OpsT::less(key, stored)) break;
-      } else if (rhash < s.rhash) {
-        break;
+      const Key stored = ops_.storedKey(slots_.value(link));
+      const bool sameRhash = s.rhash == rhash;
+      if (sameRhash && (s.status & kOccupied) && OpsT::equal(stored, key)) {
+        pos.hit = link;
+        return pos;
       }
+      checkStored(s, stored, link, bucket, who);
+      if (sameRhash ? OpsT::less(key, stored) : rhash < s.rhash) break;
       pos.pred = LinkRef{link, false};
       link = SlotWriterTable::loadLink(s.linkPair);
     }
@@ -208,9 +214,9 @@ class WriterHashMap {
   // Asking for the rest while the first line, which holds the key, is on its way overlaps
   // those misses with the one the walk must wait for.
   void prefetchSlotTail(uint32_t link) {
-    if (link >= slots_.numSlots()) return;
     const auto* bytes = reinterpret_cast<const char*>(&slots_.slot(link));
-    for (uint32_t at = 64; at < slots_.slotSize(); at += 64) __builtin_prefetch(bytes + at);
+    const uint32_t size = slots_.slotSize();
+    for (uint32_t at = 64; at < size; at += 64) __builtin_prefetch(bytes + at);
   }
 
   static const Zinc::Trace& trace() {
@@ -219,24 +225,39 @@ class WriterHashMap {
   }
 
   void boundWalk(uint32_t link, uint32_t count, const char* who) const {
+    if (link >= slots_.numSlots() || count > slots_.numSlots()) [[unlikely]] {
+      badWalk(who, link, count);
+    }
+  }
+  [[noreturn]] [[gnu::cold]] [[gnu::noinline]] void badWalk(const char* who, uint32_t link,
+                                                            uint32_t count) const {
     if (link >= slots_.numSlots()) {
       throw CorruptionException(std::string(who) +
                                 " corrupt link detected, slot: " + std::to_string(link));
     }
-    if (count > slots_.numSlots()) {
-      throw CorruptionException(std::string(who) +
-                                " hash chain cycle detected, slotCount:" + std::to_string(count));
+    throw CorruptionException(std::string(who) +
+                              " hash chain cycle detected, slotCount:" + std::to_string(count));
+  }
+
+  // The slot at `link` is OCCUPIED and its stored key belongs to `bucket` and to its rhash.
+  void checkStored(const SlotHeader& s, const Key& stored, uint32_t link, uint32_t bucket,
+                   const char* who) const {
+    const uint32_t hash = OpsT::hash(stored);
+    if (!(s.status & kOccupied) || bucketOf(hash) != bucket || s.rhash != reverseBits(hash))
+        [[unlikely]] {
+      corruptKey(who, link, bucket);
     }
+  }
+  [[noreturn]] [[gnu::cold]] [[gnu::noinline]] static void corruptKey(const char* who,
+                                                                      uint32_t link,
+                                                                      uint32_t bucket) {
+    throw CorruptionException(std::string(who) + " corrupt key detected, slot: " +
+                              std::to_string(link) + " bucket: " + std::to_string(bucket));
   }
 
   void checkSlot(uint32_t link, uint32_t bucket, const char* who, uint32_t count) {
     boundWalk(link, count, who);
-    const SlotHeader& s = slots_.slot(link);
-    uint32_t hash = OpsT::hash(ops_.storedKey(slots_.value(link)));
-    if (!(s.status & kOccupied) || bucketOf(hash) != bucket || s.rhash != reverseBits(hash)) {
-      throw CorruptionException(std::string(who) + " corrupt key detected, slot: " +
-                                std::to_string(link) + " bucket: " + std::to_string(bucket));
-    }
+    checkStored(slots_.slot(link), ops_.storedKey(slots_.value(link)), link, bucket, who);
   }
 
   uint32_t firstFrom(uint32_t bucket, const char* who) {

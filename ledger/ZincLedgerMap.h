@@ -237,6 +237,10 @@ class ZincLedgerMap {
 
   // ---- reads ----
   bool lookup(const Key& key, Value& out) { return map_ && map_->lookup(key, out); }
+  // The writer side starts fetching the key's bucket (see LedgerWriter::prefetch).
+  void prefetch(const Key& key) {
+    if (map_) map_->prefetch(key);
+  }
   Value get(const Key& key) {
     Value value = Zinc::initialValue<Value>();
     if (!lookup(key, value)) value = Zinc::initialValue<Value>();

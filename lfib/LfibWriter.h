@@ -47,9 +47,13 @@ class LfibWriter : public Zinc::PtrInterface {
 
  private:
   struct OldRoute;
+  static constexpr uint32_t kPrefetchedVias = 8;
+  void prefetchFor(const ConsolidatedLfibRoute& route, LfibViaIndexAllocator& allocator);
   template <class Via>
-  void writeVias(const ConsolidatedLfibRoute& route, OldRoute& old, LfibViaSet& viaSet);
-  LfibViaSetKey chooseViaSetKey(const ConsolidatedLfibRoute& route, const OldRoute& old);
+  void writeVias(const ConsolidatedLfibRoute& route, OldRoute& old, LfibViaSet& viaSet,
+                 LfibViaIndexAllocator& allocator);
+  LfibViaSetKey chooseViaSetKey(const ConsolidatedLfibRoute& route, const OldRoute& old,
+                                LfibViaIndexAllocator& allocator);
 
   Zinc::Ptr<LfibStatus> lfib_;
   std::unordered_map<int32_t, Zinc::Ptr<LfibViaIndexAllocator>> indexAllocatorInternal_;

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <map>
 #include <optional>
 
@@ -53,7 +54,8 @@ Zinc::Ptr<LfibViaIndexAllocator> LfibWriter::indexAllocator(LFib::Source source)
   return allocator;
 }
 
-LfibViaSetKey LfibWriter::chooseViaSetKey(const ConsolidatedLfibRoute& route, const OldRoute& old) {
+LfibViaSetKey LfibWriter::chooseViaSetKey(const ConsolidatedLfibRoute& route, const OldRoute& old,
+                                          LfibViaIndexAllocator& allocator) {
   if (inPlaceAdjacencyUpdateSupported_ && old.route) {
     const LfibViaSetKey& k = old.route->viaSetKey();
     if (k.source() == route.source() && k.viaType() == route.viaType() &&
@@ -61,15 +63,16 @@ LfibViaSetKey LfibWriter::chooseViaSetKey(const ConsolidatedLfibRoute& route, co
       return k;
     }
   }
-  return indexAllocator(route.source())->getViaSetKey(route.viaType(), route.viaSetType());
+  return allocator.getViaSetKey(route.viaType(), route.viaSetType());
 }
 
 // Writes the route's vias of record type Via and places their keys in the new via set.
 template <class Via>
-void LfibWriter::writeVias(const ConsolidatedLfibRoute& route, OldRoute& old, LfibViaSet& viaSet) {
+void LfibWriter::writeVias(const ConsolidatedLfibRoute& route, OldRoute& old, LfibViaSet& viaSet,
+                           LfibViaIndexAllocator& allocator) {
   // The old route's vias of this type, by content (the record with its key unset).
   std::map<Via, LfibViaKey> oldByContent;
-  if (inPlaceAdjacencyUpdateSupported_) {
+  if (inPlaceAdjacencyUpdateSupported_ && !old.viaKeys.empty()) {
     for (const LfibViaKey& k : old.viaKeys) {
       Via stored;
       if (k.viaType() != route.viaType() || k.source() != route.source() ||
@@ -82,13 +85,13 @@ void LfibWriter::writeVias(const ConsolidatedLfibRoute& route, OldRoute& old, Lf
   }
   uint32_t position = 0;
   for (Via via : route.vias(static_cast<const Via*>(nullptr))) {
-    auto reuse = oldByContent.find(via);
+    auto reuse = oldByContent.empty() ? oldByContent.end() : oldByContent.find(via);
     LfibViaKey key;
     const bool reused = reuse != oldByContent.end() && old.takeViaKey(reuse->second);
     if (reused) {
       key = reuse->second;
     } else {
-      key = indexAllocator(route.source())->getViaKey(route.viaType());
+      key = allocator.getViaKey(route.viaType());
     }
     via.keyIs(key);  // the weight travels in the record (LfibMplsVia::weight)
     // A fresh key was just probed absent; a reused one is compared with what is stored.
@@ -103,10 +106,26 @@ void LfibWriter::writeVias(const ConsolidatedLfibRoute& route, OldRoute& old, Lf
   }
 }
 
+// The route's bucket and those of the via keys the allocator will hand out next (for a new
+// route, every via takes a fresh key) are fetched together up front: each look-up would
+// otherwise wait for its own cache miss in turn.
+void LfibWriter::prefetchFor(const ConsolidatedLfibRoute& route, LfibViaIndexAllocator& allocator) {
+  lfib_->lfibRouteLedger().prefetch(route.key());
+  if (route.viaType() != viaTypeMplsIp_) return;
+  const uint32_t vias = std::min<uint32_t>(uint32_t(route.mplsVias().size()), kPrefetchedVias);
+  const uint32_t next = allocator.viaKeyIndex(viaTypeMplsIp_);
+  for (uint32_t i = 1; i <= vias; ++i) {
+    lfib_->mplsViaLedger().prefetch(LfibViaKey(route.source(), viaTypeMplsIp_, next + i));
+  }
+}
+
 void LfibWriter::lfibRouteIs(const ConsolidatedLfibRoute& route) {
   ZTRACE(8, "void Mpls::LfibWriter::lfibRouteIs(const Mpls::ConsolidatedLfibRoute&)");
   ZINC_ASSERT(route.viaType() != viaTypeMplsUnknown_ && route.viaType() != viaTypeMax_,
               "invalid viaType");
+  // One allocator for the whole route: looked up once, not per via.
+  const Zinc::Ptr<LfibViaIndexAllocator> allocator = indexAllocator(route.source());
+  prefetchFor(route, *allocator);
   OldRoute old;
   LfibRoute stored;
   if (lfib_->elementLookup(route.key(), stored)) {
@@ -120,29 +139,29 @@ void LfibWriter::lfibRouteIs(const ConsolidatedLfibRoute& route) {
     }
     old.viaSet = oldViaSet;
   }
-  const LfibViaSetKey viaSetKey = chooseViaSetKey(route, old);
+  const LfibViaSetKey viaSetKey = chooseViaSetKey(route, old, *allocator);
   LfibViaSet viaSet(viaSetKey);
   switch (route.viaType()) {
     case viaTypeMplsIp_:
-      writeVias<LfibMplsVia>(route, old, viaSet);
+      writeVias<LfibMplsVia>(route, old, viaSet, *allocator);
       break;
     case viaTypeMplsPseudowire_:
-      writeVias<LfibPwVia>(route, old, viaSet);
+      writeVias<LfibPwVia>(route, old, viaSet, *allocator);
       break;
     case viaTypeIpLookup_:
-      writeVias<LfibIpLookupVia>(route, old, viaSet);
+      writeVias<LfibIpLookupVia>(route, old, viaSet, *allocator);
       break;
     case viaTypeExternalFec_:
-      writeVias<LfibExtFecVia>(route, old, viaSet);
+      writeVias<LfibExtFecVia>(route, old, viaSet, *allocator);
       break;
     default:
       break;  // VLAN and EVPN vias are written by their producers
   }
+  // The stored via set under the chosen key: the old route's when the key is kept; none when
+  // the key is new (the allocator has just probed it absent, and only via tables were
+  // written since).
   const bool sameViaSetKey = old.route && old.route->viaSetKey() == viaSetKey;
-  LfibViaSet current;
-  const bool viaSetUnchanged = sameViaSetKey
-                                   ? old.viaSet == viaSet
-                                   : lfib_->elementLookup(viaSetKey, current) && current == viaSet;
+  const bool viaSetUnchanged = sameViaSetKey && old.viaSet == viaSet;
   if (!viaSetUnchanged) lfib_->viaSetIs(viaSet);
   LfibRoute newRoute(route.key(), viaSetKey, route.source(), route.fec(), route.metric());
   if (!old.route || !(*old.route == newRoute)) {

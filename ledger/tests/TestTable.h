@@ -39,6 +39,9 @@ static_assert(sizeof(TestValue) == 120);
 
 inline TestValue makeValue(uint64_t id, uint64_t version) {
   TestValue v;
+  // The stored form is the struct's bytes, padding included: equal values must be equal
+  // bytes, or an unchanged rewrite (WriteFlag::ifChanged) looks changed.
+  std::memset(static_cast<void*>(&v), 0, sizeof(v));
   v.k.id = id;
   v.version = version;
   for (size_t i = 0; i < sizeof(v.payload); ++i) v.payload[i] = uint8_t(id * 31 + version + i);
