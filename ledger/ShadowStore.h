@@ -127,10 +127,7 @@ class ShadowStore {
       grow(slotIndex + 1);
     }
     Key key{};
-    const bool occupied = reader_.getValue(slotIndex, scratch_, &key);
-    if (occupied) {
-      stored_.assign(reader_.slotBuffer(), reader_.slotBuffer() + lengthOf(reader_.slotBuffer()));
-    }
+    bool occupied = readSlot(slotIndex, key);
     Entry* e = &entries_[slotIndex];
     if (e->occupied && (!occupied || !OpsT::equal(e->key, key))) {
       leave(slotIndex, notifying);
@@ -138,6 +135,10 @@ class ShadowStore {
       // leave() read the writer's table again and found this slot's new key here: what it
       // took is newer than our read, which must not overwrite it.
       if (e->occupied) return;
+      // leave() may also have followed this slot's new key to where the writer moved it
+      // since our read, and kept that newer copy there: read the slot again, so that
+      // nothing older than what the shadow holds is taken.
+      occupied = readSlot(slotIndex, key);
     }
     if (!occupied) return;
     if (e->occupied) {
@@ -209,6 +210,15 @@ class ShadowStore {
     return reverseBits(Shm::load(reader_.slotTable().slot(slot).rhash, std::memory_order_relaxed));
   }
 
+  // The writer's slot into scratch_ (decoded) and stored_ (its stored bytes): whether it
+  // holds an entry, and that entry's key.
+  bool readSlot(uint32_t slotIndex, Key& key) {
+    const bool occupied = reader_.getValue(slotIndex, scratch_, &key);
+    if (occupied) {
+      stored_.assign(reader_.slotBuffer(), reader_.slotBuffer() + lengthOf(reader_.slotBuffer()));
+    }
+    return occupied;
+  }
   uint32_t slotOf(const Entry* e) const { return uint32_t(e - entries_.data()); }
   const uint8_t* storedAt(uint32_t slot) const {
     if constexpr (kVariable) return blocks_[slot].data();
