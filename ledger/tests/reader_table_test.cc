@@ -54,6 +54,19 @@ TEST(LedgerReader, MissingTableIsAClearError) {
   reader.detach();  // "already detached", harmless
 }
 
+// 3000 writes of random keys among 4000 (new ones and rewrites), then `removes` removes of
+// random keys, applied to the writer and to `model` alike.
+void churn(Writer& writer, std::map<uint64_t, uint64_t>& model, std::mt19937& rng, int removes) {
+  for (int i = 0; i < 3000; ++i) {
+    uint64_t id = rng() % 4000;
+    writer.write(makeValue(id, ++model[id]));
+  }
+  for (int i = 0; i < removes; ++i) {
+    uint64_t id = rng() % 4000;
+    if (writer.remove(TestKey{id})) model.erase(id);
+  }
+}
+
 TEST(LedgerReader, FollowsWriterThroughGrowthAndShrink) {
   TempRoot root;
   Writer writer(writerConfig(root, 4));
@@ -64,14 +77,7 @@ TEST(LedgerReader, FollowsWriterThroughGrowthAndShrink) {
   std::mt19937 rng(7);
   for (int round = 0; round < 6; ++round) {
     // Grow to a few thousand entries, then remove most of them (slot and bucket shrink).
-    for (int i = 0; i < 3000; ++i) {
-      uint64_t id = rng() % 4000;
-      writer.write(makeValue(id, ++model[id]));
-    }
-    for (int i = 0; i < 3500; ++i) {
-      uint64_t id = rng() % 4000;
-      if (writer.remove(TestKey{id})) model.erase(id);
-    }
+    churn(writer, model, rng, 3500);
     for (uint64_t id = 0; id < 4000; ++id) {
       TestValue v;
       bool found = reader.lookup(TestKey{id}, v);
@@ -220,14 +226,7 @@ TEST(LedgerReader, BatchedLookupsAgreeWithTheTable) {
   std::map<uint64_t, uint64_t> model;
   std::mt19937 rng(3);
   for (int round = 0; round < 3; ++round) {
-    for (int i = 0; i < 3000; ++i) {
-      uint64_t id = rng() % 4000;
-      writer.write(makeValue(id, ++model[id]));
-    }
-    for (int i = 0; i < 2000 * round; ++i) {
-      uint64_t id = rng() % 4000;
-      if (writer.remove(TestKey{id})) model.erase(id);
-    }
+    churn(writer, model, rng, 2000 * round);
     std::vector<TestKey> keys;
     for (uint64_t id = 0; id < 4100; ++id) keys.push_back(TestKey{(id * 7919) % 4100});
     std::vector<TestValue> values(keys.size());
