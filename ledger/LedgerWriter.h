@@ -170,7 +170,9 @@ class LedgerWriter : public LedgerBase<Key, Value> {
       unbalancedDirect(who);
   }
   SlotTableConfig slotConfig() const;
+  // The validator wants one live queue entry per slot: the queue is settled first.
   Validator<Key, OpsT> validator() {
+    rally_.settle();
     return Validator<Key, OpsT>(slots_, buckets_, rally_, ops_, config_.table);
   }
   void resetFresh();

@@ -197,11 +197,9 @@ const void* LedgerWriter<Key, Value, OpsT>::write(const Value& value, WriteFlag 
   checkNoDirect("LedgerWriter::write()");
   const Key key = OpsT::keyOf(value);
   const uint32_t hash = OpsT::hash(key);
-  const ChainPosition pos =
-      map_.find(key, hash, "WriterHashMap::find()", [this](uint32_t s) { rally_.prefetch(s); });
+  const ChainPosition pos = map_.find(key, hash, "WriterHashMap::find()");
   uint32_t slot = pos.hit;
   if (slot != kNoSlot) {
-    rally_.prefetchTombstone(slot);
     if (flag == WriteFlag::ifChanged && ops_.sameStored(slots_.value(slot), value)) {
       ++counters_.unchanged;
       return slots_.value(slot);
@@ -242,8 +240,7 @@ void LedgerWriter<Key, Value, OpsT>::writeBatch(const Value* values, size_t coun
 template <class Key, class Value, class OpsT>
 bool LedgerWriter<Key, Value, OpsT>::remove(const Key& key, Value* out) {
   checkNoDirect("LedgerWriter::remove()");
-  const ChainPosition pos = map_.find(key, OpsT::hash(key), "WriterHashMap::find()",
-                                      [this](uint32_t s) { rally_.prefetch(s); });
+  const ChainPosition pos = map_.find(key, OpsT::hash(key), "WriterHashMap::find()");
   if (pos.hit == kNoSlot) return false;
   const uint32_t slot = pos.hit;
   if (out) ops_.load(slots_.value(slot), *out);

@@ -59,6 +59,10 @@ class RallyReader {
   // entry, and the writer's recorded position of a slot's live entry (kNoPosition if none).
   uint32_t queueCount() const { return queue_ ? count() : 0; }
   uint32_t queueCapacity() const { return capacity_; }
+  // Entries below it are settled: older entries tombstoned, positions recorded (RallyWriter.h).
+  uint32_t queueSettled() const {
+    return queue_ ? Shm::load(queue_->settled, std::memory_order_acquire) : 0;
+  }
   uint32_t slotCapacity() const { return queue_ ? queue_->slotCapacity : 0; }
   RallyEntry entryAt(uint32_t pos) const {
     return RallyEntry{Shm::load(entries_[pos].sequence, std::memory_order_relaxed),

@@ -85,7 +85,12 @@ bool RallyWriter::adoptQueue() {
   if (!valid) return false;
   bindQueue();
   // Positions are checked by the validator; the queue's sequences must at least be sane.
-  return q->count == 0 || entries_[q->count - 1].sequence <= control_->latestSeq;
+  if (q->count > 0 && entries_[q->count - 1].sequence > control_->latestSeq) return false;
+  // The writer before may have died with a tail unsettled, or while settling it. A `settled`
+  // beyond the count is not to be trusted: the whole queue is settled again.
+  settled_ = q->settled <= q->count ? q->settled : 0;
+  settle();
+  return true;
 }
 
 void RallyWriter::bindQueue() {
@@ -103,6 +108,7 @@ void RallyWriter::unbindQueue() {
 }
 
 void RallyWriter::detach() {
+  settle();
   unbindQueue();
   controlFile_.close();
   control_ = nullptr;
@@ -141,17 +147,61 @@ void RallyWriter::swapIn(uint32_t slotCapacity, bool keepLive) {
   q->capacity = capacity;
   q->slotCapacity = slotCapacity;
   q->count = count;
+  q->settled = count;
   std::memcpy(q->magic, kRallyQueueMagic, 8);
   // The new queue is complete before any reader can learn its generation: release.
   Shm::store(control_->generation, generation, std::memory_order_release);
   queueFile_ = std::move(next);
   bindQueue();
+  settled_ = count;
   EmberFile::unlinkFile(root_, table_, rallyQueueName(oldGeneration));
   ZTRACE(3, "RallyWriter::swapIn() generation:" << generation << " live:" << count
                                                 << " capacity:" << capacity);
 }
 
+// For each entry appended since the last settle, in order: the slot's older live entry (the
+// one its position names) becomes a tombstone, and the position names the new entry. Two
+// stages run ahead of the walk: the position of the slot kSettleAhead entries on, and the
+// older entry of the slot half as far on, fetched for writing.
+void RallyWriter::settle() {
+  if (!queue_) return;
+  const uint32_t end = queue_->count;
+  const uint32_t slotCapacity = queue_->slotCapacity;
+  for (uint32_t pos = settled_; pos < end; ++pos) {
+    if (pos + kSettleAhead < end) {
+      const uint32_t ahead = entries_[pos + kSettleAhead].slotWord;
+      if (ahead < slotCapacity) __builtin_prefetch(&positions_[ahead], 1);
+    }
+    if (pos + kSettleAhead / 2 < end) {
+      const uint32_t ahead = entries_[pos + kSettleAhead / 2].slotWord;
+      const uint32_t older = ahead < slotCapacity ? positions_[ahead] : kNoPosition;
+      if (older < end) __builtin_prefetch(&entries_[older], 1);
+    }
+    // A tombstone, or a slot index no writer of this queue could have appended, is left as
+    // it is (the validator reports the latter).
+    const uint32_t slot = entries_[pos].slotWord;
+    if (slot >= slotCapacity) continue;
+    const uint32_t older = positions_[slot];
+    // Only the slot's own live entry: settling again after a crash finds it already done.
+    if (older < pos && entries_[older].slotWord == slot) {
+      // Release: whoever sees the tombstone sees the newer entry counted (it is below `end`,
+      // whose count store came first).
+      Shm::store(entries_[older].slotWord, slot | kTombstone, std::memory_order_release);
+    }
+    // Positions are the writer's and the validator's bookkeeping; readers do not use them.
+    positions_[slot] = pos;
+  }
+  storeSettled(end);
+}
+
+void RallyWriter::storeSettled(uint32_t settled) {
+  settled_ = settled;
+  // Release: a tool that loads `settled` (acquire) sees the tombstones and positions below it.
+  Shm::store(queue_->settled, settled, std::memory_order_release);
+}
+
 void RallyWriter::makeRoomFor(uint32_t slot) {
+  settle();  // a compaction keeps live entries: one per slot
   if (slot >= queue_->slotCapacity) {
     swapIn(slotCapacityFor(std::max(slot + 1, 2 * queue_->slotCapacity)), true);
   } else {

@@ -7,6 +7,15 @@
 // file that holds the live entries in their sequence order. A reader that was at sequence s
 // finds its place in the new queue by binary search for the first entry with sequence > s.
 //
+// Tombstoning is settled in batches. notify() only appends; every kSettleBatch entries (and
+// before a swap, before the validator runs, on detach) settle() walks the entries appended
+// since the last settle, in order, tombstones each one's older entry of the same slot and
+// records the new entry's position. Those older entries and position slots lie anywhere in
+// the file: one pass over a batch, fetching a few entries ahead, overlaps their cache misses
+// instead of meeting one per write. Until its batch is settled a slot may have two live
+// entries, and the position array may still name the older one (or none, for a slot first
+// announced in the batch); `settled` in the queue header says where that tail begins.
+//
 // Files, in the table's folder:
 //
 //   "rally", the control block, never resized:
@@ -32,7 +41,9 @@
 //     uint32_t capacity;            //  20    4   entries the file holds
 //     uint32_t slotCapacity;        //  24    4   slots the position array covers
 //     uint32_t count;               //  28    4   entries appended so far
-//     uint32_t reserved[8];         //  32   32
+//     uint32_t settled;             //  32    4   entries below it are settled (see above);
+//                                   //            count - settled <= kSettleBatch
+//     uint32_t reserved[7];         //  36   28
 //   };                              //  64
 //   uint32_t position[slotCapacity] //  64 + 4 * s: index of slot s's live entry, or kNoPosition
 //   (padding to 8)
@@ -47,12 +58,17 @@
 //    with a release store; load `count` with acquire before reading entries below it.
 //  - An entry becomes a tombstone only after the slot's newer entry is counted: a reader
 //    that sees a tombstone (acquire load of slotWord) will find the newer entry below `count`.
+//  - It may become one much later (at the next settle): a reader can be handed the same slot
+//    twice, from its older and its newer entry. Each time it reads the slot as it is now, so
+//    the second read finds nothing new and reports nothing.
 //  - A swap writes the whole new file first and then release-stores `generation` in the
 //    control block; a reader that loads a new generation (acquire) can open and read the new
 //    file whole. The old file is unlinked but stays valid for whoever still maps it; it is
 //    never written again. Live entries keep their sequences, so sequences in every
 //    generation increase with the position.
 //  - `incarnation` changes when a writer (re)attaches: a reader that sees it change resyncs.
+//  - A writer that adopts a queue first settles its unsettled tail (a writer that died may have
+//    left one, or died in the middle of settling it: settling again changes nothing twice).
 #pragma once
 
 #include <cstddef>
@@ -71,6 +87,8 @@ inline constexpr uint32_t kRallyVersion = 1;
 inline constexpr uint32_t kNoPosition = 0xffffffffu;
 inline constexpr uint32_t kTombstone = 0x80000000u;
 inline constexpr uint32_t kMinRallySlots = 64;
+// Entries appended between two settles of the queue, at most.
+inline constexpr uint32_t kSettleBatch = 256;
 
 struct RallyControl {
   char magic[8];
@@ -93,7 +111,8 @@ struct RallyQueueHeader {
   uint32_t capacity;
   uint32_t slotCapacity;
   uint32_t count;
-  uint32_t reserved[8];
+  uint32_t settled;
+  uint32_t reserved[7];
 };
 
 struct RallyEntry {
@@ -105,6 +124,7 @@ struct RallyEntry {
 static_assert(sizeof(RallyControl) == 64 && offsetof(RallyControl, latestSeq) == 24);
 static_assert(offsetof(RallyControl, corralStart) == 32 && offsetof(RallyControl, writerPid) == 40);
 static_assert(sizeof(RallyQueueHeader) == 64 && offsetof(RallyQueueHeader, count) == 28);
+static_assert(offsetof(RallyQueueHeader, settled) == 32);
 static_assert(sizeof(RallyEntry) == 16 && offsetof(RallyEntry, slotWord) == 8);
 
 // Byte offset of the first entry in a queue file with `slotCapacity` positions.
@@ -130,16 +150,6 @@ class RallyWriter {
   bool attached() const { return control_ != nullptr; }
   bool adopted() const { return adopted_; }
 
-  // Starts fetching what notify(slot) will touch, so that the fetch overlaps other work.
-  void prefetch(uint32_t slot) const {
-    if (queue_ && slot < queue_->slotCapacity) __builtin_prefetch(&positions_[slot]);
-  }
-  // Then, once the position is there, the entry that notify(slot) will tombstone.
-  void prefetchTombstone(uint32_t slot) const {
-    if (!queue_ || slot >= queue_->slotCapacity) return;
-    uint32_t pos = positions_[slot];
-    if (pos < queue_->count) __builtin_prefetch(&entries_[pos], 1);
-  }
   // Announces a change to `slot`; returns its sequence. Inline: every write ends here, and
   // only a full queue or a slot beyond the position array takes the slow path (a swap).
   uint64_t notify(uint32_t slot) {
@@ -153,19 +163,20 @@ class RallyWriter {
     Shm::store(entries_[pos].slotWord, slot, std::memory_order_relaxed);
     // Release: a reader that loads the new count (acquire) sees the entry whole.
     Shm::store(queue_->count, pos + 1, std::memory_order_release);
-    // The slot's previous entry, found in O(1) through the position array.
-    const uint32_t old = positions_[slot];
-    if (old != kNoPosition && old < pos) {
-      // Release, and after the count store: whoever sees the tombstone also sees the newer
-      // entry of the same slot counted.
-      Shm::store(entries_[old].slotWord, slot | kTombstone, std::memory_order_release);
-    }
-    // Positions are the writer's and the validator's bookkeeping; readers do not use them.
-    positions_[slot] = pos;
     // Release: a reader that sees latestSeq (acquire) sees every entry up to it.
     Shm::store(control_->latestSeq, seq, std::memory_order_release);
+    // The entries a few writes on: their line is owned before those stores come, so that no
+    // store waits for it behind the others.
+    if (pos + kAppendAhead < queue_->capacity) {
+      __builtin_prefetch(&entries_[pos + kAppendAhead], 1);
+    }
+    if (pos + 1 - settled_ >= kSettleBatch) [[unlikely]]
+      settle();
     return seq;
   }
+  // Settles the entries appended since the last settle (see above). Whoever checks positions
+  // or needs one live entry per slot (validator, swap, detach) runs it first.
+  void settle();
   void markShrinkStart(uint32_t corralStart, uint32_t corralEnd);
   void markShrinkEnd();
   // Drops every entry: a new, empty generation (recovery re-announces every slot after it).
@@ -187,6 +198,7 @@ class RallyWriter {
   uint32_t generation() const;
   uint32_t incarnation() const;
   uint32_t count() const { return queue_ ? queue_->count : 0; }
+  uint32_t settled() const { return queue_ ? settled_ : 0; }
   uint32_t capacity() const { return queue_ ? queue_->capacity : 0; }
   uint32_t slotCapacity() const { return queue_ ? queue_->slotCapacity : 0; }
   uint32_t position(uint32_t slot) const;
@@ -195,9 +207,13 @@ class RallyWriter {
   uint64_t compactions() const { return compactions_; }
 
  private:
+  static constexpr uint32_t kAppendAhead = 16;  // four lines of entries
+  static constexpr uint32_t kSettleAhead = 16;  // entries a settle fetches ahead
+
   // Swaps in a queue with room for one more entry and a position for `slot`.
   void makeRoomFor(uint32_t slot);
   bool adoptQueue();
+  void storeSettled(uint32_t settled);
   void unbindQueue();
   void swapIn(uint32_t slotCapacity, bool keepLive);
   void bindQueue();
@@ -213,6 +229,7 @@ class RallyWriter {
   uint32_t* positions_ = nullptr;
   RallyEntry* entries_ = nullptr;
   uint64_t kickedSeq_ = 0;
+  uint32_t settled_ = 0;  // the header's `settled`, as this writer last stored it
   uint64_t compactions_ = 0;
   bool adopted_ = false;
   KickHook kickHook_;

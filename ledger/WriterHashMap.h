@@ -46,17 +46,11 @@ class WriterHashMap {
     return ref.isBucket ? buckets_.head(ref.index) : slots_.slot(ref.index).linkPair;
   }
 
-  // `visit(slot)` is called for every slot the walk is about to touch (a chance to start
-  // fetching what the caller will need for it).
-  //
   // Each slot met is checked (in range, within the walk's bound, OCCUPIED, its stored key
   // hashing to this bucket and to its rhash) before it is compared. For the slot that holds
   // the sought key the check needs no hashing: its stored key equals the key whose hash we
   // have, so it passes exactly when the slot is OCCUPIED with our rhash.
-  template <class Visit = void (*)(uint32_t)>
-  ChainPosition find(
-      const Key& key, uint32_t hash, const char* who = "WriterHashMap::find()",
-      Visit visit = [](uint32_t) {}) {
+  ChainPosition find(const Key& key, uint32_t hash, const char* who = "WriterHashMap::find()") {
     const uint32_t bucket = bucketOf(hash);
     const uint32_t rhash = reverseBits(hash);
     const uint32_t numSlots = slots_.numSlots();
@@ -67,7 +61,6 @@ class WriterHashMap {
         badWalk(who, link, count);
       }
       prefetchSlotTail(link);
-      visit(link);
       const SlotHeader& s = slots_.slot(link);
       const Key stored = ops_.storedKey(slots_.value(link));
       const bool sameRhash = s.rhash == rhash;

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "ledger/LedgerWriter.h"
+#include "ledger/tests/ForkedChild.h"
 #include "ledger/tests/TestTable.h"
 
 namespace {
@@ -144,23 +145,10 @@ class Crash : public ::testing::Test {
 
   // Runs a child writer until it kills itself and applies what it acknowledged.
   void runChild(uint64_t seed) {
-    int fds[2];
-    ASSERT_EQ(::pipe(fds), 0);
-    pid_t pid = ::fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-      ::close(fds[0]);
-      churn(root.path(), fds[1], seed, maxVersion + 1000000);
-    }
-    ::close(fds[1]);
-    std::vector<char> stream;
-    char chunk[65536];
-    for (ssize_t n; (n = ::read(fds[0], chunk, sizeof(chunk))) > 0;) {
-      stream.insert(stream.end(), chunk, chunk + n);
-    }
-    ::close(fds[0]);
-    int status = 0;
-    ::waitpid(pid, &status, 0);
+    ForkedChild child([&](int fd) -> int { churn(root.path(), fd, seed, maxVersion + 1000000); });
+    ASSERT_GT(child.pid(), 0);
+    const std::string stream = child.readAll();
+    const int status = child.wait();
     ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "child status " << status;
     for (size_t at = 0; at + sizeof(Record) <= stream.size(); at += sizeof(Record)) {
       Record r;

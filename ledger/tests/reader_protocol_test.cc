@@ -17,6 +17,7 @@
 #include <random>
 
 #include "ledger/LedgerWriter.h"
+#include "ledger/tests/ForkedChild.h"
 #include "ledger/tests/TestTable.h"
 #include "platform/shm/EmberFile.h"
 
@@ -169,12 +170,7 @@ TEST(ReaderProtocol, AnotherProcessNeverSeesATornValueOrLosesAStableKey) {
   uint64_t version = 0;
   for (uint64_t id = 0; id < kStableKeys; ++id) writer.write(makeValue(id, ++version));
 
-  int fds[2];
-  ASSERT_EQ(::pipe(fds), 0);
-  pid_t pid = ::fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    ::close(fds[0]);
+  ForkedChild child([&](int fd) {
     ProtocolReader reader(root.path());
     std::mt19937_64 rng(1);
     auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(1500);
@@ -183,15 +179,14 @@ TEST(ReaderProtocol, AnotherProcessNeverSeesATornValueOrLosesAStableKey) {
       if (!reader.lookup(TestKey{rng() % kStableKeys}, v)) ++reader.stats.stableMisses;
       reader.lookup(TestKey{1000 + rng() % 3000}, v);  // churning keys: either answer is fine
     }
-    ssize_t n = ::write(fds[1], &reader.stats, sizeof(reader.stats));
-    ::_exit(n == sizeof(reader.stats) ? 0 : 1);
-  }
-  ::close(fds[1]);
+    ssize_t n = ::write(fd, &reader.stats, sizeof(reader.stats));
+    return n == sizeof(reader.stats) ? 0 : 1;
+  });
+  ASSERT_GT(child.pid(), 0);
   // Churn until the reader reports: rewrites of the stable keys, and waves of inserts and
   // removes that grow and shrink both the buckets and the slots.
   std::mt19937_64 rng(2);
-  ProtocolReader::Stats stats;
-  ::fcntl(fds[0], F_SETFL, O_NONBLOCK);
+  std::string report;
   uint64_t round = 0;
   for (;; ++round) {
     for (uint64_t id = 0; id < kStableKeys; ++id) writer.write(makeValue(id, ++version));
@@ -204,13 +199,15 @@ TEST(ReaderProtocol, AnotherProcessNeverSeesATornValueOrLosesAStableKey) {
         writer.remove(TestKey{id});
       }
     }
-    ssize_t got = ::read(fds[0], &stats, sizeof(stats));
-    if (got == 0 || got == sizeof(stats)) break;  // the report, or the reader died without one
+    // The report, or the reader died without one.
+    if (!child.poll(report) || report.size() >= sizeof(ProtocolReader::Stats)) break;
   }
-  int status;
-  ::waitpid(pid, &status, 0);
+  const int status = child.wait();
   ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
       << "reader ended with status " << status << " after " << round << " rounds";
+  ASSERT_EQ(report.size(), sizeof(ProtocolReader::Stats));
+  ProtocolReader::Stats stats;
+  std::memcpy(&stats, report.data(), sizeof(stats));
   EXPECT_GT(stats.lookups, 1000u);
   EXPECT_EQ(stats.torn, 0u);
   EXPECT_EQ(stats.stableMisses, 0u);

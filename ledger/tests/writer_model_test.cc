@@ -6,25 +6,15 @@
 #include <map>
 #include <random>
 
-#include "ledger/LedgerWriter.h"
-#include "ledger/tests/TestTable.h"
+#include "ledger/tests/SmallTable.h"
 
 namespace {
 
 using namespace LedgerTest;
-using Writer = Ledger::LedgerWriter<TestKey, TestValue>;
 
-class WriterModel : public ::testing::Test {
+class WriterModel : public SmallTable {
  protected:
-  WriterModel() {
-    Ledger::LedgerConfig config;
-    config.root = root.path();
-    config.table = "model";
-    config.capacity = 4;
-    config.minBuckets = 4;
-    writer = std::make_unique<Writer>(config);
-    writer->attach();
-  }
+  WriterModel() : SmallTable("model") {}
 
   void checkKey(uint64_t id) {
     TestValue got;
@@ -82,8 +72,6 @@ class WriterModel : public ::testing::Test {
     checkKey(id);
   }
 
-  TempRoot root;
-  std::unique_ptr<Writer> writer;
   std::map<uint64_t, TestValue> model;
   uint64_t version = 0;
 };
