@@ -6,10 +6,11 @@
 // off) -> in step (rally on, per-key notifications) -> detached. Falling out of step (the
 // writer re-attached, the queue is inconsistent, corruption) goes back to syncing.
 //
-// Wake-ups: the shadow registers a kick socket in the table's folder and watches its fd on the
-// notification loop; an idle shadow sleeps in the loop's epoll. The writer's re-attach is
-// seen on the next kick (its incarnation changed), and a slow health check notices a table
-// whose files were removed and made anew (nobody would kick us there).
+// Wake-ups: the shadow registers for kicks in the table's folder (a socket, and an eventfd it
+// hands to the writer) and watches them on the notification loop; an idle shadow sleeps in
+// the loop's epoll. The writer's re-attach is seen on the next kick (its incarnation
+// changed), and a slow health check notices a table whose files were removed and made anew
+// (nobody would kick us there).
 //
 // A shadow that cannot mount because the table does not exist yet retries on a timer
 // (ReaderMounter) until the writer appears.
@@ -181,7 +182,7 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
       return false;
     }
     identity_ = fileIdentity();
-    loop_.fdWatchIs(kick_->fd(), [this](uint32_t) { onKick(); });
+    kick_->watchOn(loop_, [this] { onKick(); });
     healthTimer_ = loop_.timerEvery(options_.healthCheck, [this] { healthCheck(); });
     state_ = ShadowState::attached;
     ZTRACE_TO(
@@ -193,7 +194,7 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
 
   void unmount() {
     syncer_.interrupt();
-    if (kick_) loop_.fdWatchDel(kick_->fd());
+    if (kick_) kick_->unwatch(loop_);
     kick_.reset();
     if (healthTimer_) loop_.timerDel(healthTimer_);
     healthTimer_ = 0;
@@ -255,7 +256,6 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
 
   void onKick() {
     ++kicks_;
-    if (kick_) kick_->drain();
     if (state_ == ShadowState::inStep) {
       processRally();
     } else if (state_ == ShadowState::syncing && rally_.incarnationChanged()) {
@@ -316,9 +316,9 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
       identity_ = fileIdentity();
       if (kick_ &&
           !SharedMem::EmberFile::exists(config_.root, config_.table, "readers/" + kickName())) {
-        loop_.fdWatchDel(kick_->fd());
+        kick_->unwatch(loop_);
         kick_ = std::make_unique<Mem::ReaderKickListener>(tableDir());
-        loop_.fdWatchIs(kick_->fd(), [this](uint32_t) { onKick(); });
+        kick_->watchOn(loop_, [this] { onKick(); });
       }
       return true;
     } catch (const Zinc::Exception& e) {

@@ -21,7 +21,8 @@ int check(int rc, const char* what) {
 }
 
 uint32_t toEpoll(uint32_t events) {
-  return ((events & Loop::readable) ? EPOLLIN : 0u) | ((events & Loop::writable) ? EPOLLOUT : 0u);
+  return ((events & Loop::readable) ? EPOLLIN : 0u) | ((events & Loop::writable) ? EPOLLOUT : 0u) |
+         ((events & Loop::edgeTriggered) ? uint32_t(EPOLLET) : 0u);
 }
 
 uint32_t fromEpoll(uint32_t ev) {

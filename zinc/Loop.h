@@ -37,6 +37,9 @@ class Loop {
 
   static constexpr uint32_t readable = 1;
   static constexpr uint32_t writable = 2;
+  // With readable/writable: edge-triggered, fn runs once per new event and need not drain (an
+  // eventfd only counted on, say, is never read).
+  static constexpr uint32_t edgeTriggered = 4;
 
   Loop();
   ~Loop();

@@ -4,18 +4,24 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/inotify.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <string_view>
 
 #include "zinc/Exception.h"
+#include "zinc/Loop.h"
 #include "zinc/Trace.h"
 
 ZINC_TRACE_FILE("ReaderKick")
@@ -63,6 +69,48 @@ bool isSocketName(const char* name) {
   return len > 5 && std::strcmp(name + len - 5, ".sock") == 0;
 }
 
+void closeIfOpen(int& fd) {
+  if (fd >= 0) ::close(fd);
+  fd = -1;
+}
+
+// What a reader hands over must be what it claims to be: a non-blocking eventfd (a write to
+// anything else could block the writer) and a pidfd (EPERM: one of another user's process).
+bool isEventFd(int fd) {
+  char link[64];
+  const std::string path = "/proc/self/fd/" + std::to_string(fd);
+  const ssize_t n = ::readlink(path.c_str(), link, sizeof(link));
+  constexpr std::string_view kEventFd = "anon_inode:[eventfd]";
+  if (n != ssize_t(kEventFd.size()) || std::string_view(link, size_t(n)) != kEventFd) return false;
+  const int flags = ::fcntl(fd, F_GETFL);
+  return flags >= 0 && ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) == 0;
+}
+bool isPidFd(int fd) {
+  return ::syscall(SYS_pidfd_send_signal, fd, 0, nullptr, 0) == 0 || errno == EPERM;
+}
+
+// The descriptors passed with SCM_RIGHTS in `msg`, at most `max` (any beyond are closed).
+size_t receivedFds(msghdr& msg, int* fds, size_t max) {
+  size_t count = 0;
+  for (cmsghdr* c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
+    if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
+    const size_t n = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+    for (size_t i = 0; i < n; ++i) {
+      int fd;
+      std::memcpy(&fd, CMSG_DATA(c) + i * sizeof(int), sizeof(int));
+      if (count < max) {
+        fds[count++] = fd;
+      } else {
+        ::close(fd);
+      }
+    }
+  }
+  return count;
+}
+
+// An epoll event's data: what it is about and the fd.
+uint64_t watchData(uint32_t what, int fd) { return (uint64_t{what} << 32) | uint32_t(fd); }
+
 }  // namespace
 
 std::string readersDir(const std::string& tableDir) { return tableDir + "/readers"; }
@@ -90,12 +138,15 @@ ReaderKickListener::ReaderKickListener(const std::string& tableDir) {
     throw Zinc::Exception("ReaderKickListener cannot bind " + path_ + ": " + errnoText(err));
   }
   ::chmod(path_.c_str(), 0620);  // the writer may be another user of the group
+  openEventFd();
   ZTRACE(5, "ReaderKickListener() registered " << path_);
 }
 
 ReaderKickListener::~ReaderKickListener() {
   ::unlink(path_.c_str());
   ::close(fd_);
+  closeIfOpen(eventFd_);
+  closeIfOpen(pidFd_);
   ::unlink(ackPath_.c_str());
   ::munmap(ack_, sizeof(ReaderAck));
   ::close(ackFd_);  // drops the flock
@@ -123,6 +174,16 @@ void ReaderKickListener::openAckRecord() {
   // Release: the record is whole before its magic says so.
   std::atomic_thread_fence(std::memory_order_release);
   std::memcpy(ack_->magic, kAckMagic, sizeof(kAckMagic));
+}
+
+// Both or neither: without them writers keep kicking by datagram.
+void ReaderKickListener::openEventFd() {
+  eventFd_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+  pidFd_ = int(::syscall(SYS_pidfd_open, ::getpid(), 0));
+  if (eventFd_ >= 0 && pidFd_ >= 0) return;
+  ZTRACE(1, "ReaderKickListener() no eventfd or pidfd, kicked by datagram: " << errnoText(errno));
+  closeIfOpen(eventFd_);
+  closeIfOpen(pidFd_);
 }
 
 void ReaderKickListener::acknowledge(uint64_t consumed) {
@@ -161,24 +222,91 @@ std::optional<uint64_t> readerConsumed(const std::string& tableDir, const std::s
   return consumed;
 }
 
-uint32_t ReaderKickListener::drain() {
+uint32_t ReaderKickListener::drainSocket() {
   // Up to kBatch kicks a call: one call when, as usual, a handful are waiting.
   constexpr unsigned kBatch = 64;
-  mmsghdr messages[kBatch] = {};
+  mmsghdr messages[kBatch];
+  sockaddr_un senders[kBatch];
   uint32_t kicks = 0;
   for (;;) {
+    std::memset(messages, 0, sizeof(messages));
+    for (unsigned i = 0; i < kBatch; ++i) {
+      messages[i].msg_hdr.msg_name = &senders[i];
+      messages[i].msg_hdr.msg_namelen = sizeof(senders[i]);
+    }
     int n = ::recvmmsg(fd_, messages, kBatch, MSG_DONTWAIT, nullptr);
     if (n <= 0) return kicks;
     kicks += uint32_t(n);
+    // Every writer heard from gets the handover once per batch; it stops sending datagrams
+    // once it has it.
+    for (int i = 0; i < n && eventFd_ >= 0; ++i) {
+      const socklen_t length = messages[i].msg_hdr.msg_namelen;
+      if (length <= sizeof(sa_family_t) || length > sizeof(sockaddr_un)) continue;
+      bool answered = false;
+      for (int j = 0; j < i && !answered; ++j) {
+        answered = messages[j].msg_hdr.msg_namelen == length &&
+                   std::memcmp(&senders[j], &senders[i], length) == 0;
+      }
+      if (!answered) handOverTo(senders[i], length);
+    }
     if (unsigned(n) < kBatch) return kicks;
   }
 }
 
+// The eventfd and the pidfd, to the writer's socket; never waiting. Lost answers are harmless:
+// the writer kicks by datagram until one arrives, and every datagram is answered.
+void ReaderKickListener::handOverTo(const sockaddr_un& writer, socklen_t length) {
+  char tag = 'H';
+  iovec iov{&tag, 1};
+  alignas(cmsghdr) char control[CMSG_SPACE(2 * sizeof(int))] = {};
+  msghdr msg{};
+  msg.msg_name = const_cast<sockaddr_un*>(&writer);
+  msg.msg_namelen = length;
+  msg.msg_iov = &iov;
+  msg.msg_iovlen = 1;
+  msg.msg_control = control;
+  msg.msg_controllen = sizeof(control);
+  cmsghdr* c = CMSG_FIRSTHDR(&msg);
+  c->cmsg_level = SOL_SOCKET;
+  c->cmsg_type = SCM_RIGHTS;
+  c->cmsg_len = CMSG_LEN(2 * sizeof(int));
+  const int fds[2] = {eventFd_, pidFd_};
+  std::memcpy(CMSG_DATA(c), fds, sizeof(fds));
+  if (::sendmsg(fd_, &msg, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) {
+    ++handoversSent_;
+  } else {
+    ZTRACE(5, "ReaderKickListener::handOverTo() " << errnoText(errno));
+  }
+}
+
+void ReaderKickListener::watchOn(Zinc::Loop& loop, std::function<void()> onKick) {
+  if (eventFd_ >= 0) {
+    loop.fdWatchIs(
+        eventFd_, [onKick](uint32_t) { onKick(); },
+        Zinc::Loop::readable | Zinc::Loop::edgeTriggered);
+  }
+  loop.fdWatchIs(fd_, [this, onKick = std::move(onKick)](uint32_t) {
+    drainSocket();
+    onKick();
+  });
+}
+
+void ReaderKickListener::unwatch(Zinc::Loop& loop) {
+  loop.fdWatchDel(fd_);
+  if (eventFd_ >= 0) loop.fdWatchDel(eventFd_);
+}
+
+uint32_t ReaderKickListener::drainEvents() {
+  uint64_t count = 0;
+  if (eventFd_ < 0 || ::read(eventFd_, &count, sizeof(count)) != sizeof(count)) return 0;
+  return uint32_t(std::min<uint64_t>(count, UINT32_MAX));
+}
+
 bool ReaderKickListener::wait(int timeoutMs) const {
-  pollfd pfd{fd_, POLLIN, 0};
+  pollfd pfds[2] = {{fd_, POLLIN, 0}, {eventFd_, POLLIN, 0}};
   int rc;
   do {
-    rc = ::poll(&pfd, 1, timeoutMs);
+    rc = ::poll(pfds, eventFd_ >= 0 ? 2 : 1, timeoutMs);
   } while (rc < 0 && errno == EINTR);
   return rc > 0;
 }
@@ -187,21 +315,27 @@ ReaderKickSm::ReaderKickSm(const std::string& tableDir, Defer defer)
     : dir_(readersDir(tableDir)), defer_(std::move(defer)) {
   makeDir(tableDir);
   makeDir(dir_);
+  pollFd_ = ::epoll_create1(EPOLL_CLOEXEC);
+  if (pollFd_ < 0) throw Zinc::Exception("ReaderKickSm epoll: " + errnoText(errno));
   // Watch before the first scan, so that no registration falls between the two.
   inotifyFd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   if (inotifyFd_ >= 0 &&
       ::inotify_add_watch(inotifyFd_, dir_.c_str(), IN_CREATE | IN_DELETE | IN_MOVED_TO) < 0) {
-    ::close(inotifyFd_);
-    inotifyFd_ = -1;
+    closeIfOpen(inotifyFd_);
   }
-  if (inotifyFd_ < 0) ZTRACE(0, "ReaderKickSm() no inotify, rescanning on every kick");
+  if (inotifyFd_ < 0) {
+    ZTRACE(0, "ReaderKickSm() no inotify, rescanning on every kick");
+  } else {
+    watch(inotifyFd_, Watch::registrations);
+  }
   rescan();
 }
 
 ReaderKickSm::~ReaderKickSm() {
   *alive_ = false;
-  for (auto& reader : readers_) closeFd(reader);
-  if (inotifyFd_ >= 0) ::close(inotifyFd_);
+  for (auto& reader : readers_) closeFds(reader);
+  closeIfOpen(inotifyFd_);
+  closeIfOpen(pollFd_);
 }
 
 void ReaderKickSm::commitNotify() {
@@ -218,21 +352,56 @@ void ReaderKickSm::commitNotify() {
 uint32_t ReaderKickSm::flush() {
   if (!pending_) return 0;
   pending_ = false;
-  refreshIfChanged();
+  pollChanges();
   uint32_t kicked = 0;
   for (size_t i = 0; i < readers_.size();) {
     if (kick(readers_[i])) {
       ++kicked;
       ++i;
-      continue;
+    } else {
+      drop(i);
     }
-    ++readersDropped_;
-    closeFd(readers_[i]);
-    readers_[i] = std::move(readers_.back());
-    readers_.pop_back();
   }
   kicksSent_ += kicked;
   return kicked;
+}
+
+uint32_t ReaderKickSm::readersHandedOver() const {
+  return uint32_t(std::count_if(readers_.begin(), readers_.end(),
+                                [](const Registration& r) { return r.eventFd >= 0; }));
+}
+
+void ReaderKickSm::watch(int fd, Watch what) {
+  epoll_event ev{};
+  ev.events = EPOLLIN;
+  ev.data.u64 = watchData(uint32_t(what), fd);
+  if (::epoll_ctl(pollFd_, EPOLL_CTL_ADD, fd, &ev) != 0) {
+    ZTRACE(0, "ReaderKickSm::watch() " << fd << ": " << errnoText(errno));
+  }
+}
+
+// One look, never waiting, at everything that happened since the last flush: registrations
+// made or removed, handovers received, readers that exited.
+void ReaderKickSm::pollChanges() {
+  bool changed = inotifyFd_ < 0;
+  epoll_event events[64];
+  const int n = ::epoll_wait(pollFd_, events, 64, 0);
+  for (int i = 0; i < n; ++i) {
+    const int fd = int(uint32_t(events[i].data.u64));
+    const auto what = Watch(events[i].data.u64 >> 32);
+    if (what == Watch::registrations) {
+      changed = true;
+    } else if (Registration* reader = findByFd(fd, what); reader && what == Watch::handover) {
+      takeHandover(*reader);
+    } else if (reader) {
+      // The fd may be another reader's by now (closed and reused within this batch).
+      pollfd exited{fd, POLLIN, 0};
+      if (::poll(&exited, 1, 0) != 1) continue;
+      ZTRACE(1, "ReaderKickSm::pollChanges() dropping exited reader " << reader->path);
+      drop(size_t(reader - readers_.data()));
+    }
+  }
+  if (changed) refreshIfChanged();
 }
 
 void ReaderKickSm::refreshIfChanged() {
@@ -243,45 +412,110 @@ void ReaderKickSm::refreshIfChanged() {
   if (changed) rescan();
 }
 
+ReaderKickSm::Registration* ReaderKickSm::findByFd(int fd, Watch what) {
+  for (auto& reader : readers_) {
+    if ((what == Watch::handover ? reader.fd : reader.pidFd) == fd) return &reader;
+  }
+  return nullptr;
+}
+
 void ReaderKickSm::rescan() {
   std::vector<Registration> found;
   if (DIR* dir = ::opendir(dir_.c_str())) {
     while (dirent* entry = ::readdir(dir)) {
-      if (isSocketName(entry->d_name)) found.push_back({dir_ + "/" + entry->d_name, -1});
+      if (isSocketName(entry->d_name)) found.push_back({dir_ + "/" + entry->d_name});
     }
     ::closedir(dir);
   }
-  // Keep the connections of readers still registered; close the others'.
+  // Keep the connections (and handovers) of readers still registered; close the others'.
   for (auto& old : readers_) {
     for (auto& now : found) {
-      if (now.path == old.path && now.fd < 0) std::swap(now.fd, old.fd);
+      if (now.path == old.path) {
+        std::swap(now, old);
+        break;
+      }
     }
-    closeFd(old);
+    closeFds(old);
   }
   readers_ = std::move(found);
 }
 
+// Datagrams from this socket carry its (autobound, abstract) address, to which the reader
+// answers with its handover.
 int ReaderKickSm::connectTo(const std::string& path) {
   sockaddr_un addr;
   if (!fillAddress(path, addr)) return -1;
   int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   if (fd < 0) return -1;
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+  sockaddr_un unnamed{};
+  unnamed.sun_family = AF_UNIX;
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&unnamed), sizeof(sa_family_t)) != 0 ||
+      ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
     ::close(fd);
     return -1;
   }
+  watch(fd, Watch::handover);
   return fd;
 }
 
-void ReaderKickSm::closeFd(Registration& reader) {
-  if (reader.fd >= 0) ::close(reader.fd);
-  reader.fd = -1;
+// Everything the reader sent: a well-formed handover replaces the one held; anything else is
+// closed and ignored.
+void ReaderKickSm::takeHandover(Registration& reader) {
+  for (;;) {
+    char tag;
+    iovec iov{&tag, 1};
+    alignas(cmsghdr) char control[CMSG_SPACE(2 * sizeof(int))];
+    msghdr msg{};
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    msg.msg_control = control;
+    msg.msg_controllen = sizeof(control);
+    if (::recvmsg(reader.fd, &msg, MSG_DONTWAIT | MSG_CMSG_CLOEXEC) < 0) return;
+    int fds[2];
+    const size_t n = receivedFds(msg, fds, 2);
+    if (n == 2 && isEventFd(fds[0]) && isPidFd(fds[1])) {
+      closeHandover(reader);
+      reader.eventFd = fds[0];
+      reader.pidFd = fds[1];
+      watch(reader.pidFd, Watch::exit);
+      ZTRACE(5, "ReaderKickSm::takeHandover() kicking " << reader.path << " by eventfd");
+      continue;
+    }
+    for (size_t i = 0; i < n; ++i) ::close(fds[i]);
+  }
 }
 
-// One empty datagram, never waiting. A failed send is tried once more on a fresh connection
-// (the path may have been bound anew); false when the reader is gone: its registration is
-// unlinked so that no later kick (from this or another writer) pays for it again.
+void ReaderKickSm::closeFds(Registration& reader) {
+  closeIfOpen(reader.fd);
+  closeHandover(reader);
+}
+
+void ReaderKickSm::closeHandover(Registration& reader) {
+  closeIfOpen(reader.eventFd);
+  closeIfOpen(reader.pidFd);
+}
+
+// The reader is gone: its registration and record are unlinked, so that no later kick (from
+// this or another writer) pays for it again.
+void ReaderKickSm::drop(size_t index) {
+  Registration& reader = readers_[index];
+  ++readersDropped_;
+  ::unlink(reader.path.c_str());
+  ::unlink(ackPathOf(reader.path).c_str());
+  closeFds(reader);
+  readers_[index] = std::move(readers_.back());
+  readers_.pop_back();
+}
+
+// By eventfd when the reader handed one over, else one empty datagram; never waiting. A failed
+// send is tried once more on a fresh connection (the path may have been bound anew); false
+// when the reader is gone.
 bool ReaderKickSm::kick(Registration& reader) {
+  if (reader.eventFd >= 0) {
+    const uint64_t one = 1;
+    if (::write(reader.eventFd, &one, sizeof(one)) == sizeof(one) || errno == EAGAIN) return true;
+    closeHandover(reader);
+  }
   for (int attempt = 0; attempt < 2; ++attempt) {
     if (reader.fd < 0) reader.fd = connectTo(reader.path);
     if (reader.fd < 0) break;
@@ -289,11 +523,9 @@ bool ReaderKickSm::kick(Registration& reader) {
         errno == EWOULDBLOCK || errno == ENOBUFS) {
       return true;
     }
-    closeFd(reader);
+    closeIfOpen(reader.fd);
   }
   ZTRACE(1, "ReaderKickSm::kick() dropping reader " << reader.path << ": " << errnoText(errno));
-  ::unlink(reader.path.c_str());
-  ::unlink(ackPathOf(reader.path).c_str());
   return false;
 }
 

@@ -2,17 +2,23 @@
 //
 // Every attached reader owns a unix datagram socket bound to
 //   <tableDir>/readers/<pid>-<n>.sock
-// An idle reader blocks in epoll (its notification loop) on that socket's fd and costs no CPU.
-// The writer (ReaderKickSm) marks a commit with commitNotify() and, at most once per loop
-// iteration, sends one empty datagram to every registered socket. Sends never block: a reader
-// whose queue is full already has a kick waiting, and a socket nobody listens on any more
-// (ECONNREFUSED, ENOENT) is unlinked and forgotten on the first failed kick, so a dead reader
-// costs the writer nothing.
+// and an eventfd. An idle reader blocks in epoll (its notification loop) on both and costs no
+// CPU. The writer (ReaderKickSm) marks a commit with commitNotify() and, at most once per loop
+// iteration, kicks every registered reader once. Kicks never block.
 //
-// The writer learns of new and removed registrations through inotify on the readers folder,
-// and keeps one socket connected to each reader, so a kick costs one non-blocking read plus one
-// send per reader: no directory scan and no path lookup. A reader drains its kicks with one
-// receive call.
+// A kick is first an empty datagram on the reader's socket. The reader answers the first
+// datagram of each writer with a handover: its eventfd and a pidfd of its own process, passed
+// with SCM_RIGHTS to the writer's (autobound) socket. From then on that writer kicks with an
+// 8-byte write to the eventfd, which wakes the reader as fast as the kernel wakes anything,
+// and watches the pidfd: a reader that dies is dropped at the writer's next flush, before
+// anything is spent on it. A reader that never answers stays on datagrams; a socket nobody
+// listens on any more (ECONNREFUSED, ENOENT) is unlinked and forgotten on the first failed
+// kick. Either way a dead reader costs the writer nothing.
+//
+// The writer learns of new and removed registrations through inotify on the readers folder.
+// One non-blocking epoll_wait per flush tells it all that changed since the last one
+// (registrations, handovers, readers gone); then a kick costs one write or send per reader:
+// no directory scan and no path lookup.
 //
 // Beside its socket every reader keeps an acknowledgement record, <pid>-<n>.ack, in which it
 // publishes the last change sequence it has consumed (ReaderAck below). The reader's name is
@@ -20,12 +26,19 @@
 // it lives, so that the writer can tell a live reader's record from one a dead reader left.
 #pragma once
 
+#include <sys/socket.h>
+#include <sys/un.h>
+
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
+
+namespace Zinc {
+class Loop;
+}
 
 namespace Mem {
 
@@ -54,8 +67,10 @@ inline constexpr uint64_t kNotInStep = ~uint64_t{0};
 // not well formed. The record is untrusted: its size, magic and version are checked.
 std::optional<uint64_t> readerConsumed(const std::string& tableDir, const std::string& name);
 
-// Reader side: one registration, removed when destroyed. Watch fd() for readability and call
-// drain() when it fires; it consumes every pending kick (many kicks coalesce into one wake-up).
+// Reader side: one registration, removed when destroyed. On a notification loop, watchOn()
+// does all there is to do. Without one, wait for either fd() or eventFd() to be readable and
+// call drain(): it consumes every pending kick and answers writers with the handover. Many
+// kicks coalesce into one wake-up.
 class ReaderKickListener {
  public:
   // Creates <tableDir>/readers if needed and binds a fresh socket there. Throws
@@ -65,28 +80,46 @@ class ReaderKickListener {
   ReaderKickListener& operator=(const ReaderKickListener&) = delete;
   ~ReaderKickListener();
 
+  // The datagram socket.
   int fd() const { return fd_; }
+  // The eventfd handed to writers; -1 when this system offers none (datagrams only).
+  int eventFd() const { return eventFd_; }
   const std::string& path() const { return path_; }
   // The registration's name, "<pid>-<n>", by which the writer asks about this reader.
   const std::string& name() const { return name_; }
   // Publishes the last sequence consumed (kNotInStep while not following the writer).
   void acknowledge(uint64_t consumed);
   uint64_t acknowledged() const;
-  // Consumes all pending kicks without blocking; returns how many there were.
-  uint32_t drain();
+  // Runs `onKick` on `loop` after every kick, by either path; the kicks are consumed (the
+  // eventfd is watched edge-triggered: never read, it costs no system call). unwatch() before
+  // this listener or the loop goes.
+  void watchOn(Zinc::Loop& loop, std::function<void()> onKick);
+  void unwatch(Zinc::Loop& loop);
+  // Consumes all pending kicks of both kinds without blocking; returns how many there were.
+  uint32_t drain() { return drainSocket() + drainEvents(); }
+  // Consumes the pending datagrams, answering every writer that sent one with the handover.
+  uint32_t drainSocket();
+  // Consumes the eventfd's kicks.
+  uint32_t drainEvents();
   // Blocks until a kick arrives or timeoutMs passes (-1: forever); true when kicked. For
   // programs and tests without a notification loop. Does not drain.
   bool wait(int timeoutMs) const;
+  uint64_t handoversSent() const { return handoversSent_; }
 
  private:
   void openAckRecord();
+  void openEventFd();
+  void handOverTo(const sockaddr_un& writer, socklen_t length);
 
   std::string name_;
   std::string path_;
   std::string ackPath_;
   int fd_ = -1;
+  int eventFd_ = -1;
+  int pidFd_ = -1;
   int ackFd_ = -1;
   ReaderAck* ack_ = nullptr;
+  uint64_t handoversSent_ = 0;
 };
 
 // Writer side. Kicks go out from flush(); commitNotify() only sets a flag and, when a defer
@@ -107,23 +140,37 @@ class ReaderKickSm {
   uint32_t flush();
 
   uint32_t readers() const { return uint32_t(readers_.size()); }
+  // Registered readers whose eventfd this writer holds (kicked without a datagram).
+  uint32_t readersHandedOver() const;
   uint64_t kicksSent() const { return kicksSent_; }
   uint64_t readersDropped() const { return readersDropped_; }
 
  private:
-  void refreshIfChanged();
-  // A registered reader and the datagram socket connected to it (-1 until connected).
+  // A registered reader: the datagram socket connected to it (-1 until connected), and once
+  // it handed them over, its eventfd and the pidfd of its process (-1 until then).
   struct Registration {
     std::string path;
     int fd = -1;
+    int eventFd = -1;
+    int pidFd = -1;
   };
+  // What an epoll event of pollFd_ is about.
+  enum class Watch : uint32_t { registrations, handover, exit };
+  void pollChanges();
+  void watch(int fd, Watch what);
+  void refreshIfChanged();
   void rescan();
+  Registration* findByFd(int fd, Watch what);
+  void takeHandover(Registration& reader);
   bool kick(Registration& reader);
-  static int connectTo(const std::string& path);
-  static void closeFd(Registration& reader);
+  void drop(size_t index);
+  int connectTo(const std::string& path);
+  static void closeFds(Registration& reader);
+  static void closeHandover(Registration& reader);
 
   std::string dir_;
   Defer defer_;
+  int pollFd_ = -1;
   int inotifyFd_ = -1;
   bool pending_ = false;
   bool flushScheduled_ = false;

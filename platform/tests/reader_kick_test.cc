@@ -3,10 +3,15 @@
 #include "platform/shm/ReaderKick.h"
 
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
 #include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -14,6 +19,7 @@
 #include <thread>
 
 #include "platform/tests/TempDir.h"
+#include "zinc/Loop.h"
 
 namespace {
 
@@ -207,6 +213,136 @@ TEST(ReaderKick, DeferredFlushAfterWriterIsGoneIsHarmless) {
   }
   ASSERT_TRUE(pending);
   pending();
+}
+
+// A reader process on a notification loop (watchOn), as a shadow is: one byte to the parent
+// per kick it was woken for. It runs until killed.
+class LoopReader {
+ public:
+  explicit LoopReader(const std::string& tableDir) {
+    int up[2];
+    EXPECT_EQ(::pipe(up), 0);
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      ::close(up[0]);
+      ReaderKickListener listener(tableDir);
+      Zinc::Loop loop;
+      listener.watchOn(loop, [&] { (void)!::write(up[1], "k", 1); });
+      (void)!::write(up[1], "r", 1);
+      loop.run();
+      ::_exit(0);
+    }
+    ::close(up[1]);
+    fromChild_ = up[0];
+    char ready = 0;
+    EXPECT_EQ(::read(fromChild_, &ready, 1), 1);
+  }
+  ~LoopReader() {
+    kill();
+    ::close(fromChild_);
+  }
+  void kill() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGKILL);
+    ::waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+  }
+  // Whether a wake-up was reported within a few seconds (consumes it).
+  bool woken() {
+    pollfd pfd{fromChild_, POLLIN, 0};
+    char byte;
+    return ::poll(&pfd, 1, 5000) == 1 && ::read(fromChild_, &byte, 1) == 1;
+  }
+
+ private:
+  pid_t pid_ = -1;
+  int fromChild_ = -1;
+};
+
+// Kicks until the reader has handed over its eventfd (its answer to the first datagram).
+bool kickUntilHandedOver(ReaderKickSm& writer, LoopReader& reader) {
+  for (int i = 0; i < 100 && writer.readersHandedOver() == 0; ++i) {
+    writer.commitNotify();
+    writer.flush();
+    if (!reader.woken()) return false;
+  }
+  return writer.readersHandedOver() == 1;
+}
+
+TEST(ReaderKick, ReaderHandsOverItsEventFdAndIsWokenThroughIt) {
+  TestSupport::TempDir root;
+  std::string table = root / "routes";
+  LoopReader reader(table);
+  ReaderKickSm writer(table);
+  ASSERT_TRUE(kickUntilHandedOver(writer, reader));
+  for (int i = 0; i < 20; ++i) {
+    writer.commitNotify();
+    EXPECT_EQ(writer.flush(), 1u);
+    EXPECT_TRUE(reader.woken()) << "kick " << i;
+    EXPECT_EQ(writer.readersHandedOver(), 1u) << "no datagram needed any more";
+  }
+  EXPECT_EQ(writer.readersDropped(), 0u);
+}
+
+TEST(ReaderKick, ReaderThatExitsAfterHandoverIsDroppedBeforeItsKick) {
+  TestSupport::TempDir root;
+  std::string table = root / "routes";
+  LoopReader reader(table);
+  ReaderKickSm writer(table);
+  ASSERT_TRUE(kickUntilHandedOver(writer, reader));
+  reader.kill();  // SIGKILL: its registration stays behind
+  ASSERT_EQ(std::distance(std::filesystem::directory_iterator(Mem::readersDir(table)), {}), 2);
+  writer.commitNotify();
+  EXPECT_EQ(writer.flush(), 0u) << "nothing is written to a dead reader's eventfd";
+  EXPECT_EQ(writer.readersDropped(), 1u);
+  EXPECT_EQ(writer.readers(), 0u);
+  EXPECT_TRUE(std::filesystem::is_empty(Mem::readersDir(table)));
+}
+
+// A registration whose owner answers the first kick with descriptors that are not an eventfd
+// and a pidfd (here both ends of a pipe, whose write end could block the writer).
+TEST(ReaderKick, ForgedHandoverIsRefused) {
+  TestSupport::TempDir root;
+  std::string table = root / "routes";
+  ReaderKickSm writer(table);
+  ReaderKickListener listener(table);  // made the folder; its socket stands in as the forger
+  int pipeFds[2];
+  ASSERT_EQ(::pipe(pipeFds), 0);
+  writer.commitNotify();
+  ASSERT_EQ(writer.flush(), 1u);
+  sockaddr_un from{};
+  socklen_t fromLength = sizeof(from);
+  char byte;
+  ASSERT_EQ(::recvfrom(listener.fd(), &byte, 1, 0, reinterpret_cast<sockaddr*>(&from), &fromLength),
+            0);
+  iovec iov{&byte, 1};
+  alignas(cmsghdr) char control[CMSG_SPACE(2 * sizeof(int))] = {};
+  msghdr msg{};
+  msg.msg_name = &from;
+  msg.msg_namelen = fromLength;
+  msg.msg_iov = &iov;
+  msg.msg_iovlen = 1;
+  msg.msg_control = control;
+  msg.msg_controllen = sizeof(control);
+  cmsghdr* c = CMSG_FIRSTHDR(&msg);
+  c->cmsg_level = SOL_SOCKET;
+  c->cmsg_type = SCM_RIGHTS;
+  c->cmsg_len = CMSG_LEN(2 * sizeof(int));
+  const int forged[2] = {pipeFds[1], pipeFds[0]};
+  std::memcpy(CMSG_DATA(c), forged, sizeof(forged));
+  ASSERT_EQ(::sendmsg(listener.fd(), &msg, 0), 1);
+  for (int i = 0; i < 3; ++i) {
+    writer.commitNotify();
+    EXPECT_EQ(writer.flush(), 1u);
+  }
+  EXPECT_EQ(writer.readersHandedOver(), 0u);
+  EXPECT_EQ(listener.drainSocket(), 3u) << "still kicked by datagram";
+  // The genuine handover, which drainSocket() just sent, is taken.
+  writer.commitNotify();
+  writer.flush();
+  EXPECT_EQ(writer.readersHandedOver(), 1u);
+  ::close(pipeFds[0]);
+  ::close(pipeFds[1]);
 }
 
 }  // namespace

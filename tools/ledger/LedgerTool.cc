@@ -597,7 +597,6 @@ class Watcher {
          << t_.rally.lastSeq() << std::endl;
     Zinc::Loop loop;
     auto follow = [&] {
-      kick.drain();
       if (t_.rally.handleAck([&](uint32_t slot, uint64_t) { look(slot, true); }) ==
           RallyReader::Result::resync) {
         resync();
@@ -605,7 +604,7 @@ class Watcher {
       out_.flush();
       if (done()) loop.stop();
     };
-    loop.fdWatchIs(kick.fd(), [&](uint32_t) { follow(); });
+    kick.watchOn(loop, follow);
     // A writer that re-attached tells us so with its first kick; this catches a table made anew.
     loop.timerEvery(std::chrono::seconds(1), [&] {
       if (t_.rally.incarnationChanged()) follow();
