@@ -6,15 +6,20 @@
 // time from the writer's last write until the reader is in step; and the shared memory used
 // against the raw slot bytes of what is stored.
 //
-//   lfib_bench [--routes N] [--vias 1,2,16]
+//   lfib_bench [--routes N] [--vias 1,2,16] [--files] [--publish-only]
+//
+// --publish-only stops after the first publication; --files lists each shared-memory file after the
+// first publication: the bytes it occupies (allocated blocks) and its length.
 //
 // Output ends with "figure <name> <value> <unit>" and "ratio <name> <value>" lines.
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <optional>
 #include <sstream>
@@ -38,6 +43,13 @@ using Clock = std::chrono::steady_clock;
 int64_t nowNs() {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch())
       .count();
+}
+
+// The writer's own CPU time: on a busy machine a steadier measure than the wall clock.
+int64_t cpuNs() {
+  timespec t;
+  ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+  return int64_t(t.tv_sec) * 1000000000 + t.tv_nsec;
 }
 
 Mpls::ConsolidatedLfibRoute route(uint32_t i, uint32_t vias, uint32_t variant) {
@@ -88,6 +100,7 @@ Mpls::ConsolidatedLfibRoute route(uint32_t i, uint32_t vias, uint32_t variant) {
 
 struct Result {
   double publish = 0, rewrite = 0, remove = 0;  // routes per second
+  double publishCpu = 0;                        // routes per second of the writer's CPU time
   double inStepPublish = 0, inStepRewrite = 0, inStepRemove = 0;
   uint64_t shmBytes = 0, rawBytes = 0;
 };
@@ -103,7 +116,28 @@ uint64_t rawSlotBytes(Mpls::LfibStatus& s) {
   return uint64_t(s.lfibRouteCount()) * 136 + viaSetBytes + uint64_t(s.mplsViaCount()) * 120;
 }
 
-Result run(uint32_t routes, uint32_t vias) {
+// Per file under `root`: bytes allocated (pages that occupy memory) and apparent size.
+void printFiles(const std::string& root) {
+  std::error_code ec;
+  for (auto it = std::filesystem::recursive_directory_iterator(root, ec);
+       !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
+    struct stat st;
+    if (!it->is_regular_file(ec) || ::stat(it->path().c_str(), &st) != 0) continue;
+    std::printf("  %-60s %9.1f MB used %9.1f MB size\n",
+                it->path().lexically_relative(root).c_str(), st.st_blocks * 512 / 1e6,
+                st.st_size / 1e6);
+  }
+}
+
+struct Options {
+  uint32_t routes = 1000000;
+  std::vector<uint32_t> viaCounts{1, 2, 16};
+  bool files = false;
+  bool publishOnly = false;
+};
+
+Result run(const Options& options, uint32_t vias) {
+  const uint32_t routes = options.routes;
   std::string root = "/dev/shm/lfib_bench-" + std::to_string(::getpid());
   std::filesystem::remove_all(root);
   int toReader[2], fromReader[2];
@@ -119,10 +153,12 @@ Result run(uint32_t routes, uint32_t vias) {
 
   Result r;
   auto status = Mpls::lfibStatusFactory("bench");
+  status->ledgerExpectedSizeIs({routes, routes * vias});
   status->ledgerMountIs(Ledger::LedgerMode::writer, root);
   auto writer = Mpls::lfibWriterFactory(status);
+  double cpuRate = 0;
   auto phase = [&](auto&& body, double& rate, double& inStep) {
-    int64_t start = nowNs();
+    int64_t start = nowNs(), cpuStart = cpuNs();
     for (uint32_t i = 0; i < routes; ++i) {
       body(i);
       if ((i & 1023) == 1023) status->ledgerFlushKicks();
@@ -130,16 +166,22 @@ Result run(uint32_t routes, uint32_t vias) {
     int64_t end = nowNs();
     status->ledgerFlushKicks();
     rate = routes / (double(end - start) / 1e9);
+    cpuRate = routes / (double(cpuNs() - cpuStart) / 1e9);
     sendLine(toReader[1],
              "phase " + std::to_string(end) + " " + std::to_string(status->lfibRouteCount()));
     inStep = std::stod(readLine(fromReader[0]).value_or("-1"));
   };
   phase([&](uint32_t i) { writer->lfibRouteIs(route(i, vias, 0)); }, r.publish, r.inStepPublish);
+  r.publishCpu = cpuRate;
   r.shmBytes = status->ledgerBytes();
   r.rawBytes = rawSlotBytes(*status);
-  phase([&](uint32_t i) { writer->lfibRouteIs(route(i, vias, 100)); }, r.rewrite, r.inStepRewrite);
-  phase([&](uint32_t i) { writer->lfibRouteDel(Mpls::RouteKey(Wire::MplsLabel(16 + i))); },
-        r.remove, r.inStepRemove);
+  if (options.files) printFiles(root);
+  if (!options.publishOnly) {
+    phase([&](uint32_t i) { writer->lfibRouteIs(route(i, vias, 100)); }, r.rewrite,
+          r.inStepRewrite);
+    phase([&](uint32_t i) { writer->lfibRouteDel(Mpls::RouteKey(Wire::MplsLabel(16 + i))); },
+          r.remove, r.inStepRemove);
+  }
   ::close(toReader[1]);
   ::waitpid(child, nullptr, 0);
   status->ledgerUnmount();
@@ -150,29 +192,33 @@ Result run(uint32_t routes, uint32_t vias) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  uint32_t routes = 1000000;
-  std::vector<uint32_t> viaCounts{1, 2, 16};
-  for (int i = 1; i + 1 < argc; i += 2) {
+  Options options;
+  for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
-    if (a == "--routes") routes = uint32_t(std::strtoul(argv[i + 1], nullptr, 10));
+    if (a == "--files") options.files = true;
+    if (a == "--publish-only") options.publishOnly = true;
+    if (i + 1 == argc) break;
+    if (a == "--routes") options.routes = uint32_t(std::strtoul(argv[i + 1], nullptr, 10));
     if (a == "--vias") {
-      viaCounts.clear();
+      options.viaCounts.clear();
       std::stringstream list(argv[i + 1]);
-      for (std::string v; std::getline(list, v, ',');) viaCounts.push_back(std::stoul(v));
+      for (std::string v; std::getline(list, v, ',');) options.viaCounts.push_back(std::stoul(v));
     }
+    if (a == "--routes" || a == "--vias") ++i;
   }
+  uint32_t& routes = options.routes;
   if (routes == 0 || routes > 1000000) routes = 1000000;  // labels are 20 bits
   Platform::FeatureToggle::overrideIs("InPlaceMplsAdjacencyUpdate", true);
   std::printf("lfib_bench: %u routes, in-place adjacency update on\n", routes);
   std::optional<Result> two;
-  for (uint32_t vias : viaCounts) {
-    Result r = run(routes, vias);
+  for (uint32_t vias : options.viaCounts) {
+    Result r = run(options, vias);
     std::printf(
         "vias %2u: publish %.0f routes/s, rewrite one via %.0f routes/s, delete %.0f routes/s; "
         "reader in step %.3f / %.3f / %.3f s after the last write; shm %.1f MB for %.1f MB of "
-        "slots\n",
+        "slots; publish %.0f routes per CPU second\n",
         vias, r.publish, r.rewrite, r.remove, r.inStepPublish, r.inStepRewrite, r.inStepRemove,
-        r.shmBytes / 1e6, r.rawBytes / 1e6);
+        r.shmBytes / 1e6, r.rawBytes / 1e6, r.publishCpu);
     std::fflush(stdout);
     if (vias == 2) two = r;
   }

@@ -150,6 +150,13 @@ class LedgerMap {
   void prefetch(const Key& key) {
     if (writer_) writer_->prefetch(key);
   }
+  // Writer mode: the later stages of a fetch started with prefetch() (LedgerWriter).
+  void prefetchChain(const Key& key) {
+    if (writer_) writer_->prefetchChain(key);
+  }
+  void prefetchFirstStored(const Key& key) {
+    if (writer_) writer_->prefetchFirstStored(key);
+  }
   bool first(Value& out) {
     return guarded("first", [&] { return table_->first(out); });
   }

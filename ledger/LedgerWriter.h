@@ -107,6 +107,19 @@ class LedgerWriter : public LedgerBase<Key, Value> {
   void prefetch(const Key& key) {
     if (attached()) map_.prefetchBucket(OpsT::hash(key));
   }
+  // The later stages, each for a key whose previous stage was started a while ago: the
+  // first slot of its chain (the bucket head must be there by now), then what that slot's
+  // stored form refers to (a slab payload, for values kept out of line).
+  void prefetchChain(const Key& key) {
+    if (attached()) map_.prefetchFirstSlot(OpsT::hash(key));
+  }
+  void prefetchFirstStored(const Key& key) {
+    if constexpr (requires(const uint8_t* stored) { ops_.prefetchStored(stored); }) {
+      if (!attached()) return;
+      const uint32_t slot = map_.firstSlot(OpsT::hash(key));
+      if (slot < slots_.numSlots()) ops_.prefetchStored(slots_.value(slot));
+    }
+  }
   bool first(Value& out) override;
   bool next(const Key& prev, Value& out, uint32_t* hint = nullptr) override;
 

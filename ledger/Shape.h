@@ -132,6 +132,7 @@ class SlabWriter {
   uint32_t alloc(uint32_t size);  // an entry index; grows the file when needed
   void free(uint32_t index);
   uint8_t* payload(uint32_t index) { return entry(index) + sizeof(SlabEntryHeader); }
+  const uint8_t* entryAt(uint32_t index) { return entry(index); }
   const SlabEntryHeader& entryHeader(uint32_t index) {
     return *reinterpret_cast<const SlabEntryHeader*>(entry(index));
   }
@@ -240,6 +241,12 @@ class WriterAllocator {
   // Payload bytes and size of a live entry; null when the offset names no live entry.
   const uint8_t* payload(Offset offset, uint32_t* size = nullptr);
   uint8_t* mutablePayload(Offset offset) { return const_cast<uint8_t*>(payload(offset)); }
+  // Starts fetching the entry that `offset` names, when it names one.
+  void prefetch(Offset offset) {
+    if (!offset.valid() || offset.sizeClass() >= kNumClasses) return;
+    SlabWriter& slab = slabs_[offset.sizeClass()];
+    if (offset.index() < slab.numEntries()) __builtin_prefetch(slab.entryAt(offset.index()));
+  }
   // Keeps exactly the entries named in `live` (recovery after a writer died).
   void rebuild(const std::vector<Offset>& live);
   // Every slab consistent (checkEntries) and in use by exactly the entries `live` names,

@@ -89,6 +89,8 @@ class SlabOps : public OutOfLineReader {
     return std::memcmp(payload, scratch_.data(), size) == 0;
   }
   void retire(const uint8_t* oldStored) { allocator_->free(offsetOf(oldStored)); }
+  // Starts fetching the payload that a writer's stored form refers to (its key first).
+  void prefetchStored(const uint8_t* stored) const { allocator_->prefetch(offsetOf(stored)); }
   bool storedValid(const uint8_t* stored) const {
     return allocator_->payload(offsetOf(stored)) != nullptr;
   }

@@ -131,8 +131,12 @@ class WriterHashMap {
   void setLink(LinkRef ref, uint32_t link) { SlotWriterTable::storeLink(pair(ref), link); }
   void prefetchBucket(uint32_t hash) { __builtin_prefetch(&buckets_.head(bucketOf(hash))); }
   void prefetchFirstSlot(uint32_t hash) {
-    uint32_t link = SlotWriterTable::loadLink(buckets_.head(bucketOf(hash)));
+    uint32_t link = firstSlot(hash);
     if (link < slots_.numSlots()) __builtin_prefetch(&slots_.slot(link));
+  }
+  // The first slot of the hash's chain: the end-of-chain bit or an index to check.
+  uint32_t firstSlot(uint32_t hash) {
+    return SlotWriterTable::loadLink(buckets_.head(bucketOf(hash)));
   }
 
   // Doubles the bucket count, splitting every chain in two (see Format.h for the readers'

@@ -20,6 +20,7 @@
 // folder is chosen by the entity (LfibStatus uses "lfib/<entity name>").
 #pragma once
 
+#include <bit>
 #include <cstring>
 #include <memory>
 #include <sstream>
@@ -44,6 +45,14 @@ inline const Zinc::Trace& zincMapTrace() {
   return t;
 }
 }  // namespace Detail
+
+// The bucket count under which `entries` entries fit without the table re-chaining (it
+// doubles its buckets when its entries outnumber them); 0 for no entries.
+constexpr uint32_t bucketsFor(uint32_t entries) {
+  if (entries == 0) return 0;
+  return entries > kMaxSlots / 2 ? (kMaxSlots / 2) + 1 : std::bit_ceil(entries);
+}
+static_assert(bucketsFor(1000000) == 1u << 20 && bucketsFor(1u << 20) == 1u << 20);
 
 template <class Key, class Value>
 class ZincOps {
@@ -196,8 +205,10 @@ class ZincLedgerMap {
   //  - readOnly with a loop: a LedgerShadow follows the table on that loop (mounting when the
   //    writer appears) and reports every changed key to the entity;
   //  - readOnly without a loop: stays on the dummy until readerIs() hands a table over.
+  //  `minBuckets` (0: the table's default) is a writer's floor for the bucket count of the
+  //  table, a power of two: with bucketsFor(n), n entries go in without re-chaining.
   void mountIs(LedgerMode mode, const std::string& root, const std::string& folder,
-               uint32_t capacity = 64, Zinc::Loop* loop = nullptr) {
+               uint32_t capacity = 64, Zinc::Loop* loop = nullptr, uint32_t minBuckets = 0) {
     map_.reset();
     kicker_.reset();
     shadow_ = nullptr;
@@ -206,6 +217,7 @@ class ZincLedgerMap {
     table_ = folder.empty() ? name_ : folder + "/" + name_;
     config.table = table_;
     config.capacity = capacity;
+    if (minBuckets != 0) config.minBuckets = minBuckets;
     map_ = std::make_unique<Map>(config, mode, ops_);
     map_->corruptionHandlerIs([this](const std::string&) { collectionChanged(); });
     if (mode == LedgerMode::writer) {
@@ -240,6 +252,12 @@ class ZincLedgerMap {
   // The writer side starts fetching the key's bucket (see LedgerWriter::prefetch).
   void prefetch(const Key& key) {
     if (map_) map_->prefetch(key);
+  }
+  void prefetchChain(const Key& key) {
+    if (map_) map_->prefetchChain(key);
+  }
+  void prefetchFirstStored(const Key& key) {
+    if (map_) map_->prefetchFirstStored(key);
   }
   Value get(const Key& key) {
     Value value = Zinc::initialValue<Value>();

@@ -3,9 +3,11 @@
 // shared-memory collection (its notifiee operations and its members) from one list entry.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "ledger/ZincLedgerMap.h"
@@ -44,23 +46,65 @@ class CounterRegistry {
 // table in the folder `root` (the table is <root>/<attribute>), or not mounted at all (its
 // writes are then dropped as "no man's land"). A reader with a loop follows the table
 // through a shadow.
+// A writer that expects `expected` entries (0: no idea) makes a new table that holds them
+// from the start: that many slots and enough buckets, so that a bulk load neither grows nor
+// re-chains it on the way.
 struct CollectionControl {
   bool mounted = false;
   Ledger::LedgerMode mode = Ledger::LedgerMode::readOnly;
   std::string root;
   uint32_t capacity = 64;
   Zinc::Loop* loop = nullptr;
+  uint32_t expected = 0;
 };
 
 // Mounts or unmounts `table` as `control` says.
 template <class Table>
 void applyControl(Table& table, const CollectionControl& control) {
   if (control.mounted) {
-    table.mountIs(control.mode, control.root, {}, control.capacity, control.loop);
+    const uint32_t capacity = std::max(control.capacity, control.expected);
+    table.mountIs(control.mode, control.root, {}, capacity, control.loop,
+                  Ledger::bucketsFor(control.expected));
   } else {
     table.unmount();
   }
 }
+
+// What a mutator knows of one key right after its own write or remove: the value it wrote
+// (the table now holds exactly that), or that the key is gone. Validation reads the element
+// through it instead of looking up and decoding what was just written; `none` sends it to
+// the table (a write that was dropped or met corruption).
+template <class K, class V>
+class JustWritten {
+ public:
+  // The element under `key`: what was just written, else what the table holds (read into
+  // `scratch`); null when absent.
+  template <class Table>
+  const V* read(Table& table, const K& key, std::optional<V>& scratch) const {
+    if (key_ && *key_ == key) return value_;
+    scratch.emplace();
+    return table.lookup(key, *scratch) ? &*scratch : nullptr;
+  }
+
+  // Holds `value` (or, with a null value, the absence of `key`) for the scope's duration.
+  class Scope {
+   public:
+    Scope(JustWritten& held, const K& key, const V* value) : held_(held) {
+      held_.key_ = &key;
+      held_.value_ = value;
+    }
+    ~Scope() { held_.key_ = nullptr; }
+    Scope(const Scope&) = delete;
+    Scope& operator=(const Scope&) = delete;
+
+   private:
+    JustWritten& held_;
+  };
+
+ private:
+  const K* key_ = nullptr;
+  const V* value_ = nullptr;
+};
 
 // A shared-memory collection of value records, bound to entity E.
 template <class E, class V, class K>
@@ -92,7 +136,9 @@ using ViaSetLedger = Ledger::ZincLedgerMap<E, LfibViaSet, LfibViaSetKey,
 
 // In the entity: the table, its counters and its operations. Every mutator raises its counter,
 // writes or removes (corruption goes to the table, no man's land is traced and skipped),
-// validates the key with verify<Attr>(key) and then notifies.
+// validates the key with verify<Attr>(key) and then notifies. A validation that reads the
+// element does so through <attr>Validated(key): after a write or remove that took effect it
+// gets the value just written (or the key's absence) without going back to the table.
 #define MPLS_LEDGER_COLLECTION(attr, Attr, K, V, Table)                                    \
  public:                                                                                   \
   V attr(const K& k) const { return attr##_->get(k); }                                     \
@@ -102,8 +148,8 @@ using ViaSetLedger = Ledger::ZincLedgerMap<E, LfibViaSet, LfibViaSetKey,
   }                                                                                        \
   void attr##Is(const V& v) {                                                              \
     ++attr##Counters_.is;                                                                  \
-    attr##_->write(v);                                                                     \
-    verify##Attr(v.key());                                                                 \
+    const bool written = attr##_->write(v);                                                \
+    attr##Verify(v.key(), &v, written);                                                    \
     notify(&NotifieeConst::on##Attr, v.key());                                             \
   }                                                                                        \
   void attr##Commit(const V* v) {                                                          \
@@ -111,9 +157,13 @@ using ViaSetLedger = Ledger::ZincLedgerMap<E, LfibViaSet, LfibViaSetKey,
   }                                                                                        \
   void attr##Del(const K& k) {                                                             \
     ++attr##Counters_.del;                                                                 \
-    attr##_->remove(k);                                                                    \
-    verify##Attr(k);                                                                       \
+    const bool removed = attr##_->remove(k);                                               \
+    attr##Verify(k, nullptr, removed);                                                     \
     notify(&NotifieeConst::on##Attr, k);                                                   \
+  }                                                                                        \
+  /* Validation's read of k: what the mutator holds, else the table. */                    \
+  const V* attr##Validated(const K& k, std::optional<V>& scratch) const {                  \
+    return attr##Held_.read(*attr##_, k, scratch);                                         \
   }                                                                                        \
   void attr##DelAll() {                                                                    \
     std::vector<K> keys;                                                                   \
@@ -151,6 +201,13 @@ using ViaSetLedger = Ledger::ZincLedgerMap<E, LfibViaSet, LfibViaSetKey,
   std::unique_ptr<MPLS_PP_UNPAREN Table> attr##_ = MPLS_PP_UNPAREN Table::entity(          \
       #attr, this, &Self::attr##Changed, &Self::attr##NotifyCollection,                    \
       &Self::attr##NotifyMountStatus);                                                     \
+  /* After a write or remove that took effect, the table holds `value` (null: nothing). */ \
+  void attr##Verify(const K& k, const V* value, bool tookEffect) {                         \
+    if (!tookEffect) return verify##Attr(k);                                               \
+    typename ::Mpls::JustWritten<K, V>::Scope held(attr##Held_, k, value);                 \
+    verify##Attr(k);                                                                       \
+  }                                                                                        \
+  ::Mpls::JustWritten<K, V> attr##Held_;                                                   \
   ::Mpls::CollectionCounters attr##Counters_;                                              \
   ::Mpls::CollectionControl attr##Control_;                                                \
   bool attr##Registered_ = (counterRegistry_.add(#attr, attr##Counters_), true);

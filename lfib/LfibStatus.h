@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <ostream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "ledger/ZincLedgerMap.h"
@@ -51,6 +52,15 @@ class LfibDot1qTagToVlan : public Zinc::Entity {
   LfibDot1qTagToVlanKey key_;
 };
 Zinc::Ptr<LfibDot1qTagToVlan> lfibDot1qTagToVlanFactory(const LfibDot1qTagToVlanKey& key);
+
+// How big a writer expects the LFIB to get. Tables that its ledgerMountIs creates hold that
+// much from the start (slots and buckets: no growth, no re-chaining during a bulk load); the
+// tables still grow beyond it, and shrink no lower than its bucket count. Tables that already
+// exist keep their size.
+struct LfibExpectedSize {
+  uint32_t routes = 0;  // routes, and as many via sets
+  uint32_t mplsVias = 0;
+};
 
 // Via types 3 to 8 (IP lookup counts on purpose): their routes carry metric 0 and their via
 // sets at most one via key.
@@ -100,6 +110,9 @@ class LfibStatus : public Zinc::Entity {
   // notifies per changed key.
   void ledgerMountIs(Ledger::LedgerMode mode, const std::string& root = {}, uint32_t capacity = 64,
                      Zinc::Loop* loop = nullptr);
+  // Sizes the tables that the next writer mount creates (see LfibExpectedSize).
+  void ledgerExpectedSizeIs(const LfibExpectedSize& size) { expectedSize_ = size; }
+  const LfibExpectedSize& ledgerExpectedSize() const { return expectedSize_; }
   void ledgerFlushKicks();
   // Reader side: every table's shadow has consumed all that the writer published.
   bool ledgerInStep() const;
@@ -153,10 +166,13 @@ class LfibStatus : public Zinc::Entity {
     void onZeroReferences(const Zinc::PtrInterface* object) override;
   };
   void releaseTables();
+  // `control` with the entries that the writer expects in the collection `attr`.
+  CollectionControl expecting(CollectionControl control, std::string_view attr) const;
 
   CounterRegistry counterRegistry_;
   ZeroReferencesRelease zeroReferencesRelease_;
   std::string mountedRoot_;
+  LfibExpectedSize expectedSize_;
 
  public:
   MPLS_LFIB_STATUS_TABLES(MPLS_LEDGER_COLLECTION)

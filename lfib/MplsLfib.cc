@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <optional>
 #include <sstream>
 
 #include "lfib/LfibStatus.h"
@@ -88,9 +89,16 @@ void LfibStatus::ledgerMountIs(Ledger::LedgerMode mode, const std::string& root,
   const std::string base = SharedMem::rootPath(root) + "/" + ledgerFolder();
   ZTRACE(1, "LfibStatus::ledgerMountIs() " << base);
   const CollectionControl control{true, mode, base, capacity, loop};
-#define MPLS_MOUNT_TABLE(attr, Attr, K, V, Table) attr##ControlIs(control);
+#define MPLS_MOUNT_TABLE(attr, Attr, K, V, Table) attr##ControlIs(expecting(control, #attr));
   MPLS_LFIB_STATUS_TABLES(MPLS_MOUNT_TABLE)
 #undef MPLS_MOUNT_TABLE
+}
+
+CollectionControl LfibStatus::expecting(CollectionControl control, std::string_view attr) const {
+  if (control.mode != Ledger::LedgerMode::writer) return control;
+  if (attr == "lfibRoute" || attr == "viaSet") control.expected = expectedSize_.routes;
+  if (attr == "mplsVia") control.expected = expectedSize_.mplsVias;
+  return control;
 }
 
 void LfibStatus::ledgerUnmount() {
@@ -145,17 +153,23 @@ void LfibStatus::dumpState(std::ostream& context, int indent) const {
 
 // ---- validation ----
 
+// Both read the element through <attr>Validated: right after a mutator's own write that is
+// the value it wrote, not a decoded copy of it.
 void LfibStatus::handleRoute(const RouteKey& key) const {
-  LfibRoute route;
-  if (!lfibRoute_->lookup(key, route)) return;
+  std::optional<LfibRoute> scratch;
+  const LfibRoute* stored = lfibRouteValidated(key, scratch);
+  if (!stored) return;
+  const LfibRoute& route = *stored;
   if (isEvpnViaType(route.viaSetKey().viaType())) {
     ZINC_ASSERT(route.metric() == 0, "EVPN lfib routes must have metric set to 0");
   }
 }
 
 void LfibStatus::handleViaSet(const LfibViaSetKey& key) const {
-  LfibViaSet vs;
-  if (!viaSet_->lookup(key, vs)) return;
+  std::optional<LfibViaSet> scratch;
+  const LfibViaSet* stored = viaSetValidated(key, scratch);
+  if (!stored) return;
+  const LfibViaSet& vs = *stored;
   const LfibViaType viaType = key.viaType();
   for (uint32_t i = 0; i < vs.viaKeys(); ++i) {
     const LfibViaType viaKeyType = vs.viaKey(LfibViaIndexRange(i)).viaType();

@@ -106,17 +106,35 @@ void LfibWriter::writeVias(const ConsolidatedLfibRoute& route, OldRoute& old, Lf
   }
 }
 
-// The route's bucket and those of the via keys the allocator will hand out next (for a new
-// route, every via takes a fresh key) are fetched together up front: each look-up would
-// otherwise wait for its own cache miss in turn.
+// A new route takes fresh via keys and a fresh via set key, which the allocator hands out in
+// order, so the chains of the keys that the next routes will take are fetched ahead, in
+// stages a route apart: the bucket head, then (a route later, when it has arrived) the
+// chain's first slot, and for via sets then the slab payload that slot refers to (its key).
+// Their walks then rarely wait for memory. This assumes that the next routes look like this
+// one; when they do not, a few fetches are wasted. The route's own key is not known ahead:
+// its bucket is fetched now.
 void LfibWriter::prefetchFor(const ConsolidatedLfibRoute& route, LfibViaIndexAllocator& allocator) {
   lfib_->lfibRouteLedger().prefetch(route.key());
   if (route.viaType() != viaTypeMplsIp_) return;
+  const LFib::Source source = route.source();
   const uint32_t vias = std::min<uint32_t>(uint32_t(route.mplsVias().size()), kPrefetchedVias);
-  const uint32_t next = allocator.viaKeyIndex(viaTypeMplsIp_);
-  for (uint32_t i = 1; i <= vias; ++i) {
-    lfib_->mplsViaLedger().prefetch(LfibViaKey(route.source(), viaTypeMplsIp_, next + i));
+  // The first index that the next route takes.
+  const uint32_t next = allocator.viaKeyIndex(viaTypeMplsIp_) + vias + 1;
+  auto& viaTable = lfib_->mplsViaLedger();
+  for (uint32_t i = 0; i < vias; ++i) {
+    viaTable.prefetchChain(LfibViaKey(source, viaTypeMplsIp_, next + i));
+    viaTable.prefetch(LfibViaKey(source, viaTypeMplsIp_, next + vias + i));
   }
+  const LfibViaSetType setType = route.viaSetType();
+  const uint32_t nextSet =
+      allocator.viaSetKeyIndex(ViaSetKeyIndexDomain(viaTypeMplsIp_, setType)) + 2;
+  auto setKey = [&](uint32_t ahead) {
+    return LfibViaSetKey(source, nextSet + ahead, viaTypeMplsIp_, setType);
+  };
+  auto& viaSetTable = lfib_->viaSetLedger();
+  viaSetTable.prefetchFirstStored(setKey(0));
+  viaSetTable.prefetchChain(setKey(1));
+  viaSetTable.prefetch(setKey(2));
 }
 
 void LfibWriter::lfibRouteIs(const ConsolidatedLfibRoute& route) {

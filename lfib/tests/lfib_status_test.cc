@@ -138,6 +138,27 @@ TEST_F(LfibStatusTest, ViaSetRules) {
   EXPECT_EQ(status->viaSet(full.key()), full);
 }
 
+// A mutator's validation judges the value it has just written; any other validation reads
+// what the table holds.
+TEST_F(LfibStatusTest, ValidationJudgesTheValueJustWrittenThenTheTable) {
+  const LfibRoute bad = routeTo(100, viaSetKey(viaTypeVlan_, 1), 5);
+  EXPECT_NE(failureOf([&] { status->lfibRouteIs(bad); }), "");
+  EXPECT_THAT(failureOf([&] { status->verifyLfibRoute(bad.key()); }),
+              HasSubstr("void Mpls::LfibStatus::handleRoute(const Mpls::RouteKey&) const -- "
+                        "assertion failed(route.metric() == 0)"));
+  EXPECT_EQ(failureOf([&] { status->lfibRouteIs(routeTo(100, bad.viaSetKey(), 0)); }), "");
+  EXPECT_EQ(failureOf([&] { status->verifyLfibRoute(bad.key()); }), "");
+  EXPECT_EQ(failureOf([&] { status->lfibRouteIs(routeTo(101, bad.viaSetKey(), 0)); }), "")
+      << "another key's write does not stand in for the stored bad route";
+
+  const LfibViaSet mixed = viaSetWith(viaTypeIpLookup_, 2, 2);
+  EXPECT_NE(failureOf([&] { status->viaSetIs(mixed); }), "");
+  EXPECT_THAT(failureOf([&] { status->verifyViaSet(mixed.key()); }),
+              HasSubstr("void Mpls::LfibStatus::handleViaSet(const Mpls::LfibViaSetKey&) const"));
+  EXPECT_EQ(failureOf([&] { status->viaSetDel(mixed.key()); }), "");
+  EXPECT_EQ(failureOf([&] { status->verifyViaSet(mixed.key()); }), "");
+}
+
 TEST_F(LfibStatusTest, DeletingAbsentEntriesPassesValidation) {
   EXPECT_EQ(failureOf([&] { status->lfibRouteDel(RouteKey(Wire::MplsLabel(55))); }), "");
   EXPECT_EQ(failureOf([&] { status->viaSetDel(viaSetKey(viaTypeVlan_, 5)); }), "");
@@ -189,6 +210,10 @@ TEST(LfibStatusUnmounted, WritesAreDroppedInNoMansLand) {
   status->lfibRouteIs(route);
   EXPECT_EQ(status->counter("lfibRouteIs"), 1u);
   EXPECT_FALSE(status->lfibRouteHas(route.key()));
+  // Validation reads what the table holds, which is nothing: a dropped bad write passes.
+  EXPECT_EQ(failureOf([&] { status->lfibRouteIs(routeTo(21, viaSetKey(viaTypeVlan_, 1), 5)); }),
+            "");
+  EXPECT_EQ(failureOf([&] { status->viaSetIs(viaSetWith(viaTypeIpLookup_, 1, 2)); }), "");
 }
 
 // One collection mounted, unmounted and mounted again on its own through its control; the

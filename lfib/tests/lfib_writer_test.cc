@@ -244,5 +244,40 @@ TEST(FeatureToggle, EnvironmentThenFileThenDefault) {
   ::unsetenv("FEATURE_TOGGLES_FILE");
 }
 
+// A writer that says how big the LFIB gets has its new tables made that big: the load
+// neither grows a slot table nor re-chains a bucket table. Tables that exist keep their size.
+TEST(LfibWriterExpectedSize, NewTablesTakeTheLoadWithoutGrowing) {
+  Testing::TempLedgerRoot root;
+  auto tableOf = [](auto& ledger) -> auto& { return ledger.ledgerMap().table(); };
+  auto status = lfibStatusFactory("sized");
+  status->ledgerExpectedSizeIs({300, 600});
+  status->ledgerMountIs(Ledger::LedgerMode::writer, root.path());
+  EXPECT_EQ(tableOf(status->lfibRouteLedger()).capacity(), 300u);
+  EXPECT_EQ(tableOf(status->viaSetLedger()).capacity(), 300u);
+  EXPECT_EQ(tableOf(status->mplsViaLedger()).capacity(), 600u);
+  EXPECT_EQ(tableOf(status->pwViaLedger()).capacity(), 64u) << "no expectation: the default";
+
+  auto writer = lfibWriterFactory(status);
+  for (uint32_t i = 0; i < 300; ++i) writer->lfibRouteIs(route(16 + i, 2, i));
+  auto expectNoGrowth = [](const Ledger::WriterCounters& c, const char* table) {
+    EXPECT_EQ(c.slotGrowths, 0u) << table;
+    EXPECT_EQ(c.bucketGrowths, 0u) << table;
+  };
+  expectNoGrowth(tableOf(status->lfibRouteLedger()).writerCounters(), "lfibRoute");
+  expectNoGrowth(tableOf(status->viaSetLedger()).writerCounters(), "viaSet");
+  expectNoGrowth(tableOf(status->mplsViaLedger()).writerCounters(), "mplsVia");
+  EXPECT_EQ(status->mplsViaCount(), 600u);
+  writer->lfibRouteIs(route(16 + 300, 2));  // beyond the expectation: the tables grow
+  EXPECT_EQ(status->lfibRouteCount(), 301u);
+  EXPECT_TRUE(status->validateFiles());
+  status->ledgerUnmount();
+
+  auto next = lfibStatusFactory("sized");
+  next->ledgerExpectedSizeIs({5000, 10000});
+  next->ledgerMountIs(Ledger::LedgerMode::writer, root.path());
+  EXPECT_LT(tableOf(next->lfibRouteLedger()).capacity(), 5000u) << "an adopted table is kept";
+  EXPECT_EQ(next->lfibRouteCount(), 301u);
+}
+
 }  // namespace
 }  // namespace Mpls
