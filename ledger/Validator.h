@@ -7,7 +7,8 @@
 // a live notification in the rally queue); counts (walked == occupiedSlots, free + occupied
 // == numSlots; out-of-line storage: every occupied slot's own entry in use, nothing else);
 // the rally queue (no open corral, sequences ascending, every live entry the
-// recorded position of its slot, no tombstone recorded as live).
+// recorded position of its slot, no tombstone recorded as live). The queue must be settled
+// first (RallyWriter::settle): the writer does so before it builds a validator.
 #pragma once
 
 #include <cstdint>

@@ -140,3 +140,50 @@ TEST_F(WriterModel, BatchWritesEqualOneWriteAtATime) {
 }
 
 }  // namespace
+
+namespace {
+
+// Keys whose hashes take three values: chains of equal rhashes ordered by key, walked by every
+// rewrite, reshaped as entries are removed, re-added and moved by shrinks. A rewrite must
+// land in its own key's slot.
+TEST(WriterCollidingKeys, RewritesLandInTheirOwnKeysSlots) {
+  TempRoot root;
+  Ledger::LedgerConfig config;
+  config.root = root.path();
+  config.table = "colliding";
+  config.capacity = 4;
+  config.minBuckets = 4;
+  Ledger::LedgerWriter<CollidingKey, CollidingValue> writer(config);
+  writer.attach();
+  std::map<uint64_t, uint64_t> model;
+  std::mt19937_64 rng(5);
+  uint64_t data = 0;
+  for (int step = 0; step < 6000; ++step) {
+    const uint64_t id = rng() % 150;
+    const int removeBias = (step / 1500) % 2 ? 80 : 20;  // fill, drain (moves), fill, drain
+    if (static_cast<int>(rng() % 100) < removeBias) {
+      ASSERT_EQ(writer.remove(CollidingKey{id}), model.erase(id) == 1);
+    } else {
+      writer.write(CollidingValue{CollidingKey{id}, ++data});
+      model[id] = data;
+    }
+    CollidingValue got;
+    ASSERT_EQ(writer.lookup(CollidingKey{id}, got), model.count(id) == 1) << "key " << id;
+    if (model.count(id)) {
+      ASSERT_EQ(got.data, model[id]) << "key " << id;
+    }
+    if (step % 500 == 0) {
+      ASSERT_TRUE(writer.validate()) << writer.validationError();
+    }
+  }
+  ASSERT_TRUE(writer.validate()) << writer.validationError();
+  EXPECT_EQ(writer.members(), model.size());
+  EXPECT_GT(writer.writerCounters().slotShrinks, 0u);
+  for (const auto& [id, value] : model) {
+    CollidingValue got;
+    ASSERT_TRUE(writer.lookup(CollidingKey{id}, got)) << "key " << id;
+    EXPECT_EQ(got.data, value) << "key " << id;
+  }
+}
+
+}  // namespace
