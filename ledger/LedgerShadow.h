@@ -158,9 +158,9 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
 
   typename Syncer::Hooks syncHooks() {
     typename Syncer::Hooks h;
-    h.doSlot = [this](uint32_t slot) {
-      store_.prefetchForWalk(slot);
-      store_.doSlot(slot, 0, notifying_);
+    h.doSlots = [this](uint32_t first, uint32_t last) {
+      return store_.syncSlots(first, last, notifying_,
+                              [this, epoch = syncer_.epoch()] { return syncer_.epoch() != epoch; });
     };
     h.slotsToWalk = [this] { return std::max(reader_.slotTable().numSlots(), store_.numSlots()); };
     h.done = [this] { syncComplete(); };

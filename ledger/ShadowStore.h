@@ -15,6 +15,9 @@
 // keeps each one in a block of its own instead of one fixed-size array.
 #pragma once
 
+#include <algorithm>
+#include <array>
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -150,6 +153,30 @@ class ShadowStore {
     take(slotIndex, key, stored_.data(), notifying);
   }
 
+  // A sync's walk over slots [first, last): doSlot for each, with the same outcome, but in
+  // bulk where it can be. Groups of slots that the shadow does not hold yet are copied
+  // straight into the shadow's values between two loads of their status words (the
+  // consistent read, a group at a time); a slot whose status moved, or that is being
+  // rewritten, or that the shadow holds already, takes doSlot. Returns the slot after the last
+  // one done: `last`, or earlier when `stop()` answers true after a notification (the
+  // notifiee may have restarted or ended the sync).
+  template <class Stop>
+  uint32_t syncSlots(uint32_t first, uint32_t last, bool notifying, Stop stop) {
+    for (uint32_t slot = first; slot < last;) {
+      const uint32_t bulk = bulkEnd(slot, std::min(last, slot + kBulkGroup));
+      if (bulk > slot) {
+        slot = syncGroup(slot, bulk, notifying, stop);
+        if (slot < bulk) return slot;
+        continue;
+      }
+      const uint64_t before = notifications_;
+      prefetchForWalk(slot);
+      doSlot(slot++, 0, notifying);
+      if (halted(before, notifying, stop)) return slot;
+    }
+    return last;
+  }
+
   // Makes room for the writer's table as it stands before a full walk: the slot arrays are
   // sized once and the hash map for its occupancy, instead of growing by doubling on the way
   // (every doubling copies the slots and re-points the map). Bounded by what is mapped: the
@@ -206,6 +233,75 @@ class ShadowStore {
   static constexpr uint32_t kAheadEntry = 8;
   static constexpr uint32_t kPopulateChunk = 4096;
 
+  static constexpr uint32_t kBulkGroup = 32;
+
+  // Where a bulk group from `first` must end (at most `end`): bulk copies go to fixed-size
+  // values of slots that both tables cover. `first` itself when none can.
+  uint32_t bulkEnd(uint32_t first, uint32_t end) const {
+    if constexpr (SlotKind::kValues && !kVariable) {
+      const SlotReaderTable& table = reader_.slotTable();
+      const uint32_t covered = std::min({table.numSlots(), table.mappedSlots(), numSlots()});
+      return std::max(first, std::min(end, covered));
+    } else {
+      (void)end;
+      return first;
+    }
+  }
+  // Whether the walk must stop: a notifiee ran since `before` and `stop()` says so.
+  template <class Stop>
+  bool halted(uint64_t before, bool notifying, Stop& stop) const {
+    return notifications_ != before && notifying && notify_.onKey && stop();
+  }
+  // Slots [first, end) of the writer's table (below its numSlots and the mapping) into the
+  // shadow (below its numSlots), fetching the slots four groups ahead (the processor's own
+  // prefetch stops at every page), their hash buckets two groups ahead and the buckets'
+  // chains one group ahead: status words, copies of the values the shadow does not hold,
+  // a fence, the status words again; each slot whose status held and that is OCCUPIED without
+  // LOOKASIDE is taken from its copy, every other slot goes through doSlot. Returns the slot
+  // after the last one done.
+  template <class Stop>
+  uint32_t syncGroup(uint32_t first, uint32_t end, bool notifying, Stop& stop) {
+    const SlotReaderTable& table = reader_.slotTable();
+    const uint32_t size = valueSize();
+    std::array<uint32_t, kBulkGroup> status;
+    const uint64_t mapped = table.mappedSlots();
+    for (uint32_t slot = first; slot < end; ++slot) {
+      if (slot % kPopulateChunk == 0) table.populate(slot + kPopulateChunk, kPopulateChunk);
+      if (slot + uint64_t{4 * kBulkGroup} < mapped) table.prefetch(slot + 4 * kBulkGroup);
+      if (slot + uint64_t{2 * kBulkGroup} < mapped) {
+        map_.prefetchBucket(rhashOf(slot + 2 * kBulkGroup));
+      }
+      status[slot - first] = Shm::load(table.slot(slot).status, std::memory_order_acquire);
+      if (settled(status[slot - first]) && !entries_[slot].occupied) {
+        std::memcpy(values_.data() + uint64_t{slot} * size, table.value(slot), size);
+      }
+    }
+    // Acquire fence: the copies above are ordered before the status words' second loads.
+    std::atomic_thread_fence(std::memory_order_acquire);
+    for (uint32_t slot = first; slot < end; ++slot) {
+      // Its bucket was fetched a group ago: the chain's first entry now, a group ahead.
+      if (slot + uint64_t{kBulkGroup} < mapped) map_.prefetchChain(rhashOf(slot + kBulkGroup));
+      const uint32_t was = status[slot - first];
+      const bool held = Shm::load(table.slot(slot).status, std::memory_order_relaxed) == was;
+      const uint64_t before = notifications_;
+      if (held && settled(was) && !entries_[slot].occupied) {
+        takeCopied(slot, notifying);
+      } else if (!held || (was & kOccupied) || entries_[slot].occupied) {
+        doSlot(slot, 0, notifying);
+      }  // else free in both: nothing to do
+      if (halted(before, notifying, stop)) return slot + 1;
+    }
+    return end;
+  }
+  static bool settled(uint32_t status) { return (status & (kOccupied | kLookaside)) == kOccupied; }
+  // The value copied into the shadow's place for `slot` is whole: the slot's key is taken.
+  void takeCopied(uint32_t slot, bool notifying) {
+    const uint8_t* stored = storedAt(slot);
+    const Key key = reader_.ops().storedKey(stored);
+    if (notifying && notify_.onKey) reader_.ops().load(stored, scratch_);
+    take(slot, key, stored, notifying);
+  }
+
   uint32_t rhashOf(uint32_t slot) const {
     return reverseBits(Shm::load(reader_.slotTable().slot(slot).rhash, std::memory_order_relaxed));
   }
@@ -239,7 +335,8 @@ class ShadowStore {
     if constexpr (SlotKind::kValues && kVariable) {
       blocks_[slot].assign(stored, stored + lengthOf(stored));
     } else if constexpr (SlotKind::kValues) {
-      std::memcpy(values_.data() + uint64_t{slot} * valueSize(), stored, valueSize());
+      uint8_t* at = values_.data() + uint64_t{slot} * valueSize();
+      if (at != stored) std::memcpy(at, stored, valueSize());  // a bulk copy is in place
     } else {
       entries_[slot].digest = digest(stored);
     }

@@ -7,6 +7,7 @@
 // shrank), then calls `done`.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -24,8 +25,14 @@ const Zinc::Trace& trace();
 
 class Syncer {
  public:
+  // Slots walked between two looks at the clock.
+  static constexpr uint32_t kStride = 256;
+
   struct Hooks {
-    std::function<void(uint32_t slot)> doSlot;
+    // Walks slots [first, last) (doSlot for each, in bulk where it can); returns the slot
+    // after the last one done, earlier than `last` only when the sync was restarted or
+    // stopped meanwhile.
+    std::function<uint32_t(uint32_t first, uint32_t last)> doSlots;
     std::function<uint32_t()> slotsToWalk;  // max(writer's numSlots, shadow's numSlots)
     std::function<bool()> notificationsEnabled;
     std::function<void()> done;
@@ -40,6 +47,8 @@ class Syncer {
   bool syncing() const { return syncing_; }
   uint64_t slices() const { return slices_; }
   uint32_t currentSlot() const { return currentSlot_; }
+  // Advances with every (re)start and interruption: a walk that sees it change stops.
+  uint64_t epoch() const { return epoch_; }
 
   void sync(bool resync) {
     if (syncing_) {
@@ -93,12 +102,12 @@ class Syncer {
     try {
       uint32_t end = hooks_.slotsToWalk();
       while (currentSlot_ < end) {
-        hooks_.doSlot(currentSlot_++);
+        const uint32_t upTo = std::min(end, (currentSlot_ | (kStride - 1)) + 1);
+        const uint32_t reached = hooks_.doSlots(currentSlot_, upTo);
         if (epoch != epoch_) return;  // restarted or interrupted from a notification
-        if ((currentSlot_ & 63) == 0) {
-          if (std::chrono::steady_clock::now() >= deadline) break;
-          end = hooks_.slotsToWalk();
-        }
+        currentSlot_ = reached;
+        if (std::chrono::steady_clock::now() >= deadline) break;
+        end = hooks_.slotsToWalk();
       }
       if (currentSlot_ < end) {
         std::chrono::duration<double> took = std::chrono::steady_clock::now() - started_;

@@ -2,6 +2,10 @@
 // writer's changes make them, sync in slices, mounting before the writer exists.
 #include <gtest/gtest.h>
 
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <random>
 
 #include "ledger/tests/ShadowHarness.h"
@@ -120,6 +124,68 @@ TEST_F(ShadowTest, SyncRunsInSlicesWhileWriterChanges) {
   EXPECT_EQ(log.present, w.contents());
   EXPECT_GT(iterations, 10) << "the sync yielded to the loop between slices";
   EXPECT_TRUE(log.errors.empty()) << log.errors.front();
+}
+
+// A writer in another process churns (rewrites, removes, re-adds) with no pause while
+// shadows sync cold: their bulk copies race real stores. Every value must come out whole, and
+// once the writer stops the last shadow must equal its table.
+TEST_F(ShadowTest, ColdSyncRacingAWriterInAnotherProcessEndsEqualToIt) {
+  int stop[2], told[2];
+  ASSERT_EQ(::pipe(stop), 0);
+  ASSERT_EQ(::pipe(told), 0);
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    KickingWriter w(root.path(), "routes", 64);
+    for (uint64_t id = 0; id < 30000; ++id) w.writer.write(makeValue(id, 1));
+    w.flush();
+    (void)!::write(told[1], "l", 1);
+    std::mt19937 rng(17);
+    uint64_t version = 1;
+    for (pollfd p{stop[0], POLLIN, 0}; ::poll(&p, 1, 0) == 0;) {
+      for (int i = 0; i < 64; ++i) {
+        const uint64_t id = rng() % 32000;
+        if (rng() % 8 == 0) {
+          w.writer.remove(TestKey{id});
+        } else {
+          w.writer.write(makeValue(id, ++version));
+        }
+      }
+      w.flush();
+    }
+    (void)!::write(told[1], "s", 1);
+    char done;
+    (void)!::read(stop[0], &done, 1);  // keeps the table until the parent is finished
+    ::_exit(0);
+  }
+  char byte = 0;
+  ASSERT_EQ(::read(told[0], &byte, 1), 1);
+  Ledger::ShadowOptions options;
+  options.yieldTime = 50us;
+  std::unique_ptr<Shadow> shadow;
+  for (int round = 0; round < 3; ++round) {
+    log = EventLog();
+    shadow = makeShadow(options);
+    shadow->initialize();
+    ASSERT_TRUE(until([&] { return shadow->inStep(); }));
+    EXPECT_TRUE(log.errors.empty()) << log.errors.front();
+  }
+  ASSERT_EQ(::write(stop[1], "s", 1), 1);
+  ASSERT_EQ(::read(told[0], &byte, 1), 1);
+  ASSERT_TRUE(settle(*shadow));
+  Ledger::LedgerReader<TestKey, TestValue> direct(Ledger::ReaderConfig{root.path(), "routes"});
+  direct.attach();
+  std::map<uint64_t, uint64_t> table;
+  TestValue v;
+  for (bool more = direct.first(v); more; more = direct.next(v.k, v)) table[v.k.id] = v.version;
+  EXPECT_GT(table.size(), 20000u);
+  EXPECT_EQ(shadowContents(*shadow), table);
+  EXPECT_EQ(log.present, table);
+  EXPECT_TRUE(log.errors.empty()) << log.errors.front();
+  ASSERT_EQ(::write(stop[1], "x", 1), 1);
+  int status = 0;
+  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  for (int fd : {stop[0], stop[1], told[0], told[1]}) ::close(fd);
 }
 
 TEST_F(ShadowTest, MountsWhenTheWriterAppears) {

@@ -349,21 +349,37 @@ void ReaderKickSm::commitNotify() {
   });
 }
 
+// Kicks first, with what is known, so that the readers' wake-ups are under way while the
+// writer looks at what changed since the last flush; readers that the look finds registered
+// get theirs after it. A reader whose kick failed is dropped after the look, unless the look
+// found it unregistered (a clean detach). A reader that the look finds exited is dropped
+// there: the one write it cost, to an eventfd nobody reads any more, is the last.
 uint32_t ReaderKickSm::flush() {
   if (!pending_) return 0;
   pending_ = false;
-  pollChanges();
-  uint32_t kicked = 0;
+  ++flushes_;
+  kickAll();
+  if (pollChanges()) kickAll();
   for (size_t i = 0; i < readers_.size();) {
-    if (kick(readers_[i])) {
-      ++kicked;
-      ++i;
-    } else {
+    if (readers_[i].failed) {
       drop(i);
+    } else {
+      ++i;
     }
   }
+  const auto kicked = uint32_t(std::count_if(readers_.begin(), readers_.end(),
+                                             [&](auto& r) { return r.kickedIn == flushes_; }));
   kicksSent_ += kicked;
   return kicked;
+}
+
+// Every reader not kicked in this flush yet.
+void ReaderKickSm::kickAll() {
+  for (auto& reader : readers_) {
+    if (reader.kickedIn == flushes_) continue;
+    reader.kickedIn = flushes_;
+    reader.failed = !kick(reader);
+  }
 }
 
 uint32_t ReaderKickSm::readersHandedOver() const {
@@ -381,8 +397,9 @@ void ReaderKickSm::watch(int fd, Watch what) {
 }
 
 // One look, never waiting, at everything that happened since the last flush: registrations
-// made or removed, handovers received, readers that exited.
-void ReaderKickSm::pollChanges() {
+// made or removed, handovers received, readers that exited. True when the registrations were
+// read anew.
+bool ReaderKickSm::pollChanges() {
   bool changed = inotifyFd_ < 0;
   epoll_event events[64];
   const int n = ::epoll_wait(pollFd_, events, 64, 0);
@@ -397,19 +414,18 @@ void ReaderKickSm::pollChanges() {
       // The fd may be another reader's by now (closed and reused within this batch).
       pollfd exited{fd, POLLIN, 0};
       if (::poll(&exited, 1, 0) != 1) continue;
-      ZTRACE(1, "ReaderKickSm::pollChanges() dropping exited reader " << reader->path);
       drop(size_t(reader - readers_.data()));
     }
   }
-  if (changed) refreshIfChanged();
+  return changed && refreshIfChanged();
 }
 
-void ReaderKickSm::refreshIfChanged() {
-  if (inotifyFd_ < 0) return rescan();
+bool ReaderKickSm::refreshIfChanged() {
   alignas(inotify_event) char events[4096];
-  bool changed = false;
-  while (::read(inotifyFd_, events, sizeof(events)) > 0) changed = true;
+  bool changed = inotifyFd_ < 0;
+  while (inotifyFd_ >= 0 && ::read(inotifyFd_, events, sizeof(events)) > 0) changed = true;
   if (changed) rescan();
+  return changed;
 }
 
 ReaderKickSm::Registration* ReaderKickSm::findByFd(int fd, Watch what) {
@@ -499,6 +515,7 @@ void ReaderKickSm::closeHandover(Registration& reader) {
 // this or another writer) pays for it again.
 void ReaderKickSm::drop(size_t index) {
   Registration& reader = readers_[index];
+  ZTRACE(1, "ReaderKickSm::drop() dropping reader " << reader.path);
   ++readersDropped_;
   ::unlink(reader.path.c_str());
   ::unlink(ackPathOf(reader.path).c_str());
@@ -525,7 +542,7 @@ bool ReaderKickSm::kick(Registration& reader) {
     }
     closeIfOpen(reader.fd);
   }
-  ZTRACE(1, "ReaderKickSm::kick() dropping reader " << reader.path << ": " << errnoText(errno));
+  ZTRACE(1, "ReaderKickSm::kick() nobody listens at " << reader.path << ": " << errnoText(errno));
   return false;
 }
 

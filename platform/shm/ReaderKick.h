@@ -10,10 +10,10 @@
 // datagram of each writer with a handover: its eventfd and a pidfd of its own process, passed
 // with SCM_RIGHTS to the writer's (autobound) socket. From then on that writer kicks with an
 // 8-byte write to the eventfd, which wakes the reader as fast as the kernel wakes anything,
-// and watches the pidfd: a reader that dies is dropped at the writer's next flush, before
-// anything is spent on it. A reader that never answers stays on datagrams; a socket nobody
-// listens on any more (ECONNREFUSED, ENOENT) is unlinked and forgotten on the first failed
-// kick. Either way a dead reader costs the writer nothing.
+// and watches the pidfd: a reader that dies is dropped at the writer's next flush, which
+// costs it one write to an eventfd nobody reads. A reader that never answers stays on datagrams; a
+// socket nobody listens on any more (ECONNREFUSED, ENOENT) is unlinked and forgotten on the first
+// failed kick. Either way a dead reader costs the writer nothing.
 //
 // The writer learns of new and removed registrations through inotify on the readers folder.
 // One non-blocking epoll_wait per flush tells it all that changed since the last one
@@ -136,7 +136,8 @@ class ReaderKickSm {
 
   // Marks that readers have something new to look at.
   void commitNotify();
-  // Kicks every registered reader once if a commit is pending; returns the readers kicked.
+  // Kicks every registered reader once if a commit is pending; returns the readers kicked
+  // (that are still registered when it returns).
   uint32_t flush();
 
   uint32_t readers() const { return uint32_t(readers_.size()); }
@@ -153,12 +154,15 @@ class ReaderKickSm {
     int fd = -1;
     int eventFd = -1;
     int pidFd = -1;
+    uint64_t kickedIn = 0;  // the last flush that kicked it
+    bool failed = false;    // that kick found nobody listening
   };
   // What an epoll event of pollFd_ is about.
   enum class Watch : uint32_t { registrations, handover, exit };
-  void pollChanges();
+  void kickAll();
+  bool pollChanges();
   void watch(int fd, Watch what);
-  void refreshIfChanged();
+  bool refreshIfChanged();
   void rescan();
   Registration* findByFd(int fd, Watch what);
   void takeHandover(Registration& reader);
@@ -174,6 +178,7 @@ class ReaderKickSm {
   int inotifyFd_ = -1;
   bool pending_ = false;
   bool flushScheduled_ = false;
+  uint64_t flushes_ = 0;
   std::vector<Registration> readers_;
   uint64_t kicksSent_ = 0;
   uint64_t readersDropped_ = 0;
