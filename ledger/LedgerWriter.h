@@ -114,7 +114,9 @@ class LedgerWriter : public LedgerBase<Key, Value> {
     if (attached()) map_.prefetchFirstSlot(OpsT::hash(key));
   }
   void prefetchFirstStored(const Key& key) {
-    if constexpr (requires(const uint8_t* stored) { ops_.prefetchStored(stored); }) {
+    if constexpr (requires(const OpsT& ops, const uint8_t* stored) {
+                    ops.prefetchStored(stored);
+                  }) {
       if (!attached()) return;
       const uint32_t slot = map_.firstSlot(OpsT::hash(key));
       if (slot < slots_.numSlots()) ops_.prefetchStored(slots_.value(slot));

@@ -15,6 +15,16 @@ namespace Shape {
 
 using Ledger::CorruptionException;
 
+namespace {
+// A free entry's link to the next free entry, in the first word of its payload.
+uint32_t nextFreeOf(const SlabEntryHeader* e) {
+  uint32_t next;
+  std::memcpy(&next, e + 1, sizeof(next));
+  return next;
+}
+void nextFreeIs(SlabEntryHeader* e, uint32_t next) { std::memcpy(e + 1, &next, sizeof(next)); }
+}  // namespace
+
 std::string checkEntries(const uint8_t* file, size_t fileSize,
                          const std::vector<bool>* referenced) {
   if (!file || fileSize < sizeof(SlabHeader)) return "slab file not mapped";
@@ -28,7 +38,7 @@ std::string checkEntries(const uint8_t* file, size_t fileSize,
   };
   std::vector<bool> onFreeList(n, false);
   uint32_t free = 0;
-  for (uint32_t i = h.freeList; i != kNoEntry; i = entry(i)->next) {
+  for (uint32_t i = h.freeList; i != kNoEntry; i = nextFreeOf(entry(i))) {
     if (i >= n) return name + " free list entry " + std::to_string(i) + " beyond the file";
     if (onFreeList[i]) return name + " free list loop at entry " + std::to_string(i);
     if (entry(i)->payloadSize != 0) {
@@ -106,7 +116,7 @@ void SlabHeader::validate(size_t fileSize, uint32_t expectedEmber) const {
     slabFail("SlabHeader::validate() bad numOccupied: " + std::to_string(numOccupied) +
              " numEntries: " + std::to_string(numEntries));
   }
-  uint64_t needed = sizeof(SlabHeader) + uint64_t{numEntries} * (8 + maxPayload);
+  uint64_t needed = sizeof(SlabHeader) + uint64_t{numEntries} * (kEntryHeaderSize + maxPayload);
   if (fileSize < needed) {
     slabFail("SlabHeader::validate() bad shmem size: " + std::to_string(fileSize) +
              " needed: " + std::to_string(needed));
@@ -197,9 +207,8 @@ uint32_t SlabWriter::alloc(uint32_t size) {
     throw CorruptionException("WriterAllocator::alloc() corrupt free list at entry " +
                               std::to_string(index));
   }
-  mutableHeader().freeList = e->next;
+  mutableHeader().freeList = nextFreeOf(e);
   e->payloadSize = size;
-  e->next = kNoEntry;
   ++mutableHeader().numOccupied;
   return index;
 }
@@ -216,7 +225,6 @@ uint32_t SlabWriter::allocAboveHighWater(uint32_t size) {
   const uint32_t index = mutableHeader().highWater++;
   auto* e = reinterpret_cast<SlabEntryHeader*>(entry(index));
   e->payloadSize = size;
-  e->next = kNoEntry;
   ++mutableHeader().numOccupied;
   return index;
 }
@@ -225,7 +233,7 @@ void SlabWriter::free(uint32_t index) {
   auto* e = reinterpret_cast<SlabEntryHeader*>(entry(index));
   ZINC_ASSERT(index < header().highWater && e->payloadSize != 0, "free of a free slab entry");
   e->payloadSize = 0;
-  e->next = header().freeList;
+  nextFreeIs(e, header().freeList);
   mutableHeader().freeList = index;
   --mutableHeader().numOccupied;
 }
@@ -248,7 +256,7 @@ void SlabWriter::rebuild(const std::vector<bool>& live) {
       continue;
     }
     e->payloadSize = 0;
-    e->next = h.freeList;
+    nextFreeIs(e, h.freeList);
     h.freeList = i;
   }
 }

@@ -1,14 +1,15 @@
 // Shape: slabs for values whose size varies (a via set holds 44 + 12 x count bytes, up to
 // 1580). A table of such values stores a Shape::Offset (8 bytes) in each slot and the value's
-// bytes in a slab entry; a via set of 2 vias costs an 80-byte entry, not a 1,600-byte slot.
+// bytes in a slab entry; a via set of 2 vias costs a 72-byte entry, not a 1,600-byte slot.
 //
-// One slab file per size class, "slab.<c>" in the table's folder. Entries (8-byte entry header
-// included) grow in quarter steps between powers of two, 64, 80, 96, 112, 128, 160, ... 2048
-// bytes (entrySizeOf), so an entry wastes less than a fifth of its bytes.
+// One slab file per size class, "slab.<c>" in the table's folder. Entries (4-byte entry header
+// included) grow in eighth steps between powers of two, 64, 72, 80, ... 120, 128, 144, ...
+// 2048 bytes (entrySizeOf), so an entry wastes less than a ninth of its bytes; a via set of
+// 2, 4, 6, 8 or 16 vias fills its entry exactly.
 //
 //   struct SlabHeader {           // offset size
 //     char     magic[8];          //   0    8   "LEDGRSLB"
-//     uint32_t version;           //   8    4   2
+//     uint32_t version;           //   8    4   3
 //     uint32_t checksum;          //  12    4   platform hash of maxPayload and sizeClass
 //     uint32_t numOccupied;       //  16    4   entries in use
 //     uint32_t numEntries;        //  20    4   entries the file holds
@@ -20,11 +21,10 @@
 //                                 //            it are free without being on the free list
 //     uint32_t reserved[5];       //  44   20
 //   };                            //  64
-//   struct SlabEntry {            //  64 + i * (8 + maxPayload)
+//   struct SlabEntry {            //  64 + i * (4 + maxPayload)
 //     uint32_t payloadSize;       //   0    4   0: free
-//     uint32_t next;              //   4    4   free-list link
-//     uint8_t  payload[maxPayload];
-//   };
+//     uint8_t  payload[maxPayload];   //      a free entry's first 4 bytes: the next free
+//   };                            //            entry (free-list link)
 //
 // Readers rely on: a payload is written before the slot that refers to it is published, and
 // never changed while any slot refers to it; the writer frees it only after the referring
@@ -46,15 +46,18 @@
 namespace Shape {
 
 inline constexpr char kSlabMagic[8] = {'L', 'E', 'D', 'G', 'R', 'S', 'L', 'B'};
-inline constexpr uint32_t kSlabVersion = 2;
+inline constexpr uint32_t kSlabVersion = 3;
 inline constexpr uint32_t kNoEntry = 0xffffffffu;
-inline constexpr uint32_t kEntryHeaderSize = 8;
-inline constexpr uint32_t kNumClasses = 21;
-// Bytes of an entry of class c, its header included: (4 + c % 4) << (4 + c / 4).
-constexpr uint32_t entrySizeOf(uint32_t c) { return (4 + c % 4) << (4 + c / 4); }
+inline constexpr uint32_t kEntryHeaderSize = 4;
+inline constexpr uint32_t kNumClasses = 41;
+// Bytes of an entry of class c, its header included: (8 + c % 8) << (3 + c / 8).
+constexpr uint32_t entrySizeOf(uint32_t c) { return (8 + c % 8) << (3 + c / 8); }
 constexpr uint32_t maxPayloadOf(uint32_t c) { return entrySizeOf(c) - kEntryHeaderSize; }
 inline constexpr uint32_t kMaxPayload = maxPayloadOf(kNumClasses - 1);
-static_assert(entrySizeOf(0) == 64 && entrySizeOf(1) == 80 && kMaxPayload == 2040);
+static_assert(entrySizeOf(0) == 64 && entrySizeOf(1) == 72 && entrySizeOf(8) == 128);
+static_assert(entrySizeOf(kNumClasses - 1) == 2048 && kMaxPayload == 2044);
+// A free entry keeps its free-list link where a payload would be.
+static_assert(maxPayloadOf(0) >= sizeof(uint32_t));
 
 struct SlabHeader {
   char magic[8];
@@ -85,7 +88,6 @@ static_assert(sizeof(SlabHeader) == 64);
 
 struct SlabEntryHeader {
   uint32_t payloadSize;
-  uint32_t next;
 };
 static_assert(sizeof(SlabEntryHeader) == kEntryHeaderSize);
 

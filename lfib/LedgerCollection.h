@@ -112,7 +112,7 @@ using LedgerTable = Ledger::ZincLedgerMap<E, V, K>;
 
 // The via sets: one table whose values vary in length (a fixed part of 44 bytes and 12 bytes
 // per via key, up to 128 keys). Its slots hold a reference into the table's slabs, where each
-// via set takes only the bytes it uses: a 2-via set costs a 24-byte slot and an 80-byte slab
+// via set takes only the bytes it uses: a 2-via set costs a 24-byte slot and a 72-byte slab
 // entry, not a slot sized for 128 via keys.
 template <class E>
 using ViaSetLedger = Ledger::ZincLedgerMap<E, LfibViaSet, LfibViaSetKey,

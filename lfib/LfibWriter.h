@@ -12,6 +12,7 @@
 // unchanged; with it off, every rewrite takes fresh keys and then drops all the old ones.
 #pragma once
 
+#include <span>
 #include <unordered_map>
 #include <vector>
 
@@ -41,6 +42,10 @@ class LfibWriter : public Zinc::PtrInterface {
   void indexAllocatorInternalIs(LFib::Source source, const Zinc::Ptr<LfibViaIndexAllocator>& a);
 
   void lfibRouteIs(const ConsolidatedLfibRoute& route);
+  // Writes the routes in order, each exactly as lfibRouteIs would. Knowing the next routes'
+  // keys, it fetches their chains a few routes ahead: a bulk load is bound by memory
+  // latency, and this overlaps the look-up of each route with the writes of the ones before.
+  void lfibRoutesIs(std::span<const ConsolidatedLfibRoute> routes);
   void lfibRouteDel(const RouteKey& key);
   void lfibRouteDelAll();
   void lfibViaDel(const LfibViaKey& key);
@@ -48,6 +53,8 @@ class LfibWriter : public Zinc::PtrInterface {
  private:
   struct OldRoute;
   static constexpr uint32_t kPrefetchedVias = 8;
+  // How many routes ahead lfibRoutesIs fetches a route's bucket head, and its first slot.
+  static constexpr size_t kRouteBucketAhead = 4, kRouteChainAhead = 2;
   void prefetchFor(const ConsolidatedLfibRoute& route, LfibViaIndexAllocator& allocator);
   template <class Via>
   void writeVias(const ConsolidatedLfibRoute& route, OldRoute& old, LfibViaSet& viaSet,

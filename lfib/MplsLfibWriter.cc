@@ -190,6 +190,17 @@ void LfibWriter::lfibRouteIs(const ConsolidatedLfibRoute& route) {
   for (const LfibViaKey& k : old.viaKeys) lfibViaDel(k);
 }
 
+void LfibWriter::lfibRoutesIs(std::span<const ConsolidatedLfibRoute> routes) {
+  auto& table = lfib_->lfibRouteLedger();
+  for (size_t i = 0; i < routes.size(); ++i) {
+    if (i + kRouteBucketAhead < routes.size()) table.prefetch(routes[i + kRouteBucketAhead].key());
+    if (i + kRouteChainAhead < routes.size()) {
+      table.prefetchChain(routes[i + kRouteChainAhead].key());
+    }
+    lfibRouteIs(routes[i]);
+  }
+}
+
 void LfibWriter::lfibRouteDel(const RouteKey& key) {
   ZTRACE(1, "lfibRouteDel"
                 << " routeKey:" << key);

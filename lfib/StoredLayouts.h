@@ -72,8 +72,9 @@ static_assert(slotSize(sizeof(Shape::Offset)) == 24);
 constexpr uint32_t viaSetEntrySize(size_t viaKeys) {
   return Shape::entrySizeOf(Shape::sizeClassFor(44 + 12 * viaKeys));
 }
-static_assert(viaSetEntrySize(1) == 64 && viaSetEntrySize(2) == 80 && viaSetEntrySize(3) == 96 &&
-              viaSetEntrySize(16) == 256 && viaSetEntrySize(128) == 1792);
+static_assert(viaSetEntrySize(1) == 64 && viaSetEntrySize(2) == 72 && viaSetEntrySize(3) == 88 &&
+              viaSetEntrySize(4) == 96 && viaSetEntrySize(16) == 240 &&
+              viaSetEntrySize(128) == 1664);
 static_assert(std::is_trivially_copyable_v<LfibIpLookupVia> &&
               !Zinc::Serial<LfibIpLookupVia>::fixed);
 static_assert(Zinc::Serial<LfibIpLookupVia>::size == 20 + 101);

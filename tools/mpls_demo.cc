@@ -190,6 +190,8 @@ class WriterAgent {
   int run() {
     Platform::FeatureToggle::overrideIs("InPlaceMplsAdjacencyUpdate", o_.inPlace);
     status_ = Mpls::lfibStatusFactory("demo");
+    // Four routes in five are MPLS routes of three vias on average (RouteMaker).
+    status_->ledgerExpectedSizeIs({o_.routes, uint32_t(uint64_t(o_.routes) * 12 / 5)});
     status_->ledgerMountIs(Ledger::LedgerMode::writer, o_.root);
     writer_ = Mpls::lfibWriterFactory(status_);
     routes_.reserve(o_.routes + o_.routes / 4);

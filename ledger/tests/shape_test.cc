@@ -46,16 +46,16 @@ TEST(SlabHeaderChecks, InOrderWithTheirMessages) {
   Shape::SlabWriter slab;
   EXPECT_EQ(slab.attach(root.path(), "t", 4, 77, SharedMem::EmberFile::Perm::OwnerOnly),
             Shape::SlabWriter::Attached::created);
-  slab.free(slab.alloc(100));
-  const size_t size = sizeof(Shape::SlabHeader) + 16 * 128;
+  slab.free(slab.alloc(90));
+  const size_t size = sizeof(Shape::SlabHeader) + 16 * Shape::entrySizeOf(4);
   Shape::SlabHeader h = slab.header();
-  EXPECT_EQ(h.maxPayload, 120u);
+  EXPECT_EQ(h.maxPayload, 92u);
   EXPECT_EQ(slabError(h, size, 77), "");
   using Break = std::function<void(Shape::SlabHeader&, size_t&, uint32_t&)>;
   const std::vector<std::pair<std::string, Break>> breaks = {
       {"SlabHeader::validate() bad header file size: ", [](auto&, auto& s, auto&) { s = 63; }},
       {"SlabHeader::validate() bad magic: ", [](auto& h, auto&, auto&) { h.magic[0] = 'X'; }},
-      {"SlabHeader::validate() bad version: ", [](auto& h, auto&, auto&) { h.version = 3; }},
+      {"SlabHeader::validate() bad version: ", [](auto& h, auto&, auto&) { h.version = 2; }},
       {"SlabHeader::validate() checksum fail: ", [](auto& h, auto&, auto&) { h.sizeClass = 2; }},
       {"SlabHeader::validate() bad numOccupied: ",
        [](auto& h, auto&, auto&) { h.numOccupied = 17; }},
@@ -83,14 +83,14 @@ TEST(SlabAllocation, RefusesSizeZeroAndPicksTheSmallestClass) {
   } catch (const Zinc::InternalException& e) {
     EXPECT_STREQ(e.what(), "WriterAllocator::alloc() doing an allocation of size 0 is forbidden");
   }
-  EXPECT_EQ(allocator.alloc(44 + 2 * 12).sizeClass(), 1u);  // 68 bytes: the 80-byte entries
-  EXPECT_EQ(allocator.alloc(56).sizeClass(), 0u);           // 64-byte entries
-  EXPECT_EQ(allocator.alloc(57).sizeClass(), 1u);
-  EXPECT_EQ(allocator.alloc(1580).sizeClass(), 19u);  // 1792-byte entries
-  EXPECT_EQ(allocator.alloc(2040).sizeClass(), 20u);
-  EXPECT_THROW(allocator.alloc(2041), Zinc::InternalException);
+  EXPECT_EQ(allocator.alloc(44 + 2 * 12).sizeClass(), 1u);  // 68 bytes: the 72-byte entries
+  EXPECT_EQ(allocator.alloc(60).sizeClass(), 0u);           // 64-byte entries
+  EXPECT_EQ(allocator.alloc(61).sizeClass(), 1u);
+  EXPECT_EQ(allocator.alloc(1580).sizeClass(), 37u);  // 1664-byte entries
+  EXPECT_EQ(allocator.alloc(2044).sizeClass(), 40u);
+  EXPECT_THROW(allocator.alloc(2045), Zinc::InternalException);
   for (uint32_t c = 1; c < Shape::kNumClasses; ++c) {
-    EXPECT_LE(Shape::entrySizeOf(c), Shape::entrySizeOf(c - 1) * 5 / 4) << "at most 25% apart";
+    EXPECT_LE(Shape::entrySizeOf(c), Shape::entrySizeOf(c - 1) * 9 / 8) << "at most 1/8 apart";
   }
   Shape::Offset a = allocator.alloc(10);
   allocator.free(a);

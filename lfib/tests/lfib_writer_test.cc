@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -169,6 +170,42 @@ TEST_P(LfibWriterTest, ChangingViaTypeDropsTheOldVias) {
   EXPECT_EQ(status->pwViaCount(), 1u);
   EXPECT_EQ(storedSet(100).key().viaType(), viaTypeMplsPseudowire_);
   EXPECT_EQ(status->viaSetCount(), 1u);
+}
+
+// A batch writes exactly what the same routes written one by one write, in the same order:
+// new routes, rewrites of routes earlier in the batch, a cut at 128 vias, an empty batch.
+TEST_P(LfibWriterTest, ABatchWritesWhatOneByOneWrites) {
+  std::vector<ConsolidatedLfibRoute> routes;
+  for (uint32_t i = 0; i < 40; ++i) routes.push_back(route(200 + i % 30, 1 + i % 4, i));
+  routes.push_back(route(300, 130));
+  routes.push_back(route(201, 2, 7));
+
+  Testing::TempLedgerRoot otherRoot;
+  auto one = lfibStatusFactory("status");
+  one->ledgerMountIs(Ledger::LedgerMode::writer, otherRoot.path());
+  auto oneByOne = lfibWriterFactory(one);
+  oneByOne->inPlaceAdjacencyUpdateSupportedIs(inPlace());
+  WriteLog batchLog(status), oneLog(one);
+  writer->lfibRoutesIs({});
+  writer->lfibRoutesIs(routes);
+  for (const ConsolidatedLfibRoute& r : routes) oneByOne->lfibRouteIs(r);
+
+  EXPECT_EQ(batchLog.log, oneLog.log);
+  EXPECT_EQ(status->counterRegistry().counters().size(), one->counterRegistry().counters().size());
+  for (const auto& [name, value] : one->counterRegistry().counters()) {
+    EXPECT_EQ(status->counter(name), *value) << name;
+  }
+  std::vector<LfibMplsVia> batchVias, oneVias;
+  status->mplsViaForEach([&](const LfibMplsVia& v) { batchVias.push_back(v); });
+  one->mplsViaForEach([&](const LfibMplsVia& v) { oneVias.push_back(v); });
+  std::sort(batchVias.begin(), batchVias.end());
+  std::sort(oneVias.begin(), oneVias.end());
+  EXPECT_EQ(batchVias, oneVias);
+  for (uint32_t label : {200u, 201u, 229u, 300u}) {
+    EXPECT_EQ(stored(label), one->lfibRoute(RouteKey(Wire::MplsLabel(label)))) << label;
+    EXPECT_EQ(storedSet(label), one->viaSet(stored(label).viaSetKey())) << label;
+  }
+  EXPECT_EQ(storedSet(300).viaKeys(), 128u);
 }
 
 INSTANTIATE_TEST_SUITE_P(InPlace, LfibWriterTest, ::testing::Bool(),

@@ -124,6 +124,18 @@ size_t EmberFile::fileSize() const {
 
 bool EmberFile::mapLength(size_t bytes) {
   if (bytes == size_ && (base_ || bytes == 0)) return true;
+#ifdef MREMAP_MAYMOVE
+  // Moving the mapping keeps its page tables: the pages mapped so far stay mapped, where a
+  // fresh mapping would fault each of them in again on its next touch. A failure keeps the
+  // old mapping.
+  if (base_ && bytes > 0) {
+    void* p = ::mremap(base_, size_, bytes, MREMAP_MAYMOVE);
+    if (p == MAP_FAILED) return fail("cannot map " + std::to_string(bytes) + " bytes of");
+    base_ = static_cast<uint8_t*>(p);
+    size_ = bytes;
+    return true;
+  }
+#endif
   uint8_t* mapped = nullptr;
   if (bytes > 0) {
     int prot = PROT_READ | (writable_ ? PROT_WRITE : 0);

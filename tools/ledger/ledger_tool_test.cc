@@ -210,7 +210,7 @@ TEST(LedgerTool, ViaSetsInSlabs) {
   auto json = run({"dump", "viaSet", "--json"});
   EXPECT_TRUE(contains(json.out, "\"text\": \"Value('Mpls::LfibViaSet'")) << json.out;
   auto show = run({"show", "viaSet"});
-  EXPECT_TRUE(contains(show.out, "slab.1: maxPayload 72 numEntries 16 numOccupied 1")) << show.out;
+  EXPECT_TRUE(contains(show.out, "slab.1: maxPayload 68 numEntries 16 numOccupied 1")) << show.out;
   struct stat slots, slab;
   ASSERT_EQ(::stat((root.path() + "/lfib/status/viaSet/slots").c_str(), &slots), 0);
   ASSERT_EQ(::stat((root.path() + "/lfib/status/viaSet/slab.1").c_str(), &slab), 0);
@@ -235,7 +235,7 @@ TEST(LedgerTool, ViaSetsInSlabs) {
   patchWord(sizeof(Shape::SlabHeader), 4000);
   auto bad = run({"validate", "viaSet"});
   EXPECT_EQ(bad.status, 1);
-  EXPECT_TRUE(contains(bad.out, "slab.1 entry 0 has payload size 4000 beyond maxPayload 72"))
+  EXPECT_TRUE(contains(bad.out, "slab.1 entry 0 has payload size 4000 beyond maxPayload 68"))
       << bad.out;
   auto dumpBad = run({"dump", "viaSet"});
   EXPECT_EQ(dumpBad.status, 0);
