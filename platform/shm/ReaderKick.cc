@@ -253,14 +253,13 @@ uint32_t ReaderKickListener::drainSocket() {
   }
 }
 
-// The eventfd and the pidfd, to the writer's socket; never waiting. Lost answers are harmless:
-// the writer kicks by datagram until one arrives, and every datagram is answered.
-void ReaderKickListener::handOverTo(const sockaddr_un& writer, socklen_t length) {
+ssize_t sendDescriptorPair(int sock, const sockaddr_un& to, socklen_t length, const int (&fds)[2],
+                           int flags) {
   char tag = 'H';
   iovec iov{&tag, 1};
   alignas(cmsghdr) char control[CMSG_SPACE(2 * sizeof(int))] = {};
   msghdr msg{};
-  msg.msg_name = const_cast<sockaddr_un*>(&writer);
+  msg.msg_name = const_cast<sockaddr_un*>(&to);
   msg.msg_namelen = length;
   msg.msg_iov = &iov;
   msg.msg_iovlen = 1;
@@ -270,9 +269,15 @@ void ReaderKickListener::handOverTo(const sockaddr_un& writer, socklen_t length)
   c->cmsg_level = SOL_SOCKET;
   c->cmsg_type = SCM_RIGHTS;
   c->cmsg_len = CMSG_LEN(2 * sizeof(int));
-  const int fds[2] = {eventFd_, pidFd_};
   std::memcpy(CMSG_DATA(c), fds, sizeof(fds));
-  if (::sendmsg(fd_, &msg, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) {
+  return ::sendmsg(sock, &msg, flags);
+}
+
+// The eventfd and the pidfd, to the writer's socket; never waiting. Lost answers are harmless:
+// the writer kicks by datagram until one arrives, and every datagram is answered.
+void ReaderKickListener::handOverTo(const sockaddr_un& writer, socklen_t length) {
+  const int fds[2] = {eventFd_, pidFd_};
+  if (sendDescriptorPair(fd_, writer, length, fds, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) {
     ++handoversSent_;
   } else {
     ZTRACE(5, "ReaderKickListener::handOverTo() " << errnoText(errno));

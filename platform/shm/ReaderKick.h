@@ -67,6 +67,11 @@ inline constexpr uint64_t kNotInStep = ~uint64_t{0};
 // not well formed. The record is untrusted: its size, magic and version are checked.
 std::optional<uint64_t> readerConsumed(const std::string& tableDir, const std::string& name);
 
+// Sends a one-byte handover carrying two descriptors (SCM_RIGHTS) from `sock` to `to`: the
+// reader's eventfd and pidfd. Returns sendmsg's result (errno set on failure).
+ssize_t sendDescriptorPair(int sock, const sockaddr_un& to, socklen_t length, const int (&fds)[2],
+                           int flags);
+
 // Reader side: one registration, removed when destroyed. On a notification loop, watchOn()
 // does all there is to do. Without one, wait for either fd() or eventFd() to be readable and
 // call drain(): it consumes every pending kick and answers writers with the handover. Many

@@ -318,22 +318,8 @@ TEST(ReaderKick, ForgedHandoverIsRefused) {
   char byte;
   ASSERT_EQ(::recvfrom(listener.fd(), &byte, 1, 0, reinterpret_cast<sockaddr*>(&from), &fromLength),
             0);
-  iovec iov{&byte, 1};
-  alignas(cmsghdr) char control[CMSG_SPACE(2 * sizeof(int))] = {};
-  msghdr msg{};
-  msg.msg_name = &from;
-  msg.msg_namelen = fromLength;
-  msg.msg_iov = &iov;
-  msg.msg_iovlen = 1;
-  msg.msg_control = control;
-  msg.msg_controllen = sizeof(control);
-  cmsghdr* c = CMSG_FIRSTHDR(&msg);
-  c->cmsg_level = SOL_SOCKET;
-  c->cmsg_type = SCM_RIGHTS;
-  c->cmsg_len = CMSG_LEN(2 * sizeof(int));
   const int forged[2] = {pipeFds[1], pipeFds[0]};
-  std::memcpy(CMSG_DATA(c), forged, sizeof(forged));
-  ASSERT_EQ(::sendmsg(listener.fd(), &msg, 0), 1);
+  ASSERT_EQ(Mem::sendDescriptorPair(listener.fd(), from, fromLength, forged, 0), 1);
   for (int i = 0; i < 3; ++i) {
     writer.commitNotify();
     EXPECT_EQ(writer.flush(), 1u);
