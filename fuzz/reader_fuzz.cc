@@ -12,6 +12,7 @@
 // follow, with well-formed fixed headers when bit 1 is set; its readers copy the payloads.
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -96,21 +97,26 @@ void writeOthers(const std::string& dir, Input& in, bool wellFormed, uint32_t em
                                                     h.resizeSeq &= 2;
                                                   }));
   uint32_t generation = 0;
+  uint64_t latestSeq = 0;
   writeFile(dir + "/rally", withHeader<Ledger::RallyControl>(
                                 in.take(in.word() % 128), wellFormed, [&](Ledger::RallyControl& c) {
                                   std::memcpy(c.magic, Ledger::kRallyControlMagic, 8);
-                                  c.version = Ledger::kRallyVersion;
+                                  c.version = Ledger::kRallyControlVersion;
                                   c.emberId = ember;
                                   c.generation %= 4;
                                   generation = c.generation;
+                                  latestSeq = c.latestSeq;
                                 }));
+  // Entry words come from the input as they are; a well-formed base lies a little below the
+  // newest sequence, so that their offsets land near it.
   writeFile(dir + "/" + Ledger::rallyQueueName(generation),
             withHeader<Ledger::RallyQueueHeader>(
                 in.take(in.word() % 2048), wellFormed, [&](Ledger::RallyQueueHeader& q) {
                   std::memcpy(q.magic, Ledger::kRallyQueueMagic, 8);
-                  q.version = Ledger::kRallyVersion;
+                  q.version = Ledger::kRallyQueueVersion;
                   q.emberId = ember;
                   q.generation = generation;
+                  q.baseSeq = latestSeq - std::min<uint64_t>(latestSeq, q.baseSeq % 4096);
                   q.slotCapacity %= 256;
                   q.capacity %= 256;
                 }));

@@ -416,8 +416,8 @@ std::string LedgerWriter<Key, Value, OpsT>::dumpHeaders() const {
   std::ostringstream os;
   os << SlotTable::describe(slots_.header()) << "numBuckets: " << buckets_.numBuckets()
      << "\nrallyGeneration: " << rally_.generation() << "\nrallyCount: " << rally_.count()
-     << "\nrallyCapacity: " << rally_.capacity() << "\nsequence: " << rally_.sequence()
-     << "\nincarnation: " << rally_.incarnation() << "\n";
+     << "\nrallyCapacity: " << rally_.capacity() << "\nrallyBaseSeq: " << rally_.baseSeq()
+     << "\nsequence: " << rally_.sequence() << "\nincarnation: " << rally_.incarnation() << "\n";
   return os.str();
 }
 

@@ -23,7 +23,7 @@ void RallyReader::attach(const std::string& root, const std::string& table, uint
   }
   const auto* c = reinterpret_cast<const RallyControl*>(controlFile_.base());
   if (controlFile_.size() < sizeof(RallyControl) ||
-      std::memcmp(c->magic, kRallyControlMagic, 8) != 0 || c->version != kRallyVersion ||
+      std::memcmp(c->magic, kRallyControlMagic, 8) != 0 || c->version != kRallyControlVersion ||
       c->emberId != emberId) {
     controlFile_.close();
     throw InitializationException("RallyReader::initialize() failed to read ember file " +
@@ -56,7 +56,7 @@ bool RallyReader::openQueue(uint32_t g) {
     return false;
   if (file.size() < sizeof(RallyQueueHeader)) return false;
   const auto* q = reinterpret_cast<const RallyQueueHeader*>(file.base());
-  if (std::memcmp(q->magic, kRallyQueueMagic, 8) != 0 || q->version != kRallyVersion ||
+  if (std::memcmp(q->magic, kRallyQueueMagic, 8) != 0 || q->version != kRallyQueueVersion ||
       q->emberId != emberId_ || q->generation != g || q->slotCapacity > kMaxSlots) {
     return false;
   }
@@ -66,8 +66,9 @@ bool RallyReader::openQueue(uint32_t g) {
   if (queueFile_.size() < needed) doResize(needed);
   queue_ = reinterpret_cast<const RallyQueueHeader*>(queueFile_.base());
   capacity_ = queue_->capacity;
-  entries_ = reinterpret_cast<const RallyEntry*>(queueFile_.base() +
-                                                 rallyEntriesOffset(queue_->slotCapacity));
+  baseSeq_ = queue_->baseSeq;
+  entries_ = reinterpret_cast<const uint64_t*>(queueFile_.base() +
+                                               rallyEntriesOffset(queue_->slotCapacity));
   return true;
 }
 
@@ -144,7 +145,7 @@ uint32_t RallyReader::findPosition(uint64_t seq) {
   uint32_t high = count();
   while (low < high) {
     uint32_t mid = low + (high - low) / 2;
-    uint64_t s = Shm::load(entries_[mid].sequence, std::memory_order_relaxed);
+    uint64_t s = sequenceAt(mid);
     ZTRACE(9, "RallyReader::findPosition() mid pos:" << mid << " seq:" << s);
     if (s <= seq) {
       low = mid + 1;
@@ -179,18 +180,18 @@ RallyReader::Result RallyReader::doRally(const SlotFn& doSlot, uint32_t maxEntri
     pos_ = findPosition(lastSeq_);
   }
   uint32_t n = count();
-  if (pos_ > n ||
-      (pos_ > 0 && Shm::load(entries_[pos_ - 1].sequence, std::memory_order_relaxed) > lastSeq_)) {
+  if (pos_ > n || (pos_ > 0 && sequenceAt(pos_ - 1) > lastSeq_)) {
     ZTRACE(0, "RallyReader::doRally() unexpected position in generation:"
                   << generation_ << " pos:" << pos_ << " count:" << n << " lastSeq:" << lastSeq_);
     return Result::resync;
   }
   for (uint32_t done = 0; pos_ < n || (pos_ == n && pos_ < (n = count()));) {
     if (done == maxEntries) return Result::more;
-    const RallyEntry& e = entries_[pos_];
-    const uint64_t seq = Shm::load(e.sequence, std::memory_order_relaxed);
-    // Acquire: a tombstone implies the slot's newer entry is counted.
-    const uint32_t word = Shm::load(e.slotWord, std::memory_order_acquire);
+    // One load for sequence and slot word alike (acquire: a tombstone implies the slot's newer
+    // entry is counted).
+    const RallyEntry e = RallyEntry::of(loadEntry(pos_), baseSeq_);
+    const uint64_t seq = e.sequence;
+    const uint32_t word = e.slotWord;
     if (seq <= lastSeq_) {
       ZTRACE(0, "RallyReader::doRally() unexpected sequence in generation:"
                     << generation_ << " pos:" << pos_ << " seq:" << seq << " lastSeq:" << lastSeq_);
@@ -208,7 +209,7 @@ RallyReader::Result RallyReader::doRally(const SlotFn& doSlot, uint32_t maxEntri
         n = count();
         continue;
       }
-      if (Shm::load(e.slotWord, std::memory_order_acquire) & kTombstone) {
+      if (RallyEntry::slotWordOf(loadEntry(pos_)) & kTombstone) {
         ZTRACE(9, "RallyReader::doRally() seq:" << seq << " was tombstoned during doSlot()");
       }
       ++consumed_;

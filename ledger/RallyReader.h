@@ -3,9 +3,11 @@
 // The reader keeps the sequence of the last notification it consumed and its position in
 // the current queue generation. When woken it walks from there to the queue's count and hands
 // every live notification to doSlot(slot, sequence); tombstones are skipped (a newer entry of
-// the same slot follows). When the writer swaps in a new generation, the reader finds its
-// place again by binary search for the first entry above its last sequence: live entries
-// keep their sequences, so nothing is lost and nothing needs a resync.
+// the same slot follows). Each entry is one word, loaded whole: its sequence is the base of the
+// generation (read once, when the generation is mapped) plus the word's offset. When the writer
+// swaps in a new generation, the reader finds its place again by binary search for the first entry
+// above its last sequence: live entries keep their sequences, so nothing is lost and nothing needs
+// a resync.
 //
 // A resync is needed only when the writer re-attached (the incarnation changed) or the queue
 // holds something the protocol cannot produce; rally() then says so instead of guessing.
@@ -64,10 +66,9 @@ class RallyReader {
     return queue_ ? Shm::load(queue_->settled, std::memory_order_acquire) : 0;
   }
   uint32_t slotCapacity() const { return queue_ ? queue_->slotCapacity : 0; }
-  RallyEntry entryAt(uint32_t pos) const {
-    return RallyEntry{Shm::load(entries_[pos].sequence, std::memory_order_relaxed),
-                      Shm::load(entries_[pos].slotWord, std::memory_order_acquire), 0};
-  }
+  // The entry at `pos` (below queueCount()), taken apart against the queue's base.
+  RallyEntry entryAt(uint32_t pos) const { return RallyEntry::of(loadEntry(pos), baseSeq_); }
+  uint64_t queueBaseSeq() const { return baseSeq_; }
   uint32_t positionOf(uint32_t slot) const {
     if (!queue_ || slot >= queue_->slotCapacity) return kNoPosition;
     const auto* positions =
@@ -86,6 +87,13 @@ class RallyReader {
   void followSwap();
   void doResize(uint64_t bytes);
   uint32_t count() const;
+  // Acquire: a tombstone implies the slot's newer entry is counted.
+  uint64_t loadEntry(uint32_t pos) const {
+    return Shm::load(entries_[pos], std::memory_order_acquire);
+  }
+  uint64_t sequenceAt(uint32_t pos) const {
+    return baseSeq_ + RallyEntry::offsetOf(Shm::load(entries_[pos], std::memory_order_relaxed));
+  }
 
   std::string root_;
   std::string table_;
@@ -94,7 +102,8 @@ class RallyReader {
   SharedMem::EmberFile queueFile_;
   const RallyControl* control_ = nullptr;
   const RallyQueueHeader* queue_ = nullptr;
-  const RallyEntry* entries_ = nullptr;
+  const uint64_t* entries_ = nullptr;
+  uint64_t baseSeq_ = 0;  // of the mapped generation, fixed before it was published
   uint32_t capacity_ = 0;
   uint32_t generation_ = 0;
   uint32_t incarnation_ = 0;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <vector>
 
 #include "ledger/Exceptions.h"
 #include "ledger/Format.h"
@@ -46,17 +47,17 @@ void RallyWriter::attach(const std::string& root, const std::string& table, uint
   }
   control_ = reinterpret_cast<RallyControl*>(controlFile_.base());
   bool controlValid = std::memcmp(control_->magic, kRallyControlMagic, 8) == 0 &&
-                      control_->version == kRallyVersion;
-  uint64_t seq = controlValid ? control_->latestSeq : 0;
+                      control_->version == kRallyControlVersion;
+  latestSeq_ = controlValid ? control_->latestSeq : 0;
   uint32_t oldGeneration = controlValid ? control_->generation : 0;
   adopted_ = adopt && controlValid && control_->emberId == emberId && adoptQueue();
   if (!adopted_) {
     RallyControl fresh{};
-    fresh.version = kRallyVersion;
+    fresh.version = kRallyControlVersion;
     fresh.emberId = emberId;
     fresh.generation = oldGeneration;
     fresh.incarnation = controlValid ? control_->incarnation : 0;
-    fresh.latestSeq = seq;
+    fresh.latestSeq = latestSeq_;
     std::memcpy(control_, &fresh, sizeof(fresh));
     std::atomic_thread_fence(std::memory_order_release);
     std::memcpy(control_->magic, kRallyControlMagic, 8);
@@ -78,26 +79,40 @@ bool RallyWriter::adoptQueue() {
   }
   if (queueFile_.size() < sizeof(RallyQueueHeader)) return false;
   const auto* q = reinterpret_cast<const RallyQueueHeader*>(queueFile_.base());
-  bool valid = std::memcmp(q->magic, kRallyQueueMagic, 8) == 0 && q->version == kRallyVersion &&
-               q->emberId == emberId_ && q->generation == control_->generation &&
-               q->slotCapacity <= kMaxSlots && q->count <= q->capacity &&
+  bool valid = std::memcmp(q->magic, kRallyQueueMagic, 8) == 0 &&
+               q->version == kRallyQueueVersion && q->emberId == emberId_ &&
+               q->generation == control_->generation && q->slotCapacity <= kMaxSlots &&
+               q->count <= q->capacity && q->baseSeq <= latestSeq_ &&
                queueFile_.size() >= rallyFileSize(q->slotCapacity, q->capacity);
   if (!valid) return false;
   bindQueue();
   // Positions are checked by the validator; the queue's sequences must at least be sane.
-  if (q->count > 0 && entries_[q->count - 1].sequence > control_->latestSeq) return false;
+  if (count_ > 0 && entry(count_ - 1).sequence > latestSeq_) return false;
+  // Offsets left too little room (or none) for the queue's capacity: the first append that
+  // would not fit swaps.
+  appendLimit_ = appendLimitFor(maxOffset_);
   // The writer before may have died with a tail unsettled, or while settling it. A `settled`
   // beyond the count is not to be trusted: the whole queue is settled again.
-  settled_ = q->settled <= q->count ? q->settled : 0;
+  settled_ = q->settled <= count_ ? q->settled : 0;
   settle();
   return true;
+}
+
+// Entries the bound queue can still take, with offsets up to `maxOffset`, counted from 0.
+uint32_t RallyWriter::appendLimitFor(uint64_t maxOffset) const {
+  const uint64_t used = latestSeq_ - baseSeq_;
+  const uint64_t room = used < maxOffset ? maxOffset - used : 0;
+  return static_cast<uint32_t>(std::min<uint64_t>(queue_->capacity, count_ + room));
 }
 
 void RallyWriter::bindQueue() {
   queue_ = reinterpret_cast<RallyQueueHeader*>(queueFile_.base());
   positions_ = reinterpret_cast<uint32_t*>(queueFile_.base() + sizeof(RallyQueueHeader));
   entries_ =
-      reinterpret_cast<RallyEntry*>(queueFile_.base() + rallyEntriesOffset(queue_->slotCapacity));
+      reinterpret_cast<uint64_t*>(queueFile_.base() + rallyEntriesOffset(queue_->slotCapacity));
+  count_ = queue_->count;
+  slotCapacity_ = queue_->slotCapacity;
+  baseSeq_ = queue_->baseSeq;
 }
 
 void RallyWriter::unbindQueue() {
@@ -105,6 +120,8 @@ void RallyWriter::unbindQueue() {
   queue_ = nullptr;
   positions_ = nullptr;
   entries_ = nullptr;
+  count_ = slotCapacity_ = appendLimit_ = settled_ = 0;
+  baseSeq_ = 0;
 }
 
 void RallyWriter::detach() {
@@ -120,6 +137,8 @@ void RallyWriter::swapIn(uint32_t slotCapacity, bool keepLive) {
   uint32_t oldGeneration = control_->generation;
   uint32_t generation = oldGeneration + 1;
   uint32_t capacity = capacityFor(slotCapacity);
+  const uint64_t maxOffset = std::max<uint64_t>(maxOffset_, capacity);
+  const uint64_t baseSeq = rallyBaseFor(latestSeq_, capacity, maxOffset);
   EmberFile::unlinkFile(root_, table_, rallyQueueName(generation));  // leftover of a crash
   EmberFile next;
   if (!next.open(root_, table_, rallyQueueName(generation), EmberFile::Access::ReadWrite, true,
@@ -130,33 +149,63 @@ void RallyWriter::swapIn(uint32_t slotCapacity, bool keepLive) {
   }
   auto* q = reinterpret_cast<RallyQueueHeader*>(next.base());
   auto* positions = reinterpret_cast<uint32_t*>(next.base() + sizeof(RallyQueueHeader));
-  auto* entries = reinterpret_cast<RallyEntry*>(next.base() + rallyEntriesOffset(slotCapacity));
+  auto* entries = reinterpret_cast<uint64_t*>(next.base() + rallyEntriesOffset(slotCapacity));
   std::fill(positions, positions + slotCapacity, kNoPosition);
-  uint32_t count = 0;
-  if (keepLive && queue_) {
-    for (uint32_t pos = 0; pos < queue_->count; ++pos) {
-      const RallyEntry& e = entries_[pos];
-      if (e.slotWord & kTombstone || e.slotWord >= slotCapacity) continue;
-      entries[count] = RallyEntry{e.sequence, e.slotWord, 0};
-      positions[e.slotWord] = count++;
-    }
-  }
-  q->version = kRallyVersion;
+  const uint64_t announcedBefore = latestSeq_;
+  const uint32_t count =
+      keepLive && queue_ ? copyLive(entries, positions, slotCapacity, baseSeq) : 0;
+  q->version = kRallyQueueVersion;
   q->emberId = emberId_;
   q->generation = generation;
   q->capacity = capacity;
   q->slotCapacity = slotCapacity;
   q->count = count;
   q->settled = count;
+  q->baseSeq = baseSeq;
   std::memcpy(q->magic, kRallyQueueMagic, 8);
   // The new queue is complete before any reader can learn its generation: release.
   Shm::store(control_->generation, generation, std::memory_order_release);
+  // Entries announced again are in the new generation only: the sequence that covers them
+  // comes after the generation that holds them (release).
+  if (latestSeq_ != announcedBefore) {
+    Shm::store(control_->latestSeq, latestSeq_, std::memory_order_release);
+  }
   queueFile_ = std::move(next);
   bindQueue();
   settled_ = count;
+  appendLimit_ = appendLimitFor(maxOffset);
   EmberFile::unlinkFile(root_, table_, rallyQueueName(oldGeneration));
   ZTRACE(3, "RallyWriter::swapIn() generation:" << generation << " live:" << count
-                                                << " capacity:" << capacity);
+                                                << " capacity:" << capacity << " base:" << baseSeq);
+}
+
+uint32_t RallyWriter::copyLive(uint64_t* entries, uint32_t* positions, uint32_t slotCapacity,
+                               uint64_t baseSeq) {
+  std::vector<uint32_t> tooOld;
+  uint32_t count = 0;
+  for (uint32_t pos = 0; pos < count_; ++pos) {
+    // The slot's live entry, the one its position names (settled): at most one per slot.
+    const RallyEntry e = entry(pos);
+    if (e.slotWord >= std::min(slotCapacity, slotCapacity_) || positions_[e.slotWord] != pos) {
+      continue;
+    }
+    if (e.sequence <= baseSeq) {
+      tooOld.push_back(e.slotWord);
+      continue;
+    }
+    entries[count] = RallyEntry::wordOf(e.sequence - baseSeq, e.slotWord);
+    positions[e.slotWord] = count++;
+  }
+  for (uint32_t slot : tooOld) {
+    entries[count] = RallyEntry::wordOf(++latestSeq_ - baseSeq, slot);
+    positions[slot] = count++;
+  }
+  reannounced_ += tooOld.size();
+  if (!tooOld.empty()) {
+    ZTRACE(3, "RallyWriter::swapIn() announced " << tooOld.size()
+                                                 << " slots again, too old for base:" << baseSeq);
+  }
+  return count;
 }
 
 // For each entry appended since the last settle, in order: the slot's older live entry (the
@@ -165,28 +214,28 @@ void RallyWriter::swapIn(uint32_t slotCapacity, bool keepLive) {
 // older entry of the slot half as far on, fetched for writing.
 void RallyWriter::settle() {
   if (!queue_) return;
-  const uint32_t end = queue_->count;
-  const uint32_t slotCapacity = queue_->slotCapacity;
+  const uint32_t end = count_;
+  const uint32_t slotCapacity = slotCapacity_;
   for (uint32_t pos = settled_; pos < end; ++pos) {
     if (pos + kSettleAhead < end) {
-      const uint32_t ahead = entries_[pos + kSettleAhead].slotWord;
+      const uint32_t ahead = RallyEntry::slotWordOf(entries_[pos + kSettleAhead]);
       if (ahead < slotCapacity) __builtin_prefetch(&positions_[ahead], 1);
     }
     if (pos + kSettleAhead / 2 < end) {
-      const uint32_t ahead = entries_[pos + kSettleAhead / 2].slotWord;
+      const uint32_t ahead = RallyEntry::slotWordOf(entries_[pos + kSettleAhead / 2]);
       const uint32_t older = ahead < slotCapacity ? positions_[ahead] : kNoPosition;
       if (older < end) __builtin_prefetch(&entries_[older], 1);
     }
     // A tombstone, or a slot index no writer of this queue could have appended, is left as
     // it is (the validator reports the latter).
-    const uint32_t slot = entries_[pos].slotWord;
+    const uint32_t slot = RallyEntry::slotWordOf(entries_[pos]);
     if (slot >= slotCapacity) continue;
     const uint32_t older = positions_[slot];
     // Only the slot's own live entry: settling again after a crash finds it already done.
-    if (older < pos && entries_[older].slotWord == slot) {
+    if (older < pos && RallyEntry::slotWordOf(entries_[older]) == slot) {
       // Release: whoever sees the tombstone sees the newer entry counted (it is below `end`,
-      // whose count store came first).
-      Shm::store(entries_[older].slotWord, slot | kTombstone, std::memory_order_release);
+      // whose count store came first). The whole word is stored: readers load it whole.
+      Shm::store(entries_[older], entries_[older] | kTombstone, std::memory_order_release);
     }
     // Positions are the writer's and the validator's bookkeeping; readers do not use them.
     positions_[slot] = pos;

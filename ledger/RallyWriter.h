@@ -35,7 +35,7 @@
 //   "rally.<g>", generation g of the queue (g in decimal):
 //   struct RallyQueueHeader {       // offset size
 //     char     magic[8];            //   0    8   "LEDGRRLQ"
-//     uint32_t version;             //   8    4   1
+//     uint32_t version;             //   8    4   2
 //     uint32_t emberId;             //  12    4
 //     uint32_t generation;          //  16    4   g
 //     uint32_t capacity;            //  20    4   entries the file holds
@@ -43,34 +43,50 @@
 //     uint32_t count;               //  28    4   entries appended so far
 //     uint32_t settled;             //  32    4   entries below it are settled (see above);
 //                                   //            count - settled <= kSettleBatch
-//     uint32_t reserved[7];         //  36   28
+//     uint32_t reserved0;           //  36    4
+//     uint64_t baseSeq;             //  40    8   entry sequences are baseSeq + offset
+//     uint32_t reserved[4];         //  48   16
 //   };                              //  64
 //   uint32_t position[slotCapacity] //  64 + 4 * s: index of slot s's live entry, or kNoPosition
 //   (padding to 8)
-//   struct RallyEntry {             // entriesOffset + 16 * i
-//     uint64_t sequence;            //   0    8
-//     uint32_t slotWord;            //   8    4   slot index; bit 31 set: tombstone
-//     uint32_t reserved;            //  12    4
-//   } entry[capacity];
+//   uint64_t entry[capacity];       // entriesOffset + 8 * i, one word:
+//                                   //   bits 63..32  offset: sequence - baseSeq, 1 .. 2^32 - 1
+//                                   //   bit  31      tombstone
+//                                   //   bits 30..0   slot index
+//
+// The base of a generation is fixed when the writer builds its file, before readers can learn
+// of it. It is chosen so that every entry the new file can still take fits its offset:
+// baseSeq = latestSeq + capacity - kMaxRallyOffset (0 while that is negative). Live entries keep
+// their sequences through a compaction, so a live entry can be older than that: such an entry
+// is not copied in place but announced again at the end of the new file with a fresh sequence
+// (a redundant notification: a reader that had read the slot reads it again and finds nothing
+// new; one that had not reads it now). On top of that the writer swaps before an append whose
+// offset would not fit (an adopted file that left too little room), whatever the count.
 //
 // What readers rely on:
+//  - An entry is one 64-bit word, stored whole and loaded whole (one atomic load).
 //  - Entries below `count` are complete: each entry is written before `count` is advanced
 //    with a release store; load `count` with acquire before reading entries below it.
 //  - An entry becomes a tombstone only after the slot's newer entry is counted: a reader
-//    that sees a tombstone (acquire load of slotWord) will find the newer entry below `count`.
+//    that sees a tombstone (acquire load of the entry) will find the newer entry below `count`.
 //  - It may become one much later (at the next settle): a reader can be handed the same slot
 //    twice, from its older and its newer entry. Each time it reads the slot as it is now, so
 //    the second read finds nothing new and reports nothing.
-//  - A swap writes the whole new file first and then release-stores `generation` in the
-//    control block; a reader that loads a new generation (acquire) can open and read the new
-//    file whole. The old file is unlinked but stays valid for whoever still maps it; it is
-//    never written again. Live entries keep their sequences, so sequences in every
-//    generation increase with the position.
+//  - A swap writes the whole new file first (base included) and then release-stores
+//    `generation` in the control block; a reader that loads a new generation (acquire) can
+//    open and read the new file whole. When the swap announced old entries again, `latestSeq`
+//    is stored after `generation`: a reader that loads `latestSeq` and then `generation` finds
+//    every sequence up to it in that generation. The old file is unlinked but stays valid for
+//    whoever still maps it; it is never written again. Sequences in every generation increase
+//    with the position, and for any sequence s a reader stopped at, the entries above s in the
+//    new generation name every slot announced after s: the reader finds its place by binary
+//    search for the first entry above s.
 //  - `incarnation` changes when a writer (re)attaches: a reader that sees it change resyncs.
 //  - A writer that adopts a queue first settles its unsettled tail (a writer that died may have
 //    left one, or died in the middle of settling it: settling again changes nothing twice).
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -83,10 +99,13 @@ namespace Ledger {
 
 inline constexpr char kRallyControlMagic[8] = {'L', 'E', 'D', 'G', 'R', 'R', 'L', 'C'};
 inline constexpr char kRallyQueueMagic[8] = {'L', 'E', 'D', 'G', 'R', 'R', 'L', 'Q'};
-inline constexpr uint32_t kRallyVersion = 1;
+inline constexpr uint32_t kRallyControlVersion = 1;
+inline constexpr uint32_t kRallyQueueVersion = 2;
 inline constexpr uint32_t kNoPosition = 0xffffffffu;
 inline constexpr uint32_t kTombstone = 0x80000000u;
 inline constexpr uint32_t kMinRallySlots = 64;
+// The largest offset of an entry's sequence above its queue's base.
+inline constexpr uint64_t kMaxRallyOffset = 0xffffffffu;
 // Entries appended between two settles of the queue, at most.
 inline constexpr uint32_t kSettleBatch = 256;
 
@@ -112,27 +131,45 @@ struct RallyQueueHeader {
   uint32_t slotCapacity;
   uint32_t count;
   uint32_t settled;
-  uint32_t reserved[7];
+  uint32_t reserved0;
+  uint64_t baseSeq;
+  uint32_t reserved[4];
 };
 
+// A queue entry word, taken apart against its queue's base.
 struct RallyEntry {
   uint64_t sequence;
-  uint32_t slotWord;
-  uint32_t reserved;
+  uint32_t slotWord;  // slot index, kTombstone set on a tombstone
+
+  static constexpr uint64_t wordOf(uint64_t offset, uint32_t slotWord) {
+    return offset << 32 | slotWord;
+  }
+  static constexpr uint32_t slotWordOf(uint64_t word) { return static_cast<uint32_t>(word); }
+  static constexpr uint64_t offsetOf(uint64_t word) { return word >> 32; }
+  static constexpr RallyEntry of(uint64_t word, uint64_t baseSeq) {
+    return RallyEntry{baseSeq + offsetOf(word), slotWordOf(word)};
+  }
 };
 
 static_assert(sizeof(RallyControl) == 64 && offsetof(RallyControl, latestSeq) == 24);
 static_assert(offsetof(RallyControl, corralStart) == 32 && offsetof(RallyControl, writerPid) == 40);
 static_assert(sizeof(RallyQueueHeader) == 64 && offsetof(RallyQueueHeader, count) == 28);
 static_assert(offsetof(RallyQueueHeader, settled) == 32);
-static_assert(sizeof(RallyEntry) == 16 && offsetof(RallyEntry, slotWord) == 8);
+static_assert(offsetof(RallyQueueHeader, baseSeq) == 40);
+static_assert(std::atomic_ref<uint64_t>::is_always_lock_free);
+static_assert(RallyEntry::wordOf(kMaxRallyOffset, kTombstone | 5) == 0xffffffff80000005u);
 
 // Byte offset of the first entry in a queue file with `slotCapacity` positions.
 constexpr uint64_t rallyEntriesOffset(uint64_t slotCapacity) {
   return (sizeof(RallyQueueHeader) + 4 * slotCapacity + 7) & ~uint64_t{7};
 }
 constexpr uint64_t rallyFileSize(uint64_t slotCapacity, uint64_t capacity) {
-  return rallyEntriesOffset(slotCapacity) + sizeof(RallyEntry) * capacity;
+  return rallyEntriesOffset(slotCapacity) + sizeof(uint64_t) * capacity;
+}
+// The base a new queue of `capacity` entries gets when the newest sequence is `latestSeq`:
+// the lowest that leaves every entry it can still take an offset within `maxOffset`.
+constexpr uint64_t rallyBaseFor(uint64_t latestSeq, uint64_t capacity, uint64_t maxOffset) {
+  return latestSeq + capacity > maxOffset ? latestSeq + capacity - maxOffset : 0;
 }
 std::string rallyQueueName(uint32_t generation);
 
@@ -151,26 +188,24 @@ class RallyWriter {
   bool adopted() const { return adopted_; }
 
   // Announces a change to `slot`; returns its sequence. Inline: every write ends here, and
-  // only a full queue or a slot beyond the position array takes the slow path (a swap).
+  // only a full queue (or one whose offsets are used up) or a slot beyond the position array
+  // takes the slow path (a swap).
   uint64_t notify(uint32_t slot) {
-    if (slot >= queue_->slotCapacity || queue_->count == queue_->capacity) [[unlikely]] {
+    if (slot >= slotCapacity_ || count_ == appendLimit_) [[unlikely]] {
       makeRoomFor(slot);
     }
-    const uint64_t seq = control_->latestSeq + 1;
-    const uint32_t pos = queue_->count;
-    // The entry is private until `count` covers it: relaxed stores suffice here.
-    Shm::store(entries_[pos].sequence, seq, std::memory_order_relaxed);
-    Shm::store(entries_[pos].slotWord, slot, std::memory_order_relaxed);
+    const uint64_t seq = ++latestSeq_;
+    const uint32_t pos = count_++;
+    // The entry is private until `count` covers it: a relaxed store suffices here.
+    Shm::store(entries_[pos], RallyEntry::wordOf(seq - baseSeq_, slot), std::memory_order_relaxed);
     // Release: a reader that loads the new count (acquire) sees the entry whole.
-    Shm::store(queue_->count, pos + 1, std::memory_order_release);
+    Shm::store(queue_->count, count_, std::memory_order_release);
     // Release: a reader that sees latestSeq (acquire) sees every entry up to it.
     Shm::store(control_->latestSeq, seq, std::memory_order_release);
     // The entries a few writes on: their line is owned before those stores come, so that no
     // store waits for it behind the others.
-    if (pos + kAppendAhead < queue_->capacity) {
-      __builtin_prefetch(&entries_[pos + kAppendAhead], 1);
-    }
-    if (pos + 1 - settled_ >= kSettleBatch) [[unlikely]]
+    if (pos + kAppendAhead < appendLimit_) __builtin_prefetch(&entries_[pos + kAppendAhead], 1);
+    if (count_ - settled_ >= kSettleBatch) [[unlikely]]
       settle();
     return seq;
   }
@@ -185,29 +220,35 @@ class RallyWriter {
   // Called by the table once per commit batch: runs the kick hook when something was
   // announced since the last kick. Reader wake-ups hang on this hook.
   void commit() {
-    const uint64_t seq = sequence();
-    if (seq == kickedSeq_) return;
-    kickedSeq_ = seq;
+    if (latestSeq_ == kickedSeq_) return;
+    kickedSeq_ = latestSeq_;
     if (kickHook_) kickHook_();
   }
   void kickHookIs(KickHook hook) { kickHook_ = std::move(hook); }
+  // The largest offset a new queue's entries may carry: kMaxRallyOffset but in tests, which
+  // meet re-based queues without 2^32 notifications. Takes effect at the next swap (a queue
+  // whose capacity exceeds it is based as if it were that capacity).
+  void maxOffsetIs(uint64_t maxOffset) { maxOffset_ = maxOffset; }
 
-  uint64_t sequence() const {
-    return control_ ? Shm::load(control_->latestSeq, std::memory_order_relaxed) : 0;
-  }
+  uint64_t sequence() const { return control_ ? latestSeq_ : 0; }
   uint32_t generation() const;
   uint32_t incarnation() const;
-  uint32_t count() const { return queue_ ? queue_->count : 0; }
+  uint32_t count() const { return queue_ ? count_ : 0; }
   uint32_t settled() const { return queue_ ? settled_ : 0; }
   uint32_t capacity() const { return queue_ ? queue_->capacity : 0; }
-  uint32_t slotCapacity() const { return queue_ ? queue_->slotCapacity : 0; }
+  uint32_t slotCapacity() const { return queue_ ? slotCapacity_ : 0; }
+  uint64_t baseSeq() const { return queue_ ? baseSeq_ : 0; }
   uint32_t position(uint32_t slot) const;
-  const RallyEntry& entry(uint32_t pos) const { return entries_[pos]; }
+  // The entry at `pos` (below count()), taken apart.
+  RallyEntry entry(uint32_t pos) const { return RallyEntry::of(entries_[pos], baseSeq_); }
   const RallyControl& control() const { return *control_; }
+  const RallyQueueHeader& queueHeader() const { return *queue_; }
   uint64_t compactions() const { return compactions_; }
+  // Live entries a swap had to announce again with a fresh sequence (too old for its base).
+  uint64_t reannounced() const { return reannounced_; }
 
  private:
-  static constexpr uint32_t kAppendAhead = 16;  // four lines of entries
+  static constexpr uint32_t kAppendAhead = 32;  // four lines of entries
   static constexpr uint32_t kSettleAhead = 16;  // entries a settle fetches ahead
 
   // Swaps in a queue with room for one more entry and a position for `slot`.
@@ -216,7 +257,13 @@ class RallyWriter {
   void storeSettled(uint32_t settled);
   void unbindQueue();
   void swapIn(uint32_t slotCapacity, bool keepLive);
+  // Copies the live entries of the current queue into `entries`/`positions` (a new queue of
+  // `slotCapacity` positions based at `baseSeq`), those too old for it announced again at
+  // the end; returns how many it wrote. Advances latestSeq_ past the new announcements.
+  uint32_t copyLive(uint64_t* entries, uint32_t* positions, uint32_t slotCapacity,
+                    uint64_t baseSeq);
   void bindQueue();
+  uint32_t appendLimitFor(uint64_t maxOffset) const;
 
   std::string root_;
   std::string table_;
@@ -227,10 +274,19 @@ class RallyWriter {
   RallyControl* control_ = nullptr;
   RallyQueueHeader* queue_ = nullptr;
   uint32_t* positions_ = nullptr;
-  RallyEntry* entries_ = nullptr;
-  uint64_t kickedSeq_ = 0;
+  uint64_t* entries_ = nullptr;
+  // The writer's own copies of what it last stored in the files (it is their only writer),
+  // and what bounds the next append: count_ reaching appendLimit_ forces a swap.
+  uint64_t latestSeq_ = 0;
+  uint64_t baseSeq_ = 0;
+  uint32_t count_ = 0;
+  uint32_t slotCapacity_ = 0;
+  uint32_t appendLimit_ = 0;
   uint32_t settled_ = 0;  // the header's `settled`, as this writer last stored it
+  uint64_t maxOffset_ = kMaxRallyOffset;
+  uint64_t kickedSeq_ = 0;
   uint64_t compactions_ = 0;
+  uint64_t reannounced_ = 0;
   bool adopted_ = false;
   KickHook kickHook_;
 };

@@ -6,7 +6,8 @@
 // LOOKASIDE, key hashing to its bucket with a matching rhash, strictly ascending (rhash, key),
 // a live notification in the rally queue); counts (walked == occupiedSlots, free + occupied
 // == numSlots; out-of-line storage: every occupied slot's own entry in use, nothing else);
-// the rally queue (no open corral, sequences ascending, every live entry the
+// the rally queue (no open corral, header and base as the writer keeps them, the base not
+// beyond the newest sequence, sequences above the base and ascending, every live entry the
 // recorded position of its slot, no tombstone recorded as live). The queue must be settled
 // first (RallyWriter::settle): the writer does so before it builds a validator.
 #pragma once
@@ -199,19 +200,46 @@ class Validator {
     return {};
   }
 
-  std::string checkRally() {
+  // The queue file's header and control block as the writer last stored them, and a base no
+  // later than the newest sequence.
+  std::string checkRallyHeader() {
     const RallyControl& control = rally_.control();
     if (control.corralStart != control.corralEnd) {
       return "Validator::doValidate() corral pos:" + std::to_string(control.corralStart) +
              " end:" + std::to_string(control.corralEnd) + " with no shrink in progress";
     }
+    const RallyQueueHeader& q = rally_.queueHeader();
+    if (q.count != rally_.count() || q.baseSeq != rally_.baseSeq() ||
+        control.latestSeq != rally_.sequence()) {
+      return "Validator::doValidate() rally count:" + std::to_string(q.count) +
+             " base:" + std::to_string(q.baseSeq) +
+             " latestSeq:" + std::to_string(control.latestSeq) +
+             " differ from the writer's count:" + std::to_string(rally_.count()) +
+             " base:" + std::to_string(rally_.baseSeq()) +
+             " latestSeq:" + std::to_string(rally_.sequence());
+    }
+    if (q.baseSeq > control.latestSeq) {
+      return "Validator::doValidate() rally base:" + std::to_string(q.baseSeq) +
+             " beyond latest sequence:" + std::to_string(control.latestSeq);
+    }
+    return {};
+  }
+
+  std::string checkRally() {
+    if (std::string problem = checkRallyHeader(); !problem.empty()) return problem;
+    const uint64_t latestSeq = rally_.control().latestSeq;
+    const uint64_t baseSeq = rally_.baseSeq();
     const uint32_t count = rally_.count();
     const uint32_t slotCapacity = rally_.slotCapacity();
-    uint64_t lastSeq = 0;
+    uint64_t lastSeq = baseSeq;
     for (uint32_t pos = 0; pos < count; ++pos) {
-      const RallyEntry& e = rally_.entry(pos);
+      const RallyEntry e = rally_.entry(pos);
       const uint32_t slot = e.slotWord & ~kTombstone;
-      if (e.sequence <= lastSeq || e.sequence > control.latestSeq) {
+      if (e.sequence == baseSeq) {
+        return "Validator::doValidate() rally pos:" + std::to_string(pos) +
+               " sequence offset 0, not above base:" + std::to_string(baseSeq);
+      }
+      if (e.sequence <= lastSeq || e.sequence > latestSeq) {
         return "Validator::doValidate() rally pos:" + std::to_string(pos) +
                " sequence out of order: " + std::to_string(e.sequence);
       }

@@ -6,7 +6,11 @@
 // settle, and a reader handed the slot twice reports its change once.
 #include <gtest/gtest.h>
 
+#include <cctype>
+#include <cstdio>
 #include <map>
+#include <random>
+#include <sstream>
 
 #include "ledger/tests/ForkedChild.h"
 #include "ledger/tests/ShadowHarness.h"
@@ -16,6 +20,7 @@ namespace {
 
 using namespace LedgerTest;
 using Ledger::kSettleBatch;
+using Ledger::RallyEntry;
 using Ledger::RallyQueueHeader;
 using SharedMem::EmberFile;
 
@@ -56,7 +61,7 @@ class RallyWriterQueue : public SmallTable {
     std::map<uint32_t, uint32_t> liveCount, newest;
     uint64_t previous = 0;
     for (uint32_t pos = 0; pos < rally().count(); ++pos) {
-      const Ledger::RallyEntry& e = rally().entry(pos);
+      const Ledger::RallyEntry e = rally().entry(pos);
       EXPECT_GT(e.sequence, previous) << "pos " << pos;
       previous = e.sequence;
       newest[e.slotWord & ~Ledger::kTombstone] = pos;
@@ -72,6 +77,13 @@ class RallyWriterQueue : public SmallTable {
     for (const auto& [slot, seq] : lastSeq) {
       EXPECT_EQ(rally().entry(rally().position(slot)).sequence, seq) << "slot " << slot;
     }
+  }
+
+  // The current queue file's entry words as they are in shared memory.
+  uint64_t* queueEntries(EmberFile& queue) {
+    auto& header = *reinterpret_cast<RallyQueueHeader*>(queue.base());
+    return reinterpret_cast<uint64_t*>(queue.base() +
+                                       Ledger::rallyEntriesOffset(header.slotCapacity));
   }
 
   // The current queue file's header as it is in shared memory.
@@ -206,6 +218,225 @@ TEST_F(RallyWriterQueue, AReaderHandedASlotTwiceReportsItsChangeOnce) {
   EXPECT_EQ(log.lastVersion[20], 5u);
   EXPECT_TRUE(log.errors.empty()) << log.errors.front();
   EXPECT_EQ(shadowContents(shadow), w.contents());
+}
+
+// What the writer appended is what a reader of the files decodes: sequence and slot word of
+// every entry, tombstones included, with the base the writer chose.
+TEST_F(RallyWriterQueue, AReaderDecodesTheEntriesTheWriterAppended) {
+  for (uint64_t id = 0; id < 40; ++id) write(id, 1);
+  for (uint64_t round = 0; round < 300; ++round) write(round % 11, round + 2);
+  writer->rally().settle();
+  Ledger::RallyReader reader;
+  reader.attach(root.path(), "rally", writer->emberId());
+  ASSERT_EQ(reader.queueCount(), rally().count());
+  EXPECT_EQ(reader.queueBaseSeq(), rally().baseSeq());
+  uint32_t tombstones = 0;
+  for (uint32_t pos = 0; pos < rally().count(); ++pos) {
+    const RallyEntry mine = rally().entry(pos), theirs = reader.entryAt(pos);
+    EXPECT_EQ(theirs.sequence, mine.sequence) << "pos " << pos;
+    EXPECT_EQ(theirs.slotWord, mine.slotWord) << "pos " << pos;
+    tombstones += (mine.slotWord & Ledger::kTombstone) != 0;
+  }
+  EXPECT_GT(tombstones, 0u);
+  // The word itself: offset above, slot word below, both whole at their extremes.
+  const uint64_t word =
+      RallyEntry::wordOf(Ledger::kMaxRallyOffset, Ledger::kTombstone | 0x7fffffff);
+  const RallyEntry e = RallyEntry::of(word, uint64_t{1} << 40);
+  EXPECT_EQ(e.sequence, (uint64_t{1} << 40) + Ledger::kMaxRallyOffset);
+  EXPECT_EQ(e.slotWord, 0xffffffffu);
+}
+
+// A queue adopted with its offsets nearly used up (its live entries 2^32 notifications old):
+// the append that would not fit swaps first, and the swap announces those entries again
+// above a new base. No offset wraps: every slot's live entry carries its latest sequence.
+TEST_F(RallyWriterQueue, AnAppendThatWouldOverflowItsOffsetSwapsFirst) {
+  for (uint64_t id = 0; id < 10; ++id) write(id, 1);
+  writer->detach();
+  const uint64_t headroom = 5;
+  {
+    // The entries keep their sequences (base 0); the newest sequence moves on to 2^32 - 6,
+    // as if that many notifications had gone to other slots since.
+    EmberFile control, queue;
+    RallyQueueHeader& header = queueHeader(control, queue);
+    ASSERT_EQ(header.baseSeq, 0u);
+    reinterpret_cast<Ledger::RallyControl*>(control.base())->latestSeq =
+        Ledger::kMaxRallyOffset - headroom;
+  }
+  ASSERT_EQ(writer->attach(), Ledger::AttachResult::existing) << writer->validationError();
+  lastSeq.clear();
+  const uint64_t compactions = rally().compactions();
+  for (uint64_t n = 0; n < headroom; ++n) write(20 + n, 1);
+  EXPECT_EQ(rally().compactions(), compactions) << "the offsets still fit";
+  EXPECT_EQ(rally().entry(rally().count() - 1).sequence, Ledger::kMaxRallyOffset);
+  write(30, 1);
+  EXPECT_EQ(rally().compactions(), compactions + 1);
+  EXPECT_EQ(rally().reannounced(), 10u) << "keys 0..9, too old for the new base";
+  EXPECT_GT(rally().baseSeq(), 10u);
+  for (uint64_t n = 0; n < 50; ++n) write(n % 13, 100 + n);
+  expectOneLiveEntryPerSlot();
+  TestValue v;
+  for (uint64_t id = 0; id < 10; ++id) EXPECT_TRUE(writer->lookup(TestKey{id}, v)) << id;
+}
+
+// The validator reads the queue as it is in shared memory: an entry whose offset is 0, two
+// entries out of order, a header base or count the writer did not store, a base beyond the
+// newest sequence. A writer that finds such a queue on attach does not adopt it: the table is
+// recovered, every entry kept.
+TEST_F(RallyWriterQueue, TheValidatorReportsCorruptEntriesAndBase) {
+  for (uint64_t id = 0; id < 10; ++id) write(id, 1);
+  for (uint64_t version = 2; version < 30; ++version) write(version % 10, version);
+  ASSERT_TRUE(writer->validate()) << writer->validationError();
+  EmberFile control, queue;
+  RallyQueueHeader& header = queueHeader(control, queue);
+  uint64_t* entries = queueEntries(queue);
+  auto corrupted = [&](auto damage, const std::string& expected) {
+    const RallyQueueHeader savedHeader = header;
+    const uint64_t first = entries[0], second = entries[1];
+    damage();
+    EXPECT_FALSE(writer->validate());
+    EXPECT_NE(writer->validationError().find(expected), std::string::npos)
+        << writer->validationError();
+    header = savedHeader;
+    entries[0] = first;
+    entries[1] = second;
+    EXPECT_TRUE(writer->validate()) << writer->validationError();
+  };
+  corrupted([&] { entries[1] = RallyEntry::wordOf(0, RallyEntry::slotWordOf(entries[1])); },
+            "rally pos:1 sequence offset 0, not above base:");
+  corrupted([&] { std::swap(entries[0], entries[1]); }, "rally pos:1 sequence out of order: ");
+  corrupted([&] { entries[1] += uint64_t{1000} << 32; }, "rally pos:1 sequence out of order: ");
+  corrupted([&] { entries[0] = RallyEntry::wordOf(RallyEntry::offsetOf(entries[0]), 5000); },
+            "rally pos:0 has out of range slot: 5000");
+  corrupted([&] { header.baseSeq += 7; }, "differ from the writer's count:");
+  corrupted([&] { header.count -= 1; }, "differ from the writer's count:");
+  // On attach: a base beyond the newest sequence is not adopted.
+  writer->detach();
+  header.baseSeq = reinterpret_cast<Ledger::RallyControl*>(control.base())->latestSeq + 1;
+  EXPECT_EQ(writer->attach(), Ledger::AttachResult::recovered);
+  lastSeq.clear();
+  expectOneLiveEntryPerSlot();
+  TestValue v;
+  for (uint64_t id = 0; id < 10; ++id) EXPECT_TRUE(writer->lookup(TestKey{id}, v)) << id;
+}
+
+// Live entries older than a new queue's base are announced again with fresh sequences. A
+// reader that was behind the slot's change gets it from that notification; one that already
+// had it reads the slot again and reports nothing.
+TEST_F(RallyWriterQueue, ReannouncedEntriesReachTheReaderBehindAndSpareTheCurrentOne) {
+  constexpr uint64_t kWatched = 7;
+  struct Reader {
+    Zinc::Loop loop;
+    EventLog log;
+    uint64_t watchedEvents = 0;
+    std::unique_ptr<Shadow> shadow;
+    Reader(const std::string& root) {
+      auto notify = log.notifier();
+      notify.onKey = [this](const TestKey& k, const TestValue* v) {
+        watchedEvents += k.id == kWatched;
+        log.onKey(k, v);
+      };
+      shadow = std::make_unique<Shadow>(Ledger::ReaderConfig{root, "routes"}, loop, notify);
+    }
+    bool catchUp() {
+      return runUntil(loop, [&] { return shadow->quiesced(); });
+    }
+  };
+  KickingWriter w(root.path(), "routes");
+  w.writer.rally().maxOffsetIs(1000);
+  for (uint64_t id = 0; id < 10; ++id) w.writer.write(makeValue(id, 1));
+  w.flush();
+  Reader behind(root.path()), current(root.path());
+  ASSERT_TRUE(behind.shadow->initialize() && current.shadow->initialize());
+  ASSERT_TRUE(behind.catchUp() && current.catchUp());
+  // The watched key changes once; only the current reader follows.
+  w.writer.write(makeValue(kWatched, 2));
+  w.flush();
+  ASSERT_TRUE(current.catchUp());
+  ASSERT_EQ(current.watchedEvents, 2u) << "added by the sync, then changed";
+  // Churn on other keys until the watched key's entry has been announced again, and again.
+  const uint64_t before = w.writer.rally().reannounced();
+  for (uint64_t n = 0; w.writer.rally().reannounced() < before + 20; ++n) {
+    ASSERT_LT(n, 100000u) << "entries too old for a new base were not announced again";
+    w.writer.write(makeValue(n % 5, n + 10));
+    if (n % 50 == 0) {
+      w.flush();
+      ASSERT_TRUE(current.catchUp());
+    }
+  }
+  w.flush();
+  ASSERT_TRUE(current.catchUp() && behind.catchUp());
+  EXPECT_EQ(behind.shadow->resyncs(), 0u) << "the reader behind followed the queue";
+  EXPECT_EQ(behind.log.lastVersion[kWatched], 2u) << "from the new announcement";
+  EXPECT_EQ(behind.watchedEvents, 2u);
+  EXPECT_EQ(current.watchedEvents, 2u) << "a notification without a change reports nothing";
+  for (Reader* r : {&behind, &current}) {
+    EXPECT_TRUE(r->log.errors.empty()) << r->log.errors.front();
+    EXPECT_EQ(shadowContents(*r->shadow), w.contents());
+  }
+  EXPECT_TRUE(w.writer.validate()) << w.writer.validationError();
+}
+
+// A reader in a process of its own follows a writer whose queue is based anew at almost every
+// compaction (a small offset limit), with keys that stay untouched long enough to be announced
+// again and again: its shadow ends equal to the writer's table, each change told once, and it
+// never needs a resync.
+TEST(RallyAcrossProcesses, AReaderFollowsAcrossRebases) {
+  constexpr uint64_t kKeys = 300, kQuiet = 1000, kQuietKeys = 50, kSentinel = 99999;
+  TempRoot root;
+  KickingWriter w(root.path(), "routes");
+  w.writer.rally().maxOffsetIs(4096);
+  for (uint64_t id = kQuiet; id < kQuiet + kQuietKeys; ++id) w.writer.write(makeValue(id, 1));
+  w.flush();
+  ForkedChild reader([&](int fd) -> int {
+    Zinc::Loop loop;
+    EventLog log;
+    Shadow shadow(Ledger::ReaderConfig{root.path(), "routes"}, loop, log.notifier());
+    if (!shadow.initialize() || !runUntil(loop, [&] { return shadow.quiesced(); })) return 2;
+    if (::write(fd, "ready\n", 6) != 6) return 4;
+    auto done = [&] { return shadow.quiesced() && shadow.store().contains(TestKey{kSentinel}); };
+    if (!runUntil(loop, done, std::chrono::seconds(120))) return 3;
+    std::ostringstream out;
+    for (auto [k, v] : shadowContents(shadow)) out << k << " " << v << "\n";
+    for (const auto& e : log.errors) out << "error: " << e << "\n";
+    if (log.present != shadowContents(shadow)) out << "error: events differ from the shadow\n";
+    out << "resyncs " << shadow.resyncs() << "\n";
+    const std::string text = out.str();
+    return ::write(fd, text.data(), text.size()) == ssize_t(text.size()) ? 0 : 4;
+  });
+  std::string report;
+  while (report.find("ready") == std::string::npos) {
+    ASSERT_TRUE(reader.poll(report)) << "the reader ended before it was in step";
+    ::usleep(1000);
+  }
+  std::mt19937_64 rng(7);
+  std::map<uint64_t, uint64_t> version;
+  for (uint64_t op = 1; op <= 40000; ++op) {
+    const uint64_t id = rng() % kKeys;
+    if (rng() % 4 == 0) {
+      w.writer.remove(TestKey{id});
+    } else {
+      w.writer.write(makeValue(id, ++version[id]));
+    }
+    if (op % 64 == 0) w.flush();
+    if (op % 2000 == 0) ::usleep(1000);  // a moment for the reader to walk part of the way
+  }
+  w.writer.write(makeValue(kSentinel, 1));
+  w.flush();
+  EXPECT_GT(w.writer.rally().reannounced(), 2 * kQuietKeys);
+  std::istringstream lines(report + reader.readAll());
+  ASSERT_EQ(reader.wait(), 0);
+  std::map<uint64_t, uint64_t> seen;
+  std::string first, second;
+  while (lines >> first) {
+    std::getline(lines, second);
+    if (first == "error:") ADD_FAILURE() << "reader: " << second;
+    if (first == "resyncs") {
+      EXPECT_EQ(std::stoul(second), 0u);
+    }
+    if (std::isdigit(first[0])) seen[std::stoull(first)] = std::stoull(second);
+  }
+  EXPECT_EQ(seen, w.contents());
+  EXPECT_TRUE(w.writer.validate()) << w.writer.validationError();
 }
 
 }  // namespace

@@ -324,6 +324,7 @@ int show(const Options& o, std::ostream& out, std::ostream& err) {
         << "\nrallyIncarnation: " << t.rally.incarnation()
         << "\nrallyLatestSeq: " << t.rally.writerSeq() << "\nrallyCount: " << t.rally.queueCount()
         << "\nrallyCapacity: " << t.rally.queueCapacity()
+        << "\nrallyBaseSeq: " << t.rally.queueBaseSeq()
         << "\nrallySlotCapacity: " << t.rally.slotCapacity() << "\ncorral: " << corralStart << ".."
         << corralEnd << "\nwriterPid: " << pid
         << "\nwriterAlive: " << (writerAlive(pid) ? "yes" : "no") << "\n";
@@ -489,9 +490,18 @@ class Check {
       return "Validator::doValidate() corral pos:" + std::to_string(start) + ".." +
              std::to_string(end) + " still open";
     }
-    uint64_t last = 0;
+    const uint64_t base = t_.rally.queueBaseSeq();
+    if (base > t_.rally.writerSeq()) {
+      return "Validator::doValidate() rally base:" + std::to_string(base) +
+             " beyond latest sequence:" + std::to_string(t_.rally.writerSeq());
+    }
+    uint64_t last = base;
     for (uint32_t pos = 0; pos < t_.rally.queueCount(); ++pos) {
       RallyEntry e = t_.rally.entryAt(pos);
+      if (e.sequence == base) {
+        return "Validator::doValidate() rally pos:" + std::to_string(pos) +
+               " sequence offset 0, not above base:" + std::to_string(base);
+      }
       if (e.sequence <= last || e.sequence > t_.rally.writerSeq()) {
         return "Validator::doValidate() rally pos:" + std::to_string(pos) +
                " sequence:" + std::to_string(e.sequence) + " after:" + std::to_string(last);

@@ -126,6 +126,39 @@ TEST(LedgerTool, ReportsCorruptTables) {
   EXPECT_TRUE(contains(ls.out, "unreadable")) << ls.out;
 }
 
+// The change queue's lines in `show`, and `validate` on a queue whose entries or base are
+// damaged.
+TEST(LedgerTool, ReportsACorruptChangeQueue) {
+  TempRoot root;
+  KickingWriter w(root.path(), "routes");
+  for (uint64_t id = 0; id < 10; ++id) w.writer.write(makeValue(id, 1));
+  const std::string queue = Ledger::rallyQueueName(w.writer.rally().generation());
+  auto show = tool(root, {"show", "routes"});
+  EXPECT_TRUE(contains(show.out, "rallyLatestSeq: 10\nrallyCount: 10\n")) << show.out;
+  EXPECT_TRUE(contains(show.out, "rallyBaseSeq: 0\n")) << show.out;
+  auto entryWord = [](uint8_t* base, uint32_t pos) -> uint64_t& {
+    const auto& header = *reinterpret_cast<Ledger::RallyQueueHeader*>(base);
+    return reinterpret_cast<uint64_t*>(base + Ledger::rallyEntriesOffset(header.slotCapacity))[pos];
+  };
+  uint64_t saved = 0;
+  patch(root, queue.c_str(), [&](uint8_t* base) {
+    saved = entryWord(base, 3);
+    entryWord(base, 3) = Ledger::RallyEntry::wordOf(0, Ledger::RallyEntry::slotWordOf(saved));
+  });
+  auto offsetZero = tool(root, {"validate", "routes"});
+  EXPECT_EQ(offsetZero.status, 1);
+  EXPECT_TRUE(contains(offsetZero.out, "rally pos:3 sequence offset 0, not above base:0"))
+      << offsetZero.out;
+  patch(root, queue.c_str(), [&](uint8_t* base) {
+    entryWord(base, 3) = saved;
+    reinterpret_cast<Ledger::RallyQueueHeader*>(base)->baseSeq = 11;
+  });
+  auto baseBeyond = tool(root, {"validate", "routes"});
+  EXPECT_EQ(baseBeyond.status, 1);
+  EXPECT_TRUE(contains(baseBeyond.out, "rally base:11 beyond latest sequence:10"))
+      << baseBeyond.out;
+}
+
 TEST(LedgerTool, WatchPrintsEachChangeAsItHappens) {
   TempRoot root;
   KickingWriter w(root.path(), "routes");
