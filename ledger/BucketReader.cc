@@ -44,11 +44,13 @@ void BucketReader::detach() {
   file_.close();
   base_ = nullptr;
   numBuckets_ = 0;
+  rhashBits_ = 0;
 }
 
 void BucketReader::bind(uint32_t numBuckets) {
   base_ = file_.base();
   numBuckets_ = numBuckets;
+  rhashBits_ = numBuckets == 0 ? 0 : reverseBits(numBuckets - 1);
 }
 
 void BucketReader::checkResize() {

@@ -24,6 +24,8 @@ class BucketReader {
 
   // The bucket count this reader mapped.
   uint32_t numBuckets() const { return numBuckets_; }
+  // The bits of a slot's rhash that name its bucket under numBuckets(): the top log2 of it.
+  uint32_t rhashBits() const { return rhashBits_; }
   // Compares the mapped bucket count with the header's and re-maps on a mismatch. Throws
   // CorruptionException when the header's count is not usable.
   void checkResize();
@@ -54,6 +56,7 @@ class BucketReader {
   SharedMem::EmberFile file_;
   const uint8_t* base_ = nullptr;
   uint32_t numBuckets_ = 0;
+  uint32_t rhashBits_ = 0;
 };
 
 }  // namespace Ledger

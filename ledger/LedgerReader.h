@@ -44,7 +44,7 @@ const Zinc::Trace& trace();
 }
 
 template <class Key, class Value, class OpsT = Ops<Key, Value>>
-class LedgerReader : public ReadOnlyLedger<Key, Value> {
+class LedgerReader final : public ReadOnlyLedger<Key, Value> {
  public:
   static constexpr uint32_t kMaxAttempts = 64;
   static constexpr std::chrono::seconds kResizeWait{2};
@@ -96,7 +96,7 @@ class LedgerReader : public ReadOnlyLedger<Key, Value> {
   void corruptionHandlerIs(CorruptionHandler handler) { onCorruption_ = std::move(handler); }
 
   bool lookup(const Key& key, Value& out) override {
-    return guarded([&] { return doLookup(key, out); });
+    return lookupHashed(key, out, OpsT::hash(key));
   }
   bool first(Value& out) override {
     return guarded([&] { return doFirst(out, nullptr); });
@@ -157,12 +157,25 @@ class LedgerReader : public ReadOnlyLedger<Key, Value> {
       for (size_t i = 0; i < n; ++i) hashes[i] = OpsT::hash(keys[base + i]);
       prefetchChains(hashes.data(), n);
       for (size_t i = 0; i < n; ++i) {
-        const Key& key = keys[base + i];
-        found[base + i] = guarded([&] { return doLookup(key, outs[base + i], hashes[i]); });
+        found[base + i] = lookupHashed(keys[base + i], outs[base + i], hashes[i]);
         hits += found[base + i];
       }
     }
     return hits;
+  }
+
+  // lookup() of a key whose hash is known. The quick walk runs unguarded (it neither throws
+  // nor calls out); whatever it cannot settle goes to the full walk under the guard.
+  bool lookupHashed(const Key& key, Value& out, uint32_t hash) {
+    if constexpr (!OutOfLineOps<OpsT>) {
+      if (attached() && buckets_.attached()) [[likely]] {
+        ++counters_.lookups;
+        if (const Walk w = quickWalk(key, hash, out); w != Walk::again) [[likely]]
+          return w == Walk::found;
+        return guardedFullLookup(key, out, hash);
+      }
+    }
+    return guarded([&] { return doLookup(key, out, hash); });
   }
 
   bool doLookup(const Key& key, Value& out) { return doLookup(key, out, OpsT::hash(key)); }
@@ -170,7 +183,16 @@ class LedgerReader : public ReadOnlyLedger<Key, Value> {
     if (!buckets_.attached())
       throw CorruptionException("LedgerReader::doLookup() bucket table detached");
     ++counters_.lookups;
-    if (const Walk w = quickWalk(key, hash, out); w != Walk::again) return w == Walk::found;
+    if (const Walk w = quickWalk(key, hash, out); w != Walk::again) [[likely]]
+      return w == Walk::found;
+    return fullLookup(key, out, hash);
+  }
+  // A lookup's walk with every check, retry and report: when the quick one gave up. Kept
+  // out of line, away from the quick walk's code.
+  [[gnu::noinline]] bool guardedFullLookup(const Key& key, Value& out, uint32_t hash) {
+    return guarded([&] { return fullLookup(key, out, hash); });
+  }
+  [[gnu::noinline]] bool fullLookup(const Key& key, Value& out, uint32_t hash) {
     return walkUntil(
         hash, "LedgerReader::doLookup()",
         [&](uint32_t slot, bool& more) {
@@ -210,7 +232,7 @@ class LedgerReader : public ReadOnlyLedger<Key, Value> {
     return c;
   }
 
-  // The stored bytes of the slot that getValue() or a lookup read last.
+  // The stored bytes of the slot that getValue() or findSlot() read last.
   const uint8_t* slotBuffer() const { return buffer_.data(); }
   // Bytes of a stored form that this reader copied (out-of-line tables: as long as the value).
   uint32_t storedLength(const uint8_t* stored) const {
@@ -227,12 +249,17 @@ class LedgerReader : public ReadOnlyLedger<Key, Value> {
   const OpsT& ops() const { return ops_; }
 
  private:
-  // How one walk ended.
-  enum class Walk { found, miss, again };
+  // How one walk ended; `onward`: the slot just read is not the sought one, walk on.
+  enum class Walk { found, miss, again, onward };
   // Keys whose chains a batch fetches at once.
   static constexpr size_t kBatchGroup = 16;
   // Link pairs a quick walk remembers to confirm a miss; longer chains take the full walk.
   static constexpr uint32_t kQuickPath = 8;
+  // A link pair a walk followed, and the value it had then.
+  struct PathStep {
+    const uint64_t* word;
+    uint64_t seen;
+  };
 
   // The first step of a batch: requests the bucket heads of `n` hashes, then the first slot
   // of each chain, then, where the sought rhash lies further on, the chain's next slot.
@@ -257,10 +284,9 @@ class LedgerReader : public ReadOnlyLedger<Key, Value> {
     }
   }
 
-  // The common case of a lookup, kept short so that the processor overlaps one lookup's
-  // memory accesses with the next one's: no resize in progress, the chain short, every slot
-  // on it mapped, settled (LOOKASIDE clear) and in order. The hit is the consistent read of
-  // the slot (status re-check) with the key compared in the copy; a miss is confirmed as in
+  // The common case of a lookup, kept short and free of calls so that the processor overlaps
+  // one lookup's memory accesses with the next one's: no resize in progress, the chain short,
+  // every slot on it mapped, settled (LOOKASIDE clear) and in order. A miss is confirmed as in
   // the full walk (resizeSeq and every link pair followed unchanged). Anything else answers
   // `again`, and the full walk, with its retries and reports, takes over.
   Walk quickWalk(const Key& key, uint32_t hash, Value& out) {
@@ -269,19 +295,17 @@ class LedgerReader : public ReadOnlyLedger<Key, Value> {
     if ((seq & 1) || n == 0 || buckets_.headerNumBuckets() != n) return Walk::again;
     const uint32_t rhash = reverseBits(hash);
     // A slot belongs to this bucket when the top log2(n) bits of its rhash are the bucket's.
-    const uint32_t bucketBits = reverseBits(n - 1);
+    const uint32_t bucketBits = buckets_.rhashBits();
     const uint32_t mapped = slots_.mappedSlots();
-    std::array<std::pair<const uint64_t*, uint64_t>, kQuickPath> path;
+    PathStep path[kQuickPath];  // left uninitialised: written as the walk goes
     const uint64_t* word = &buckets_.headWord(hash & (n - 1));
     uint64_t pair = Shm::load(*word, std::memory_order_acquire);
     uint32_t lastRhash = 0;
-    for (uint32_t len = 0;; ++len) {
-      if (len == kQuickPath) return Walk::again;
+    for (uint32_t len = 0; len < kQuickPath; ++len) {
       path[len] = {word, pair};
       const uint32_t link = linkOf(pair);
-      if (isEndOfChain(link)) return quickMiss(seq, path.data(), len + 1);
+      if (isEndOfChain(link)) return quickMiss(seq, path, len + 1);
       if (link >= mapped) return Walk::again;
-      slots_.prefetch(link);
       const SlotHeader& s = slots_.slot(link);
       const uint32_t status = Shm::load(s.status, std::memory_order_acquire);
       const uint32_t srh = Shm::load(s.rhash, std::memory_order_relaxed);
@@ -290,29 +314,51 @@ class LedgerReader : public ReadOnlyLedger<Key, Value> {
         return Walk::again;
       }
       lastRhash = srh;
-      if (srh > rhash) return quickMiss(seq, path.data(), len + 1);
+      if (srh > rhash) return quickMiss(seq, path, len + 1);
       if (srh == rhash) {
-        uint32_t readRhash = 0;
-        if (slots_.read(link, buffer_.data(), &readRhash) != SlotReaderTable::Read::occupied ||
-            readRhash != rhash) {
-          return Walk::again;
-        }
-        const Key stored = ops_.storedKey(buffer_.data());
-        if (OpsT::equal(stored, key)) {
-          ops_.load(buffer_.data(), out);
-          return Walk::found;
-        }
-        if (OpsT::less(key, stored)) return quickMiss(seq, path.data(), len + 1);
+        const Walk w = quickSlot(link, status, rhash, key, out);
+        if (w == Walk::found || w == Walk::again) return w;
+        if (w == Walk::miss) return quickMiss(seq, path, len + 1);
       }
       word = &s.linkPair;
       pair = Shm::load(*word, std::memory_order_acquire);
     }
+    return Walk::again;
   }
-  Walk quickMiss(uint32_t seq, const std::pair<const uint64_t*, uint64_t>* path, uint32_t len) {
+
+  // The slot `link` (with `status` OCCUPIED, LOOKASIDE clear) carries the sought rhash:
+  // `found` when it holds `key` (copied into `out`), `miss` when its key is greater (the
+  // chain is ordered), `onward` when smaller, `again` when the slot changed under the read.
+  // Inline tables compare and copy in place, straight from the slot into `out`: the status
+  // word re-loaded unchanged after the copy proves key and value whole (a torn copy may be
+  // left in `out`; a lookup that answers false leaves `out` unspecified).
+  Walk quickSlot(uint32_t link, uint32_t status, uint32_t rhash, const Key& key, Value& out) {
+    if constexpr (OutOfLineOps<OpsT>) {
+      uint32_t readRhash = 0;
+      if (slots_.read(link, buffer_.data(), &readRhash) != SlotReaderTable::Read::occupied ||
+          readRhash != rhash) {
+        return Walk::again;
+      }
+      const Key stored = ops_.storedKey(buffer_.data());
+      if (OpsT::equal(stored, key)) {
+        ops_.load(buffer_.data(), out);
+        return Walk::found;
+      }
+      return OpsT::less(key, stored) ? Walk::miss : Walk::onward;
+    } else {
+      const uint8_t* bytes = slots_.value(link);
+      const Key stored = ops_.storedKey(bytes);
+      const bool equal = OpsT::equal(stored, key);
+      if (equal) ops_.load(bytes, out);
+      if (!slots_.unchangedSince(link, status)) return Walk::again;
+      if (equal) return Walk::found;
+      return OpsT::less(key, stored) ? Walk::miss : Walk::onward;
+    }
+  }
+  Walk quickMiss(uint32_t seq, const PathStep* path, uint32_t len) {
     if (!buckets_.seqUnchanged(seq)) return Walk::again;
     for (uint32_t i = 0; i < len; ++i) {
-      if (Shm::load(*path[i].first, std::memory_order_relaxed) != path[i].second)
-        return Walk::again;
+      if (Shm::load(*path[i].word, std::memory_order_relaxed) != path[i].seen) return Walk::again;
     }
     return Walk::miss;
   }

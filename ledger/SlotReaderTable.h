@@ -83,6 +83,14 @@ class SlotReaderTable {
     __builtin_prefetch(at + slotSize_ - 1);
   }
 
+  // The end of a consistent read done in place: true when the status word of slot `index`
+  // (below mappedSlots()) still is `status`, loaded after everything read from the slot
+  // before this call (with `status` OCCUPIED and LOOKASIDE clear, those reads are whole).
+  bool unchangedSince(uint32_t index, uint32_t status) const {
+    std::atomic_thread_fence(std::memory_order_acquire);
+    return Shm::load(slot(index).status, std::memory_order_relaxed) == status;
+  }
+
   // Maps in the pages of slots [first, first + count) now, in one call, ahead of a walk over
   // them (instead of one page fault after another on the way). Advice only: a failure, or a
   // range beyond the mapping, is harmless.

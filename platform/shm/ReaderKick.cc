@@ -507,13 +507,21 @@ void ReaderKickSm::takeHandover(Registration& reader) {
 }
 
 void ReaderKickSm::closeFds(Registration& reader) {
-  closeIfOpen(reader.fd);
+  unwatchAndClose(reader.fd);
   closeHandover(reader);
 }
 
 void ReaderKickSm::closeHandover(Registration& reader) {
   closeIfOpen(reader.eventFd);
-  closeIfOpen(reader.pidFd);
+  unwatchAndClose(reader.pidFd);
+}
+
+// Out of the poll set first: closing is not enough while another process still holds the
+// same open file (a pidfd or socket it sent us), and an entry left behind would report its
+// old events, under a number that may be reused, on every flush.
+void ReaderKickSm::unwatchAndClose(int& fd) {
+  if (fd >= 0) ::epoll_ctl(pollFd_, EPOLL_CTL_DEL, fd, nullptr);
+  closeIfOpen(fd);
 }
 
 // The reader is gone: its registration and record are unlinked, so that no later kick (from

@@ -174,8 +174,9 @@ class ReaderKickSm {
   bool kick(Registration& reader);
   void drop(size_t index);
   int connectTo(const std::string& path);
-  static void closeFds(Registration& reader);
-  static void closeHandover(Registration& reader);
+  void closeFds(Registration& reader);
+  void closeHandover(Registration& reader);
+  void unwatchAndClose(int& fd);
 
   std::string dir_;
   Defer defer_;
