@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "ledger/tests/ShadowHarness.h"
+#include "platform/tests/ForkedChild.h"
 
 namespace {
 
@@ -22,43 +23,30 @@ using namespace LedgerTest;
 // serves its loop (waking only on kicks) until killed.
 class ReaderProcess {
  public:
-  explicit ReaderProcess(const std::string& root) {
-    int up[2];
-    EXPECT_EQ(::pipe(up), 0);
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      ::close(up[0]);
-      run(root, up[1]);
-    }
-    ::close(up[1]);
-    char name[64] = {};
-    ssize_t n = ::read(up[0], name, sizeof(name) - 1);
-    ::close(up[0]);
-    name_ = n > 0 ? std::string(name, size_t(n)) : "";
+  explicit ReaderProcess(const std::string& root)
+      : child_([&](int out) { return run(root, out); }) {
+    const std::string name = child_.read(kNameSize);
+    name_ = name.substr(0, name.find('\0'));
   }
-  ~ReaderProcess() { kill(); }
   const std::string& name() const { return name_; }
-  void kill() {
-    if (pid_ <= 0) return;
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-  }
+  void kill() { child_.kill(); }
 
  private:
-  [[noreturn]] static void run(const std::string& root, int out) {
+  static constexpr size_t kNameSize = 64;  // the name, NUL-padded
+
+  static int run(const std::string& root, int out) {
     Zinc::Loop loop;
     Shadow shadow(Ledger::ReaderConfig{root, "routes"}, loop);
     shadow.initialize();
     loop.runUntil([&] { return shadow.inStep(); }, 20s);
-    const std::string name = shadow.readerName();
-    if (::write(out, name.data(), name.size()) < 0) ::_exit(1);
-    ::close(out);
+    char name[kNameSize] = {};
+    shadow.readerName().copy(name, kNameSize - 1);
+    if (::write(out, name, kNameSize) != ssize_t(kNameSize)) return 1;
     loop.run();
-    ::_exit(0);
+    return 0;
   }
 
-  pid_t pid_ = -1;
+  TestSupport::ForkedChild child_;
   std::string name_;
 };
 

@@ -4,6 +4,7 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <random>
 #include <set>
 #include <span>
@@ -44,6 +45,51 @@ std::map<uint64_t, uint64_t> readAll(Reader& reader) {
   return seen;
 }
 
+// The table "routes" of a writer under a fresh root, and a reader of it.
+class ReaderTable : public ::testing::Test {
+ protected:
+  // Starts the writer with room for `capacity` slots, holding versions 1 of keys [0, ids).
+  Writer& startWriter(uint32_t capacity = 64, uint64_t ids = 0) {
+    writer_.emplace(writerConfig(root_, capacity));
+    writer_->attach();
+    for (uint64_t id = 0; id < ids; ++id) writer_->write(makeValue(id, 1));
+    return *writer_;
+  }
+  // 3000 writes of random keys among 4000 (new ones and rewrites), then `removes` removes of
+  // random keys, applied to the writer and to `model` alike.
+  void churn(int removes) {
+    for (int i = 0; i < 3000; ++i) {
+      uint64_t id = rng() % 4000;
+      writer_->write(makeValue(id, ++model[id]));
+    }
+    for (int i = 0; i < removes; ++i) {
+      uint64_t id = rng() % 4000;
+      if (writer_->remove(TestKey{id})) model.erase(id);
+    }
+  }
+  // A reader attached to the table now.
+  Reader& attachReader() {
+    reader_.emplace(ReaderConfig{root_.path(), "routes"});
+    EXPECT_TRUE(reader_->initialize());
+    return *reader_;
+  }
+  // Writes through a separate writable mapping of a file, as a hostile or broken process
+  // would.
+  template <class Fn>
+  void patchFile(const char* name, Fn fn) {
+    SharedMem::EmberFile f;
+    ASSERT_TRUE(
+        f.open(root_.path(), "routes", name, SharedMem::EmberFile::Access::ReadWrite, false));
+    fn(f.base());
+  }
+
+  TempRoot root_;
+  std::optional<Writer> writer_;
+  std::optional<Reader> reader_;
+  std::map<uint64_t, uint64_t> model;  // what churn() left in the table: id -> version
+  std::mt19937 rng;
+};
+
 TEST(LedgerReader, MissingTableIsAClearError) {
   TempRoot root;
   Reader reader(ReaderConfig{root.path(), "nothing"});
@@ -54,30 +100,13 @@ TEST(LedgerReader, MissingTableIsAClearError) {
   reader.detach();  // "already detached", harmless
 }
 
-// 3000 writes of random keys among 4000 (new ones and rewrites), then `removes` removes of
-// random keys, applied to the writer and to `model` alike.
-void churn(Writer& writer, std::map<uint64_t, uint64_t>& model, std::mt19937& rng, int removes) {
-  for (int i = 0; i < 3000; ++i) {
-    uint64_t id = rng() % 4000;
-    writer.write(makeValue(id, ++model[id]));
-  }
-  for (int i = 0; i < removes; ++i) {
-    uint64_t id = rng() % 4000;
-    if (writer.remove(TestKey{id})) model.erase(id);
-  }
-}
-
-TEST(LedgerReader, FollowsWriterThroughGrowthAndShrink) {
-  TempRoot root;
-  Writer writer(writerConfig(root, 4));
-  writer.attach();
-  Reader reader(ReaderConfig{root.path(), "routes"});
-  ASSERT_TRUE(reader.initialize());
-  std::map<uint64_t, uint64_t> model;
-  std::mt19937 rng(7);
+TEST_F(ReaderTable, FollowsWriterThroughGrowthAndShrink) {
+  Writer& writer = startWriter(4);
+  Reader& reader = attachReader();
+  rng.seed(7);
   for (int round = 0; round < 6; ++round) {
     // Grow to a few thousand entries, then remove most of them (slot and bucket shrink).
-    churn(writer, model, rng, 3500);
+    churn(3500);
     for (uint64_t id = 0; id < 4000; ++id) {
       TestValue v;
       bool found = reader.lookup(TestKey{id}, v);
@@ -93,12 +122,9 @@ TEST(LedgerReader, FollowsWriterThroughGrowthAndShrink) {
   EXPECT_GT(writer.writerCounters().bucketGrowths, 0u);
 }
 
-TEST(LedgerReader, SlotBeyondMappingMakesItRemap) {
-  TempRoot root;
-  Writer writer(writerConfig(root, 4));
-  writer.attach();
-  Reader reader(ReaderConfig{root.path(), "routes"});
-  ASSERT_TRUE(reader.initialize());
+TEST_F(ReaderTable, SlotBeyondMappingMakesItRemap) {
+  Writer& writer = startWriter(4);
+  Reader& reader = attachReader();
   uint32_t mapped = reader.slotTable().mappedSlots();
   for (uint64_t id = 0; id < 100; ++id) writer.write(makeValue(id, 1));
   ASSERT_GT(writer.capacity(), mapped);
@@ -113,13 +139,10 @@ TEST(LedgerReader, SlotBeyondMappingMakesItRemap) {
   EXPECT_GE(reader.slotTable().mappedSlots(), writer.capacity());
 }
 
-TEST(LedgerReader, SlotMidRewriteReadsWholeOldValueThenNew) {
-  TempRoot root;
-  Writer writer(writerConfig(root));
-  writer.attach();
+TEST_F(ReaderTable, SlotMidRewriteReadsWholeOldValueThenNew) {
+  Writer& writer = startWriter();
   writer.write(makeValue(5, 1));
-  Reader reader(ReaderConfig{root.path(), "routes"});
-  ASSERT_TRUE(reader.initialize());
+  Reader& reader = attachReader();
   TestValue* open = writer.directUpdate(TestKey{5});
   ASSERT_NE(open, nullptr);
   open->version = 2;  // half-written: payload and check still old
@@ -133,12 +156,9 @@ TEST(LedgerReader, SlotMidRewriteReadsWholeOldValueThenNew) {
   EXPECT_EQ(v, makeValue(5, 2));
 }
 
-TEST(LedgerReader, ReadOnlyRefusesWrites) {
-  TempRoot root;
-  Writer writer(writerConfig(root));
-  writer.attach();
-  Reader reader(ReaderConfig{root.path(), "routes"});
-  ASSERT_TRUE(reader.initialize());
+TEST_F(ReaderTable, ReadOnlyRefusesWrites) {
+  Writer& writer = startWriter();
+  Reader& reader = attachReader();
   EXPECT_EQ(reader.write(makeValue(1, 1)), nullptr);
   EXPECT_FALSE(reader.remove(TestKey{1}));
   EXPECT_FALSE(reader.cleanup());
@@ -147,25 +167,13 @@ TEST(LedgerReader, ReadOnlyRefusesWrites) {
   EXPECT_FALSE(writer.lookup(TestKey{1}, v));
 }
 
-// Writes through a separate writable mapping of a file, as a hostile or broken process would.
-template <class Fn>
-void patchFile(const TempRoot& root, const char* name, Fn fn) {
-  SharedMem::EmberFile f;
-  ASSERT_TRUE(f.open(root.path(), "routes", name, SharedMem::EmberFile::Access::ReadWrite, false));
-  fn(f.base());
-}
-
-TEST(LedgerReader, LoopingChainIsReportedNotWalkedForever) {
-  TempRoot root;
-  Writer writer(writerConfig(root));
-  writer.attach();
-  for (uint64_t id = 0; id < 20; ++id) writer.write(makeValue(id, 1));
-  Reader reader(ReaderConfig{root.path(), "routes"});
-  ASSERT_TRUE(reader.initialize());
+TEST_F(ReaderTable, LoopingChainIsReportedNotWalkedForever) {
+  Writer& writer = startWriter(64, 20);
+  Reader& reader = attachReader();
   // Point every slot's link at itself: every non-empty chain loops at its first slot.
   const uint32_t slotSize = reader.slotTable().slotSize();
   const uint32_t n = writer.capacity();
-  patchFile(root, "slots", [&](uint8_t* base) {
+  patchFile("slots", [&](uint8_t* base) {
     for (uint32_t i = 0; i < n; ++i) {
       auto* s = reinterpret_cast<SlotHeader*>(base + kSlotTableHeaderSize + (i + 1) * slotSize);
       s->linkPair = packLink(generationOf(s->linkPair) + 4, i);
@@ -183,13 +191,9 @@ TEST(LedgerReader, LoopingChainIsReportedNotWalkedForever) {
   EXPECT_THROW(readAll(reader), CorruptionException);
 }
 
-TEST(LedgerReader, GarbageLinksAndKeysAreReported) {
-  TempRoot root;
-  Writer writer(writerConfig(root));
-  writer.attach();
-  for (uint64_t id = 0; id < 20; ++id) writer.write(makeValue(id, 1));
-  Reader reader(ReaderConfig{root.path(), "routes"});
-  ASSERT_TRUE(reader.initialize());
+TEST_F(ReaderTable, GarbageLinksAndKeysAreReported) {
+  Writer& writer = startWriter(64, 20);
+  Reader& reader = attachReader();
   const uint32_t mask = reader.bucketTable().numBuckets() - 1;
   const uint32_t farBucket = TestKey{0}.hash() & mask;
   const uint32_t foreignBucket = TestKey{1}.hash() & mask;
@@ -197,7 +201,7 @@ TEST(LedgerReader, GarbageLinksAndKeysAreReported) {
   while ((reverseBits(writer.slotTable().slot(foreignSlot).rhash) & mask) == foreignBucket) {
     ++foreignSlot;
   }
-  patchFile(root, "buckets", [&](uint8_t* base) {
+  patchFile("buckets", [&](uint8_t* base) {
     auto* heads = reinterpret_cast<uint64_t*>(base + kBucketTableHeaderSize);
     heads[farBucket] = packLink(0, 0x7ffffff0u);  // far beyond numSlots
     heads[foreignBucket] = packLink(0, foreignSlot);
@@ -217,16 +221,12 @@ TEST(LedgerReader, GarbageLinksAndKeysAreReported) {
 
 // A batch answers as the single lookups do, hits and misses alike, on short chains (the quick
 // walk) and on long ones (the full walk), and after the writer grew and shrank the table.
-TEST(LedgerReader, BatchedLookupsAgreeWithTheTable) {
-  TempRoot root;
-  Writer writer(writerConfig(root, 4));
-  writer.attach();
-  Reader reader(ReaderConfig{root.path(), "routes"});
-  ASSERT_TRUE(reader.initialize());
-  std::map<uint64_t, uint64_t> model;
-  std::mt19937 rng(3);
+TEST_F(ReaderTable, BatchedLookupsAgreeWithTheTable) {
+  startWriter(4);
+  Reader& reader = attachReader();
+  rng.seed(3);
   for (int round = 0; round < 3; ++round) {
-    churn(writer, model, rng, 2000 * round);
+    churn(2000 * round);
     std::vector<TestKey> keys;
     for (uint64_t id = 0; id < 4100; ++id) keys.push_back(TestKey{(id * 7919) % 4100});
     std::vector<TestValue> values(keys.size());
@@ -242,12 +242,12 @@ TEST(LedgerReader, BatchedLookupsAgreeWithTheTable) {
   }
 
   using CReader = LedgerReader<CollidingKey, CollidingValue>;
-  LedgerConfig c = writerConfig(root);
+  LedgerConfig c = writerConfig(root_);
   c.table = "colliding";
   LedgerWriter<CollidingKey, CollidingValue> colliding(c);
   colliding.attach();
   for (uint64_t id = 0; id < 90; id += 2) colliding.write(CollidingValue{{id}, id * 10});
-  CReader creader(ReaderConfig{root.path(), "colliding"});
+  CReader creader(ReaderConfig{root_.path(), "colliding"});
   ASSERT_TRUE(creader.initialize());
   std::vector<CollidingKey> ckeys;
   for (uint64_t id = 0; id < 100; ++id) ckeys.push_back(CollidingKey{99 - id});
@@ -264,15 +264,11 @@ TEST(LedgerReader, BatchedLookupsAgreeWithTheTable) {
 }
 
 // A corrupt chain in a batch is reported for its key alone; the other keys still read.
-TEST(LedgerReader, BatchedLookupReportsCorruptionPerKey) {
-  TempRoot root;
-  Writer writer(writerConfig(root));
-  writer.attach();
-  for (uint64_t id = 0; id < 20; ++id) writer.write(makeValue(id, 1));
-  Reader reader(ReaderConfig{root.path(), "routes"});
-  ASSERT_TRUE(reader.initialize());
+TEST_F(ReaderTable, BatchedLookupReportsCorruptionPerKey) {
+  startWriter(64, 20);
+  Reader& reader = attachReader();
   const uint32_t bucket = TestKey{0}.hash() & (reader.bucketTable().numBuckets() - 1);
-  patchFile(root, "buckets", [&](uint8_t* base) {
+  patchFile("buckets", [&](uint8_t* base) {
     reinterpret_cast<uint64_t*>(base + kBucketTableHeaderSize)[bucket] = packLink(0, 0x7ffffff0u);
   });
   std::vector<TestKey> keys;

@@ -18,6 +18,7 @@
 #include <set>
 #include <thread>
 
+#include "platform/tests/ForkedChild.h"
 #include "platform/tests/TempDir.h"
 #include "zinc/Loop.h"
 
@@ -26,41 +27,26 @@ namespace {
 using Mem::ReaderKickListener;
 using Mem::ReaderKickSm;
 
+// A fresh table folder for each test.
+class ReaderKick : public ::testing::Test {
+ protected:
+  TestSupport::TempDir root;
+  const std::string table = root / "routes";
+};
+
 // A child process that registers a reader, reports "ready", blocks in epoll until kicked
-// (or 20 s pass), waits `settleMs` more for late kicks, then reports how many it drained.
+// (or 20 s pass), waits `settleMs` more for late kicks, then reports how many it drained and
+// stays registered until killed.
 class ReaderChild {
  public:
-  ReaderChild(const std::string& tableDir, int settleMs = 0) {
-    int up[2];
-    int down[2];
-    EXPECT_EQ(::pipe(up), 0);
-    EXPECT_EQ(::pipe(down), 0);
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      ::close(up[0]);
-      ::close(down[1]);
-      ::_exit(runChild(tableDir, settleMs, up[1], down[0]));
-    }
-    ::close(up[1]);
-    ::close(down[0]);
-    fromChild_ = up[0];
-    toChild_ = down[1];
-    char ready = 0;
-    EXPECT_EQ(::read(fromChild_, &ready, 1), 1);
+  explicit ReaderChild(const std::string& tableDir, int settleMs = 0)
+      : child_([&](int out) { return run(tableDir, settleMs, out); }) {
+    EXPECT_EQ(child_.read(1), "r");
   }
-  ~ReaderChild() {
-    ::close(fromChild_);
-    ::close(toChild_);
-    if (pid_ > 0) {
-      ::kill(pid_, SIGKILL);
-      ::waitpid(pid_, nullptr, 0);
-    }
-  }
-  pid_t pid() const { return pid_; }
   // Waits until the child sleeps in the kernel (state S), i.e. it is blocked, not spinning.
   bool blocked() const {
     for (int i = 0; i < 2000; ++i) {
-      std::ifstream stat("/proc/" + std::to_string(pid_) + "/stat");
+      std::ifstream stat("/proc/" + std::to_string(child_.pid()) + "/stat");
       std::string line;
       std::getline(stat, line);
       auto close = line.rfind(')');
@@ -74,17 +60,14 @@ class ReaderChild {
   // Kicks drained by the child, or -1 when it was never woken.
   int result() {
     int32_t kicks = -1;
-    EXPECT_EQ(::read(fromChild_, &kicks, sizeof(kicks)), ssize_t(sizeof(kicks)));
-    EXPECT_EQ(::write(toChild_, "x", 1), 1);  // a byte, not EOF: later children share the pipe
-    int status = 0;
-    ::waitpid(pid_, &status, 0);
-    pid_ = -1;
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    const std::string report = child_.read(sizeof(kicks));
+    EXPECT_EQ(report.size(), sizeof(kicks));
+    if (report.size() == sizeof(kicks)) std::memcpy(&kicks, report.data(), sizeof(kicks));
     return kicks;
   }
 
  private:
-  static int runChild(const std::string& tableDir, int settleMs, int out, int in) {
+  static int run(const std::string& tableDir, int settleMs, int out) {
     ReaderKickListener listener(tableDir);
     int epfd = ::epoll_create1(0);
     epoll_event ev{};
@@ -97,19 +80,14 @@ class ReaderChild {
       kicks = int32_t(listener.drain());
     }
     if (::write(out, &kicks, sizeof(kicks)) != sizeof(kicks)) return 2;
-    char done;
-    (void)::read(in, &done, 1);  // stay registered until the parent is finished with us
+    ::pause();  // stay registered until the parent is finished with us
     return 0;
   }
 
-  pid_t pid_ = -1;
-  int fromChild_ = -1;
-  int toChild_ = -1;
+  TestSupport::ForkedChild child_;
 };
 
-TEST(ReaderKick, CommitWakesBlockedReaderInAnotherProcess) {
-  TestSupport::TempDir root;
-  std::string table = root / "routes";
+TEST_F(ReaderKick, CommitWakesBlockedReaderInAnotherProcess) {
   ReaderChild child(table);
   ASSERT_TRUE(child.blocked());
   ReaderKickSm writer(table);
@@ -120,9 +98,7 @@ TEST(ReaderKick, CommitWakesBlockedReaderInAnotherProcess) {
   EXPECT_EQ(child.result(), 1);
 }
 
-TEST(ReaderKick, ManyCommitsInOneIterationKickOnce) {
-  TestSupport::TempDir root;
-  std::string table = root / "routes";
+TEST_F(ReaderKick, ManyCommitsInOneIterationKickOnce) {
   ReaderChild child(table, 100);
   std::vector<std::function<void()>> deferred;
   ReaderKickSm writer(table, [&](std::function<void()> fn) { deferred.push_back(fn); });
@@ -133,9 +109,7 @@ TEST(ReaderKick, ManyCommitsInOneIterationKickOnce) {
   EXPECT_EQ(child.result(), 1);
 }
 
-TEST(ReaderKick, ReaderRegisteredAfterWriterIsKicked) {
-  TestSupport::TempDir root;
-  std::string table = root / "routes";
+TEST_F(ReaderKick, ReaderRegisteredAfterWriterIsKicked) {
   ReaderKickSm writer(table);
   EXPECT_EQ(writer.readers(), 0u);
   ReaderChild first(table);
@@ -146,16 +120,12 @@ TEST(ReaderKick, ReaderRegisteredAfterWriterIsKicked) {
   EXPECT_EQ(second.result(), 1);
 }
 
-TEST(ReaderKick, DeadReaderIsDroppedOnFirstFailedKick) {
-  TestSupport::TempDir root;
-  std::string table = root / "routes";
-  pid_t pid = ::fork();
-  if (pid == 0) {
+TEST_F(ReaderKick, DeadReaderIsDroppedOnFirstFailedKick) {
+  TestSupport::ForkedChild dead([&](int) {
     new ReaderKickListener(table);  // registered and never unregistered: the process dies
-    ::_exit(0);
-  }
-  int status = 0;
-  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    return 0;
+  });
+  dead.wait();
   ReaderKickListener alive(table);
   ReaderKickSm writer(table);
   ASSERT_EQ(writer.readers(), 2u);
@@ -175,9 +145,7 @@ TEST(ReaderKick, DeadReaderIsDroppedOnFirstFailedKick) {
   EXPECT_EQ(alive.drain(), 2u);
 }
 
-TEST(ReaderKick, FullReaderQueueNeverBlocksWriter) {
-  TestSupport::TempDir root;
-  std::string table = root / "routes";
+TEST_F(ReaderKick, FullReaderQueueNeverBlocksWriter) {
   ReaderKickListener sleepy(table);
   ReaderKickSm writer(table);
   for (int i = 0; i < 100000; ++i) {
@@ -190,9 +158,7 @@ TEST(ReaderKick, FullReaderQueueNeverBlocksWriter) {
   EXPECT_FALSE(sleepy.wait(0));
 }
 
-TEST(ReaderKick, DetachedReaderUnregisters) {
-  TestSupport::TempDir root;
-  std::string table = root / "routes";
+TEST_F(ReaderKick, DetachedReaderUnregisters) {
   ReaderKickSm writer(table);
   {
     ReaderKickListener reader(table);
@@ -204,11 +170,10 @@ TEST(ReaderKick, DetachedReaderUnregisters) {
   EXPECT_EQ(writer.readersDropped(), 0u) << "a clean detach is seen, not kicked";
 }
 
-TEST(ReaderKick, DeferredFlushAfterWriterIsGoneIsHarmless) {
-  TestSupport::TempDir root;
+TEST_F(ReaderKick, DeferredFlushAfterWriterIsGoneIsHarmless) {
   std::function<void()> pending;
   {
-    ReaderKickSm writer(root / "t", [&](std::function<void()> fn) { pending = fn; });
+    ReaderKickSm writer(table, [&](std::function<void()> fn) { pending = fn; });
     writer.commitNotify();
   }
   ASSERT_TRUE(pending);
@@ -219,44 +184,23 @@ TEST(ReaderKick, DeferredFlushAfterWriterIsGoneIsHarmless) {
 // per kick it was woken for. It runs until killed.
 class LoopReader {
  public:
-  explicit LoopReader(const std::string& tableDir) {
-    int up[2];
-    EXPECT_EQ(::pipe(up), 0);
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      ::close(up[0]);
-      ReaderKickListener listener(tableDir);
-      Zinc::Loop loop;
-      listener.watchOn(loop, [&] { (void)!::write(up[1], "k", 1); });
-      (void)!::write(up[1], "r", 1);
-      loop.run();
-      ::_exit(0);
-    }
-    ::close(up[1]);
-    fromChild_ = up[0];
-    char ready = 0;
-    EXPECT_EQ(::read(fromChild_, &ready, 1), 1);
+  explicit LoopReader(const std::string& tableDir)
+      : child_([&](int out) {
+          ReaderKickListener listener(tableDir);
+          Zinc::Loop loop;
+          listener.watchOn(loop, [&] { (void)!::write(out, "k", 1); });
+          (void)!::write(out, "r", 1);
+          loop.run();
+          return 0;
+        }) {
+    EXPECT_EQ(child_.read(1), "r");
   }
-  ~LoopReader() {
-    kill();
-    ::close(fromChild_);
-  }
-  void kill() {
-    if (pid_ <= 0) return;
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-  }
+  void kill() { child_.kill(); }
   // Whether a wake-up was reported within a few seconds (consumes it).
-  bool woken() {
-    pollfd pfd{fromChild_, POLLIN, 0};
-    char byte;
-    return ::poll(&pfd, 1, 5000) == 1 && ::read(fromChild_, &byte, 1) == 1;
-  }
+  bool woken() { return child_.read(1, 5000) == "k"; }
 
  private:
-  pid_t pid_ = -1;
-  int fromChild_ = -1;
+  TestSupport::ForkedChild child_;
 };
 
 // Kicks until the reader has handed over its eventfd (its answer to the first datagram).
@@ -269,9 +213,7 @@ bool kickUntilHandedOver(ReaderKickSm& writer, LoopReader& reader) {
   return writer.readersHandedOver() == 1;
 }
 
-TEST(ReaderKick, ReaderHandsOverItsEventFdAndIsWokenThroughIt) {
-  TestSupport::TempDir root;
-  std::string table = root / "routes";
+TEST_F(ReaderKick, ReaderHandsOverItsEventFdAndIsWokenThroughIt) {
   LoopReader reader(table);
   ReaderKickSm writer(table);
   ASSERT_TRUE(kickUntilHandedOver(writer, reader));
@@ -284,9 +226,7 @@ TEST(ReaderKick, ReaderHandsOverItsEventFdAndIsWokenThroughIt) {
   EXPECT_EQ(writer.readersDropped(), 0u);
 }
 
-TEST(ReaderKick, ReaderThatExitsAfterHandoverIsDroppedAtTheNextFlush) {
-  TestSupport::TempDir root;
-  std::string table = root / "routes";
+TEST_F(ReaderKick, ReaderThatExitsAfterHandoverIsDroppedAtTheNextFlush) {
   LoopReader reader(table);
   ReaderKickSm writer(table);
   ASSERT_TRUE(kickUntilHandedOver(writer, reader));
@@ -304,9 +244,7 @@ TEST(ReaderKick, ReaderThatExitsAfterHandoverIsDroppedAtTheNextFlush) {
 
 // A registration whose owner answers the first kick with descriptors that are not an eventfd
 // and a pidfd (here both ends of a pipe, whose write end could block the writer).
-TEST(ReaderKick, ForgedHandoverIsRefused) {
-  TestSupport::TempDir root;
-  std::string table = root / "routes";
+TEST_F(ReaderKick, ForgedHandoverIsRefused) {
   ReaderKickSm writer(table);
   ReaderKickListener listener(table);  // made the folder; its socket stands in as the forger
   int pipeFds[2];
