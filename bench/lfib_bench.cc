@@ -6,14 +6,17 @@
 // time from the writer's last write until the reader is in step; and the shared memory used
 // against the raw slot bytes of what is stored.
 //
-//   lfib_bench [--routes N] [--vias 1,2,16] [--files] [--publish-only]
+//   lfib_bench [--routes N] [--vias 1,2,16] [--files] [--publish-only] [--perf-control FIFO]
 //
 // --publish-only stops after the first publication; --files lists each shared-memory file after the
-// first publication: the bytes it occupies (allocated blocks) and its length.
+// first publication: the bytes it occupies (allocated blocks) and its length. --perf-control
+// writes "enable" to FIFO as the first publication starts and "disable" as it ends, so that a
+// profiler started with `perf record -D -1 --control fifo:FIFO` sees only the timed writes.
 //
 // The routes go to the writer in batches of 1024 (LfibWriter::lfibRoutesIs), the readers are
 // kicked after each batch. Output ends with "figure <name> <value> <unit>" and
 // "ratio <name> <value>" lines.
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -54,6 +57,21 @@ int64_t cpuNs() {
   ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
   return int64_t(t.tv_sec) * 1000000000 + t.tv_nsec;
 }
+
+// The writer's page faults so far and its system time in seconds: what the kernel spends
+// faulting in the tables' pages.
+struct KernelShare {
+  uint64_t faults = 0;
+  double systemSeconds = 0;
+  static KernelShare now() {
+    rusage u;
+    ::getrusage(RUSAGE_SELF, &u);
+    return {uint64_t(u.ru_minflt + u.ru_majflt), u.ru_stime.tv_sec + u.ru_stime.tv_usec / 1e6};
+  }
+  KernelShare operator-(const KernelShare& before) const {
+    return {faults - before.faults, systemSeconds - before.systemSeconds};
+  }
+};
 
 Mpls::ConsolidatedLfibRoute route(uint32_t i, uint32_t vias, uint32_t variant) {
   Mpls::ConsolidatedLfibRoute r(Mpls::RouteKey(Wire::MplsLabel(16 + i)), LFib::sourceLdp_,
@@ -104,6 +122,7 @@ Mpls::ConsolidatedLfibRoute route(uint32_t i, uint32_t vias, uint32_t variant) {
 struct Result {
   double publish = 0, rewrite = 0, remove = 0;  // routes per second
   double publishCpu = 0;                        // routes per second of the writer's CPU time
+  KernelShare publishKernel;                    // the writer's faults and system time
   double inStepPublish = 0, inStepRewrite = 0, inStepRemove = 0;
   uint64_t shmBytes = 0, rawBytes = 0;
   uint64_t shmAfterRewrite = 0;  // the change queues hold tombstones of the rewrite too
@@ -138,7 +157,17 @@ struct Options {
   std::vector<uint32_t> viaCounts{1, 2, 16};
   bool files = false;
   bool publishOnly = false;
+  std::string perfControl;
 };
+
+// Tells a profiler listening on `fifo` (if any) to start or stop sampling.
+void perfControl(const std::string& fifo, const char* command) {
+  if (fifo.empty()) return;
+  if (FILE* f = std::fopen(fifo.c_str(), "w")) {
+    std::fprintf(f, "%s\n", command);
+    std::fclose(f);
+  }
+}
 
 Result run(const Options& options, uint32_t vias) {
   const uint32_t routes = options.routes;
@@ -161,10 +190,12 @@ Result run(const Options& options, uint32_t vias) {
   status->ledgerMountIs(Ledger::LedgerMode::writer, root);
   auto writer = Mpls::lfibWriterFactory(status);
   double cpuRate = 0;
+  KernelShare kernel;
   // body(first, count) changes routes [first, first + count); readers are kicked after each
   // batch of kBatch routes.
   constexpr uint32_t kBatch = 1024;
   auto phase = [&](auto&& body, double& rate, double& inStep) {
+    const KernelShare kernelStart = KernelShare::now();
     int64_t start = nowNs(), cpuStart = cpuNs();
     for (uint32_t first = 0; first < routes; first += kBatch) {
       body(first, std::min(kBatch, routes - first));
@@ -174,6 +205,7 @@ Result run(const Options& options, uint32_t vias) {
     status->ledgerFlushKicks();
     rate = routes / (double(end - start) / 1e9);
     cpuRate = routes / (double(cpuNs() - cpuStart) / 1e9);
+    kernel = KernelShare::now() - kernelStart;
     sendLine(toReader[1],
              "phase " + std::to_string(end) + " " + std::to_string(status->lfibRouteCount()));
     inStep = std::stod(readLine(fromReader[0]).value_or("-1"));
@@ -185,9 +217,12 @@ Result run(const Options& options, uint32_t vias) {
     for (uint32_t i = first; i < first + count; ++i) batch.push_back(route(i, vias, variant));
     writer->lfibRoutesIs(batch);
   };
+  perfControl(options.perfControl, "enable");
   phase([&](uint32_t first, uint32_t count) { write(first, count, 0); }, r.publish,
         r.inStepPublish);
+  perfControl(options.perfControl, "disable");
   r.publishCpu = cpuRate;
+  r.publishKernel = kernel;
   r.shmBytes = status->ledgerBytes();
   r.rawBytes = rawSlotBytes(*status);
   if (options.files) printFiles(root);
@@ -224,7 +259,8 @@ int main(int argc, char** argv) {
       std::stringstream list(argv[i + 1]);
       for (std::string v; std::getline(list, v, ',');) options.viaCounts.push_back(std::stoul(v));
     }
-    if (a == "--routes" || a == "--vias") ++i;
+    if (a == "--perf-control") options.perfControl = argv[i + 1];
+    if (a == "--routes" || a == "--vias" || a == "--perf-control") ++i;
   }
   uint32_t& routes = options.routes;
   if (routes == 0 || routes > 1000000) routes = 1000000;  // labels are 20 bits
@@ -236,9 +272,11 @@ int main(int argc, char** argv) {
     std::printf(
         "vias %2u: publish %.0f routes/s, rewrite one via %.0f routes/s, delete %.0f routes/s; "
         "reader in step %.3f / %.3f / %.3f s after the last write; shm %.1f MB for %.1f MB of "
-        "slots (%.1f MB after the rewrite); publish %.0f routes per CPU second\n",
+        "slots (%.1f MB after the rewrite); publish %.0f routes per CPU second, %llu page "
+        "faults, %.2f s system time\n",
         vias, r.publish, r.rewrite, r.remove, r.inStepPublish, r.inStepRewrite, r.inStepRemove,
-        r.shmBytes / 1e6, r.rawBytes / 1e6, r.shmAfterRewrite / 1e6, r.publishCpu);
+        r.shmBytes / 1e6, r.rawBytes / 1e6, r.shmAfterRewrite / 1e6, r.publishCpu,
+        static_cast<unsigned long long>(r.publishKernel.faults), r.publishKernel.systemSeconds);
     std::fflush(stdout);
     if (vias == 2) two = r;
   }

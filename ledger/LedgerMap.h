@@ -67,6 +67,12 @@ class LedgerBaseDummy : public LedgerBase<Key, Value> {
 
 enum class LedgerMode { writer, readOnly };
 
+// How far a fetch ahead of a write has come, one stage per call, each for a key whose previous
+// stage was started a while ago (LedgerWriter): its bucket head, then the first slot of its
+// chain, then what that slot's stored form refers to (a slab payload, for values kept out of
+// line).
+enum class PrefetchStage { bucket, firstSlot, firstStored };
+
 template <class Key, class Value, class OpsT = Ops<Key, Value>>
 class LedgerMap {
  public:
@@ -146,16 +152,18 @@ class LedgerMap {
   bool lookup(const Key& key, Value& out) {
     return guarded("lookup", [&] { return table_->lookup(key, out); });
   }
-  // Writer mode: starts fetching what a look-up or write of `key` will touch first.
-  void prefetch(const Key& key) {
-    if (writer_) writer_->prefetch(key);
-  }
-  // Writer mode: the later stages of a fetch started with prefetch() (LedgerWriter).
-  void prefetchChain(const Key& key) {
-    if (writer_) writer_->prefetchChain(key);
-  }
-  void prefetchFirstStored(const Key& key) {
-    if (writer_) writer_->prefetchFirstStored(key);
+  // Writer mode: starts fetching `stage` of what a look-up or write of `key` will touch; the
+  // other modes ignore it.
+  void prefetch(const Key& key, PrefetchStage stage = PrefetchStage::bucket) {
+    if (!writer_) return;
+    switch (stage) {
+      case PrefetchStage::bucket:
+        return writer_->prefetch(key);
+      case PrefetchStage::firstSlot:
+        return writer_->prefetchChain(key);
+      case PrefetchStage::firstStored:
+        return writer_->prefetchFirstStored(key);
+    }
   }
   bool first(Value& out) {
     return guarded("first", [&] { return table_->first(out); });

@@ -166,6 +166,7 @@ SlabWriter::Attached SlabWriter::attach(const std::string& root, const std::stri
     format(emberId);
     return Attached::wiped;
   }
+  populatedEnd_ = entryOffset(header().highWater);
   ZTRACE(1, name << "::validateUnattached() keeping slab numOccupied:" << occupied);
   return Attached::kept;
 }
@@ -183,6 +184,7 @@ void SlabWriter::format(uint32_t emberId) {
   h.emberId = emberId;
   h.freeList = kNoEntry;
   std::memcpy(h.magic, kSlabMagic, 8);
+  populatedEnd_ = sizeof(SlabHeader);
 }
 
 bool SlabWriter::doResize(uint32_t numEntries) {
@@ -223,10 +225,19 @@ uint32_t SlabWriter::allocAboveHighWater(uint32_t size) {
     }
   }
   const uint32_t index = mutableHeader().highWater++;
+  populateThrough(index);
   auto* e = reinterpret_cast<SlabEntryHeader*>(entry(index));
   e->payloadSize = size;
   ++mutableHeader().numOccupied;
   return index;
+}
+
+void SlabWriter::populateThrough(uint32_t index) {
+  const uint64_t end = entryOffset(index + 1);
+  if (end <= populatedEnd_) return;
+  const uint64_t from = std::max(populatedEnd_, entryOffset(index));
+  file_.populate(from, end - from + kPopulateAhead);
+  populatedEnd_ = std::min<uint64_t>(file_.size(), end + kPopulateAhead);
 }
 
 void SlabWriter::free(uint32_t index) {

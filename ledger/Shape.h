@@ -32,7 +32,10 @@
 // a payload that was whole. Slab files never shrink and are never cut.
 //
 // A file grows by doubling, but the entries above highWater are never written until they are
-// handed out: the pages of a file's unused tail cost no memory.
+// handed out: the pages of a file's unused tail cost no memory. The writer maps the pages of
+// the entries it is about to hand out in bulk, kPopulateAhead bytes at a time beyond the high
+// water (EmberFile::populate), instead of faulting each page in as an entry first lands on it;
+// a slab thus occupies at most that much more than its entries need.
 #pragma once
 
 #include <array>
@@ -50,6 +53,7 @@ inline constexpr uint32_t kSlabVersion = 3;
 inline constexpr uint32_t kNoEntry = 0xffffffffu;
 inline constexpr uint32_t kEntryHeaderSize = 4;
 inline constexpr uint32_t kNumClasses = 41;
+inline constexpr uint32_t kPopulateAhead = 128 * 1024;
 // Bytes of an entry of class c, its header included: (8 + c % 8) << (3 + c / 8).
 constexpr uint32_t entrySizeOf(uint32_t c) { return (8 + c % 8) << (3 + c / 8); }
 constexpr uint32_t maxPayloadOf(uint32_t c) { return entrySizeOf(c) - kEntryHeaderSize; }
@@ -148,16 +152,21 @@ class SlabWriter {
 
  private:
   SlabHeader& mutableHeader() { return *reinterpret_cast<SlabHeader*>(file_.base()); }
-  uint8_t* entry(uint32_t index) {
-    return file_.base() + sizeof(SlabHeader) + uint64_t{index} * entrySize_;
+  uint64_t entryOffset(uint32_t index) const {
+    return sizeof(SlabHeader) + uint64_t{index} * entrySize_;
   }
+  uint8_t* entry(uint32_t index) { return file_.base() + entryOffset(index); }
   void format(uint32_t emberId);
   bool doResize(uint32_t numEntries);
   uint32_t allocAboveHighWater(uint32_t size);
+  // Entry `index` is about to be written: its pages, and those of the next kPopulateAhead
+  // bytes, are mapped unless an earlier call did so.
+  void populateThrough(uint32_t index);
 
   SharedMem::EmberFile file_;
   uint32_t sizeClass_ = 0;
   uint32_t entrySize_ = 0;
+  uint64_t populatedEnd_ = 0;  // bytes of the file below it are mapped (or were tried)
 };
 
 // A reader's read-only mapping of one slab file. Nothing in the file is trusted: every entry

@@ -249,15 +249,10 @@ class ZincLedgerMap {
 
   // ---- reads ----
   bool lookup(const Key& key, Value& out) { return map_ && map_->lookup(key, out); }
-  // The writer side starts fetching the key's bucket (see LedgerWriter::prefetch).
-  void prefetch(const Key& key) {
-    if (map_) map_->prefetch(key);
-  }
-  void prefetchChain(const Key& key) {
-    if (map_) map_->prefetchChain(key);
-  }
-  void prefetchFirstStored(const Key& key) {
-    if (map_) map_->prefetchFirstStored(key);
+  // The writer side starts fetching one stage of what a write of `key` touches (see
+  // LedgerMap::prefetch); unmounted or read-only, nothing happens.
+  void prefetch(const Key& key, PrefetchStage stage = PrefetchStage::bucket) {
+    if (map_) map_->prefetch(key, stage);
   }
   Value get(const Key& key) {
     Value value = Zinc::initialValue<Value>();

@@ -86,10 +86,13 @@ LfibViaIndexAllocator::Probe LfibViaIndexAllocator::probeViaSet(const LfibViaSet
   return present ? Probe::present : Probe::absent;
 }
 
+// Both probes step their counter by one per index tried (viaKeyIndexInc(type, 1)), reading it
+// once up front rather than once per step.
 LfibViaKey LfibViaIndexAllocator::getViaKey(LfibViaType viaType) {
   const uint32_t start = viaKeyIndex(viaType);
-  for (;;) {
-    LfibViaKey key(source_, viaType, viaKeyIndexInc(viaType, 1));
+  for (uint32_t index = start;;) {
+    viaKeyIndexIs(viaType, ++index);
+    LfibViaKey key(source_, viaType, index);
     if (viaType > viaTypeMax_) return key;  // beyond the known via types: not probed
     if (key.index() != 0) {                 // 0 is never handed out
       Probe probe = probeVia(key);
@@ -103,8 +106,9 @@ LfibViaKey LfibViaIndexAllocator::getViaKey(LfibViaType viaType) {
 LfibViaSetKey LfibViaIndexAllocator::getViaSetKey(LfibViaType viaType, LfibViaSetType viaSetType) {
   const ViaSetKeyIndexDomain domain(viaType, viaSetType);
   const uint32_t start = viaSetKeyIndex(domain);
-  for (;;) {
-    LfibViaSetKey key(source_, viaSetKeyIndexInc(domain, 1), viaType, viaSetType);
+  for (uint32_t index = start;;) {
+    viaSetKeyIndexIs(domain, ++index);
+    LfibViaSetKey key(source_, index, viaType, viaSetType);
     if (key.index() != 0) {  // 0 is never handed out
       Probe probe = probeViaSet(key);
       if (probe == Probe::absent) return key;

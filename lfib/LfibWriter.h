@@ -56,6 +56,10 @@ class LfibWriter : public Zinc::PtrInterface {
   // How many routes ahead lfibRoutesIs fetches a route's bucket head, and its first slot.
   static constexpr size_t kRouteBucketAhead = 4, kRouteChainAhead = 2;
   void prefetchFor(const ConsolidatedLfibRoute& route, LfibViaIndexAllocator& allocator);
+  // lfibRouteIs without fetching the route's own bucket first.
+  void writeRoute(const ConsolidatedLfibRoute& route);
+  // indexAllocator(source), remembered for the next route of the same source.
+  LfibViaIndexAllocator& allocatorFor(LFib::Source source);
   template <class Via>
   void writeVias(const ConsolidatedLfibRoute& route, OldRoute& old, LfibViaSet& viaSet,
                  LfibViaIndexAllocator& allocator);
@@ -65,6 +69,8 @@ class LfibWriter : public Zinc::PtrInterface {
   Zinc::Ptr<LfibStatus> lfib_;
   std::unordered_map<int32_t, Zinc::Ptr<LfibViaIndexAllocator>> indexAllocatorInternal_;
   bool inPlaceAdjacencyUpdateSupported_ = false;
+  Zinc::Ptr<LfibViaIndexAllocator> lastAllocator_;
+  LFib::Source lastSource_ = LFib::sourceUnknown_;
 };
 
 Zinc::Ptr<LfibWriter> lfibWriterFactory(const Zinc::Ptr<LfibStatus>& lfib);

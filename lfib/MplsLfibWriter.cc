@@ -43,6 +43,7 @@ Zinc::Ptr<LfibViaIndexAllocator> LfibWriter::indexAllocatorInternal(LFib::Source
 void LfibWriter::indexAllocatorInternalIs(LFib::Source source,
                                           const Zinc::Ptr<LfibViaIndexAllocator>& a) {
   indexAllocatorInternal_[source] = a;
+  lastAllocator_ = nullptr;
 }
 
 Zinc::Ptr<LfibViaIndexAllocator> LfibWriter::indexAllocator(LFib::Source source) {
@@ -111,18 +112,17 @@ void LfibWriter::writeVias(const ConsolidatedLfibRoute& route, OldRoute& old, Lf
 // stages a route apart: the bucket head, then (a route later, when it has arrived) the
 // chain's first slot, and for via sets then the slab payload that slot refers to (its key).
 // Their walks then rarely wait for memory. This assumes that the next routes look like this
-// one; when they do not, a few fetches are wasted. The route's own key is not known ahead:
-// its bucket is fetched now.
+// one; when they do not, a few fetches are wasted.
 void LfibWriter::prefetchFor(const ConsolidatedLfibRoute& route, LfibViaIndexAllocator& allocator) {
-  lfib_->lfibRouteLedger().prefetch(route.key());
   if (route.viaType() != viaTypeMplsIp_) return;
+  using Ledger::PrefetchStage;
   const LFib::Source source = route.source();
   const uint32_t vias = std::min<uint32_t>(uint32_t(route.mplsVias().size()), kPrefetchedVias);
   // The first index that the next route takes.
   const uint32_t next = allocator.viaKeyIndex(viaTypeMplsIp_) + vias + 1;
   auto& viaTable = lfib_->mplsViaLedger();
   for (uint32_t i = 0; i < vias; ++i) {
-    viaTable.prefetchChain(LfibViaKey(source, viaTypeMplsIp_, next + i));
+    viaTable.prefetch(LfibViaKey(source, viaTypeMplsIp_, next + i), PrefetchStage::firstSlot);
     viaTable.prefetch(LfibViaKey(source, viaTypeMplsIp_, next + vias + i));
   }
   const LfibViaSetType setType = route.viaSetType();
@@ -132,18 +132,31 @@ void LfibWriter::prefetchFor(const ConsolidatedLfibRoute& route, LfibViaIndexAll
     return LfibViaSetKey(source, nextSet + ahead, viaTypeMplsIp_, setType);
   };
   auto& viaSetTable = lfib_->viaSetLedger();
-  viaSetTable.prefetchFirstStored(setKey(0));
-  viaSetTable.prefetchChain(setKey(1));
+  viaSetTable.prefetch(setKey(0), PrefetchStage::firstStored);
+  viaSetTable.prefetch(setKey(1), PrefetchStage::firstSlot);
   viaSetTable.prefetch(setKey(2));
 }
 
+LfibViaIndexAllocator& LfibWriter::allocatorFor(LFib::Source source) {
+  if (!lastAllocator_ || lastSource_ != source) {
+    lastAllocator_ = indexAllocator(source);
+    lastSource_ = source;
+  }
+  return *lastAllocator_;
+}
+
 void LfibWriter::lfibRouteIs(const ConsolidatedLfibRoute& route) {
+  // The route's own key is not known ahead: its bucket is fetched now, while the vias go in.
+  lfib_->lfibRouteLedger().prefetch(route.key());
+  writeRoute(route);
+}
+
+void LfibWriter::writeRoute(const ConsolidatedLfibRoute& route) {
   ZTRACE(8, "void Mpls::LfibWriter::lfibRouteIs(const Mpls::ConsolidatedLfibRoute&)");
   ZINC_ASSERT(route.viaType() != viaTypeMplsUnknown_ && route.viaType() != viaTypeMax_,
               "invalid viaType");
-  // One allocator for the whole route: looked up once, not per via.
-  const Zinc::Ptr<LfibViaIndexAllocator> allocator = indexAllocator(route.source());
-  prefetchFor(route, *allocator);
+  LfibViaIndexAllocator& allocator = allocatorFor(route.source());
+  prefetchFor(route, allocator);
   OldRoute old;
   LfibRoute stored;
   if (lfib_->elementLookup(route.key(), stored)) {
@@ -157,20 +170,20 @@ void LfibWriter::lfibRouteIs(const ConsolidatedLfibRoute& route) {
     }
     old.viaSet = oldViaSet;
   }
-  const LfibViaSetKey viaSetKey = chooseViaSetKey(route, old, *allocator);
+  const LfibViaSetKey viaSetKey = chooseViaSetKey(route, old, allocator);
   LfibViaSet viaSet(viaSetKey);
   switch (route.viaType()) {
     case viaTypeMplsIp_:
-      writeVias<LfibMplsVia>(route, old, viaSet, *allocator);
+      writeVias<LfibMplsVia>(route, old, viaSet, allocator);
       break;
     case viaTypeMplsPseudowire_:
-      writeVias<LfibPwVia>(route, old, viaSet, *allocator);
+      writeVias<LfibPwVia>(route, old, viaSet, allocator);
       break;
     case viaTypeIpLookup_:
-      writeVias<LfibIpLookupVia>(route, old, viaSet, *allocator);
+      writeVias<LfibIpLookupVia>(route, old, viaSet, allocator);
       break;
     case viaTypeExternalFec_:
-      writeVias<LfibExtFecVia>(route, old, viaSet, *allocator);
+      writeVias<LfibExtFecVia>(route, old, viaSet, allocator);
       break;
     default:
       break;  // VLAN and EVPN vias are written by their producers
@@ -191,13 +204,17 @@ void LfibWriter::lfibRouteIs(const ConsolidatedLfibRoute& route) {
 }
 
 void LfibWriter::lfibRoutesIs(std::span<const ConsolidatedLfibRoute> routes) {
+  using Ledger::PrefetchStage;
   auto& table = lfib_->lfibRouteLedger();
-  for (size_t i = 0; i < routes.size(); ++i) {
-    if (i + kRouteBucketAhead < routes.size()) table.prefetch(routes[i + kRouteBucketAhead].key());
-    if (i + kRouteChainAhead < routes.size()) {
-      table.prefetchChain(routes[i + kRouteChainAhead].key());
+  const size_t n = routes.size();
+  for (size_t i = 0; i < n; ++i) {
+    if (i + kRouteBucketAhead < n) table.prefetch(routes[i + kRouteBucketAhead].key());
+    if (i + kRouteChainAhead < n) {
+      table.prefetch(routes[i + kRouteChainAhead].key(), PrefetchStage::firstSlot);
     }
-    lfibRouteIs(routes[i]);
+    // The first routes' buckets were not fetched ahead.
+    if (i < kRouteBucketAhead) table.prefetch(routes[i].key());
+    writeRoute(routes[i]);
   }
 }
 

@@ -112,6 +112,37 @@ TEST_F(Ember, GrowthIsSeenByAnotherProcessAndReleasedPagesReadZero) {
   EXPECT_EQ(writer.base()[(1 << 20) - 1], 0);
 }
 
+// Bytes of memory that a file's pages occupy.
+uint64_t occupied(const std::string& path) {
+  struct stat st;
+  return ::stat(path.c_str(), &st) == 0 ? uint64_t(st.st_blocks) * 512 : 0;
+}
+
+TEST_F(Ember, PopulateMapsJustTheRangeAskedForWithinTheMapping) {
+  constexpr size_t kPage = 4096;
+  EmberFile writer;
+  ASSERT_TRUE(writer.open(root, "t", "data", EmberFile::Access::ReadWrite, true));
+  ASSERT_TRUE(writer.resize(64 * kPage));
+  EXPECT_EQ(occupied(writer.path()), 0u);
+  // An unaligned range takes the pages it touches: [10 * page - 1, 14 * page + 1) spans six.
+  ASSERT_TRUE(writer.populate(10 * kPage - 1, 4 * kPage + 2));
+  EXPECT_EQ(occupied(writer.path()), 6 * kPage);
+  // Clipped to the mapping; past its end or on an empty range nothing happens.
+  ASSERT_TRUE(writer.populate(60 * kPage, 100 * kPage));
+  EXPECT_EQ(occupied(writer.path()), 10 * kPage);
+  EXPECT_FALSE(writer.populate(64 * kPage, kPage));
+  EXPECT_FALSE(writer.populate(kPage, 0));
+  EXPECT_EQ(occupied(writer.path()), 10 * kPage);
+  // Populated pages read zero and keep what is written.
+  EXPECT_EQ(writer.base()[11 * kPage], 0);
+  writer.base()[11 * kPage] = 7;
+  EmberFile reader;
+  ASSERT_TRUE(reader.open(root, "t", "data", EmberFile::Access::ReadOnly, false));
+  EXPECT_EQ(reader.base()[11 * kPage], 7);
+  EXPECT_FALSE(reader.populate(0, kPage));  // a reader never allocates a writer's pages
+  EXPECT_EQ(occupied(writer.path()), 10 * kPage);
+}
+
 TEST(EmberId, FreshIdsAreNonZeroAndVary) {
   uint32_t a = EmberFile::freshEmberId(), b = EmberFile::freshEmberId();
   EXPECT_NE(a, 0u);

@@ -3,6 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
+#include <cstring>
 #include <map>
 #include <random>
 #include <vector>
@@ -133,6 +136,43 @@ TEST(SlabAllocation, UnattachedSlabsAreKeptOrWipedByEmber) {
           "SlabHeader::validate() bad magic: "));
   Zinc::Trace::sinkIs({});
   Zinc::Trace::configure("");
+}
+
+// Entries above the high water are mapped in bulk as they are handed out, never much beyond
+// what the entries need; a slab adopted by the next writer carries on from its high water.
+TEST(SlabAllocation, PagesAheadOfTheHighWaterAreMappedInBoundedSteps) {
+  TempRoot root;
+  const auto perm = SharedMem::EmberFile::Perm::OwnerOnly;
+  const uint32_t sizeClass = 1;  // 72-byte entries
+  const uint64_t entry = Shape::entrySizeOf(sizeClass);
+  auto occupied = [&] {
+    struct stat st;
+    return ::stat(root.file("t", "slab.1").c_str(), &st) == 0 ? uint64_t(st.st_blocks) * 512 : 0;
+  };
+  auto bytesFor = [&](uint64_t entries) { return sizeof(Shape::SlabHeader) + entries * entry; };
+  uint64_t mostAhead = 0;  // the most bytes occupied beyond what the entries need
+  auto fill = [&](Shape::SlabWriter& slab, uint32_t from, uint32_t to) {
+    for (uint32_t i = from; i < to; ++i) {
+      const uint32_t index = slab.alloc(68);
+      ASSERT_EQ(index, i);
+      std::memset(slab.payload(index), int(i & 0x7f), 68);
+      const uint64_t used = bytesFor(i + 1);
+      ASSERT_GE(occupied(), used) << i;
+      ASSERT_LE(occupied(), used + Shape::kPopulateAhead + 4096) << i;
+      mostAhead = std::max(mostAhead, occupied() - used);
+    }
+  };
+  {
+    Shape::SlabWriter slab;
+    slab.attach(root.path(), "t", sizeClass, 9, perm);
+    fill(slab, 0, 5000);  // ~360 KB: several steps and several growths of the file
+  }
+  Shape::SlabWriter slab;
+  ASSERT_EQ(slab.attach(root.path(), "t", sizeClass, 9, perm), Shape::SlabWriter::Attached::kept);
+  fill(slab, 5000, 9000);
+  EXPECT_GT(mostAhead, Shape::kPopulateAhead / 2);  // mapped ahead, not page by page
+  EXPECT_EQ(slab.check(nullptr), "");
+  for (uint32_t i = 0; i < 9000; i += 997) EXPECT_EQ(slab.payload(i)[67], int(i & 0x7f)) << i;
 }
 
 TEST(SlabTable, ViaSetsMatchAModelAndLeakNothing) {

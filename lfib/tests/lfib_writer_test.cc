@@ -208,6 +208,32 @@ TEST_P(LfibWriterTest, ABatchWritesWhatOneByOneWrites) {
   EXPECT_EQ(storedSet(300).viaKeys(), 128u);
 }
 
+// Each source takes its keys from its own allocator, also when the sources alternate within a
+// batch, and an allocator installed between writes is the one the next route uses.
+TEST_P(LfibWriterTest, EachSourceTakesKeysFromItsCurrentAllocator) {
+  auto from = [](ConsolidatedLfibRoute r, LFib::Source source) {
+    r.sourceIs(source);
+    return r;
+  };
+  writer->lfibRoutesIs(std::vector<ConsolidatedLfibRoute>{
+      route(400, 2), from(route(401, 1), LFib::sourceStatic_), route(402, 1)});
+  EXPECT_EQ(stored(400).viaSetKey(),
+            LfibViaSetKey(LFib::sourceLdp_, 1, viaTypeMplsIp_, viaSetTypeEcmp_));
+  EXPECT_EQ(stored(401).viaSetKey(),
+            LfibViaSetKey(LFib::sourceStatic_, 1, viaTypeMplsIp_, viaSetTypeEcmp_));
+  EXPECT_EQ(storedSet(402).viaKey(LfibViaIndexRange(0)),
+            LfibViaKey(LFib::sourceLdp_, viaTypeMplsIp_, 3));
+
+  auto replacement = lfibViaIndexAllocatorFactory(LFib::sourceLdp_, status);
+  replacement->viaKeyIndexIs(viaTypeMplsIp_, 1000);
+  replacement->viaSetKeyIndexIs(ViaSetKeyIndexDomain(viaTypeMplsIp_, viaSetTypeEcmp_), 500);
+  writer->indexAllocatorInternalIs(LFib::sourceLdp_, replacement);
+  writer->lfibRouteIs(route(403, 1));
+  EXPECT_EQ(stored(403).viaSetKey().index(), 501u);
+  EXPECT_EQ(storedSet(403).viaKey(LfibViaIndexRange(0)).index(), 1001u);
+  EXPECT_EQ(replacement->viaKeyIndex(viaTypeMplsIp_), 1001u);
+}
+
 INSTANTIATE_TEST_SUITE_P(InPlace, LfibWriterTest, ::testing::Bool(),
                          [](const auto& info) { return info.param ? "on" : "off"; });
 

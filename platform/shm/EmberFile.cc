@@ -8,6 +8,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <random>
@@ -178,6 +179,19 @@ void EmberFile::releaseRange(size_t offset, size_t len) {
 #else
   (void)offset;
 #endif
+}
+
+bool EmberFile::populate(size_t offset, size_t len) {
+  if (!base_ || !writable_ || offset >= size_) return false;
+  const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+  const size_t start = offset / page * page;
+  const size_t end = std::min(size_, offset + len);
+  if (end <= offset) return false;
+#ifdef MADV_POPULATE_WRITE
+  if (::madvise(base_ + start, end - start, MADV_POPULATE_WRITE) == 0) return true;
+  ZTRACE(3, "EmberFile::populate() " << path_ << ": " << std::strerror(errno));
+#endif
+  return false;
 }
 
 uint32_t EmberFile::freshEmberId() {

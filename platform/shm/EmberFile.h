@@ -65,6 +65,11 @@ class EmberFile {
   // Returns the pages of [offset, offset + len) to the system; the file keeps its length and
   // those bytes read as zero afterwards.
   void releaseRange(size_t offset, size_t len);
+  // Writable mapping: allocates and maps the pages of [offset, offset + len) (clipped to the
+  // mapping) in one call, where writing them one after the other would fault each one in on
+  // its own. They then occupy memory: populate only what is about to be written. False when
+  // the system cannot (the pages then fault in as they are written).
+  bool populate(size_t offset, size_t len);
 
   uint32_t emberId() const { return emberId_; }
   void emberIdIs(uint32_t id) { emberId_ = id; }
