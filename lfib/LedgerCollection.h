@@ -78,12 +78,12 @@ template <class K, class V>
 class JustWritten {
  public:
   // The element under `key`: what was just written, else what the table holds (read into
-  // `scratch`); null when absent.
+  // `scratch`, made only then: a value may be large, a via set is 1.5 KB); null when absent.
   template <class Table>
-  const V* read(Table& table, const K& key, std::optional<V>& scratch) const {
+  const V* read(Table& table, const K& key, std::unique_ptr<V>& scratch) const {
     if (key_ && *key_ == key) return value_;
-    scratch.emplace();
-    return table.lookup(key, *scratch) ? &*scratch : nullptr;
+    scratch = std::make_unique<V>();
+    return table.lookup(key, *scratch) ? scratch.get() : nullptr;
   }
 
   // Holds `value` (or, with a null value, the absence of `key`) for the scope's duration.
@@ -162,7 +162,7 @@ using ViaSetLedger = Ledger::ZincLedgerMap<E, LfibViaSet, LfibViaSetKey,
     notify(&NotifieeConst::on##Attr, k);                                                   \
   }                                                                                        \
   /* Validation's read of k: what the mutator holds, else the table. */                    \
-  const V* attr##Validated(const K& k, std::optional<V>& scratch) const {                  \
+  const V* attr##Validated(const K& k, std::unique_ptr<V>& scratch) const {                \
     return attr##Held_.read(*attr##_, k, scratch);                                         \
   }                                                                                        \
   void attr##DelAll() {                                                                    \

@@ -78,10 +78,9 @@ LfibViaIndexAllocator::Probe LfibViaIndexAllocator::probeVia(const LfibViaKey& k
 }
 
 LfibViaIndexAllocator::Probe LfibViaIndexAllocator::probeViaSet(const LfibViaSetKey& key) {
-  LfibViaSet scratch;
   auto& table = lfibStatus_->viaSetLedger();
   const uint64_t corruptions = table.ledgerMap().corruptions();
-  bool present = table.lookup(key, scratch);
+  bool present = table.lookup(key, *viaSetScratch_);
   if (table.ledgerMap().corruptions() != corruptions) return Probe::corrupt;
   return present ? Probe::present : Probe::absent;
 }

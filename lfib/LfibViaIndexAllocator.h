@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 #include "lfib/LfibStatus.h"
 #include "zinc/Collection.h"
@@ -48,6 +49,8 @@ class LfibViaIndexAllocator : public Zinc::Entity {
 
   LFib::Source source_;
   Zinc::Ptr<LfibStatus> lfibStatus_;
+  // Where a probe that finds a via set reads it to: made once, a via set is 1.5 KB.
+  std::unique_ptr<LfibViaSet> viaSetScratch_ = std::make_unique<LfibViaSet>();
 };
 
 Zinc::Ptr<LfibViaIndexAllocator> lfibViaIndexAllocatorFactory(

@@ -4,7 +4,7 @@
 
 #include <cstdio>
 #include <filesystem>
-#include <optional>
+#include <memory>
 #include <sstream>
 
 #include "lfib/LfibStatus.h"
@@ -156,7 +156,7 @@ void LfibStatus::dumpState(std::ostream& context, int indent) const {
 // Both read the element through <attr>Validated: right after a mutator's own write that is
 // the value it wrote, not a decoded copy of it.
 void LfibStatus::handleRoute(const RouteKey& key) const {
-  std::optional<LfibRoute> scratch;
+  std::unique_ptr<LfibRoute> scratch;
   const LfibRoute* stored = lfibRouteValidated(key, scratch);
   if (!stored) return;
   const LfibRoute& route = *stored;
@@ -166,7 +166,7 @@ void LfibStatus::handleRoute(const RouteKey& key) const {
 }
 
 void LfibStatus::handleViaSet(const LfibViaSetKey& key) const {
-  std::optional<LfibViaSet> scratch;
+  std::unique_ptr<LfibViaSet> scratch;
   const LfibViaSet* stored = viaSetValidated(key, scratch);
   if (!stored) return;
   const LfibViaSet& vs = *stored;

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <map>
+#include <memory>
 #include <optional>
 
 #include "lfib/LfibWriter.h"
@@ -14,8 +15,8 @@ namespace Mpls {
 // What the stored route looked like before this write.
 struct LfibWriter::OldRoute {
   std::optional<LfibRoute> route;
-  std::optional<LfibViaSet> viaSet;
-  std::vector<LfibViaKey> viaKeys;  // not (yet) reused by the new route
+  std::unique_ptr<LfibViaSet> viaSet;  // not an optional: that would zero 1.5 KB per route
+  std::vector<LfibViaKey> viaKeys;     // not (yet) reused by the new route
 
   bool takeViaKey(const LfibViaKey& key) {
     for (auto it = viaKeys.begin(); it != viaKeys.end(); ++it) {
@@ -27,6 +28,19 @@ struct LfibWriter::OldRoute {
     return false;
   }
 };
+
+namespace {
+
+// A via set under `key` with nothing else set, copied from a blank one: a via set made afresh
+// initialises its 128 key slots one by one, and every route needs one.
+LfibViaSet blankViaSet(const LfibViaSetKey& key) {
+  static const LfibViaSet blank;
+  LfibViaSet viaSet = blank;
+  viaSet.keyIs(key);
+  return viaSet;
+}
+
+}  // namespace
 
 LfibWriter::LfibWriter(const Zinc::Ptr<LfibStatus>& lfib) : lfib_(lfib) { handleInitialized(); }
 
@@ -162,16 +176,16 @@ void LfibWriter::writeRoute(const ConsolidatedLfibRoute& route) {
   if (lfib_->elementLookup(route.key(), stored)) {
     ZTRACE(7, route.key() << ": found old lfib route");
     old.route = stored;
-    std::optional<LfibViaSet> oldViaSet = LfibViaSet();
+    auto oldViaSet = std::make_unique<LfibViaSet>();
     if (!lfib_->elementLookup(stored.viaSetKey(), *oldViaSet)) oldViaSet.reset();
     ZINC_ASSERT(!!oldViaSet, "the via set of an lfib route is missing");
     for (uint32_t i = 0; i < oldViaSet->viaKeys(); ++i) {
       old.viaKeys.push_back(oldViaSet->viaKey(LfibViaIndexRange(i)));
     }
-    old.viaSet = oldViaSet;
+    old.viaSet = std::move(oldViaSet);
   }
   const LfibViaSetKey viaSetKey = chooseViaSetKey(route, old, allocator);
-  LfibViaSet viaSet(viaSetKey);
+  LfibViaSet viaSet = blankViaSet(viaSetKey);
   switch (route.viaType()) {
     case viaTypeMplsIp_:
       writeVias<LfibMplsVia>(route, old, viaSet, allocator);
@@ -192,7 +206,7 @@ void LfibWriter::writeRoute(const ConsolidatedLfibRoute& route) {
   // the key is new (the allocator has just probed it absent, and only via tables were
   // written since).
   const bool sameViaSetKey = old.route && old.route->viaSetKey() == viaSetKey;
-  const bool viaSetUnchanged = sameViaSetKey && old.viaSet == viaSet;
+  const bool viaSetUnchanged = sameViaSetKey && old.viaSet && *old.viaSet == viaSet;
   if (!viaSetUnchanged) lfib_->viaSetIs(viaSet);
   LfibRoute newRoute(route.key(), viaSetKey, route.source(), route.fec(), route.metric());
   if (!old.route || !(*old.route == newRoute)) {
