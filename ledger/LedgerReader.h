@@ -95,6 +95,8 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
   // the entry reads as absent.
   void corruptionHandlerIs(CorruptionHandler handler) { onCorruption_ = std::move(handler); }
 
+  // True with `key`'s value in `out`; `out` is unspecified when it answers false (a copy
+  // that a concurrent rewrite tore may be left there).
   bool lookup(const Key& key, Value& out) override {
     return lookupHashed(key, out, OpsT::hash(key));
   }
