@@ -21,8 +21,12 @@ std::string rallyQueueName(uint32_t generation) { return "rally." + std::to_stri
 namespace {
 
 uint32_t capacityFor(uint32_t slotCapacity) {
-  // Live entries never exceed slotCapacity, so a compaction always frees at least half.
-  return 2 * slotCapacity;
+  // Live entries never exceed slotCapacity, so a compaction always frees at least three
+  // quarters. A compaction costs its new file's pages (first touches of shared memory are
+  // dear) and a copy of every live entry: a queue of four entries a slot pays it at most once
+  // per three slots' worth of notifications. Pages are taken as the queue fills, so a table
+  // that changes little pays no more memory for it.
+  return 4 * slotCapacity;
 }
 
 uint32_t slotCapacityFor(uint32_t numSlots) {
