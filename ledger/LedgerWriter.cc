@@ -8,6 +8,8 @@ ZINC_TRACE_FILE("LedgerWriterLock")
 
 namespace Ledger {
 
+Zinc::Trace writerTrace("LedgerWriter");
+
 void WriterLock::acquire(const std::string& root, const std::string& table,
                          SharedMem::EmberFile::Perm perm) {
   release();

@@ -56,6 +56,10 @@ struct LedgerConfig {
 
 enum class AttachResult { existing, recovered, newFile, reformatted };
 
+// The trace of every LedgerWriter ("LedgerWriter"): one object, so that the write path tests
+// its level without a function-local static's guard.
+extern Zinc::Trace writerTrace;
+
 // The writer's lock on a table folder; released on close or when the process dies.
 class WriterLock {
  public:
@@ -176,10 +180,7 @@ class LedgerWriter : public LedgerBase<Key, Value> {
   };
   using Map = WriterHashMap<Key, OpsT>;
 
-  static const Zinc::Trace& trace() {
-    static Zinc::Trace t("LedgerWriter");
-    return t;
-  }
+  static const Zinc::Trace& trace() { return writerTrace; }
   void checkNoDirect(const char* who) const {
     if (direct_) [[unlikely]]
       unbalancedDirect(who);

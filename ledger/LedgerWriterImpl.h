@@ -175,9 +175,9 @@ void LedgerWriter<Key, Value, OpsT>::detach() {
 
 template <class Key, class Value, class OpsT>
 void LedgerWriter<Key, Value, OpsT>::publish(uint32_t slot, const Value& value) {
-  uint8_t* stored = slots_.openSlot(slot);
-  ops_.store(value, stored);
-  slots_.closeSlot(slot);
+  SlotHeader& s = slots_.slot(slot);
+  ops_.store(value, slots_.openSlot(s, ops_.valueSize()));
+  slots_.closeSlot(s);
 }
 
 // A new slot for a key that `pos` says is missing: linked to its successor and stamped with

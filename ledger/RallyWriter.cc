@@ -21,8 +21,12 @@ std::string rallyQueueName(uint32_t generation) { return "rally." + std::to_stri
 namespace {
 
 uint32_t capacityFor(uint32_t slotCapacity) {
-  // Live entries never exceed slotCapacity, so a compaction always frees at least half.
-  return 2 * slotCapacity;
+  // Live entries never exceed slotCapacity, so a compaction always frees at least three
+  // quarters. A compaction costs its new file's pages (first touches of shared memory are
+  // dear) and a copy of every live entry: a queue of four entries a slot pays it at most once
+  // per three slots' worth of notifications. Pages are taken as the queue fills, so a table
+  // that changes little pays no more memory for it.
+  return 4 * slotCapacity;
 }
 
 uint32_t slotCapacityFor(uint32_t numSlots) {
@@ -214,31 +218,34 @@ uint32_t RallyWriter::copyLive(uint64_t* entries, uint32_t* positions, uint32_t 
 // older entry of the slot half as far on, fetched for writing.
 void RallyWriter::settle() {
   if (!queue_) return;
+  // Locals: the release stores below would make the compiler reload every member.
+  uint64_t* const entries = entries_;
+  uint32_t* const positions = positions_;
   const uint32_t end = count_;
   const uint32_t slotCapacity = slotCapacity_;
   for (uint32_t pos = settled_; pos < end; ++pos) {
     if (pos + kSettleAhead < end) {
-      const uint32_t ahead = RallyEntry::slotWordOf(entries_[pos + kSettleAhead]);
-      if (ahead < slotCapacity) __builtin_prefetch(&positions_[ahead], 1);
+      const uint32_t ahead = RallyEntry::slotWordOf(entries[pos + kSettleAhead]);
+      if (ahead < slotCapacity) __builtin_prefetch(&positions[ahead], 1);
     }
     if (pos + kSettleAhead / 2 < end) {
-      const uint32_t ahead = RallyEntry::slotWordOf(entries_[pos + kSettleAhead / 2]);
-      const uint32_t older = ahead < slotCapacity ? positions_[ahead] : kNoPosition;
-      if (older < end) __builtin_prefetch(&entries_[older], 1);
+      const uint32_t ahead = RallyEntry::slotWordOf(entries[pos + kSettleAhead / 2]);
+      const uint32_t older = ahead < slotCapacity ? positions[ahead] : kNoPosition;
+      if (older < end) __builtin_prefetch(&entries[older], 1);
     }
     // A tombstone, or a slot index no writer of this queue could have appended, is left as
     // it is (the validator reports the latter).
-    const uint32_t slot = RallyEntry::slotWordOf(entries_[pos]);
+    const uint32_t slot = RallyEntry::slotWordOf(entries[pos]);
     if (slot >= slotCapacity) continue;
-    const uint32_t older = positions_[slot];
+    const uint32_t older = positions[slot];
     // Only the slot's own live entry: settling again after a crash finds it already done.
-    if (older < pos && RallyEntry::slotWordOf(entries_[older]) == slot) {
+    if (older < pos && RallyEntry::slotWordOf(entries[older]) == slot) {
       // Release: whoever sees the tombstone sees the newer entry counted (it is below `end`,
       // whose count store came first). The whole word is stored: readers load it whole.
-      Shm::store(entries_[older], entries_[older] | kTombstone, std::memory_order_release);
+      Shm::store(entries[older], entries[older] | kTombstone, std::memory_order_release);
     }
     // Positions are the writer's and the validator's bookkeeping; readers do not use them.
-    positions_[slot] = pos;
+    positions[slot] = pos;
   }
   storeSettled(end);
 }

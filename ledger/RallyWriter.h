@@ -103,7 +103,7 @@ inline constexpr uint32_t kRallyControlVersion = 1;
 inline constexpr uint32_t kRallyQueueVersion = 2;
 inline constexpr uint32_t kNoPosition = 0xffffffffu;
 inline constexpr uint32_t kTombstone = 0x80000000u;
-inline constexpr uint32_t kMinRallySlots = 64;
+inline constexpr uint32_t kMinRallySlots = 32;
 // The largest offset of an entry's sequence above its queue's base.
 inline constexpr uint64_t kMaxRallyOffset = 0xffffffffu;
 // Entries appended between two settles of the queue, at most.

@@ -66,15 +66,17 @@ class SlotWriterTable {
   // free list or the counters: a slot cut by a shrink uses this alone.
   void markFree(uint32_t index, uint32_t nextFree = kNoSlot);
 
-  // Rewrite protocol. openSlot: look-aside copy of an occupied slot, then LOOKASIDE set;
+  // Rewrite protocol. openSlot: look-aside copy of an occupied slot (its rhash and the first
+  // `valueBytes` bytes of its value, all a reader takes from there), then LOOKASIDE set;
   // returns the value bytes, which may now change. closeSlot: status + 2 | OCCUPIED.
-  // Inline: every write runs them, and a call per step costs more than the steps.
-  uint8_t* openSlot(uint32_t index) {
-    SlotHeader& s = slot(index);
+  // Inline: every write runs them, and a call per step costs more than the steps. The caller
+  // passes the value size as it knows it: a constant for fixed-size values, which makes the
+  // look-aside copy a few moves.
+  uint8_t* openSlot(SlotHeader& s, uint32_t valueBytes) {
     const uint32_t status = s.status;
     if (status & kOccupied) {
       // Step 1: rhash and value into the look-aside slot, while LOOKASIDE is still clear.
-      std::memcpy(&lookaside().rhash, &s.rhash, slotSize_ - offsetof(SlotHeader, rhash));
+      std::memcpy(&lookaside().rhash, &s.rhash, sizeof(s.rhash) + valueBytes);
     }
     // Step 2: status + 2 sets LOOKASIDE. Release: the look-aside copy is complete before a
     // reader can see the bit and go there.
@@ -84,14 +86,15 @@ class SlotWriterTable {
     // where the hardware needs one). A reader that copies a value concurrently sees the
     // status changed on its re-check and retries.
     std::atomic_thread_fence(std::memory_order_release);
-    return value(index);
+    return reinterpret_cast<uint8_t*>(&s) + kSlotHeaderSize;
   }
-  void closeSlot(uint32_t index) {
-    SlotHeader& s = slot(index);
+  uint8_t* openSlot(uint32_t index) { return openSlot(slot(index), valueSize()); }
+  void closeSlot(SlotHeader& s) {
     // Step 4: status + 2 | OCCUPIED: the carry clears LOOKASIDE and advances the version.
     // Release: the new value is complete before a reader sees the final status.
     Shm::store(s.status, (s.status + kLookaside) | kOccupied, std::memory_order_release);
   }
+  void closeSlot(uint32_t index) { closeSlot(slot(index)); }
   // Stores (generation + 4, link) into a slot's or a bucket's link pair with one store.
   static void storeLink(uint64_t& pair, uint32_t link) {
     const uint64_t old = Shm::load(pair, std::memory_order_relaxed);  // only the writer stores

@@ -60,8 +60,8 @@ class WriterHashMap {
       if (link >= numSlots || count > numSlots) [[unlikely]] {
         badWalk(who, link, count);
       }
-      prefetchSlotTail(link);
       const SlotHeader& s = slots_.slot(link);
+      prefetchSlotTail(s);
       const Key stored = ops_.storedKey(slots_.value(link));
       const bool sameRhash = s.rhash == rhash;
       if (sameRhash && (s.status & kOccupied) && OpsT::equal(stored, key)) {
@@ -209,11 +209,14 @@ class WriterHashMap {
 
   // A slot spans several cache lines; a hit copies all of them (look-aside copy, value).
   // Asking for the rest while the first line, which holds the key, is on its way overlaps
-  // those misses with the one the walk must wait for.
-  void prefetchSlotTail(uint32_t link) {
-    const auto* bytes = reinterpret_cast<const char*>(&slots_.slot(link));
-    const uint32_t size = slots_.slotSize();
+  // those misses with the one the walk must wait for. The slot's size follows from the value
+  // size the ops know (a constant for fixed-size values: the loop unrolls), and its last
+  // byte's line is asked for too, which a slot that starts late in a line reaches.
+  void prefetchSlotTail(const SlotHeader& s) const {
+    const auto* bytes = reinterpret_cast<const char*>(&s);
+    const uint32_t size = slotSizeFor(ops_.valueSize());
     for (uint32_t at = 64; at < size; at += 64) __builtin_prefetch(bytes + at);
+    __builtin_prefetch(bytes + size - 1);
   }
 
   static const Zinc::Trace& trace() {
