@@ -237,14 +237,28 @@ bool runUntil(Zinc::Loop& loop, const std::function<bool()>& pred) {
   return true;
 }
 
+// Tells a profiler listening on $BENCH_PERF_FIFO (if set) to start or stop sampling: with
+// `perf record -D -1 --control fifo:FIFO` it sees only the timed syncs.
+void perfControl(const char* command) {
+  const char* fifo = std::getenv("BENCH_PERF_FIFO");
+  if (!fifo) return;
+  if (FILE* f = std::fopen(fifo, "w")) {
+    std::fprintf(f, "%s\n", command);
+    std::fclose(f);
+  }
+}
+
 double syncSeconds() {
   Zinc::Loop loop;
   Shadow shadow(Ledger::ReaderConfig{benchRoot(), "routes"}, loop);
   shadow.yieldTimeIs(std::chrono::milliseconds(10));
+  perfControl("enable");
   auto start = Clock::now();
   shadow.initialize();
   runUntil(loop, [&] { return shadow.inStep(); });
-  return seconds(start);
+  const double t = seconds(start);
+  perfControl("disable");
+  return t;
 }
 
 double memcpySeconds(Writer& w) {

@@ -37,7 +37,6 @@ struct ShadowOptions {
   std::chrono::milliseconds mountRetry{100};    // ReaderMounter period
   std::chrono::milliseconds healthCheck{1000};  // files removed and made anew?
   uint32_t rallySlice = 8192;                   // notifications per loop iteration
-  uint32_t bucketFactor = 1;                    // ShadowHashMap entries per bucket
 };
 
 enum class ShadowState { detached, attached, syncing, inStep };
@@ -55,7 +54,7 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
         loop_(loop),
         options_(options),
         reader_(config_, std::move(ops)),
-        store_(reader_, std::move(notify), options.bucketFactor),
+        store_(reader_, std::move(notify)),
         syncer_(loop, syncHooks()) {
     syncer_.yieldTimeIs(options_.yieldTime);
     rally_.ackHookIs([this](uint64_t consumed) {

@@ -1,14 +1,18 @@
 // ShadowHashMap: a process-local hash map from key to shadow slot, for lookups by key in a
 // shadow without touching the shared files.
 //
-// It is intrusive: the entries are the shadow store's slots (any type with `next`, `hash`
-// and `key` members), linked into chains from its own bucket array. The store keeps its slots
-// in one array; when that array moves (it grew or shrank), patch() shifts every pointer by
-// the distance it moved, so that nothing needs re-hashing.
+// Open addressing with linear probing: each bucket is one 64-bit word holding a key's hash
+// and its slot number (plus one, so that a zero word is an empty bucket). The keys stay in
+// the shadow store's slots; find() compares hashes in the bucket array and asks the store to
+// compare keys only where a hash matches. Buckets name slots by number, not by address: the
+// store's slot array may move (it grew or shrank) without anything to re-point here.
+//
+// One bucket per lookup or insertion, mostly: at most three quarters of the buckets are in
+// use, and a probe runs on within the same cache line. A full walk of the store (a sync)
+// fetches the bucket of each slot ahead with prefetch().
 #pragma once
 
 #include <cstdint>
-#include <cstring>
 #include <vector>
 
 #include "ledger/LargePageAllocator.h"
@@ -20,101 +24,97 @@ namespace ShadowDetail {
 const Zinc::Trace& trace();
 }
 
-template <class Key, class OpsT, class Entry>
 class ShadowHashMap {
  public:
   static constexpr uint32_t kMinBuckets = 16;
+  static constexpr uint32_t kNone = 0xffffffffu;
 
-  // bucketFactor: entries per bucket before the bucket array doubles.
-  explicit ShadowHashMap(uint32_t bucketFactor = 1)
-      : bucketFactor_(bucketFactor ? bucketFactor : 1), buckets_(kMinBuckets, nullptr) {}
+  ShadowHashMap() : buckets_(kMinBuckets, 0) {}
 
   uint32_t size() const { return size_; }
   uint32_t numBuckets() const { return numBuckets_; }
 
-  Entry* find(const Key& key, uint32_t hash) const {
-    for (Entry* e = buckets_[hash & (numBuckets_ - 1)]; e; e = e->next) {
-      if (e->hash == hash && OpsT::equal(e->key, key)) return e;
+  // The slot of the key with `hash` for which `same(slot)` is true, or kNone.
+  template <class Same>
+  uint32_t find(uint32_t hash, Same same) const {
+    for (uint32_t at = hash & mask();; at = (at + 1) & mask()) {
+      const uint64_t word = buckets_[at];
+      if (word == 0) return kNone;
+      if (hashOf(word) == hash && same(slotOf(word))) return slotOf(word);
     }
-    return nullptr;
   }
-  void insert(Entry* entry) {
-    Entry*& head = buckets_[entry->hash & (numBuckets_ - 1)];
-    entry->next = head;
-    head = entry;
-    if (++size_ > numBuckets_ * bucketFactor_) rehash(numBuckets_ * 2);
+  // Adds `slot` under `hash`; the caller knows that its key is not in the map.
+  void insert(uint32_t slot, uint32_t hash) {
+    if (size_ + 1 > numBuckets_ / 4 * 3) rehash(numBuckets_ * 2);
+    place(wordOf(hash, slot));
+    ++size_;
   }
-  void erase(Entry* entry) {
-    for (Entry** at = &buckets_[entry->hash & (numBuckets_ - 1)]; *at; at = &(*at)->next) {
-      if (*at == entry) {
-        *at = entry->next;
-        entry->next = nullptr;
-        --size_;
-        return;
-      }
+  // Removes `slot`, which is in the map under `hash`. The buckets after it that probed past
+  // it move back, so that no probe ever crosses an empty bucket to reach its key.
+  void erase(uint32_t slot, uint32_t hash) {
+    const uint64_t word = wordOf(hash, slot);
+    uint32_t hole = hash & mask();
+    for (uint32_t n = 0; buckets_[hole] != word; hole = (hole + 1) & mask()) {
+      if (buckets_[hole] == 0 || ++n > numBuckets_) return;  // not there
     }
+    for (uint32_t at = (hole + 1) & mask(); buckets_[at] != 0; at = (at + 1) & mask()) {
+      const uint32_t home = hashOf(buckets_[at]) & mask();
+      // Stays unless its home lies cyclically outside (hole, at].
+      if (((at - home) & mask()) < ((at - hole) & mask())) continue;
+      buckets_[hole] = buckets_[at];
+      hole = at;
+    }
+    buckets_[hole] = 0;
+    --size_;
   }
   // Sizes the bucket array for `count` entries at once, so that a map filled from empty
-  // does not rehash on the way (each rehash touches every entry again).
+  // does not rehash on the way.
   void reserve(uint32_t count) {
     uint32_t n = numBuckets_;
-    while (n < count / bucketFactor_ && n < (1u << 31)) n *= 2;
+    while (n / 4 * 3 < count && n < (1u << 31)) n *= 2;
     if (n != numBuckets_) rehash(n);
   }
-  // Starts fetching the bucket of `hash`, and (once that is in) the first entry of its chain.
-  void prefetchBucket(uint32_t hash) const {
-    __builtin_prefetch(&buckets_[hash & (numBuckets_ - 1)]);
-  }
-  void prefetchChain(uint32_t hash) const {
-    if (const Entry* e = buckets_[hash & (numBuckets_ - 1)]) __builtin_prefetch(e);
-  }
+  // Starts fetching the bucket of `hash`.
+  void prefetch(uint32_t hash) const { __builtin_prefetch(&buckets_[hash & mask()]); }
   // Halves the bucket array while it is less than a quarter full.
   void shrink() {
     uint32_t n = numBuckets_;
-    while (n > kMinBuckets && size_ < n / 4 * bucketFactor_) n /= 2;
+    while (n > kMinBuckets && size_ < n / 4) n /= 2;
     if (n == numBuckets_) return;
     rehash(n);
     ZTRACE_TO(ShadowDetail::trace(), 5, "ShadowHashMap::shrink() shrunk to numBuckets_:" << n);
   }
   void clear() {
-    buckets_.assign(kMinBuckets, nullptr);
+    buckets_.assign(kMinBuckets, 0);
     numBuckets_ = kMinBuckets;
     size_ = 0;
   }
-  // The entries moved by `offset` bytes (new address minus old): shifts every pointer.
-  void patch(intptr_t offset) {
-    if (offset == 0 || size_ == 0) return;
-    ZTRACE_TO(ShadowDetail::trace(), 7, "ShadowHashMap::patch() address offset is " << offset);
-    for (Entry*& head : buckets_) {
-      if (!head) continue;
-      head = shifted(head, offset);
-      for (Entry* e = head; e->next; e = e->next) e->next = shifted(e->next, offset);
-    }
-  }
 
  private:
-  static Entry* shifted(Entry* e, intptr_t offset) {
-    return reinterpret_cast<Entry*>(reinterpret_cast<intptr_t>(e) + offset);
+  uint32_t mask() const { return numBuckets_ - 1; }
+  static uint64_t wordOf(uint32_t hash, uint32_t slot) {
+    return uint64_t{hash} << 32 | (uint64_t{slot} + 1);
+  }
+  static uint32_t hashOf(uint64_t word) { return uint32_t(word >> 32); }
+  static uint32_t slotOf(uint64_t word) { return uint32_t(word) - 1; }
+
+  void place(uint64_t word) {
+    uint32_t at = hashOf(word) & mask();
+    while (buckets_[at] != 0) at = (at + 1) & mask();
+    buckets_[at] = word;
   }
   void rehash(uint32_t n) {
-    std::vector<Entry*, LargePageAllocator<Entry*>> old(n, nullptr);
+    std::vector<uint64_t, LargePageAllocator<uint64_t>> old(n, 0);
     old.swap(buckets_);
     numBuckets_ = n;
-    for (Entry* head : old) {
-      while (head) {
-        Entry* following = head->next;
-        Entry*& into = buckets_[head->hash & (n - 1)];
-        head->next = into;
-        into = head;
-        head = following;
-      }
+    for (uint64_t word : old) {
+      if (word != 0) place(word);
     }
   }
 
-  uint32_t bucketFactor_;
   uint32_t numBuckets_ = kMinBuckets;
   uint32_t size_ = 0;
-  std::vector<Entry*, LargePageAllocator<Entry*>> buckets_;
+  std::vector<uint64_t, LargePageAllocator<uint64_t>> buckets_;
 };
 
 }  // namespace Ledger

@@ -58,7 +58,6 @@ template <class Key, class Value, class OpsT = Ops<Key, Value>, class SlotKind =
 class ShadowStore {
  public:
   struct Entry {
-    Entry* next = nullptr;
     uint64_t digest = 0;  // KeyShadowSlot: digest of the stored bytes
     uint32_t hash = 0;
     bool occupied = false;
@@ -67,8 +66,8 @@ class ShadowStore {
   using Reader = LedgerReader<Key, Value, OpsT>;
   static constexpr bool kVariable = OutOfLineOps<OpsT>;
 
-  ShadowStore(Reader& reader, Notify<Key, Value> notify, uint32_t bucketFactor = 1)
-      : reader_(reader), notify_(std::move(notify)), map_(bucketFactor) {}
+  ShadowStore(Reader& reader, Notify<Key, Value> notify)
+      : reader_(reader), notify_(std::move(notify)) {}
 
   uint32_t numSlots() const { return uint32_t(entries_.size()); }
   uint32_t members() const { return map_.size(); }
@@ -79,16 +78,13 @@ class ShadowStore {
   // The shadow's value of `key` (ValueShadowSlot only).
   bool lookup(const Key& key, Value& out) const {
     static_assert(SlotKind::kValues, "a key shadow keeps no values");
-    const Entry* e = map_.find(key, OpsT::hash(key));
-    if (!e) return false;
-    reader_.ops().load(storedAt(slotOf(e)), out);
+    const uint32_t slot = slotOfKey(key);
+    if (slot == kNoSlot) return false;
+    reader_.ops().load(storedAt(slot), out);
     return true;
   }
-  bool contains(const Key& key) const { return map_.find(key, OpsT::hash(key)) != nullptr; }
-  uint32_t slotOfKey(const Key& key) const {
-    const Entry* e = map_.find(key, OpsT::hash(key));
-    return e ? slotOf(e) : kNoSlot;
-  }
+  bool contains(const Key& key) const { return slotOfKey(key) != kNoSlot; }
+  uint32_t slotOfKey(const Key& key) const { return find(key, OpsT::hash(key)); }
   uint32_t firstOccupiedFrom(uint32_t slot) const {
     for (; slot < entries_.size(); ++slot) {
       if (entries_[slot].occupied) return slot;
@@ -189,19 +185,16 @@ class ShadowStore {
   }
   // A walk over the slots in order (a sync) is at `slotIndex`: fetch ahead what the next
   // slots will need, in the order they need it: the pages of the writer's slots a chunk at a
-  // time, the writer's slot, then the shadow's hash
-  // bucket for the key it holds, then the first entry of that bucket's chain. The key comes
-  // from the slot's rhash, read early and unchecked: a wrong guess only costs a useless fetch.
+  // time, the writer's slot, then the shadow's hash bucket for the key it holds. The key's
+  // hash comes from the slot's rhash, read early and unchecked: a wrong guess only costs a
+  // useless fetch.
   void prefetchForWalk(uint32_t slotIndex) const {
     const SlotReaderTable& table = reader_.slotTable();
     const uint64_t mapped = table.mappedSlots();
     if (slotIndex % kPopulateChunk == 0) table.populate(slotIndex + kPopulateChunk, kPopulateChunk);
     if (slotIndex + uint64_t{kAheadSlot} < mapped) table.prefetch(slotIndex + kAheadSlot);
     if (slotIndex + uint64_t{kAheadBucket} < mapped) {
-      map_.prefetchBucket(rhashOf(slotIndex + kAheadBucket));
-    }
-    if (slotIndex + uint64_t{kAheadEntry} < mapped) {
-      map_.prefetchChain(rhashOf(slotIndex + kAheadEntry));
+      map_.prefetch(rhashOf(slotIndex + kAheadBucket));
     }
   }
 
@@ -230,7 +223,6 @@ class ShadowStore {
   // How far ahead of a sync's walk each fetch goes (prefetchForWalk).
   static constexpr uint32_t kAheadSlot = 24;
   static constexpr uint32_t kAheadBucket = 16;
-  static constexpr uint32_t kAheadEntry = 8;
   static constexpr uint32_t kPopulateChunk = 4096;
 
   static constexpr uint32_t kBulkGroup = 32;
@@ -269,7 +261,7 @@ class ShadowStore {
       if (slot % kPopulateChunk == 0) table.populate(slot + kPopulateChunk, kPopulateChunk);
       if (slot + uint64_t{4 * kBulkGroup} < mapped) table.prefetch(slot + 4 * kBulkGroup);
       if (slot + uint64_t{2 * kBulkGroup} < mapped) {
-        map_.prefetchBucket(rhashOf(slot + 2 * kBulkGroup));
+        map_.prefetch(rhashOf(slot + 2 * kBulkGroup));
       }
       status[slot - first] = Shm::load(table.slot(slot).status, std::memory_order_acquire);
       if (settled(status[slot - first]) && !entries_[slot].occupied) {
@@ -279,8 +271,6 @@ class ShadowStore {
     // Acquire fence: the copies above are ordered before the status words' second loads.
     std::atomic_thread_fence(std::memory_order_acquire);
     for (uint32_t slot = first; slot < end; ++slot) {
-      // Its bucket was fetched a group ago: the chain's first entry now, a group ahead.
-      if (slot + uint64_t{kBulkGroup} < mapped) map_.prefetchChain(rhashOf(slot + kBulkGroup));
       const uint32_t was = status[slot - first];
       const bool held = Shm::load(table.slot(slot).status, std::memory_order_relaxed) == was;
       const uint64_t before = notifications_;
@@ -315,7 +305,15 @@ class ShadowStore {
     }
     return occupied;
   }
-  uint32_t slotOf(const Entry* e) const { return uint32_t(e - entries_.data()); }
+  // The slot that holds `key` in the shadow, or kNoSlot.
+  uint32_t find(const Key& key, uint32_t hash) const {
+    return map_.find(hash, [&](uint32_t slot) { return OpsT::equal(entries_[slot].key, key); });
+  }
+  // The key of `slot` leaves the shadow's map.
+  void unlink(uint32_t slot) {
+    map_.erase(slot, entries_[slot].hash);
+    entries_[slot].occupied = false;
+  }
   const uint8_t* storedAt(uint32_t slot) const {
     if constexpr (kVariable) return blocks_[slot].data();
     return values_.data() + uint64_t{slot} * valueSize();
@@ -354,8 +352,7 @@ class ShadowStore {
     const Key gone = e->key;
     const std::vector<uint8_t> kept = bytesOf(slot);
     const uint64_t keptDigest = e->digest;
-    map_.erase(e);
-    e->occupied = false;
+    unlink(slot);
     uint32_t elsewhere = reader_.findSlot(gone);
     if (elsewhere != kNoSlot && elsewhere != slot && elsewhere < reader_.slotTable().numSlots()) {
       if (elsewhere >= entries_.size()) grow(elsewhere + 1);
@@ -384,10 +381,9 @@ class ShadowStore {
   // when its value did not change), else a new key.
   void take(uint32_t slot, const Key& key, const uint8_t* stored, bool notifying) {
     bool unchanged = false;
-    if (Entry* moved = map_.find(key, OpsT::hash(key))) {
-      unchanged = sameAs(slotOf(moved), stored);
-      map_.erase(moved);
-      moved->occupied = false;
+    if (const uint32_t moved = find(key, OpsT::hash(key)); moved != kNoSlot) {
+      unchanged = sameAs(moved, stored);
+      unlink(moved);
     }
     place(slot, key, stored);
     if (!unchanged) emit(notifying, key, &scratch_);
@@ -399,7 +395,7 @@ class ShadowStore {
     e->key = key;
     e->hash = OpsT::hash(key);
     keep(slot, stored);
-    map_.insert(e);
+    map_.insert(slot, e->hash);
   }
 
   std::vector<uint8_t> bytesOf(uint32_t slot) const {
@@ -423,7 +419,6 @@ class ShadowStore {
     resize(uint32_t(n));
   }
   void resize(uint32_t n) {
-    const Entry* old = entries_.data();
     entries_.resize(n);
     entries_.shrink_to_fit();
     if constexpr (SlotKind::kValues && kVariable) {
@@ -433,7 +428,6 @@ class ShadowStore {
       values_.resize(uint64_t{n} * valueSize());
       values_.shrink_to_fit();
     }
-    map_.patch(reinterpret_cast<intptr_t>(entries_.data()) - reinterpret_cast<intptr_t>(old));
   }
 
   Reader& reader_;
@@ -441,7 +435,7 @@ class ShadowStore {
   std::vector<Entry, LargePageAllocator<Entry>> entries_;
   std::vector<uint8_t, LargePageAllocator<uint8_t>> values_;
   std::vector<std::vector<uint8_t>> blocks_;  // kVariable: one copy per slot
-  ShadowHashMap<Key, OpsT, Entry> map_;
+  ShadowHashMap map_;
   Value scratch_{};
   std::vector<uint8_t> stored_;
   uint64_t notifications_ = 0;

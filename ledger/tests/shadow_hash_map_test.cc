@@ -1,0 +1,79 @@
+// ShadowHashMap against a model: crowded hashes (long probe runs that wrap around the end of
+// the bucket array), erasures from the middle of runs, growth, shrink and reserve.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+
+#include "ledger/ShadowHashMap.h"
+
+namespace {
+
+using Ledger::ShadowHashMap;
+
+// Keys are slot numbers here; `hashes` gives each one its (deliberately colliding) hash.
+struct Model {
+  ShadowHashMap map;
+  std::map<uint32_t, uint32_t> hashes;  // slot -> hash of the slots in the map
+
+  uint32_t find(uint32_t slot, uint32_t hash) const {
+    return map.find(hash, [&](uint32_t s) { return s == slot; });
+  }
+  void expectSame() const {
+    ASSERT_EQ(map.size(), hashes.size());
+    for (const auto& [slot, hash] : hashes) ASSERT_EQ(find(slot, hash), slot) << "slot " << slot;
+  }
+};
+
+TEST(ShadowHashMap, CrowdedHashesSurviveInsertEraseGrowAndShrink) {
+  std::mt19937 rng(7);
+  Model m;
+  for (int round = 0; round < 20000; ++round) {
+    const uint32_t slot = rng() % 3000;
+    // Few distinct hashes, many of them in the last buckets: runs wrap around the end.
+    const uint32_t hash = (rng() % 4 == 0) ? 0xfffffff0u | (rng() % 16) : rng() % 64;
+    if (auto it = m.hashes.find(slot); it != m.hashes.end()) {
+      m.map.erase(slot, it->second);
+      m.hashes.erase(it);
+      EXPECT_EQ(m.find(slot, hash), ShadowHashMap::kNone);
+    } else {
+      m.map.insert(slot, hash);
+      m.hashes[slot] = hash;
+    }
+    if (round % 997 == 0) m.map.shrink();
+    if (round % 1000 == 0) {
+      ASSERT_NO_FATAL_FAILURE(m.expectSame());
+    }
+  }
+  ASSERT_NO_FATAL_FAILURE(m.expectSame());
+  // Empty it again; shrink brings it back to its smallest.
+  for (const auto& [slot, hash] : m.hashes) m.map.erase(slot, hash);
+  m.hashes.clear();
+  m.map.shrink();
+  EXPECT_EQ(m.map.size(), 0u);
+  EXPECT_EQ(m.map.numBuckets(), ShadowHashMap::kMinBuckets);
+}
+
+TEST(ShadowHashMap, ReserveSizesOnceAndKeepsWhatIsThere) {
+  Model m;
+  for (uint32_t slot = 0; slot < 10; ++slot) {
+    m.map.insert(slot, slot * 2654435761u);
+    m.hashes[slot] = slot * 2654435761u;
+  }
+  m.map.reserve(100000);
+  const uint32_t buckets = m.map.numBuckets();
+  EXPECT_GE(buckets / 4 * 3, 100000u);
+  for (uint32_t slot = 10; slot < 100000; ++slot) {
+    m.map.insert(slot, slot * 2654435761u);
+    m.hashes[slot] = slot * 2654435761u;
+  }
+  EXPECT_EQ(m.map.numBuckets(), buckets);
+  ASSERT_NO_FATAL_FAILURE(m.expectSame());
+  // Same hash, other key: found only by the key's own comparison.
+  EXPECT_EQ(m.find(100001, 5 * 2654435761u), ShadowHashMap::kNone);
+  // Erasing what is not there changes nothing.
+  m.map.erase(100001, 5 * 2654435761u);
+  ASSERT_NO_FATAL_FAILURE(m.expectSame());
+}
+
+}  // namespace
