@@ -75,7 +75,7 @@ class ShadowHashMap {
     if (n != numBuckets_) rehash(n);
   }
   // Starts fetching the bucket of `hash`.
-  void prefetch(uint32_t hash) const { __builtin_prefetch(&buckets_[hash & mask()]); }
+  void prefetch(uint32_t hash) const { __builtin_prefetch(&buckets_[hash & mask()], 1); }
   // Halves the bucket array while it is less than a quarter full.
   void shrink() {
     uint32_t n = numBuckets_;

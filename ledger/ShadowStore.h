@@ -21,6 +21,7 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <type_traits>
 #include <vector>
 
 #include "ledger/LargePageAllocator.h"
@@ -57,11 +58,13 @@ struct KeyShadowSlot {
 template <class Key, class Value, class OpsT = Ops<Key, Value>, class SlotKind = ValueShadowSlot>
 class ShadowStore {
  public:
+  struct NoDigest {};
   struct Entry {
-    uint64_t digest = 0;  // KeyShadowSlot: digest of the stored bytes
     uint32_t hash = 0;
     bool occupied = false;
     Key key{};
+    // KeyShadowSlot: digest of the stored bytes (a value shadow compares the bytes).
+    [[no_unique_address]] std::conditional_t<SlotKind::kValues, NoDigest, uint64_t> digest{};
   };
   using Reader = LedgerReader<Key, Value, OpsT>;
   static constexpr bool kVariable = OutOfLineOps<OpsT>;
@@ -339,6 +342,13 @@ class ShadowStore {
       entries_[slot].digest = digest(stored);
     }
   }
+  uint64_t digestAt(uint32_t slot) const {
+    if constexpr (SlotKind::kValues) {
+      return 0;
+    } else {
+      return entries_[slot].digest;
+    }
+  }
   uint64_t digest(const uint8_t* stored) const {
     const uint32_t n = lengthOf(stored);
     return (uint64_t{Zinc::hashBytes(stored, n, 0x9e3779b9u)} << 32) |
@@ -351,7 +361,7 @@ class ShadowStore {
     Entry* e = &entries_[slot];
     const Key gone = e->key;
     const std::vector<uint8_t> kept = bytesOf(slot);
-    const uint64_t keptDigest = e->digest;
+    const uint64_t keptDigest = digestAt(slot);
     unlink(slot);
     uint32_t elsewhere = reader_.findSlot(gone);
     if (elsewhere != kNoSlot && elsewhere != slot && elsewhere < reader_.slotTable().numSlots()) {
