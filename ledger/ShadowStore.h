@@ -249,11 +249,10 @@ class ShadowStore {
   }
   // Slots [first, end) of the writer's table (below its numSlots and the mapping) into the
   // shadow (below its numSlots), fetching the slots four groups ahead (the processor's own
-  // prefetch stops at every page), their hash buckets two groups ahead and the buckets'
-  // chains one group ahead: status words, copies of the values the shadow does not hold,
-  // a fence, the status words again; each slot whose status held and that is OCCUPIED without
-  // LOOKASIDE is taken from its copy, every other slot goes through doSlot. Returns the slot
-  // after the last one done.
+  // prefetch stops at every page) and their hash buckets two groups ahead: status words,
+  // copies of the values the shadow does not hold, a fence, the status words again; each slot whose
+  // status held and that is OCCUPIED without LOOKASIDE is taken from its copy, every other slot
+  // goes through doSlot. Returns the slot after the last one done.
   template <class Stop>
   uint32_t syncGroup(uint32_t first, uint32_t end, bool notifying, Stop& stop) {
     const SlotReaderTable& table = reader_.slotTable();
