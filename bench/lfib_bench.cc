@@ -15,8 +15,9 @@
 // first publication: the bytes it occupies (allocated blocks) and its length. --perf-control
 // writes "enable" to FIFO as the first publication starts and "disable" as it ends, so that a
 // profiler started with `perf record -D -1 --control fifo:FIFO` sees only the timed writes.
-// --reader-perf-control does the same for a profiler attached to the reader process, which
-// prints its pid ("reader pid N") before the writer starts.
+// --reader-perf-control does the same for the reader process, from its start until it is in
+// step after the first publication: the bench prints "reader pid N", and the reader waits
+// until `perf record -D -1 --control fifo:FIFO -p N` has opened FIFO.
 //
 // The routes go to the writer in batches of 1024 (LfibWriter::lfibRoutesIs), the readers are
 // kicked after each batch. Output ends with "figure <name> <value> <unit>" and
@@ -133,6 +134,7 @@ void perfControl(const std::string& fifo, const char* command) {
                         std::to_string(double(cpu - cpuStart) / 1e9));
       cpuStart = cpu;
       target.reset();
+      perfControl(fifo, "disable");  // a second "disable" is harmless
     });
     loop.run();
     status->ledgerUnmount();
@@ -145,7 +147,9 @@ struct Result {
   double publishCpu = 0;                        // routes per second of the writer's CPU time
   KernelShare publishKernel;                    // the writer's faults and system time
   double inStepPublish = 0, inStepRewrite = 0, inStepRemove = 0;
-  double readerCpuPublish = 0;  // the reader's CPU seconds until in step after publication
+  double readerCpuPublish = 0;
+  double publishBuild = 0;  // seconds of the publication spent building the routes  // the reader's
+                            // CPU seconds until in step after publication
   uint64_t shmBytes = 0, rawBytes = 0;
   uint64_t shmAfterRewrite = 0;  // the change queues hold tombstones of the rewrite too
 };
@@ -213,9 +217,11 @@ Result run(const Options& options, uint32_t vias) {
   // batch of kBatch routes.
   constexpr uint32_t kBatch = 1024;
   double readerCpu = 0;
+  int64_t buildNs = 0;  // of the phase: building the routes (the producer's part)
   auto phase = [&](auto&& body, double& rate, double& inStep) {
     const KernelShare kernelStart = KernelShare::now();
     int64_t start = nowNs(), cpuStart = cpuNs();
+    buildNs = 0;
     for (uint32_t first = 0; first < routes; first += kBatch) {
       body(first, std::min(kBatch, routes - first));
       status->ledgerFlushKicks();
@@ -233,8 +239,10 @@ Result run(const Options& options, uint32_t vias) {
   // A producer's batch of routes, written in one call.
   std::vector<Mpls::ConsolidatedLfibRoute> batch;
   auto write = [&](uint32_t first, uint32_t count, uint32_t variant) {
+    const int64_t buildStart = nowNs();
     batch.clear();
     for (uint32_t i = first; i < first + count; ++i) batch.push_back(route(i, vias, variant));
+    buildNs += nowNs() - buildStart;
     writer->lfibRoutesIs(batch);
   };
   perfControl(options.perfControl, "enable");
@@ -242,6 +250,7 @@ Result run(const Options& options, uint32_t vias) {
         r.inStepPublish);
   perfControl(options.perfControl, "disable");
   r.publishCpu = cpuRate;
+  r.publishBuild = buildNs / 1e9;
   r.readerCpuPublish = readerCpu;
   r.publishKernel = kernel;
   r.shmBytes = status->ledgerBytes();
@@ -270,10 +279,11 @@ void printResult(uint32_t vias, const Result& r) {
       "vias %2u: publish %.0f routes/s, rewrite one via %.0f routes/s, delete %.0f routes/s; "
       "reader in step %.3f / %.3f / %.3f s after the last write (%.2f CPU s by then); shm %.1f "
       "MB for %.1f MB of slots (%.1f MB after the rewrite); publish %.0f routes per CPU "
-      "second, %llu page faults, %.2f s system time\n",
+      "second, %llu page faults, %.2f s system time, %.2f s building the routes\n",
       vias, r.publish, r.rewrite, r.remove, r.inStepPublish, r.inStepRewrite, r.inStepRemove,
       r.readerCpuPublish, r.shmBytes / 1e6, r.rawBytes / 1e6, r.shmAfterRewrite / 1e6, r.publishCpu,
-      static_cast<unsigned long long>(r.publishKernel.faults), r.publishKernel.systemSeconds);
+      static_cast<unsigned long long>(r.publishKernel.faults), r.publishKernel.systemSeconds,
+      r.publishBuild);
   std::fflush(stdout);
 }
 
