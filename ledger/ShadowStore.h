@@ -208,14 +208,16 @@ class ShadowStore {
   }
 
   // Makes room for the writer's table as it stands before a full walk: the slot arrays are
-  // sized once and the hash map for its occupancy, instead of growing by doubling on the way
-  // (every doubling copies the slots and re-points the map). Bounded by what is mapped: the
-  // header's counts are not trusted with an allocation.
+  // sized once and the hash map for as many entries as the table has slots, instead of
+  // growing by doubling on the way (every doubling copies the slots and re-points or
+  // re-hashes every entry; a writer that sized its table for a bulk load fills it while we
+  // follow). Bounded by what is mapped: the header's counts are not trusted with an
+  // allocation.
   void reserve() {
     const SlotReaderTable& table = reader_.slotTable();
     const uint32_t slots = std::min(table.numSlots(), table.mappedSlots());
     if (slots > entries_.size()) resize(slots);
-    map_.reserve(std::min(table.occupiedSlots(), slots));
+    map_.reserve(slots);
   }
   // A walk over the slots in order (a sync) is at `slotIndex`: fetch ahead what the next
   // slots will need, in the order they need it: the pages of the writer's slots a chunk at a
@@ -233,6 +235,14 @@ class ShadowStore {
     if (slotIndex + uint64_t{kAheadEntry} < mapped) {
       map_.prefetchChain(rhashOf(slotIndex + kAheadEntry));
     }
+  }
+
+  // The rally queue told of `slotIndex`: when it follows the slot told of before, the writer
+  // is filling slots in order (a bulk load), and the next slots are fetched ahead as a walk
+  // does. Out of order, nothing is fetched: a guess would cost a miss of its own.
+  void prefetchForRun(uint32_t slotIndex) {
+    if (slotIndex == lastTold_ + 1) prefetchForWalk(slotIndex);
+    lastTold_ = slotIndex;
   }
 
   // Slots at or above `numSlots` that hold nothing are dropped (the writer's table shrank).
@@ -473,6 +483,7 @@ class ShadowStore {
   Value scratch_{};
   std::vector<uint8_t> stored_;
   uint64_t notifications_ = 0;
+  uint32_t lastTold_ = kNoSlot;  // prefetchForRun's previous slot
 };
 
 template <class Key, class Value, class OpsT = Ops<Key, Value>>
