@@ -6,15 +6,17 @@
 // time from the writer's last write until the reader is in step; and the shared memory used
 // against the raw slot bytes of what is stored.
 //
-//   lfib_bench [--routes N] [--vias 1,2,16] [--repeat R] [--files] [--publish-only]
+//   lfib_bench [--routes N] [--vias 1,2,16] [--repeat R] [--files] [--publish-only] [--no-reader]
 //              [--perf-control FIFO] [--reader-perf-control FIFO]
 //
 // The 2-via run, whose figures the summary reports, is repeated R times (default 5), each on
 // fresh files with a fresh reader; the summary takes the median of each figure.
-// --publish-only stops after the first publication; --files lists each shared-memory file after the
-// first publication: the bytes it occupies (allocated blocks) and its length. --perf-control
-// writes "enable" to FIFO as the first publication starts and "disable" as it ends, so that a
-// profiler started with `perf record -D -1 --control fifo:FIFO` sees only the timed writes.
+// --no-reader runs the writer alone (the in-step figures read -1), to tell what the reader
+// costs it. --publish-only stops after the first publication; --files lists each shared-memory file
+// after the first publication: the bytes it occupies (allocated blocks) and its length.
+// --perf-control writes "enable" to FIFO as the first publication starts and "disable" as it ends,
+// so that a profiler started with `perf record -D -1 --control fifo:FIFO` sees only the timed
+// writes.
 // --reader-perf-control does the same for the reader process, from its start until it is in
 // step after the first publication: the bench prints "reader pid N", and the reader waits
 // until `perf record -D -1 --control fifo:FIFO -p N` has opened FIFO.
@@ -142,6 +144,13 @@ void perfControl(const std::string& fifo, const char* command) {
   ::_exit(0);
 }
 
+// In place of the reader (--no-reader): answers every phase without following anything, so
+// that the writer runs alone.
+[[noreturn]] void idleReader(int in, int out) {
+  while (readLine(in)) sendLine(out, "-1 0");
+  ::_exit(0);
+}
+
 struct Result {
   double publish = 0, rewrite = 0, remove = 0;  // routes per second
   double publishCpu = 0;                        // routes per second of the writer's CPU time
@@ -184,6 +193,7 @@ struct Options {
   bool files = false;
   bool publishOnly = false;
   uint32_t repeat = 5;  // runs of the 2-via count
+  bool noReader = false;
   std::string perfControl, readerPerfControl;
 };
 
@@ -197,6 +207,7 @@ Result run(const Options& options, uint32_t vias) {
   if (child == 0) {
     ::close(toReader[1]);
     ::close(fromReader[0]);
+    if (options.noReader) idleReader(toReader[0], fromReader[1]);
     reader(root, toReader[0], fromReader[1], options.readerPerfControl);
   }
   if (!options.readerPerfControl.empty()) {
@@ -311,6 +322,7 @@ int main(int argc, char** argv) {
     std::string a = argv[i];
     if (a == "--files") options.files = true;
     if (a == "--publish-only") options.publishOnly = true;
+    if (a == "--no-reader") options.noReader = true;
     if (i + 1 == argc) break;
     if (a == "--routes") options.routes = uint32_t(std::strtoul(argv[i + 1], nullptr, 10));
     if (a == "--vias") {
