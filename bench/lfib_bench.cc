@@ -6,12 +6,20 @@
 // time from the writer's last write until the reader is in step; and the shared memory used
 // against the raw slot bytes of what is stored.
 //
-//   lfib_bench [--routes N] [--vias 1,2,16] [--files] [--publish-only] [--perf-control FIFO]
+//   lfib_bench [--routes N] [--vias 1,2,16] [--repeat R] [--files] [--publish-only] [--no-reader]
+//              [--perf-control FIFO] [--reader-perf-control FIFO]
 //
-// --publish-only stops after the first publication; --files lists each shared-memory file after the
-// first publication: the bytes it occupies (allocated blocks) and its length. --perf-control
-// writes "enable" to FIFO as the first publication starts and "disable" as it ends, so that a
-// profiler started with `perf record -D -1 --control fifo:FIFO` sees only the timed writes.
+// The 2-via run, whose figures the summary reports, is repeated R times (default 5), each on
+// fresh files with a fresh reader; the summary takes the median of each figure.
+// --no-reader runs the writer alone (the in-step figures read -1), to tell what the reader
+// costs it. --publish-only stops after the first publication; --files lists each shared-memory file
+// after the first publication: the bytes it occupies (allocated blocks) and its length.
+// --perf-control writes "enable" to FIFO as the first publication starts and "disable" as it ends,
+// so that a profiler started with `perf record -D -1 --control fifo:FIFO` sees only the timed
+// writes.
+// --reader-perf-control does the same for the reader process, from its start until it is in
+// step after the first publication: the bench prints "reader pid N", and the reader waits
+// until `perf record -D -1 --control fifo:FIFO -p N` has opened FIFO.
 //
 // The routes go to the writer in batches of 1024 (LfibWriter::lfibRoutesIs), the readers are
 // kicked after each batch. Output ends with "figure <name> <value> <unit>" and
@@ -32,6 +40,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/BenchRoute.h"
 #include "ledger/Format.h"
 #include "ledger/Shape.h"
 #include "lfib/LfibWriter.h"
@@ -90,10 +99,22 @@ Mpls::ConsolidatedLfibRoute route(uint32_t i, uint32_t vias, uint32_t variant) {
   return r;
 }
 
-// The reader: follows the tables; for each "phase <endNs> <routes>" line it answers with the
-// seconds from endNs until its shadows are in step and hold that many routes.
-[[noreturn]] void reader(const std::string& root, int in, int out) {
+// Tells a profiler listening on `fifo` (if any) to start or stop sampling.
+void perfControl(const std::string& fifo, const char* command) {
+  if (fifo.empty()) return;
+  if (FILE* f = std::fopen(fifo.c_str(), "w")) {
+    std::fprintf(f, "%s\n", command);
+    std::fclose(f);
+  }
+}
+
+// The reader: follows the tables; for each "phase <endNs> <routes>" line it answers
+// "<seconds> <cpuSeconds>": the seconds from endNs until its shadows are in step and hold that
+// many routes, and the CPU time it has used since the previous answer.
+[[noreturn]] void reader(const std::string& root, int in, int out, const std::string& fifo) {
   {
+    perfControl(fifo, "enable");
+    int64_t cpuStart = cpuNs();
     Zinc::Loop loop;
     auto status = Mpls::lfibStatusFactory("bench");
     status->ledgerMountIs(Ledger::LedgerMode::readOnly, root, 64, &loop);
@@ -110,12 +131,23 @@ Mpls::ConsolidatedLfibRoute route(uint32_t i, uint32_t vias, uint32_t variant) {
     });
     loop.timerEvery(std::chrono::microseconds(200), [&] {
       if (!target || !status->ledgerInStep() || status->lfibRouteCount() != target->second) return;
-      sendLine(out, std::to_string(double(nowNs() - target->first) / 1e9));
+      const int64_t cpu = cpuNs();
+      sendLine(out, std::to_string(double(nowNs() - target->first) / 1e9) + " " +
+                        std::to_string(double(cpu - cpuStart) / 1e9));
+      cpuStart = cpu;
       target.reset();
+      perfControl(fifo, "disable");  // a second "disable" is harmless
     });
     loop.run();
     status->ledgerUnmount();
   }
+  ::_exit(0);
+}
+
+// In place of the reader (--no-reader): answers every phase without following anything, so
+// that the writer runs alone.
+[[noreturn]] void idleReader(int in, int out) {
+  while (readLine(in)) sendLine(out, "-1 0");
   ::_exit(0);
 }
 
@@ -124,6 +156,9 @@ struct Result {
   double publishCpu = 0;                        // routes per second of the writer's CPU time
   KernelShare publishKernel;                    // the writer's faults and system time
   double inStepPublish = 0, inStepRewrite = 0, inStepRemove = 0;
+  double readerCpuPublish = 0;
+  double publishBuild = 0;  // seconds of the publication spent building the routes  // the reader's
+                            // CPU seconds until in step after publication
   uint64_t shmBytes = 0, rawBytes = 0;
   uint64_t shmAfterRewrite = 0;  // the change queues hold tombstones of the rewrite too
 };
@@ -157,17 +192,10 @@ struct Options {
   std::vector<uint32_t> viaCounts{1, 2, 16};
   bool files = false;
   bool publishOnly = false;
-  std::string perfControl;
+  uint32_t repeat = 5;  // runs of the 2-via count
+  bool noReader = false;
+  std::string perfControl, readerPerfControl;
 };
-
-// Tells a profiler listening on `fifo` (if any) to start or stop sampling.
-void perfControl(const std::string& fifo, const char* command) {
-  if (fifo.empty()) return;
-  if (FILE* f = std::fopen(fifo.c_str(), "w")) {
-    std::fprintf(f, "%s\n", command);
-    std::fclose(f);
-  }
-}
 
 Result run(const Options& options, uint32_t vias) {
   const uint32_t routes = options.routes;
@@ -179,7 +207,12 @@ Result run(const Options& options, uint32_t vias) {
   if (child == 0) {
     ::close(toReader[1]);
     ::close(fromReader[0]);
-    reader(root, toReader[0], fromReader[1]);
+    if (options.noReader) idleReader(toReader[0], fromReader[1]);
+    reader(root, toReader[0], fromReader[1], options.readerPerfControl);
+  }
+  if (!options.readerPerfControl.empty()) {
+    std::printf("reader pid %d\n", int(child));
+    std::fflush(stdout);
   }
   ::close(toReader[0]);
   ::close(fromReader[1]);
@@ -194,9 +227,12 @@ Result run(const Options& options, uint32_t vias) {
   // body(first, count) changes routes [first, first + count); readers are kicked after each
   // batch of kBatch routes.
   constexpr uint32_t kBatch = 1024;
+  double readerCpu = 0;
+  int64_t buildNs = 0;  // of the phase: building the routes (the producer's part)
   auto phase = [&](auto&& body, double& rate, double& inStep) {
     const KernelShare kernelStart = KernelShare::now();
     int64_t start = nowNs(), cpuStart = cpuNs();
+    buildNs = 0;
     for (uint32_t first = 0; first < routes; first += kBatch) {
       body(first, std::min(kBatch, routes - first));
       status->ledgerFlushKicks();
@@ -208,13 +244,16 @@ Result run(const Options& options, uint32_t vias) {
     kernel = KernelShare::now() - kernelStart;
     sendLine(toReader[1],
              "phase " + std::to_string(end) + " " + std::to_string(status->lfibRouteCount()));
-    inStep = std::stod(readLine(fromReader[0]).value_or("-1"));
+    std::istringstream answer(readLine(fromReader[0]).value_or("-1 -1"));
+    answer >> inStep >> readerCpu;
   };
   // A producer's batch of routes, written in one call.
   std::vector<Mpls::ConsolidatedLfibRoute> batch;
   auto write = [&](uint32_t first, uint32_t count, uint32_t variant) {
+    const int64_t buildStart = nowNs();
     batch.clear();
     for (uint32_t i = first; i < first + count; ++i) batch.push_back(route(i, vias, variant));
+    buildNs += nowNs() - buildStart;
     writer->lfibRoutesIs(batch);
   };
   perfControl(options.perfControl, "enable");
@@ -222,6 +261,8 @@ Result run(const Options& options, uint32_t vias) {
         r.inStepPublish);
   perfControl(options.perfControl, "disable");
   r.publishCpu = cpuRate;
+  r.publishBuild = buildNs / 1e9;
+  r.readerCpuPublish = readerCpu;
   r.publishKernel = kernel;
   r.shmBytes = status->ledgerBytes();
   r.rawBytes = rawSlotBytes(*status);
@@ -244,6 +285,35 @@ Result run(const Options& options, uint32_t vias) {
   return r;
 }
 
+void printResult(uint32_t vias, const Result& r) {
+  std::printf(
+      "vias %2u: publish %.0f routes/s, rewrite one via %.0f routes/s, delete %.0f routes/s; "
+      "reader in step %.3f / %.3f / %.3f s after the last write (%.2f CPU s by then); shm %.1f "
+      "MB for %.1f MB of slots (%.1f MB after the rewrite); publish %.0f routes per CPU "
+      "second, %llu page faults, %.2f s system time, %.2f s building the routes\n",
+      vias, r.publish, r.rewrite, r.remove, r.inStepPublish, r.inStepRewrite, r.inStepRemove,
+      r.readerCpuPublish, r.shmBytes / 1e6, r.rawBytes / 1e6, r.shmAfterRewrite / 1e6, r.publishCpu,
+      static_cast<unsigned long long>(r.publishKernel.faults), r.publishKernel.systemSeconds,
+      r.publishBuild);
+  std::fflush(stdout);
+}
+
+// The summary: each figure the median over the 2-via runs.
+void printFigures(const std::vector<Result>& runs) {
+  auto median = [&](auto figure) {
+    std::vector<double> v;
+    for (const Result& r : runs) v.push_back(figure(r));
+    return Bench::median(v);
+  };
+  std::printf("figure lfib_routes_per_s_2via %.0f routes/s\n",
+              median([](const Result& r) { return r.publish; }));
+  std::printf("figure reader_in_step_seconds %.3f s\n",
+              median([](const Result& r) { return r.inStepPublish; }));
+  std::printf("ratio raw_slots_vs_footprint %.2f\n", median([](const Result& r) {
+                return r.shmBytes ? double(r.rawBytes) / double(r.shmBytes) : 0.0;
+              }));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -252,6 +322,7 @@ int main(int argc, char** argv) {
     std::string a = argv[i];
     if (a == "--files") options.files = true;
     if (a == "--publish-only") options.publishOnly = true;
+    if (a == "--no-reader") options.noReader = true;
     if (i + 1 == argc) break;
     if (a == "--routes") options.routes = uint32_t(std::strtoul(argv[i + 1], nullptr, 10));
     if (a == "--vias") {
@@ -259,32 +330,27 @@ int main(int argc, char** argv) {
       std::stringstream list(argv[i + 1]);
       for (std::string v; std::getline(list, v, ',');) options.viaCounts.push_back(std::stoul(v));
     }
+    if (a == "--repeat") options.repeat = std::max(1u, uint32_t(std::stoul(argv[i + 1])));
     if (a == "--perf-control") options.perfControl = argv[i + 1];
-    if (a == "--routes" || a == "--vias" || a == "--perf-control") ++i;
+    if (a == "--reader-perf-control") options.readerPerfControl = argv[i + 1];
+    if (a == "--routes" || a == "--vias" || a == "--repeat" || a == "--perf-control" ||
+        a == "--reader-perf-control") {
+      ++i;
+    }
   }
   uint32_t& routes = options.routes;
   if (routes == 0 || routes > 1000000) routes = 1000000;  // labels are 20 bits
   Platform::FeatureToggle::overrideIs("InPlaceMplsAdjacencyUpdate", true);
   std::printf("lfib_bench: %u routes, in-place adjacency update on\n", routes);
-  std::optional<Result> two;
+  std::vector<Result> two;
   for (uint32_t vias : options.viaCounts) {
-    Result r = run(options, vias);
-    std::printf(
-        "vias %2u: publish %.0f routes/s, rewrite one via %.0f routes/s, delete %.0f routes/s; "
-        "reader in step %.3f / %.3f / %.3f s after the last write; shm %.1f MB for %.1f MB of "
-        "slots (%.1f MB after the rewrite); publish %.0f routes per CPU second, %llu page "
-        "faults, %.2f s system time\n",
-        vias, r.publish, r.rewrite, r.remove, r.inStepPublish, r.inStepRewrite, r.inStepRemove,
-        r.shmBytes / 1e6, r.rawBytes / 1e6, r.shmAfterRewrite / 1e6, r.publishCpu,
-        static_cast<unsigned long long>(r.publishKernel.faults), r.publishKernel.systemSeconds);
-    std::fflush(stdout);
-    if (vias == 2) two = r;
+    const uint32_t runs = vias == 2 ? options.repeat : 1;
+    for (uint32_t n = 0; n < runs; ++n) {
+      Result r = run(options, vias);
+      printResult(vias, r);
+      if (vias == 2) two.push_back(r);
+    }
   }
-  if (two) {
-    std::printf("figure lfib_routes_per_s_2via %.0f routes/s\n", two->publish);
-    std::printf("figure reader_in_step_seconds %.3f s\n", two->inStepPublish);
-    std::printf("ratio raw_slots_vs_footprint %.2f\n",
-                two->shmBytes ? double(two->rawBytes) / double(two->shmBytes) : 0.0);
-  }
+  if (!two.empty()) printFigures(two);
   return 0;
 }

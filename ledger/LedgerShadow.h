@@ -267,7 +267,10 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
     if (state_ != ShadowState::inStep) return;
     const uint64_t before = store_.notifications();
     auto result = rally_.handleAck(
-        [this](uint32_t slot, uint64_t seq) { store_.doSlot(slot, seq, notifying_); },
+        [this](uint32_t slot, uint64_t seq) {
+          store_.prefetchForRun(slot);
+          store_.doSlot(slot, seq, notifying_);
+        },
         options_.rallySlice);
     if (store_.notifications() != before) batch();
     if (result == RallyReader::Result::resync) {

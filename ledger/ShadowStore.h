@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -47,6 +48,35 @@ struct DummyShadowNotifier {
     return {};
   }
 };
+
+namespace ShadowDetail {
+
+// A 64-bit digest of `n` bytes in one pass, sixteen bytes a step on two independent lanes:
+// what a key shadow compares to tell a changed value from an unchanged rewrite.
+inline uint64_t digestBytes(const uint8_t* p, uint32_t n) {
+  constexpr uint64_t k1 = 0x9e3779b97f4a7c15ull, k2 = 0xc2b2ae3d27d4eb4full;
+  uint64_t a = (n + 1) * k1, b = (n + 1) * k2;
+  auto step = [&](const uint8_t* at) {
+    uint64_t w0, w1;
+    std::memcpy(&w0, at, 8);
+    std::memcpy(&w1, at + 8, 8);
+    a = std::rotl(a ^ (w0 * k2), 31) * k1;
+    b = std::rotl(b ^ (w1 * k1), 29) * k2;
+  };
+  uint32_t i = 0;
+  for (; i + 16 <= n; i += 16) step(p + i);
+  uint8_t tail[16] = {};
+  std::memcpy(tail, p + i, n - i);
+  step(tail);
+  uint64_t h = a ^ std::rotl(b, 32);
+  h ^= h >> 33;
+  h *= 0xff51afd7ed558ccdull;
+  h ^= h >> 33;
+  h *= 0xc4ceb9fe1a85ec53ull;
+  return h ^ (h >> 33);
+}
+
+}  // namespace ShadowDetail
 
 struct ValueShadowSlot {
   static constexpr bool kValues = true;
@@ -177,14 +207,16 @@ class ShadowStore {
   }
 
   // Makes room for the writer's table as it stands before a full walk: the slot arrays are
-  // sized once and the hash map for its occupancy, instead of growing by doubling on the way
-  // (every doubling copies the slots and re-points the map). Bounded by what is mapped: the
-  // header's counts are not trusted with an allocation.
+  // sized once and the hash map for as many entries as the table has slots, instead of
+  // growing by doubling on the way (every doubling copies the slots and re-points or
+  // re-hashes every entry; a writer that sized its table for a bulk load fills it while we
+  // follow). Bounded by what is mapped: the header's counts are not trusted with an
+  // allocation.
   void reserve() {
     const SlotReaderTable& table = reader_.slotTable();
     const uint32_t slots = std::min(table.numSlots(), table.mappedSlots());
     if (slots > entries_.size()) resize(slots);
-    map_.reserve(std::min(table.occupiedSlots(), slots));
+    map_.reserve(slots);
   }
   // A walk over the slots in order (a sync) is at `slotIndex`: fetch ahead what the next
   // slots will need, in the order they need it: the pages of the writer's slots a chunk at a
@@ -199,6 +231,14 @@ class ShadowStore {
     if (slotIndex + uint64_t{kAheadBucket} < mapped) {
       map_.prefetch(rhashOf(slotIndex + kAheadBucket));
     }
+  }
+
+  // The rally queue told of `slotIndex`: when it follows the slot told of before, the writer
+  // is filling slots in order (a bulk load), and the next slots are fetched ahead as a walk
+  // does. Out of order, nothing is fetched: a guess would cost a miss of its own.
+  void prefetchForRun(uint32_t slotIndex) {
+    if (slotIndex == lastTold_ + 1) prefetchForWalk(slotIndex);
+    lastTold_ = slotIndex;
   }
 
   // Slots at or above `numSlots` that hold nothing are dropped (the writer's table shrank).
@@ -349,9 +389,7 @@ class ShadowStore {
     }
   }
   uint64_t digest(const uint8_t* stored) const {
-    const uint32_t n = lengthOf(stored);
-    return (uint64_t{Zinc::hashBytes(stored, n, 0x9e3779b9u)} << 32) |
-           Zinc::hashBytes(stored, n, 0x7f4a7c15u);
+    return ShadowDetail::digestBytes(stored, lengthOf(stored));
   }
   // The shadow's key of `slot` is no longer there. If the writer holds it in another slot, a
   // shrink moved it (the queue may tell of the old slot before the new one): the entry
@@ -448,6 +486,7 @@ class ShadowStore {
   Value scratch_{};
   std::vector<uint8_t> stored_;
   uint64_t notifications_ = 0;
+  uint32_t lastTold_ = kNoSlot;  // prefetchForRun's previous slot
 };
 
 template <class Key, class Value, class OpsT = Ops<Key, Value>>

@@ -170,6 +170,7 @@ template <class Entity, class Value, class Key, class OpsT = ZincOps<Key, Value>
 class ZincLedgerMap {
  public:
   using Map = LedgerMap<Key, Value, OpsT>;
+  using Shadow = LedgerShadow<Key, Value, OpsT, KeyShadowSlot>;
   using KeyHandler = void (Entity::*)(const Key&) const;
   using CollectionHandler = void (Entity::*)() const;
 
@@ -203,7 +204,11 @@ class ZincLedgerMap {
   //    batch of changes: at the end of the loop iteration when `loop` is given, else when
   //    flushKicks() is called;
   //  - readOnly with a loop: a LedgerShadow follows the table on that loop (mounting when the
-  //    writer appears) and reports every changed key to the entity;
+  //    writer appears) and reports every changed key to the entity. It is a key shadow: it
+  //    keeps each slot's key and a digest of its value, not a copy of the value, so a reader
+  //    of a million-route table holds a few dozen bytes per entry instead of the table
+  //    twice; lookups and iteration read the writer's table (they see its latest values,
+  //    which may be ahead of the notifications delivered so far);
   //  - readOnly without a loop: stays on the dummy until readerIs() hands a table over.
   //  `minBuckets` (0: the table's default) is a writer's floor for the bucket count of the
   //  table, a power of two: with bucketsFor(n), n entries go in without re-chaining.
@@ -240,7 +245,7 @@ class ZincLedgerMap {
   }
   // Reader side: the shadow has consumed everything the writer published so far.
   bool inStep() const { return !shadow_ || (shadow_->inStep() && shadow_->quiesced()); }
-  LedgerShadow<Key, Value, OpsT>* shadow() const { return shadow_; }
+  Shadow* shadow() const { return shadow_; }
   void unmount() {
     if (!map_) return;
     map_->detach();
@@ -351,8 +356,7 @@ class ZincLedgerMap {
   void mountShadow(const std::string& root, Zinc::Loop& loop) {
     Notify<Key, Value> notify;
     notify.onKey = [this](const Key& key, const Value*) { keyChanged(key); };
-    auto shadow = std::make_unique<LedgerShadow<Key, Value, OpsT>>(ReaderConfig{root, table_}, loop,
-                                                                   notify, ops_);
+    auto shadow = std::make_unique<Shadow>(ReaderConfig{root, table_}, loop, notify, ops_);
     shadow_ = shadow.get();
     shadow->corruptionHandlerIs([this](const std::string&) { collectionChanged(); });
     shadow->initialize();
@@ -373,7 +377,7 @@ class ZincLedgerMap {
   OpsT ops_;
   std::unique_ptr<Mem::ReaderKickSm> kicker_;  // outlives the writer, whose hook calls it
   std::unique_ptr<Map> map_;
-  LedgerShadow<Key, Value, OpsT>* shadow_ = nullptr;  // owned by map_
+  Shadow* shadow_ = nullptr;  // owned by map_
 };
 
 }  // namespace Ledger

@@ -106,8 +106,8 @@ class LfibStatus : public Zinc::Entity {
 
   // Mounts every table. The writer side attaches (adopting what a previous writer left) and
   // kicks readers at the end of each loop iteration (with `loop`) or on ledgerFlushKicks().
-  // The reader side (readOnly with a loop) follows each table through a shadow on `loop` and
-  // notifies per changed key.
+  // The reader side (readOnly with a loop) follows each table through a key shadow on `loop`
+  // and notifies per changed key; its reads go to the writer's tables.
   void ledgerMountIs(Ledger::LedgerMode mode, const std::string& root = {}, uint32_t capacity = 64,
                      Zinc::Loop* loop = nullptr);
   // Sizes the tables that the next writer mount creates (see LfibExpectedSize).

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -8,6 +9,7 @@
 #include "lfib/LfibStatus.h"
 #include "lfib/tests/TempLedgerRoot.h"
 #include "zinc/Exception.h"
+#include "zinc/Loop.h"
 
 namespace Mpls {
 namespace {
@@ -202,6 +204,42 @@ TEST_F(LfibStatusTest, TablesAreRealFilesThatTheNextWriterAdopts) {
   EXPECT_EQ(next->lfibRoute(route.key()), route);
   EXPECT_EQ(next->viaSetCount(), 1u);
   EXPECT_TRUE(next->validateFiles());
+}
+
+// A reader on a loop is told of each key that appeared, changed or went, once, and of
+// nothing for a rewrite that left the stored value as it was; its reads see the writer's
+// table.
+TEST_F(LfibStatusTest, ReaderIsToldOfChangedKeysOnly) {
+  Zinc::Loop loop;
+  LfibStatus::Ptr reader = lfibStatusFactory("status");
+  Recorder recorder(reader);
+  reader->ledgerMountIs(Ledger::LedgerMode::readOnly, root.path(), 64, &loop);
+  auto settle = [&] {
+    status->ledgerFlushKicks();
+    return loop.runUntil([&] { return reader->ledgerInStep(); }, std::chrono::seconds(10));
+  };
+  LfibRoute route = routeTo(20, viaSetKey(viaTypeMplsIp_, 1), 0);
+  status->lfibRouteIs(route);
+  status->viaSetIs(viaSetWith(viaTypeMplsIp_, 1, 2));
+  ASSERT_TRUE(settle());
+  EXPECT_THAT(recorder.log, ::testing::IsSupersetOf(
+                                {"route " + valueToStrep(route.key()), std::string("viaSet 1")}));
+  EXPECT_EQ(reader->lfibRoute(route.key()), route);
+
+  recorder.log.clear();
+  status->lfibRouteIs(route);                          // the same bytes again
+  status->viaSetIs(viaSetWith(viaTypeMplsIp_, 1, 3));  // one via key more
+  ASSERT_TRUE(settle());
+  EXPECT_THAT(recorder.log, ::testing::ElementsAre("viaSet 1"));
+  EXPECT_EQ(reader->viaSet(viaSetKey(viaTypeMplsIp_, 1)).viaKeys(), 3u);
+
+  recorder.log.clear();
+  status->lfibRouteDel(route.key());
+  ASSERT_TRUE(settle());
+  EXPECT_THAT(recorder.log, ::testing::ElementsAre("route " + valueToStrep(route.key())));
+  EXPECT_FALSE(reader->lfibRouteHas(route.key()));
+  EXPECT_EQ(reader->lfibRouteCount(), 0u);
+  reader->ledgerUnmount();
 }
 
 TEST(LfibStatusUnmounted, WritesAreDroppedInNoMansLand) {
