@@ -97,7 +97,7 @@ bool RallyWriter::adoptQueue() {
   appendLimit_ = appendLimitFor(maxOffset_);
   // The writer before may have died with a tail unsettled, or while settling it. A `settled`
   // beyond the count is not to be trusted: the whole queue is settled again.
-  settled_ = q->settled <= count_ ? q->settled : 0;
+  settledIs(q->settled <= count_ ? q->settled : 0);
   settle();
   return true;
 }
@@ -124,7 +124,8 @@ void RallyWriter::unbindQueue() {
   queue_ = nullptr;
   positions_ = nullptr;
   entries_ = nullptr;
-  count_ = slotCapacity_ = appendLimit_ = settled_ = 0;
+  count_ = slotCapacity_ = appendLimit_ = 0;
+  settledIs(0);
   baseSeq_ = 0;
 }
 
@@ -176,7 +177,7 @@ void RallyWriter::swapIn(uint32_t slotCapacity, bool keepLive) {
   }
   queueFile_ = std::move(next);
   bindQueue();
-  settled_ = count;
+  settledIs(count);
   appendLimit_ = appendLimitFor(maxOffset);
   EmberFile::unlinkFile(root_, table_, rallyQueueName(oldGeneration));
   ZTRACE(3, "RallyWriter::swapIn() generation:" << generation << " live:" << count
@@ -251,7 +252,7 @@ void RallyWriter::settle() {
 }
 
 void RallyWriter::storeSettled(uint32_t settled) {
-  settled_ = settled;
+  settledIs(settled);
   // Release: a tool that loads `settled` (acquire) sees the tombstones and positions below it.
   Shm::store(queue_->settled, settled, std::memory_order_release);
 }
