@@ -76,6 +76,7 @@
 // or numBuckets is beyond it) and every walk is bounded.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -180,7 +181,15 @@ constexpr uint32_t slotSizeFor(uint32_t valueSize) {
 static_assert(slotSizeFor(116) == 136);
 static_assert(slotSizeFor(8) == 24);
 
+// Each 16-bit value with its bits reversed: two look-ups reverse a 32-bit word in a few
+// instructions, where shifting and masking takes twenty (the write path reverses one or two
+// hashes per write).
+extern const std::array<uint16_t, 65536> kReversedHalfWords;
+
 constexpr uint32_t reverseBits(uint32_t x) {
+  if (!std::is_constant_evaluated()) {
+    return uint32_t{kReversedHalfWords[x & 0xffffu]} << 16 | kReversedHalfWords[x >> 16];
+  }
   x = ((x >> 1) & 0x55555555u) | ((x & 0x55555555u) << 1);
   x = ((x >> 2) & 0x33333333u) | ((x & 0x33333333u) << 2);
   x = ((x >> 4) & 0x0f0f0f0fu) | ((x & 0x0f0f0f0fu) << 4);
