@@ -225,14 +225,15 @@ void RallyWriter::settle() {
   const uint32_t end = count_;
   const uint32_t slotCapacity = slotCapacity_;
   for (uint32_t pos = settled_; pos < end; ++pos) {
+    // Both are written below: fetched owned (readers may hold the entries' lines).
     if (pos + kSettleAhead < end) {
       const uint32_t ahead = RallyEntry::slotWordOf(entries[pos + kSettleAhead]);
-      if (ahead < slotCapacity) __builtin_prefetch(&positions[ahead], 1);
+      if (ahead < slotCapacity) Shm::prefetchForWrite(&positions[ahead]);
     }
     if (pos + kSettleAhead / 2 < end) {
       const uint32_t ahead = RallyEntry::slotWordOf(entries[pos + kSettleAhead / 2]);
       const uint32_t older = ahead < slotCapacity ? positions[ahead] : kNoPosition;
-      if (older < end) __builtin_prefetch(&entries[older], 1);
+      if (older < end) Shm::prefetchForWrite(&entries[older]);
     }
     // A tombstone, or a slot index no writer of this queue could have appended, is left as
     // it is (the validator reports the latter).
