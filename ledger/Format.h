@@ -76,6 +76,7 @@
 // or numBuckets is beyond it) and every walk is bounded.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -180,7 +181,15 @@ constexpr uint32_t slotSizeFor(uint32_t valueSize) {
 static_assert(slotSizeFor(116) == 136);
 static_assert(slotSizeFor(8) == 24);
 
+// Each 16-bit value with its bits reversed: two look-ups reverse a 32-bit word in a few
+// instructions, where shifting and masking takes twenty (the write path reverses one or two
+// hashes per write).
+extern const std::array<uint16_t, 65536> kReversedHalfWords;
+
 constexpr uint32_t reverseBits(uint32_t x) {
+  if (!std::is_constant_evaluated()) {
+    return uint32_t{kReversedHalfWords[x & 0xffffu]} << 16 | kReversedHalfWords[x >> 16];
+  }
   x = ((x >> 1) & 0x55555555u) | ((x & 0x55555555u) << 1);
   x = ((x >> 2) & 0x33333333u) | ((x & 0x33333333u) << 2);
   x = ((x >> 4) & 0x0f0f0f0fu) | ((x & 0x0f0f0f0fu) << 4);
@@ -210,6 +219,19 @@ template <class T>
 inline void store(T& word, T value, std::memory_order order) {
   std::atomic_ref<T>(word).store(value, order);
 }
+
+// Asks for the line holding `address` in the state a store needs (owned, other copies
+// invalidated), without waiting for it. Only a hint: it never faults, so the address may lie
+// past the end of a mapping. PREFETCHW runs on every x86-64 processor this code meets (older
+// ones decode it as a no-op); elsewhere the compiler's write prefetch stands in.
+inline void prefetchForWrite(uintptr_t address) {
+#if defined(__x86_64__)
+  asm volatile("prefetchw (%0)" : : "r"(address));
+#else
+  __builtin_prefetch(reinterpret_cast<const void*>(address), 1);
+#endif
+}
+inline void prefetchForWrite(const void* p) { prefetchForWrite(reinterpret_cast<uintptr_t>(p)); }
 
 }  // namespace Shm
 

@@ -204,13 +204,18 @@ class LedgerWriter : public LedgerBase<Key, Value> {
   void recover();
   void relinkAll(std::vector<uint32_t>& occupied);
   uint32_t insertNew(const ChainPosition& pos, uint32_t hash);
+  // write() of a key that is missing. Out of line: the rewrite stays short.
+  [[gnu::noinline]] const void* insert(const Value& value, const Key& key, uint32_t hash);
   void publish(uint32_t slot, const Value& value);
   Value* openDirect(const Key& key, bool create);
   void maybeGrowBuckets();
   void maybeShrinkBuckets();
   void doMaybeShrinkSlots();
   void moveSlot(uint32_t from);
-  void notify(uint32_t slot) { rally_.notify(slot); }
+  [[gnu::always_inline]] void notify(uint32_t slot) { rally_.notify(slot); }
+  [[gnu::cold]] [[gnu::noinline]] static void traceSlot(const char* what, uint32_t slot) {
+    ZTRACE_TO(trace(), 9, what << slot);
+  }
   // Old stored bytes kept for Ops::retire, which must run only after the final status store.
   // One buffer for all writes: no allocation per write (null when nothing retires).
   const uint8_t* keepForRetire(uint32_t slot) {

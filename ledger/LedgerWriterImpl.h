@@ -197,27 +197,39 @@ const void* LedgerWriter<Key, Value, OpsT>::write(const Value& value, WriteFlag 
   checkNoDirect("LedgerWriter::write()");
   const Key key = OpsT::keyOf(value);
   const uint32_t hash = OpsT::hash(key);
-  const ChainPosition pos = map_.find(key, hash, "WriterHashMap::find()");
-  uint32_t slot = pos.hit;
-  if (slot != kNoSlot) {
-    if (flag == WriteFlag::ifChanged && ops_.sameStored(slots_.value(slot), value)) {
-      ++counters_.unchanged;
-      return slots_.value(slot);
-    }
-    const uint8_t* old = keepForRetire(slot);
-    publish(slot, value);
-    retire(old);
-    ++counters_.updates;
-    ZTRACE_TO(trace(), 9, "LedgerWriter::write() existing slot:" << slot);
-  } else {
-    slot = insertNew(pos, hash);
-    publish(slot, value);
-    // The one store that makes the complete slot reachable.
-    map_.setLink(pos.pred, slot);
-    ++counters_.inserts;
-    ZTRACE_TO(trace(), 9, "LedgerWriter::write() new slot:" << slot);
-    maybeGrowBuckets();
+  const uint32_t slot = map_.findSlot(key, hash, "WriterHashMap::find()");
+  if (slot == kNoSlot) return insert(value, key, hash);
+  SlotHeader& s = slots_.slot(slot);
+  uint8_t* const stored = reinterpret_cast<uint8_t*>(&s) + kSlotHeaderSize;
+  if (flag == WriteFlag::ifChanged && ops_.sameStored(stored, value)) [[unlikely]] {
+    ++counters_.unchanged;
+    return stored;
   }
+  const uint8_t* old = keepForRetire(slot);
+  ops_.store(value, slots_.openSlot(s, ops_.valueSize()));
+  slots_.closeSlot(s);
+  retire(old);
+  ++counters_.updates;
+  if (trace().enabled(9)) [[unlikely]]
+    traceSlot("LedgerWriter::write() existing slot:", slot);
+  notify(slot);
+  rally_.commit();
+  return stored;
+}
+
+template <class Key, class Value, class OpsT>
+const void* LedgerWriter<Key, Value, OpsT>::insert(const Value& value, const Key& key,
+                                                   uint32_t hash) {
+  // The walk again, for the insertion point: the chain is in cache by now.
+  const ChainPosition pos = map_.find(key, hash, "WriterHashMap::find()");
+  const uint32_t slot = insertNew(pos, hash);
+  publish(slot, value);
+  // The one store that makes the complete slot reachable.
+  map_.setLink(pos.pred, slot);
+  ++counters_.inserts;
+  if (trace().enabled(9)) [[unlikely]]
+    traceSlot("LedgerWriter::write() new slot:", slot);
+  maybeGrowBuckets();
   notify(slot);
   rally_.commit();
   return slots_.value(slot);

@@ -97,7 +97,7 @@ bool RallyWriter::adoptQueue() {
   appendLimit_ = appendLimitFor(maxOffset_);
   // The writer before may have died with a tail unsettled, or while settling it. A `settled`
   // beyond the count is not to be trusted: the whole queue is settled again.
-  settled_ = q->settled <= count_ ? q->settled : 0;
+  settledIs(q->settled <= count_ ? q->settled : 0);
   settle();
   return true;
 }
@@ -124,7 +124,8 @@ void RallyWriter::unbindQueue() {
   queue_ = nullptr;
   positions_ = nullptr;
   entries_ = nullptr;
-  count_ = slotCapacity_ = appendLimit_ = settled_ = 0;
+  count_ = slotCapacity_ = appendLimit_ = 0;
+  settledIs(0);
   baseSeq_ = 0;
 }
 
@@ -176,7 +177,7 @@ void RallyWriter::swapIn(uint32_t slotCapacity, bool keepLive) {
   }
   queueFile_ = std::move(next);
   bindQueue();
-  settled_ = count;
+  settledIs(count);
   appendLimit_ = appendLimitFor(maxOffset);
   EmberFile::unlinkFile(root_, table_, rallyQueueName(oldGeneration));
   ZTRACE(3, "RallyWriter::swapIn() generation:" << generation << " live:" << count
@@ -224,14 +225,15 @@ void RallyWriter::settle() {
   const uint32_t end = count_;
   const uint32_t slotCapacity = slotCapacity_;
   for (uint32_t pos = settled_; pos < end; ++pos) {
+    // Both are written below: fetched owned (readers may hold the entries' lines).
     if (pos + kSettleAhead < end) {
       const uint32_t ahead = RallyEntry::slotWordOf(entries[pos + kSettleAhead]);
-      if (ahead < slotCapacity) __builtin_prefetch(&positions[ahead], 1);
+      if (ahead < slotCapacity) Shm::prefetchForWrite(&positions[ahead]);
     }
     if (pos + kSettleAhead / 2 < end) {
       const uint32_t ahead = RallyEntry::slotWordOf(entries[pos + kSettleAhead / 2]);
       const uint32_t older = ahead < slotCapacity ? positions[ahead] : kNoPosition;
-      if (older < end) __builtin_prefetch(&entries[older], 1);
+      if (older < end) Shm::prefetchForWrite(&entries[older]);
     }
     // A tombstone, or a slot index no writer of this queue could have appended, is left as
     // it is (the validator reports the latter).
@@ -251,7 +253,7 @@ void RallyWriter::settle() {
 }
 
 void RallyWriter::storeSettled(uint32_t settled) {
-  settled_ = settled;
+  settledIs(settled);
   // Release: a tool that loads `settled` (acquire) sees the tombstones and positions below it.
   Shm::store(queue_->settled, settled, std::memory_order_release);
 }

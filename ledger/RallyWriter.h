@@ -190,22 +190,27 @@ class RallyWriter {
   // Announces a change to `slot`; returns its sequence. Inline: every write ends here, and
   // only a full queue (or one whose offsets are used up) or a slot beyond the position array
   // takes the slow path (a swap).
-  uint64_t notify(uint32_t slot) {
+  [[gnu::always_inline]] uint64_t notify(uint32_t slot) {
     if (slot >= slotCapacity_ || count_ == appendLimit_) [[unlikely]] {
       makeRoomFor(slot);
     }
-    const uint64_t seq = ++latestSeq_;
-    const uint32_t pos = count_++;
+    // Locals: the stores to shared memory below would make the compiler reload every member.
+    const uint64_t seq = latestSeq_ + 1;
+    const uint32_t pos = count_;
+    uint64_t* const entries = entries_;
+    latestSeq_ = seq;
+    count_ = pos + 1;
     // The entry is private until `count` covers it: a relaxed store suffices here.
-    Shm::store(entries_[pos], RallyEntry::wordOf(seq - baseSeq_, slot), std::memory_order_relaxed);
+    Shm::store(entries[pos], RallyEntry::wordOf(seq - baseSeq_, slot), std::memory_order_relaxed);
     // Release: a reader that loads the new count (acquire) sees the entry whole.
-    Shm::store(queue_->count, count_, std::memory_order_release);
+    Shm::store(queue_->count, pos + 1, std::memory_order_release);
     // Release: a reader that sees latestSeq (acquire) sees every entry up to it.
     Shm::store(control_->latestSeq, seq, std::memory_order_release);
     // The entries a few writes on: their line is owned before those stores come, so that no
-    // store waits for it behind the others.
-    if (pos + kAppendAhead < appendLimit_) __builtin_prefetch(&entries_[pos + kAppendAhead], 1);
-    if (count_ - settled_ >= kSettleBatch) [[unlikely]]
+    // store waits for it behind the others. Past the end of the file it is a harmless hint.
+    Shm::prefetchForWrite(reinterpret_cast<uintptr_t>(entries) +
+                          sizeof(uint64_t) * (pos + kAppendAhead));
+    if (pos + 1 == settleAt_) [[unlikely]]
       settle();
     return seq;
   }
@@ -255,6 +260,10 @@ class RallyWriter {
   void makeRoomFor(uint32_t slot);
   bool adoptQueue();
   void storeSettled(uint32_t settled);
+  void settledIs(uint32_t settled) {
+    settled_ = settled;
+    settleAt_ = settled + kSettleBatch;
+  }
   void unbindQueue();
   void swapIn(uint32_t slotCapacity, bool keepLive);
   // Copies the live entries of the current queue into `entries`/`positions` (a new queue of
@@ -282,7 +291,8 @@ class RallyWriter {
   uint32_t count_ = 0;
   uint32_t slotCapacity_ = 0;
   uint32_t appendLimit_ = 0;
-  uint32_t settled_ = 0;  // the header's `settled`, as this writer last stored it
+  uint32_t settled_ = 0;              // the header's `settled`, as this writer last stored it
+  uint32_t settleAt_ = kSettleBatch;  // settled_ + kSettleBatch: the count that settles
   uint64_t maxOffset_ = kMaxRallyOffset;
   uint64_t kickedSeq_ = 0;
   uint64_t compactions_ = 0;

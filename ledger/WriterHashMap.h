@@ -50,7 +50,9 @@ class WriterHashMap {
   // hashing to this bucket and to its rhash) before it is compared. For the slot that holds
   // the sought key the check needs no hashing: its stored key equals the key whose hash we
   // have, so it passes exactly when the slot is OCCUPIED with our rhash.
-  ChainPosition find(const Key& key, uint32_t hash, const char* who = "WriterHashMap::find()") {
+  // Inline: every write and remove starts here, and a call costs more than a short walk.
+  [[gnu::always_inline]] ChainPosition find(const Key& key, uint32_t hash,
+                                            const char* who = "WriterHashMap::find()") {
     const uint32_t bucket = bucketOf(hash);
     const uint32_t rhash = reverseBits(hash);
     const uint32_t numSlots = slots_.numSlots();
@@ -75,6 +77,12 @@ class WriterHashMap {
     }
     pos.next = link;
     return pos;
+  }
+
+  // The slot holding `key`, or kNoSlot: find() for a caller that needs no insertion point
+  // (the walk and its checks are the same; what tracks the predecessor drops out).
+  [[gnu::always_inline]] uint32_t findSlot(const Key& key, uint32_t hash, const char* who) {
+    return find(key, hash, who).hit;
   }
 
   uint32_t lookup(const Key& key) {

@@ -41,6 +41,24 @@ std::vector<uint8_t> formattedFile(uint32_t numSlots, uint32_t ember = 42) {
   return file;
 }
 
+// reverseBits takes a table at run time and shifts at compile time: both must give the bits
+// of a word in reverse order, each bit moved on its own.
+TEST(SlotTableFormat, RhashReversesEveryBitAtRunTimeAsAtCompileTime) {
+  auto bitByBit = [](uint32_t x) {
+    uint32_t r = 0;
+    for (int i = 0; i < 32; ++i) r |= ((x >> i) & 1u) << (31 - i);
+    return r;
+  };
+  std::mt19937 rng(7);
+  std::vector<uint32_t> words = {0, 1, 0x80000000u, 0xffffffffu, 0x0000ffffu, 0xffff0000u};
+  for (int i = 0; i < 100000; ++i) words.push_back(rng());
+  for (uint32_t low = 0; low < 0x10000; ++low) words.push_back(low | (~low << 16));
+  for (volatile uint32_t x : words) {
+    ASSERT_EQ(reverseBits(x), bitByBit(x)) << std::hex << x;
+  }
+  static_assert(reverseBits(0x00000001u) == 0x80000000u && reverseBits(0x0000ff00u) == 0x00ff0000u);
+}
+
 TEST(SlotTableFormat, FreshHeaderAndSlotsAreAsDocumented) {
   auto file = formattedFile(3);
   const SlotTableHeader& h = headerOf(file);
