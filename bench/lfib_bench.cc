@@ -33,7 +33,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <filesystem>
 #include <optional>
 #include <sstream>
@@ -53,18 +52,13 @@ namespace {
 using LineIo::readLine;
 using LineIo::sendLine;
 
-using Clock = std::chrono::steady_clock;
+using Bench::Clock;
+using Bench::cpuNs;
+using Bench::perfControl;
 
 int64_t nowNs() {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch())
       .count();
-}
-
-// The writer's own CPU time: on a busy machine a steadier measure than the wall clock.
-int64_t cpuNs() {
-  timespec t;
-  ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
-  return int64_t(t.tv_sec) * 1000000000 + t.tv_nsec;
 }
 
 // The writer's page faults so far and its system time in seconds: what the kernel spends
@@ -97,15 +91,6 @@ Mpls::ConsolidatedLfibRoute route(uint32_t i, uint32_t vias, uint32_t variant) {
     r.mplsViaIs(via);
   }
   return r;
-}
-
-// Tells a profiler listening on `fifo` (if any) to start or stop sampling.
-void perfControl(const std::string& fifo, const char* command) {
-  if (fifo.empty()) return;
-  if (FILE* f = std::fopen(fifo.c_str(), "w")) {
-    std::fprintf(f, "%s\n", command);
-    std::fclose(f);
-  }
 }
 
 // The reader: follows the tables; for each "phase <endNs> <routes>" line it answers

@@ -16,7 +16,6 @@
 #include <linux/futex.h>
 #include <lmdb.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -238,23 +237,10 @@ bool runUntil(Zinc::Loop& loop, const std::function<bool()>& pred) {
   return true;
 }
 
-// Tells a profiler listening on $BENCH_PERF_FIFO (if set) to start or stop sampling: with
-// `perf record -D -1 --control fifo:FIFO` it sees only the timed syncs.
-void perfControl(const char* command) {
+// The profiler named by $BENCH_PERF_FIFO (if set) samples only the timed syncs.
+void syncPerfControl(const char* command) {
   const char* fifo = std::getenv("BENCH_PERF_FIFO");
-  if (!fifo) return;
-  if (FILE* f = std::fopen(fifo, "w")) {
-    std::fprintf(f, "%s\n", command);
-    std::fclose(f);
-  }
-}
-
-// Processor time (user and system) this process used so far, in seconds.
-double cpuSeconds() {
-  rusage r;
-  ::getrusage(RUSAGE_SELF, &r);
-  auto s = [](const timeval& t) { return double(t.tv_sec) + t.tv_usec / 1e6; };
-  return s(r.ru_utime) + s(r.ru_stime);
+  perfControl(fifo ? fifo : "", command);
 }
 
 // Wall-clock and processor seconds of one cold sync (the second is steadier on a busy box).
@@ -262,14 +248,14 @@ std::pair<double, double> syncSeconds() {
   Zinc::Loop loop;
   Shadow shadow(Ledger::ReaderConfig{benchRoot(), "routes"}, loop);
   shadow.yieldTimeIs(std::chrono::milliseconds(10));
-  perfControl("enable");
-  const double cpu = cpuSeconds();
+  syncPerfControl("enable");
+  const int64_t cpu = cpuNs();
   auto start = Clock::now();
   shadow.initialize();
   runUntil(loop, [&] { return shadow.inStep(); });
   const double wall = seconds(start);
-  const double used = cpuSeconds() - cpu;
-  perfControl("disable");
+  const double used = double(cpuNs() - cpu) / 1e9;
+  syncPerfControl("disable");
   return {wall, used};
 }
 
