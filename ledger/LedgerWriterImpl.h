@@ -174,8 +174,7 @@ void LedgerWriter<Key, Value, OpsT>::detach() {
 }
 
 template <class Key, class Value, class OpsT>
-void LedgerWriter<Key, Value, OpsT>::publish(uint32_t slot, const Value& value) {
-  SlotHeader& s = slots_.slot(slot);
+void LedgerWriter<Key, Value, OpsT>::publish(SlotHeader& s, const Value& value) {
   ops_.store(value, slots_.openSlot(s, ops_.valueSize()));
   slots_.closeSlot(s);
 }
@@ -206,8 +205,7 @@ const void* LedgerWriter<Key, Value, OpsT>::write(const Value& value, WriteFlag 
     return stored;
   }
   const uint8_t* old = keepForRetire(slot);
-  ops_.store(value, slots_.openSlot(s, ops_.valueSize()));
-  slots_.closeSlot(s);
+  publish(s, value);
   retire(old);
   ++counters_.updates;
   if (trace().enabled(9)) [[unlikely]]
@@ -223,7 +221,7 @@ const void* LedgerWriter<Key, Value, OpsT>::insert(const Value& value, const Key
   // The walk again, for the insertion point: the chain is in cache by now.
   const ChainPosition pos = map_.find(key, hash, "WriterHashMap::find()");
   const uint32_t slot = insertNew(pos, hash);
-  publish(slot, value);
+  publish(slots_.slot(slot), value);
   // The one store that makes the complete slot reachable.
   map_.setLink(pos.pred, slot);
   ++counters_.inserts;
