@@ -206,6 +206,8 @@ class LedgerWriter : public LedgerBase<Key, Value> {
   uint32_t insertNew(const ChainPosition& pos, uint32_t hash);
   // write() of a key that is missing. Out of line: the rewrite stays short.
   [[gnu::noinline]] const void* insert(const Value& value, const Key& key, uint32_t hash);
+  [[gnu::noinline]] const void* insertAt(const Value& value, const ChainPosition& pos,
+                                         uint32_t hash);
   // The value into slot `s` under the status protocol (look-aside copy, +2, value, +2|1).
   [[gnu::always_inline]] inline void publish(SlotHeader& s, const Value& value);
   Value* openDirect(const Key& key, bool create);

@@ -22,6 +22,7 @@ SlotTableConfig LedgerWriter<Key, Value, OpsT>::slotConfig() const {
 template <class Key, class Value, class OpsT>
 AttachResult LedgerWriter<Key, Value, OpsT>::attach() {
   detach();
+  map_.forgetMiss();
   if (!SharedMem::validName(config_.table)) {
     throw InitializationException("SlotWriter::attach() cannot attach to shmem, bad table name: " +
                                   config_.table);
@@ -62,6 +63,7 @@ AttachResult LedgerWriter<Key, Value, OpsT>::attach() {
     }
   }
   maybeGrowBuckets();
+  map_.forgetMiss();  // recovery and re-formatting walked and changed chains
   return result;
 }
 
@@ -195,7 +197,11 @@ template <class Key, class Value, class OpsT>
 const void* LedgerWriter<Key, Value, OpsT>::write(const Value& value, WriteFlag flag) {
   checkNoDirect("LedgerWriter::write()");
   const Key key = OpsT::keyOf(value);
-  const uint32_t hash = OpsT::hash(key);
+  uint32_t hash;
+  if (ChainPosition recalled; map_.recallMiss(key, hash, recalled)) {
+    return insertAt(value, recalled, hash);
+  }
+  hash = OpsT::hash(key);
   const uint32_t slot = map_.findSlot(key, hash, "WriterHashMap::find()");
   if (slot == kNoSlot) return insert(value, key, hash);
   SlotHeader& s = slots_.slot(slot);
@@ -219,7 +225,12 @@ template <class Key, class Value, class OpsT>
 const void* LedgerWriter<Key, Value, OpsT>::insert(const Value& value, const Key& key,
                                                    uint32_t hash) {
   // The walk again, for the insertion point: the chain is in cache by now.
-  const ChainPosition pos = map_.find(key, hash, "WriterHashMap::find()");
+  return insertAt(value, map_.find(key, hash, "WriterHashMap::find()"), hash);
+}
+
+template <class Key, class Value, class OpsT>
+const void* LedgerWriter<Key, Value, OpsT>::insertAt(const Value& value, const ChainPosition& pos,
+                                                     uint32_t hash) {
   const uint32_t slot = insertNew(pos, hash);
   publish(slots_.slot(slot), value);
   // The one store that makes the complete slot reachable.

@@ -90,9 +90,25 @@ class WriterHashMap {
     ChainPosition pos = find(key, hash, "WriterHashMap::lookup()");
     if (pos.hit == kNoSlot) {
       ZTRACE_TO(trace(), 9, "WriterHashMap::lookup() not found bucket:" << bucketOf(hash));
+      miss_ = Miss{key, hash, pos, linkEpoch_};
     }
     return pos.hit;
   }
+
+  // The last miss of lookup(). A writer that looks a key up, finds it absent and then writes
+  // it (the LFIB writer does so for every key that it takes afresh) inserts where the look-up
+  // ended instead of walking the chain again. Any change of a link or of the bucket count
+  // since (an insert, a remove, a move, a resize, an attach) forgets it, and the predecessor
+  // must still link where it did.
+  bool recallMiss(const Key& key, uint32_t& hash, ChainPosition& pos) {
+    if (miss_.epoch != linkEpoch_ || !OpsT::equal(miss_.key, key)) return false;
+    miss_.epoch = 0;  // one insert per miss
+    if (SlotWriterTable::loadLink(pair(miss_.pos.pred)) != miss_.pos.next) return false;
+    hash = miss_.hash;
+    pos = miss_.pos;
+    return true;
+  }
+  void forgetMiss() { ++linkEpoch_; }
 
   // The first slot in table order (buckets ascending, chains in order), or kNoSlot.
   uint32_t first() { return firstFrom(0, "WriterHashMap::first()"); }
@@ -136,7 +152,10 @@ class WriterHashMap {
     }
   }
 
-  void setLink(LinkRef ref, uint32_t link) { SlotWriterTable::storeLink(pair(ref), link); }
+  void setLink(LinkRef ref, uint32_t link) {
+    ++linkEpoch_;
+    SlotWriterTable::storeLink(pair(ref), link);
+  }
   void prefetchBucket(uint32_t hash) { __builtin_prefetch(&buckets_.head(bucketOf(hash))); }
   void prefetchFirstSlot(uint32_t hash) {
     uint32_t link = firstSlot(hash);
@@ -153,6 +172,7 @@ class WriterHashMap {
     const uint32_t n = buckets_.numBuckets();
     if (n > kMaxSlots / 2 || !buckets_.reserve(2 * n)) return false;
     ZTRACE_TO(trace(), 1, "WriterHashMap::growBuckets() growing from: " << n << " to: " << 2 * n);
+    forgetMiss();
     buckets_.beginResize();
     for (uint32_t b = 0; b < n; ++b) {
       prefetchChain(b + kPrefetchDistance, n);
@@ -178,6 +198,7 @@ class WriterHashMap {
   // (the two chains differ in one hash bit, so their rhashes never tie).
   void shrinkBuckets() {
     const uint32_t half = buckets_.numBuckets() / 2;
+    forgetMiss();
     buckets_.beginResize();
     for (uint32_t b = 0; b < half; ++b) {
       prefetchChain(b + kPrefetchDistance, half);
@@ -278,9 +299,18 @@ class WriterHashMap {
     return kNoSlot;
   }
 
+  struct Miss {
+    Key key{};
+    uint32_t hash = 0;
+    ChainPosition pos{};
+    uint64_t epoch = 0;  // linkEpoch_ when it was taken; 0: none
+  };
+
   SlotWriterTable& slots_;
   BucketWriterTable& buckets_;
   const OpsT& ops_;
+  uint64_t linkEpoch_ = 1;
+  Miss miss_;
 };
 
 }  // namespace Ledger

@@ -65,11 +65,30 @@ class WriterModel : public SmallTable {
       writer->directCommit();
       model[id] = makeValue(id, version);
     } else {
+      // A look-up first, as writers that probe before they write do; a miss is then inserted
+      // where the look-up ended, unless another change came in between.
+      if (op % 3 == 0) {
+        ASSERT_NO_FATAL_FAILURE(checkKey(id));
+      }
+      if (op % 6 == 0) {
+        ASSERT_NO_FATAL_FAILURE(changeAnother(rng, keySpace, op));
+      }
       TestValue v = makeValue(id, ++version);
       writer->write(v);
       model[id] = v;
     }
     checkKey(id);
+  }
+
+  // Writes or removes a random key between a look-up and the write it prepares.
+  void changeAnother(std::mt19937_64& rng, uint64_t keySpace, int op) {
+    const uint64_t other = rng() % keySpace;
+    if (op % 4 == 0) {
+      ASSERT_EQ(writer->remove(TestKey{other}), model.erase(other) == 1);
+    } else {
+      model[other] = makeValue(other, ++version);
+      writer->write(model[other]);
+    }
   }
 
   std::map<uint64_t, TestValue> model;
@@ -161,13 +180,23 @@ TEST(WriterCollidingKeys, RewritesLandInTheirOwnKeysSlots) {
   for (int step = 0; step < 6000; ++step) {
     const uint64_t id = rng() % 150;
     const int removeBias = (step / 1500) % 2 ? 80 : 20;  // fill, drain (moves), fill, drain
+    CollidingValue got;
     if (static_cast<int>(rng() % 100) < removeBias) {
       ASSERT_EQ(writer.remove(CollidingKey{id}), model.erase(id) == 1);
     } else {
+      // Half the writes follow a look-up of their key, some with a write of another key of
+      // the same chains in between.
+      if (step % 2) {
+        ASSERT_EQ(writer.lookup(CollidingKey{id}, got), model.count(id) == 1);
+      }
+      if (step % 6 == 1) {
+        const uint64_t other = rng() % 150;
+        writer.write(CollidingValue{CollidingKey{other}, ++data});
+        model[other] = data;
+      }
       writer.write(CollidingValue{CollidingKey{id}, ++data});
       model[id] = data;
     }
-    CollidingValue got;
     ASSERT_EQ(writer.lookup(CollidingKey{id}, got), model.count(id) == 1) << "key " << id;
     if (model.count(id)) {
       ASSERT_EQ(got.data, model[id]) << "key " << id;
