@@ -60,14 +60,14 @@ class Coll {
   using const_iterator = typename Map::const_iterator;
 
   V get(const K& k) const {
-    auto it = map_.find(k);
-    return it == map_.end() ? V() : it->second;
+    const Entry* e = locate(k);
+    return e ? e->second : V();
   }
   const V* find(const K& k) const {
-    auto it = map_.find(k);
-    return it == map_.end() ? nullptr : &it->second;
+    const Entry* e = locate(k);
+    return e ? &e->second : nullptr;
   }
-  bool contains(const K& k) const { return map_.contains(k); }
+  bool contains(const K& k) const { return locate(k) != nullptr; }
   size_t size() const { return map_.size(); }
   bool empty() const { return map_.empty(); }
   const_iterator begin() const { return map_.begin(); }
@@ -75,18 +75,22 @@ class Coll {
 
   // Adds or replaces; true when the collection changed.
   bool set(const K& k, V v) {
-    auto [it, added] = map_.try_emplace(k, v);
-    if (added) return true;
-    if constexpr (std::equality_comparable<V>) {
-      if (it->second == v) return false;
+    Entry* e = const_cast<Entry*>(locate(k));
+    if (!e) {
+      last_.entry = &*map_.try_emplace(k, std::move(v)).first;
+      return true;
     }
-    it->second = std::move(v);
+    if constexpr (std::equality_comparable<V>) {
+      if (e->second == v) return false;
+    }
+    e->second = std::move(v);
     return true;
   }
   std::optional<V> erase(const K& k) {
     auto it = map_.find(k);
     if (it == map_.end()) return std::nullopt;
     std::optional<V> old(std::move(it->second));
+    last_.entry = nullptr;
     map_.erase(it);
     return old;
   }
@@ -98,7 +102,32 @@ class Coll {
   }
 
  private:
+  using Entry = typename Map::value_type;
+  // The entry met last. Entities often read and update one key over and over (a counter per
+  // type, bumped on every allocation), and comparing a key costs less than hashing it again.
+  // Both kinds of map keep an entry where it is until it is erased; a copied or moved-from
+  // collection starts without one.
+  struct LastEntry {
+    Entry* entry = nullptr;
+    LastEntry() = default;
+    LastEntry(const LastEntry&) {}
+    LastEntry& operator=(const LastEntry&) {
+      entry = nullptr;
+      return *this;
+    }
+  };
+
+  const Entry* locate(const K& k) const {
+    if (last_.entry && last_.entry->first == k) return last_.entry;
+    auto it = map_.find(k);
+    if (it == map_.end()) return nullptr;
+    // The map is this collection's own, and not const: only this accessor is.
+    last_.entry = const_cast<Entry*>(&*it);
+    return last_.entry;
+  }
+
   Map map_;
+  mutable LastEntry last_;
 };
 
 }  // namespace Zinc

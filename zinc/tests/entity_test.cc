@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <map>
 #include <thread>
 #include <vector>
 
@@ -106,6 +107,48 @@ TEST(Collection, KeysTakenFromValueOrEntityName) {
   for (const auto& [k, v] : r->peerColl()) peers.push_back(v->name().str());
   EXPECT_EQ(peers, std::vector<std::string>{"p2"});
   EXPECT_EQ(rec.log, (std::vector<std::string>{"peer:p1+", "peer:p2+", "peer:p1-"}));
+}
+
+// Reads and writes that return to one key, between erasures, re-insertions and rehashing
+// growth, and copies taken along the way: each collection answers as a plain map does.
+template <Zinc::CollKind kind>
+void checkAgainstMap() {
+  Zinc::Coll<uint32_t, int, kind> coll;
+  std::map<uint32_t, int> model;
+  std::vector<std::pair<Zinc::Coll<uint32_t, int, kind>, std::map<uint32_t, int>>> copies;
+  uint32_t seed = 1;
+  for (int step = 0; step < 20000; ++step) {
+    seed = seed * 1103515245u + 12345u;
+    const uint32_t key = (seed >> 8) % (step < 10000 ? 3000 : 40);  // grow, then churn few keys
+    const uint32_t op = (seed >> 20) % 8;
+    if (op == 0) {
+      const auto erased = coll.erase(key);
+      ASSERT_EQ(erased.has_value(), model.erase(key) == 1);
+    } else if (op < 4) {
+      const int value = int(seed % 5);
+      ASSERT_EQ(coll.set(key, value), !model.contains(key) || model[key] != value);
+      model[key] = value;
+    } else if (op == 4 && step % 1000 == 4) {
+      copies.emplace_back(coll, model);
+    }
+    ASSERT_EQ(coll.contains(key), model.contains(key)) << "step " << step;
+    ASSERT_EQ(coll.get(key), model.contains(key) ? model[key] : 0) << "step " << step;
+  }
+  ASSERT_EQ(coll.size(), model.size());
+  for (auto& [copy, then] : copies) {
+    for (uint32_t key = 0; key < 3000; ++key) {
+      const int* v = copy.find(key);
+      ASSERT_EQ(v != nullptr, then.contains(key));
+      if (v) {
+        ASSERT_EQ(*v, then[key]);
+      }
+    }
+  }
+}
+
+TEST(Collection, RepeatedAccessToOneKeyMatchesAPlainMap) {
+  checkAgainstMap<Zinc::CollKind::hash>();
+  checkAgainstMap<Zinc::CollKind::ordered>();
 }
 
 // Drops the only reference to its notifier while being notified.
