@@ -5,7 +5,8 @@
 //                 the same keys through lookupBatch, 64 at a time
 //   chase         a dependent pointer chase over a buffer of the slot table's size
 //   sync          cold shadow sync of the whole table, against a memcpy of its bytes
-//   follow        notifications a shadow consumes per second
+//   follow        notifications a shadow consumes per second: of rewrites, and of removals
+//                 (the writer's table shrinking on the way)
 //   wake          commit -> callback latency in another process (idle, its loop blocked with
 //                 no time-out), against a raw futex ping-pong between two processes, p50, p99
 // The lookup, chase and sync parts walk 1M random memory places: on a virtual machine every
@@ -285,6 +286,25 @@ double followRate(Writer& w, uint32_t version) {
   return events / t;
 }
 
+// The writer removes every entry (shrinking its table on the way); the shadow then consumes
+// the notifications. The entries are written back afterwards, untimed.
+double followRemovalRate(Writer& w, uint32_t version) {
+  Zinc::Loop loop;
+  uint64_t events = 0;
+  Ledger::Notify<RouteKey, Route> n;
+  n.onKey = [&](const RouteKey&, const Route*) { ++events; };
+  Shadow shadow(Ledger::ReaderConfig{benchRoot(), "routes"}, loop, n);
+  shadow.initialize();
+  runUntil(loop, [&] { return shadow.inStep(); });
+  events = 0;
+  for (uint32_t label = 0; label < kEntries; ++label) w.remove(RouteKey{label});
+  auto start = Clock::now();
+  shadow.rally().handleAck([&](uint32_t slot, uint64_t seq) { shadow.store().doSlot(slot, seq); });
+  double t = seconds(start);
+  for (uint32_t label = 0; label < kEntries; ++label) w.write(makeRoute(label, version));
+  return events / t;
+}
+
 // ---- wake-up latency ----------------------------------------------------------------------
 
 struct Shared {
@@ -426,7 +446,7 @@ int main() {
     for (uint32_t label = 0; label < kEntries; ++label) plain.emplace(label, makeRoute(label, 1));
   }
 
-  Series ours, batched, lm, bl, bu, st, chase, sync, syncCpu, copy, follow;
+  Series ours, batched, lm, bl, bu, st, chase, sync, syncCpu, copy, follow, followRemovals;
   Series wakeP50, wakeP99, futexP50, futexP99;
   for (int rep = 0; rep < kRepetitions; ++rep) {
     if (lookups) {
@@ -444,7 +464,10 @@ int main() {
       syncCpu.push_back(cpu);
       copy.push_back(memcpySeconds(w));
     }
-    if (wanted("follow")) follow.push_back(followRate(w, rep + 2));
+    if (wanted("follow")) {
+      follow.push_back(followRate(w, rep + 2));
+      followRemovals.push_back(followRemovalRate(w, rep + 2));
+    }
     if (wanted("wake")) {
       auto [fp50, fp99] = futexPingPong();
       auto [wp50, wp99] = commitToCallback(w, kicker);
@@ -469,6 +492,7 @@ int main() {
   figure("sync_1m_cpu_seconds", syncCpu, 4, "s");
   figure("memcpy_table_seconds", copy, 4, "s");
   figure("follow_events_per_s", follow, 0, "events/s");
+  figure("follow_removals_per_s", followRemovals, 0, "events/s");
   figure("wake_p50_us", wakeP50, 1, "us");
   figure("wake_p99_us", wakeP99, 1, "us");
   figure("futex_p50_us", futexP50, 1, "us");

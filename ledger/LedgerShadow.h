@@ -254,6 +254,7 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
   }
 
   void onKick() {
+    rally_.prefetch();
     ++kicks_;
     if (state_ == ShadowState::inStep) {
       processRally();

@@ -121,6 +121,15 @@ uint32_t RallyReader::writerPid() const {
   return control_ ? Shm::load(control_->writerPid, std::memory_order_relaxed) : 0;
 }
 
+void RallyReader::prefetch() const {
+  if (!control_ || !queue_) return;
+  __builtin_prefetch(control_);
+  __builtin_prefetch(queue_);
+  // pos_ <= capacity_ after every walk; the entry before it is the one a walk checks first.
+  if (pos_ > 0) __builtin_prefetch(&entries_[pos_ - 1]);
+  if (pos_ < capacity_) __builtin_prefetch(&entries_[pos_]);
+}
+
 void RallyReader::skipToEnd() {
   // The sequence first: entries counted later but announced before it are above it anyway.
   lastSeq_ = writerSeq();

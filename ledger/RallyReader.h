@@ -43,6 +43,11 @@ class RallyReader {
   // record that the writer reads, see LedgerWriter::clientQuiesced).
   Result handleAck(const SlotFn& doSlot, uint32_t maxEntries = UINT32_MAX);
   void ackHookIs(std::function<void(uint64_t consumed)> hook) { ackHook_ = std::move(hook); }
+  // Starts fetching what the next walk reads first: the control block, the queue's header and
+  // the entries around the reader's position. A kick wakes a reader whose caches went cold
+  // while it slept; these lines come from the writer's core, and fetched together their
+  // misses overlap instead of adding up one after another.
+  void prefetch() const;
   // Whether everything up to the writer's latest sequence has been consumed.
   bool quiesced() const;
 
