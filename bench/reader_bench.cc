@@ -269,8 +269,10 @@ double memcpySeconds(Writer& w) {
   return t;
 }
 
-// The writer changes every entry once; the shadow then consumes the notifications.
-double followRate(Writer& w, uint32_t version) {
+// Notifications per second of a shadow, in step before `change` runs on the writer, consuming
+// what it did.
+template <class Change>
+double followRate(Change&& change) {
   Zinc::Loop loop;
   uint64_t events = 0;
   Ledger::Notify<RouteKey, Route> n;
@@ -279,30 +281,27 @@ double followRate(Writer& w, uint32_t version) {
   shadow.initialize();
   runUntil(loop, [&] { return shadow.inStep(); });
   events = 0;
-  for (uint32_t label = 0; label < kEntries; ++label) w.write(makeRoute(label, version));
+  change();
   auto start = Clock::now();
   shadow.rally().handleAck([&](uint32_t slot, uint64_t seq) { shadow.store().doSlot(slot, seq); });
-  double t = seconds(start);
-  return events / t;
+  return events / seconds(start);
 }
 
-// The writer removes every entry (shrinking its table on the way); the shadow then consumes
-// the notifications. The entries are written back afterwards, untimed.
+// The writer changes every entry once.
+double followRate(Writer& w, uint32_t version) {
+  return followRate([&] {
+    for (uint32_t label = 0; label < kEntries; ++label) w.write(makeRoute(label, version));
+  });
+}
+
+// The writer removes every entry (shrinking its table on the way). The entries are written
+// back afterwards, untimed.
 double followRemovalRate(Writer& w, uint32_t version) {
-  Zinc::Loop loop;
-  uint64_t events = 0;
-  Ledger::Notify<RouteKey, Route> n;
-  n.onKey = [&](const RouteKey&, const Route*) { ++events; };
-  Shadow shadow(Ledger::ReaderConfig{benchRoot(), "routes"}, loop, n);
-  shadow.initialize();
-  runUntil(loop, [&] { return shadow.inStep(); });
-  events = 0;
-  for (uint32_t label = 0; label < kEntries; ++label) w.remove(RouteKey{label});
-  auto start = Clock::now();
-  shadow.rally().handleAck([&](uint32_t slot, uint64_t seq) { shadow.store().doSlot(slot, seq); });
-  double t = seconds(start);
+  const double rate = followRate([&] {
+    for (uint32_t label = 0; label < kEntries; ++label) w.remove(RouteKey{label});
+  });
   for (uint32_t label = 0; label < kEntries; ++label) w.write(makeRoute(label, version));
-  return events / t;
+  return rate;
 }
 
 // ---- wake-up latency ----------------------------------------------------------------------
