@@ -186,15 +186,20 @@ static_assert(slotSizeFor(8) == 24);
 // hashes per write).
 extern const std::array<uint16_t, 65536> kReversedHalfWords;
 
+// The same by swapping bytes, then shifting and masking: for compile time, and for a walk that
+// streams through far more memory than the cache holds, where the table's lines would miss.
+constexpr uint32_t reverseBitsByShifts(uint32_t x) {
+  x = __builtin_bswap32(x);
+  x = ((x >> 4) & 0x0f0f0f0fu) | ((x & 0x0f0f0f0fu) << 4);
+  x = ((x >> 2) & 0x33333333u) | ((x & 0x33333333u) << 2);
+  return ((x >> 1) & 0x55555555u) | ((x & 0x55555555u) << 1);
+}
+
 constexpr uint32_t reverseBits(uint32_t x) {
   if (!std::is_constant_evaluated()) {
     return uint32_t{kReversedHalfWords[x & 0xffffu]} << 16 | kReversedHalfWords[x >> 16];
   }
-  x = ((x >> 1) & 0x55555555u) | ((x & 0x55555555u) << 1);
-  x = ((x >> 2) & 0x33333333u) | ((x & 0x33333333u) << 2);
-  x = ((x >> 4) & 0x0f0f0f0fu) | ((x & 0x0f0f0f0fu) << 4);
-  x = ((x >> 8) & 0x00ff00ffu) | ((x & 0x00ff00ffu) << 8);
-  return (x >> 16) | (x << 16);
+  return reverseBitsByShifts(x);
 }
 static_assert(reverseBits(1) == 0x80000000u && reverseBits(0x12345678u) == 0x1e6a2c48u);
 

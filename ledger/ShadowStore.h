@@ -76,16 +76,6 @@ inline uint64_t digestBytes(const uint8_t* p, uint32_t n) {
   return h ^ (h >> 33);
 }
 
-// reverseBits by shifts and masks, for the guesses of a walk's prefetches: a walk streams
-// through far more memory than the cache holds, and there the half-word table that
-// reverseBits reads costs two misses where these few instructions cost none.
-inline uint32_t reverseBitsInRegisters(uint32_t x) {
-  x = __builtin_bswap32(x);
-  x = ((x >> 4) & 0x0f0f0f0fu) | ((x & 0x0f0f0f0fu) << 4);
-  x = ((x >> 2) & 0x33333333u) | ((x & 0x33333333u) << 2);
-  return ((x >> 1) & 0x55555555u) | ((x & 0x55555555u) << 1);
-}
-
 }  // namespace ShadowDetail
 
 struct ValueShadowSlot {
@@ -346,7 +336,7 @@ class ShadowStore {
 
   // The hash of the key in the writer's slot, from its rhash read unchecked: a guess to fetch by.
   uint32_t hashGuessOf(uint32_t slot) const {
-    return ShadowDetail::reverseBitsInRegisters(
+    return reverseBitsByShifts(
         Shm::load(reader_.slotTable().slot(slot).rhash, std::memory_order_relaxed));
   }
 

@@ -41,8 +41,9 @@ std::vector<uint8_t> formattedFile(uint32_t numSlots, uint32_t ember = 42) {
   return file;
 }
 
-// reverseBits takes a table at run time and shifts at compile time: both must give the bits
-// of a word in reverse order, each bit moved on its own.
+// reverseBits takes a table at run time and shifts at compile time, and the shadow's walk
+// shifts at run time: all must give the bits of a word in reverse order, each bit moved on
+// its own.
 TEST(SlotTableFormat, RhashReversesEveryBitAtRunTimeAsAtCompileTime) {
   auto bitByBit = [](uint32_t x) {
     uint32_t r = 0;
@@ -55,6 +56,7 @@ TEST(SlotTableFormat, RhashReversesEveryBitAtRunTimeAsAtCompileTime) {
   for (uint32_t low = 0; low < 0x10000; ++low) words.push_back(low | (~low << 16));
   for (volatile uint32_t x : words) {
     ASSERT_EQ(reverseBits(x), bitByBit(x)) << std::hex << x;
+    ASSERT_EQ(reverseBitsByShifts(x), bitByBit(x)) << std::hex << x;
   }
   static_assert(reverseBits(0x00000001u) == 0x80000000u && reverseBits(0x0000ff00u) == 0x00ff0000u);
 }

@@ -5,9 +5,7 @@
 #include <map>
 #include <random>
 
-#include "ledger/Format.h"
 #include "ledger/ShadowHashMap.h"
-#include "ledger/ShadowStore.h"
 
 namespace {
 
@@ -79,16 +77,3 @@ TEST(ShadowHashMap, ReserveSizesOnceAndKeepsWhatIsThere) {
 }
 
 }  // namespace
-
-// A walk's prefetches guess a key's bucket from the slot's rhash without the half-word table;
-// a wrong guess would not break anything but would fetch every bucket in vain.
-TEST(ShadowWalkGuess, ReversesBitsAsTheTableDoes) {
-  std::mt19937 rng(3);
-  for (uint32_t x : {0u, 1u, 0x80000000u, 0xffffffffu, 0x12345678u}) {
-    EXPECT_EQ(Ledger::ShadowDetail::reverseBitsInRegisters(x), Ledger::reverseBits(x));
-  }
-  for (int i = 0; i < 100000; ++i) {
-    const uint32_t x = rng();
-    ASSERT_EQ(Ledger::ShadowDetail::reverseBitsInRegisters(x), Ledger::reverseBits(x)) << x;
-  }
-}
