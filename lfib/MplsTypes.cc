@@ -69,11 +69,6 @@ void IpGenAddr::zincPrint(std::ostream& os) const { Zinc::writeQuoted(os, string
 
 IpGenAddr IpGenAddr::zincParse(Zinc::StrepParser& p) { return IpGenAddr(p.quoted()); }
 
-void IpGenAddr::zincStore(uint8_t* out) const {
-  out = Zinc::storeLe(out, static_cast<int32_t>(af_));
-  std::memcpy(out, bytes_.data(), bytes_.size());
-}
-
 IpGenAddr IpGenAddr::zincLoad(const uint8_t* in) {
   IpGenAddr a;
   int32_t af = Zinc::loadLe<int32_t>(in);

@@ -11,6 +11,7 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <ostream>
 #include <string>
@@ -49,7 +50,10 @@ class IpGenAddr : public Zinc::Leaf<IpGenAddr> {
   uint32_t hash() const;
   void zincPrint(std::ostream& os) const;
   static IpGenAddr zincParse(Zinc::StrepParser& p);
-  void zincStore(uint8_t* out) const;
+  void zincStore(uint8_t* out) const {
+    out = Zinc::storeLe(out, static_cast<int32_t>(af_));
+    std::memcpy(out, bytes_.data(), bytes_.size());
+  }
   static IpGenAddr zincLoad(const uint8_t* in);
 
  private:

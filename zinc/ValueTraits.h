@@ -48,7 +48,12 @@ template <std::integral I>
 inline uint8_t* storeLe(uint8_t* out, I v) {
   using U = std::make_unsigned_t<I>;
   U u = static_cast<U>(v);
-  for (size_t i = 0; i < sizeof(I); ++i) out[i] = static_cast<uint8_t>(u >> (8 * i));
+  if constexpr (std::endian::native == std::endian::little) {
+    // One plain store: the byte loop below gets vectorised into shuffles over arrays.
+    std::memcpy(out, &u, sizeof(I));
+  } else {
+    for (size_t i = 0; i < sizeof(I); ++i) out[i] = static_cast<uint8_t>(u >> (8 * i));
+  }
   return out + sizeof(I);
 }
 
@@ -56,7 +61,11 @@ template <std::integral I>
 inline I loadLe(const uint8_t* in) {
   using U = std::make_unsigned_t<I>;
   U u = 0;
-  for (size_t i = 0; i < sizeof(I); ++i) u = static_cast<U>(u | (U(in[i]) << (8 * i)));
+  if constexpr (std::endian::native == std::endian::little) {
+    std::memcpy(&u, in, sizeof(I));
+  } else {
+    for (size_t i = 0; i < sizeof(I); ++i) u = static_cast<U>(u | (U(in[i]) << (8 * i)));
+  }
   return static_cast<I>(u);
 }
 
