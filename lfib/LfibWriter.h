@@ -12,6 +12,7 @@
 // unchanged; with it off, every rewrite takes fresh keys and then drops all the old ones.
 #pragma once
 
+#include <memory>
 #include <span>
 #include <unordered_map>
 #include <vector>
@@ -52,6 +53,7 @@ class LfibWriter : public Zinc::PtrInterface {
 
  private:
   struct OldRoute;
+  class ViaSetLease;
   static constexpr uint32_t kPrefetchedVias = 8;
   // How many routes ahead lfibRoutesIs fetches a route's bucket head, and its first slot.
   static constexpr size_t kRouteBucketAhead = 4, kRouteChainAhead = 2;
@@ -71,6 +73,7 @@ class LfibWriter : public Zinc::PtrInterface {
   bool inPlaceAdjacencyUpdateSupported_ = false;
   Zinc::Ptr<LfibViaIndexAllocator> lastAllocator_;
   LFib::Source lastSource_ = LFib::sourceUnknown_;
+  std::vector<std::unique_ptr<LfibViaSet>> spareViaSets_;  // see ViaSetLease
 };
 
 Zinc::Ptr<LfibWriter> lfibWriterFactory(const Zinc::Ptr<LfibStatus>& lfib);

@@ -85,6 +85,19 @@ TEST_P(LfibWriterTest, FirstWriteGoesViasThenViaSetThenRoute) {
   EXPECT_EQ(first.nextHop(), mplsVia(1, 1000).nextHop());
 }
 
+// Each route's via set holds its own vias only, whatever the routes written before held.
+TEST_P(LfibWriterTest, ViaSetsDoNotCarryKeysOverFromEarlierRoutes) {
+  writer->lfibRouteIs(route(100, 5));
+  writer->lfibRouteIs(route(101, 2, 20));
+  writer->lfibRouteIs(route(102, 0));
+  EXPECT_EQ(storedSet(100).viaKeys(), 5u);
+  ASSERT_EQ(storedSet(101).viaKeys(), 2u);
+  EXPECT_EQ(status->mplsVia(storedSet(101).viaKey(LfibViaIndexRange(1))).nextHop(),
+            mplsVia(21, 0).nextHop());
+  EXPECT_EQ(storedSet(102).viaKeys(), 0u);
+  EXPECT_EQ(storedSet(102).key(), stored(102).viaSetKey());
+}
+
 TEST_P(LfibWriterTest, IdenticalRewrite) {
   writer->lfibRouteIs(route(100, 3));
   uint64_t before = writes();
