@@ -146,21 +146,34 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
 
   // Looks up keys[i] into outs[i], found[i] telling whether it was there; returns how many
   // were. Every lookup is the single lookup's, with its checks and retries; what a batch adds
-  // is fetching ahead: the buckets of a group of keys are requested together, then the first
-  // slots of their chains, so that the memory latency of a group overlaps instead of adding
-  // up. Corruption is handled as by lookup() (thrown after the keys before it are done).
+  // is fetching ahead, in a pipeline over the keys: a key's bucket head is requested
+  // kBucketAhead keys before its lookup, the first slot of its chain kSlotAhead keys before,
+  // and, where the sought rhash lies further on, the chain's second slot kNextAhead keys
+  // before. Each stage reads only what the stage before it fetched, so the memory latency of
+  // one key overlaps with the lookups of the keys before it instead of adding up.
+  // Corruption is handled as by lookup() (thrown after the keys before it are done).
   uint32_t lookupBatch(std::span<const Key> keys, std::span<Value> outs, std::span<bool> found) {
     ZINC_ASSERT(outs.size() >= keys.size() && found.size() >= keys.size(),
                 "lookupBatch needs an output and a found flag per key");
+    const size_t n = keys.size();
+    std::array<uint32_t, kBatchRing> hashes;  // key i's hash at i % kBatchRing
+    auto hashOf = [&](size_t i) { return hashes[i % kBatchRing]; };
     uint32_t hits = 0;
-    std::array<uint32_t, kBatchGroup> hashes;
-    for (size_t base = 0; base < keys.size(); base += kBatchGroup) {
-      const size_t n = std::min(keys.size() - base, kBatchGroup);
-      for (size_t i = 0; i < n; ++i) hashes[i] = OpsT::hash(keys[base + i]);
-      prefetchChains(hashes.data(), n);
-      for (size_t i = 0; i < n; ++i) {
-        found[base + i] = lookupHashed(keys[base + i], outs[base + i], hashes[i]);
-        hits += found[base + i];
+    for (size_t j = 0; j < n + kBucketAhead; ++j) {
+      if (j < n) {
+        hashes[j % kBatchRing] = OpsT::hash(keys[j]);
+        fetchBucket(hashOf(j));
+      }
+      if (j >= kBucketAhead - kSlotAhead && j - (kBucketAhead - kSlotAhead) < n) {
+        fetchFirstSlot(hashOf(j - (kBucketAhead - kSlotAhead)));
+      }
+      if (j >= kBucketAhead - kNextAhead && j - (kBucketAhead - kNextAhead) < n) {
+        fetchSecondSlot(hashOf(j - (kBucketAhead - kNextAhead)));
+      }
+      if (j >= kBucketAhead) {
+        const size_t i = j - kBucketAhead;
+        found[i] = lookupHashed(keys[i], outs[i], hashOf(i));
+        hits += found[i];
       }
     }
     return hits;
@@ -253,8 +266,12 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
  private:
   // How one walk ended; `onward`: the slot just read is not the sought one, walk on.
   enum class Walk { found, miss, again, onward };
-  // Keys whose chains a batch fetches at once.
-  static constexpr size_t kBatchGroup = 16;
+  // How many keys ahead of its lookup a batch fetches each stage of a key's chain, and the
+  // ring of hashes that spans them (a power of two above kBucketAhead).
+  static constexpr size_t kBucketAhead = 20, kSlotAhead = 10, kNextAhead = 5;
+  static constexpr size_t kBatchRing = 32;
+  static_assert(kBucketAhead > kSlotAhead && kSlotAhead > kNextAhead && kNextAhead > 0 &&
+                kBatchRing > kBucketAhead && (kBatchRing & (kBatchRing - 1)) == 0);
   // Link pairs a quick walk remembers to confirm a miss; longer chains take the full walk.
   static constexpr uint32_t kQuickPath = 8;
   // A link pair a walk followed, and the value it had then.
@@ -263,27 +280,32 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
     uint64_t seen;
   };
 
-  // The first step of a batch: requests the bucket heads of `n` hashes, then the first slot
-  // of each chain, then, where the sought rhash lies further on, the chain's next slot.
-  // Prefetches only; every index is checked before its address is formed.
-  void prefetchChains(const uint32_t* hashes, size_t n) {
-    const uint32_t buckets = buckets_.numBuckets();
-    if (!buckets_.attached() || buckets == 0 || buckets_.headerNumBuckets() != buckets) return;
-    std::array<uint32_t, kBatchGroup> links;
-    for (size_t i = 0; i < n; ++i)
-      __builtin_prefetch(&buckets_.headWord(hashes[i] & (buckets - 1)));
-    const uint32_t mapped = slots_.mappedSlots();
-    for (size_t i = 0; i < n; ++i) {
-      links[i] = linkOf(buckets_.head(hashes[i] & (buckets - 1)));
-      if (links[i] < mapped) slots_.prefetch(links[i]);  // also false at the end of a chain
-    }
-    for (size_t i = 0; i < n; ++i) {
-      if (links[i] >= mapped) continue;
-      const SlotHeader& s = slots_.slot(links[i]);
-      if (Shm::load(s.rhash, std::memory_order_relaxed) >= reverseBits(hashes[i])) continue;
-      const uint32_t next = linkOf(Shm::load(s.linkPair, std::memory_order_relaxed));
-      if (next < mapped) slots_.prefetch(next);
-    }
+  // The stages of a batch's fetching ahead (lookupBatch). Prefetches only; every index is
+  // checked against what is mapped now before its address is formed (a lookup between two
+  // stages may have re-mapped the files), and a chain read in the wrong bucket or half
+  // changed only costs a useless fetch.
+  bool fetchable() const { return buckets_.attached() && buckets_.numBuckets() != 0; }
+  uint32_t bucketOf(uint32_t hash) const { return hash & (buckets_.numBuckets() - 1); }
+  void fetchBucket(uint32_t hash) const {
+    if (fetchable()) __builtin_prefetch(&buckets_.headWord(bucketOf(hash)));
+  }
+  // The chain's first slot, or kNoSlot; its bucket head was fetched a while ago.
+  uint32_t firstSlotOf(uint32_t hash) const {
+    if (!fetchable()) return kNoSlot;
+    const uint32_t link =
+        linkOf(Shm::load(buckets_.headWord(bucketOf(hash)), std::memory_order_relaxed));
+    return link < slots_.mappedSlots() ? link : kNoSlot;  // also kNoSlot at the end of a chain
+  }
+  void fetchFirstSlot(uint32_t hash) const {
+    if (const uint32_t first = firstSlotOf(hash); first != kNoSlot) slots_.prefetch(first);
+  }
+  void fetchSecondSlot(uint32_t hash) const {
+    const uint32_t first = firstSlotOf(hash);
+    if (first == kNoSlot) return;
+    const SlotHeader& s = slots_.slot(first);
+    if (Shm::load(s.rhash, std::memory_order_relaxed) >= reverseBits(hash)) return;
+    const uint32_t next = linkOf(Shm::load(s.linkPair, std::memory_order_relaxed));
+    if (next < slots_.mappedSlots()) slots_.prefetch(next);
   }
 
   // The common case of a lookup, kept short and free of calls so that the processor overlaps

@@ -241,6 +241,23 @@ TEST_F(ReaderTable, BatchedLookupsAgreeWithTheTable) {
     }
   }
 
+  // Batches shorter than the fetch pipeline, and an empty one, answer the same.
+  for (size_t n : {0, 1, 2, 5, 11, 19, 20, 21, 40}) {
+    std::vector<TestKey> keys;
+    for (uint64_t id = 0; id < n; ++id) keys.push_back(TestKey{(id * 31) % 4100});
+    std::vector<TestValue> values(n);
+    std::unique_ptr<bool[]> found(new bool[n + 1]);
+    uint32_t expected = 0;
+    for (const TestKey& k : keys) expected += uint32_t(model.count(k.id));
+    EXPECT_EQ(reader.lookupBatch(keys, values, std::span(found.get(), n)), expected) << n;
+    for (size_t i = 0; i < n; ++i) {
+      ASSERT_EQ(found[i], model.count(keys[i].id) == 1) << n << " " << i;
+      if (found[i]) {
+        EXPECT_EQ(values[i], makeValue(keys[i].id, model[keys[i].id]));
+      }
+    }
+  }
+
   using CReader = LedgerReader<CollidingKey, CollidingValue>;
   LedgerConfig c = writerConfig(root_);
   c.table = "colliding";
