@@ -8,7 +8,9 @@
 //   follow        notifications a shadow consumes per second: of rewrites, and of removals
 //                 (the writer's table shrinking on the way)
 //   wake          commit -> callback latency in another process (idle, its loop blocked with
-//                 no time-out), against a raw futex ping-pong between two processes, p50, p99
+//                 no time-out), against a raw futex ping-pong between two processes, p50, p99;
+//                 and the same under churn: before each timed commit the writer rewrites 256
+//                 other routes, kicking after every 16, so the reader is busy when it lands
 // The lookup, chase and sync parts walk 1M random memory places: on a virtual machine every
 // one of them also misses the TLB, which is what the pointer chase measures.
 // Every figure is the median of kRepetitions runs, peers interleaved with ours in each round.
@@ -356,8 +358,22 @@ std::pair<double, double> futexPingPong() {
   return percentiles(lat);
 }
 
+// Between two timed commits: idle (the reader asleep), or churning (the reader busy with a
+// stream of other changes when the timed commit lands).
+enum class Between { idle, churn };
+// Churn before each timed commit: this many rewrites of other routes, in loop iterations of
+// kChurnPerFlush rewrites (each ends with a kick), as a busy writer agent commits.
+constexpr uint32_t kChurnWrites = 256, kChurnPerFlush = 16;
+
+void churn(Writer& w, Mem::ReaderKickSm& kicker, std::mt19937& rng, uint32_t round) {
+  for (uint32_t i = 0; i < kChurnWrites; ++i) {
+    w.write(makeRoute(8 + rng() % (kEntries - 8), round));
+    if ((i + 1) % kChurnPerFlush == 0) kicker.flush();
+  }
+}
+
 // The value's words[0..1] carry the commit time; the reader's callback takes the difference.
-std::pair<double, double> commitToCallback(Writer& w, Mem::ReaderKickSm& kicker) {
+std::pair<double, double> commitToCallback(Writer& w, Mem::ReaderKickSm& kicker, Between between) {
   Shared* s = sharedPage();
   pid_t child = ::fork();
   if (child == 0) {
@@ -388,8 +404,13 @@ std::pair<double, double> commitToCallback(Writer& w, Mem::ReaderKickSm& kicker)
   }
   while (!s->ready.load()) ::usleep(1000);
   std::vector<uint64_t> lat;
+  std::mt19937 rng(7);
   for (uint32_t i = 0; i < kWakes; ++i) {
-    ::usleep(200);
+    if (between == Between::idle) {
+      ::usleep(200);
+    } else {
+      churn(w, kicker, rng, i);
+    }
     Route r = makeRoute(7, i + 10);
     uint64_t stamp = nowNs();
     std::memcpy(&r.words[0], &stamp, 8);
@@ -446,7 +467,7 @@ int main() {
   }
 
   Series ours, batched, lm, bl, bu, st, chase, sync, syncCpu, copy, follow, followRemovals;
-  Series wakeP50, wakeP99, futexP50, futexP99;
+  Series wakeP50, wakeP99, futexP50, futexP99, churnP50, churnP99;
   for (int rep = 0; rep < kRepetitions; ++rep) {
     if (lookups) {
       ours.push_back(ledgerLookups(reader, order));
@@ -469,11 +490,14 @@ int main() {
     }
     if (wanted("wake")) {
       auto [fp50, fp99] = futexPingPong();
-      auto [wp50, wp99] = commitToCallback(w, kicker);
+      auto [wp50, wp99] = commitToCallback(w, kicker, Between::idle);
+      auto [cp50, cp99] = commitToCallback(w, kicker, Between::churn);
       futexP50.push_back(fp50);
       futexP99.push_back(fp99);
       wakeP50.push_back(wp50);
       wakeP99.push_back(wp99);
+      churnP50.push_back(cp50);
+      churnP99.push_back(cp99);
     }
     std::fprintf(stderr, "round %d done\n", rep + 1);
   }
@@ -494,6 +518,8 @@ int main() {
   figure("follow_removals_per_s", followRemovals, 0, "events/s");
   figure("wake_p50_us", wakeP50, 1, "us");
   figure("wake_p99_us", wakeP99, 1, "us");
+  figure("wake_under_churn_p50_us", churnP50, 1, "us");
+  figure("wake_under_churn_p99_us", churnP99, 1, "us");
   figure("futex_p50_us", futexP50, 1, "us");
   figure("futex_p99_us", futexP99, 1, "us");
   ratio("lookup_vs_lmdb", ours, lm);
