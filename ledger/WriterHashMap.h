@@ -9,6 +9,7 @@
 // hashing to this bucket and matching the stored rhash): shared memory may hold anything.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 
@@ -157,9 +158,14 @@ class WriterHashMap {
     SlotWriterTable::storeLink(pair(ref), link);
   }
   void prefetchBucket(uint32_t hash) { __builtin_prefetch(&buckets_.head(bucketOf(hash))); }
+  // Fetches the chain's first slot as far as a walk reads it before deciding: the header and
+  // what follows it (the key, or a slab table's offset), which may start the next line.
   void prefetchFirstSlot(uint32_t hash) {
     uint32_t link = firstSlot(hash);
-    if (link < slots_.numSlots()) __builtin_prefetch(&slots_.slot(link));
+    if (link >= slots_.numSlots()) return;
+    const auto* bytes = reinterpret_cast<const char*>(&slots_.slot(link));
+    __builtin_prefetch(bytes);
+    __builtin_prefetch(bytes + std::min<uint32_t>(slots_.slotSize(), kWalkReach) - 1);
   }
   // The first slot of the hash's chain: the end-of-chain bit or an index to check.
   uint32_t firstSlot(uint32_t hash) {
@@ -230,6 +236,9 @@ class WriterHashMap {
   // Chains are mostly one or two slots long: fetching the first slot of a bucket a few
   // buckets ahead overlaps the cache misses of a whole-table walk.
   static constexpr uint32_t kPrefetchDistance = 8;
+  // The bytes of a slot that a walk reads before it decides: the 16-byte header and the key
+  // (the keys of the published tables are at most 16 bytes; a slab table's offset is 8).
+  static constexpr uint32_t kWalkReach = 32;
   void prefetchChain(uint32_t bucket, uint32_t end) {
     if (bucket >= end) return;
     uint32_t link = SlotWriterTable::loadLink(buckets_.head(bucket));
