@@ -2,7 +2,12 @@
 //   lookup        direct-reader random lookups on one core, against LMDB mdb_get with a
 //                 reused read transaction, a Boost.Interprocess unordered_map read under a
 //                 sharable lock and with no lock, and an in-process std::unordered_map;
-//                 the same keys through lookupBatch, 64 at a time
+//                 the same keys through lookupBatch, 64 at a time. Two hash tables compare
+//                 only when they hash the keys the same way: the Boost ratios hold this table
+//                 against the Boost map with the labels hashed as those maps hash an integer
+//                 (the identity, which boost::hash and std::hash use; this table then gets a
+//                 key type that hashes so), and the _keyhash ratios with both hashing as the
+//                 LFIB's keys do. Every other figure uses the LFIB's hashing.
 //   chase         a dependent pointer chase over a buffer of the slot table's size
 //   sync          cold shadow sync of the whole table, against a memcpy of its bytes
 //   follow        notifications a shadow consumes per second: of rewrites, and of removals
@@ -41,6 +46,7 @@
 #include <random>
 #include <span>
 #include <string>
+#include <type_traits>
 #include <unordered_map>
 #include <vector>
 
@@ -70,14 +76,18 @@ const std::string& benchRoot() {
   return root;
 }
 
-using Writer = Ledger::LedgerWriter<RouteKey, Route>;
-using Reader = Ledger::LedgerReader<RouteKey, Route>;
+template <class R>
+using WriterOf = Ledger::LedgerWriter<typename R::Key, R>;
+template <class R>
+using ReaderOf = Ledger::LedgerReader<typename R::Key, R>;
+using Writer = WriterOf<Route>;
+using Reader = ReaderOf<Route>;
 using Shadow = Ledger::LedgerShadow<RouteKey, Route>;
 
-Ledger::LedgerConfig config() {
+Ledger::LedgerConfig config(const std::string& table = "routes") {
   Ledger::LedgerConfig c;
   c.root = benchRoot();
-  c.table = "routes";
+  c.table = table;
   c.capacity = 1024;
   return c;
 }
@@ -86,11 +96,12 @@ volatile uint32_t sink;
 
 // ---- lookups ------------------------------------------------------------------------------
 
-double ledgerLookups(Reader& reader, const std::vector<uint32_t>& order) {
-  Route r;
+template <class R>
+double ledgerLookups(ReaderOf<R>& reader, const std::vector<uint32_t>& order) {
+  R r;
   uint32_t found = 0;
   auto start = Clock::now();
-  for (uint32_t label : order) found += reader.lookup(RouteKey{label}, r);
+  for (uint32_t label : order) found += reader.lookup(typename R::Key{label}, r);
   double t = seconds(start);
   sink = found;
   return order.size() / t;
@@ -158,12 +169,17 @@ struct Lmdb {
 };
 
 namespace bip = boost::interprocess;
+// Labels hashed as the LFIB's keys hash them (RouteKey::hash).
+struct MixedLabelHash {
+  size_t operator()(uint32_t label) const { return RouteKey{label}.hash(); }
+};
+template <class LabelHasher>
 struct BoostMap {
   using Alloc =
       bip::allocator<std::pair<const uint32_t, Route>, bip::managed_shared_memory::segment_manager>;
-  using Map =
-      boost::unordered_map<uint32_t, Route, boost::hash<uint32_t>, std::equal_to<uint32_t>, Alloc>;
-  std::string name = "ledger-reader-bench-boost-" + std::to_string(::getpid());
+  using Map = boost::unordered_map<uint32_t, Route, LabelHasher, std::equal_to<uint32_t>, Alloc>;
+  std::string name = "ledger-reader-bench-boost-" + std::to_string(::getpid()) + "-" +
+                     (std::is_same_v<LabelHasher, MixedLabelHash> ? "mixed" : "identity");
   bip::managed_shared_memory segment;
   Map* map;
   bip::interprocess_sharable_mutex* mutex;
@@ -171,9 +187,8 @@ struct BoostMap {
     bip::shared_memory_object::remove(name.c_str());
     segment = bip::managed_shared_memory(bip::create_only, name.c_str(), size_t{512} << 20);
     mutex = segment.construct<bip::interprocess_sharable_mutex>("mutex")();
-    map =
-        segment.construct<Map>("map")(kEntries, boost::hash<uint32_t>(), std::equal_to<uint32_t>(),
-                                      segment.get_allocator<std::pair<const uint32_t, Route>>());
+    map = segment.construct<Map>("map")(kEntries, LabelHasher(), std::equal_to<uint32_t>(),
+                                        segment.get_allocator<std::pair<const uint32_t, Route>>());
     for (uint32_t label = 0; label < kEntries; ++label) map->emplace(label, makeRoute(label, 1));
   }
   ~BoostMap() { bip::shared_memory_object::remove(name.c_str()); }
@@ -457,24 +472,43 @@ int main() {
   std::mt19937 rng(11);
   for (auto& label : order) label = rng() % kEntries;
   const bool lookups = wanted("lookup");
+  // For the lookups against the other hash maps, which hash an integer label by the identity,
+  // a second table of ours whose keys hash the same way.
+  std::unique_ptr<WriterOf<IdentityRoute>> identityWriter;
+  std::unique_ptr<ReaderOf<IdentityRoute>> identityReader;
   std::unique_ptr<Lmdb> lmdb;
-  std::unique_ptr<BoostMap> boost;
+  std::unique_ptr<BoostMap<boost::hash<uint32_t>>> boost;
+  std::unique_ptr<BoostMap<MixedLabelHash>> boostMixed;
   std::unordered_map<uint32_t, Route> plain;
   if (lookups) {
+    identityWriter = std::make_unique<WriterOf<IdentityRoute>>(config("routes-identity"));
+    identityWriter->attach();
+    for (uint32_t label = 0; label < kEntries; ++label) {
+      identityWriter->write(makeRoute<IdentityRoute>(label, 1));
+    }
+    identityReader = std::make_unique<ReaderOf<IdentityRoute>>(
+        Ledger::ReaderConfig{benchRoot(), "routes-identity"});
+    identityReader->attach();
     lmdb = std::make_unique<Lmdb>();
-    boost = std::make_unique<BoostMap>();
+    boost = std::make_unique<BoostMap<boost::hash<uint32_t>>>();
+    boostMixed = std::make_unique<BoostMap<MixedLabelHash>>();
     for (uint32_t label = 0; label < kEntries; ++label) plain.emplace(label, makeRoute(label, 1));
   }
 
-  Series ours, batched, lm, bl, bu, st, chase, sync, syncCpu, copy, follow, followRemovals;
+  // ours, bl, bu: keys hashed by the identity; oursMixed, blMixed, buMixed: as the LFIB's keys.
+  Series ours, oursMixed, batched, lm, bl, bu, blMixed, buMixed, st, chase;
+  Series sync, syncCpu, copy, follow, followRemovals;
   Series wakeP50, wakeP99, futexP50, futexP99, churnP50, churnP99;
   for (int rep = 0; rep < kRepetitions; ++rep) {
     if (lookups) {
-      ours.push_back(ledgerLookups(reader, order));
+      ours.push_back(ledgerLookups<IdentityRoute>(*identityReader, order));
+      oursMixed.push_back(ledgerLookups<Route>(reader, order));
       batched.push_back(ledgerBatchedLookups(reader, order));
       lm.push_back(lmdb->lookups(order));
       bl.push_back(boost->lookups(order, true));
       bu.push_back(boost->lookups(order, false));
+      blMixed.push_back(boostMixed->lookups(order, true));
+      buMixed.push_back(boostMixed->lookups(order, false));
       st.push_back(stdLookups(plain, order));
       chase.push_back(pointerChaseNs(w.slotTable().mappedSize()));
     }
@@ -502,12 +536,15 @@ int main() {
     std::fprintf(stderr, "round %d done\n", rep + 1);
   }
   Series lookupNs;
-  for (double rate : ours) lookupNs.push_back(1e9 / rate);
-  figure("lookup_per_s", ours, 0, "lookups/s");
+  for (double rate : oursMixed) lookupNs.push_back(1e9 / rate);
+  figure("lookup_per_s", oursMixed, 0, "lookups/s");
+  figure("lookup_identity_hash_per_s", ours, 0, "lookups/s");
   figure("batched_lookup_per_s", batched, 0, "lookups/s");
   figure("lmdb_get_per_s", lm, 0, "lookups/s");
   figure("boost_ipc_locked_per_s", bl, 0, "lookups/s");
   figure("boost_ipc_unlocked_per_s", bu, 0, "lookups/s");
+  figure("boost_ipc_locked_keyhash_per_s", blMixed, 0, "lookups/s");
+  figure("boost_ipc_unlocked_keyhash_per_s", buMixed, 0, "lookups/s");
   figure("std_unordered_map_per_s", st, 0, "lookups/s");
   figure("lookup_ns", lookupNs, 1, "ns");
   figure("pointer_chase_ns", chase, 1, "ns");
@@ -522,15 +559,18 @@ int main() {
   figure("wake_under_churn_p99_us", churnP99, 1, "us");
   figure("futex_p50_us", futexP50, 1, "us");
   figure("futex_p99_us", futexP99, 1, "us");
-  ratio("lookup_vs_lmdb", ours, lm);
+  ratio("lookup_vs_lmdb", oursMixed, lm);
   ratio("batched_lookup_vs_lmdb", batched, lm);
   ratio("lookup_vs_boost_ipc_locked", ours, bl);
   ratio("lookup_vs_boost_ipc_unlocked", ours, bu);
+  ratio("lookup_vs_boost_ipc_locked_keyhash", oursMixed, blMixed);
+  ratio("lookup_vs_boost_ipc_unlocked_keyhash", oursMixed, buMixed);
   ratio("lookup_vs_std_unordered_map", ours, st);
   ratio("pointer_chase_vs_lookup", chase, lookupNs);
   ratio("memcpy_vs_sync", copy, sync);
   ratio("futex_vs_wake_p50", futexP50, wakeP50);
   ratio("futex_vs_wake_p99", futexP99, wakeP99);
+  if (identityWriter) identityWriter->cleanup();
   w.cleanup();
   std::filesystem::remove_all(benchRoot());
   return 0;
