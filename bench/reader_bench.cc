@@ -533,7 +533,8 @@ int main() {
       churnP50.push_back(cp50);
       churnP99.push_back(cp99);
     }
-    std::fprintf(stderr, "round %d done\n", rep + 1);
+    std::fprintf(stderr, "round %d done%s\n", rep + 1,
+                 sync.empty() ? "" : (", sync " + std::to_string(sync.back()) + " s").c_str());
   }
   Series lookupNs;
   for (double rate : oursMixed) lookupNs.push_back(1e9 / rate);
