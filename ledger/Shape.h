@@ -244,6 +244,9 @@ class ReaderAllocator {
 // Allocation over all size classes of one table.
 class WriterAllocator {
  public:
+  // The bytes of an entry that prefetch() fetches: header and a key of up to 28 bytes.
+  static constexpr uint32_t kPrefetchedHead = 32;
+  static_assert(kPrefetchedHead <= entrySizeOf(0));
   void attach(const std::string& root, const std::string& table, uint32_t emberId,
               SharedMem::EmberFile::Perm perm);
   void detach();
@@ -252,11 +255,15 @@ class WriterAllocator {
   // Payload bytes and size of a live entry; null when the offset names no live entry.
   const uint8_t* payload(Offset offset, uint32_t* size = nullptr);
   uint8_t* mutablePayload(Offset offset) { return const_cast<uint8_t*>(payload(offset)); }
-  // Starts fetching the entry that `offset` names, when it names one.
+  // Starts fetching the entry that `offset` names, when it names one: its header and the
+  // first bytes of its payload (where a table keeps the key), which may start the next line.
   void prefetch(Offset offset) {
     if (!offset.valid() || offset.sizeClass() >= kNumClasses) return;
     SlabWriter& slab = slabs_[offset.sizeClass()];
-    if (offset.index() < slab.numEntries()) __builtin_prefetch(slab.entryAt(offset.index()));
+    if (offset.index() >= slab.numEntries()) return;
+    const uint8_t* entry = slab.entryAt(offset.index());
+    __builtin_prefetch(entry);
+    __builtin_prefetch(entry + kPrefetchedHead - 1);
   }
   // Keeps exactly the entries named in `live` (recovery after a writer died).
   void rebuild(const std::vector<Offset>& live);
