@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <chrono>
 #include <compare>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -44,6 +45,11 @@ using Route = LabelRoute<LabelHash::mixed>;
 using IdentityKey = LabelKey<LabelHash::identity>;
 using IdentityRoute = LabelRoute<LabelHash::identity>;
 static_assert(sizeof(Route) == 116 && sizeof(IdentityRoute) == 116);
+
+// For the other libraries' hash maps: labels hashed as the LFIB's keys hash them.
+struct MixedLabelHash {
+  size_t operator()(uint32_t label) const { return RouteKey{label}.hash(); }
+};
 
 template <class R = Route>
 R makeRoute(uint32_t label, uint32_t version) {

@@ -169,10 +169,6 @@ struct Lmdb {
 };
 
 namespace bip = boost::interprocess;
-// Labels hashed as the LFIB's keys hash them (RouteKey::hash).
-struct MixedLabelHash {
-  size_t operator()(uint32_t label) const { return RouteKey{label}.hash(); }
-};
 template <class LabelHasher>
 struct BoostMap {
   using Alloc =

@@ -174,10 +174,6 @@ PhaseTimes runLmdb(const std::vector<uint32_t>& order, bool txnPerOp) {
 namespace bip = boost::interprocess;
 using SegmentManager = bip::managed_shared_memory::segment_manager;
 using IpcAllocator = bip::allocator<std::pair<const uint32_t, Route>, SegmentManager>;
-// Labels hashed as RouteKey hashes them.
-struct RouteKeyHash {
-  size_t operator()(uint32_t label) const { return RouteKey{label}.hash(); }
-};
 template <class LabelHash>
 using IpcMap =
     boost::unordered_map<uint32_t, Route, LabelHash, std::equal_to<uint32_t>, IpcAllocator>;
@@ -230,7 +226,7 @@ int main(int argc, char** argv) {
       {"lmdb_txn_per_op", [](const auto& o) { return runLmdb(o, true); }, {}},
       {"lmdb_one_txn", [](const auto& o) { return runLmdb(o, false); }, {}},
       {"boost_ipc_mutex", runBoost<boost::hash<uint32_t>>, {}},
-      {"boost_ipc_mutex_keyhash", runBoost<RouteKeyHash>, {}},
+      {"boost_ipc_mutex_keyhash", runBoost<MixedLabelHash>, {}},
   };
   if (!only.empty()) {
     std::erase_if(systems, [&](const System& s) { return s.name != only; });
