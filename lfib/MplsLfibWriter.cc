@@ -29,8 +29,6 @@ struct LfibWriter::OldRoute {
   }
 };
 
-namespace {}  // namespace
-
 // A via set on loan from the writer's spares for the length of one route's write. Building a
 // route's via set from a blank one copied 1.5 KB every time; a returned one is emptied by
 // zeroing only the keys it held. Those and the via set key are all that writeRoute sets, so
