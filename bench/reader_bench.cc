@@ -94,6 +94,12 @@ Ledger::LedgerConfig config(const std::string& table = "routes") {
 
 volatile uint32_t sink;
 
+// Writes every entry, at `version`.
+template <class R>
+void writeAll(WriterOf<R>& w, uint32_t version) {
+  for (uint32_t label = 0; label < kEntries; ++label) w.write(makeRoute<R>(label, version));
+}
+
 // ---- lookups ------------------------------------------------------------------------------
 
 template <class R>
@@ -302,9 +308,7 @@ double followRate(Change&& change) {
 
 // The writer changes every entry once.
 double followRate(Writer& w, uint32_t version) {
-  return followRate([&] {
-    for (uint32_t label = 0; label < kEntries; ++label) w.write(makeRoute(label, version));
-  });
+  return followRate([&] { writeAll<Route>(w, version); });
 }
 
 // The writer removes every entry (shrinking its table on the way). The entries are written
@@ -313,7 +317,7 @@ double followRemovalRate(Writer& w, uint32_t version) {
   const double rate = followRate([&] {
     for (uint32_t label = 0; label < kEntries; ++label) w.remove(RouteKey{label});
   });
-  for (uint32_t label = 0; label < kEntries; ++label) w.write(makeRoute(label, version));
+  writeAll<Route>(w, version);
   return rate;
 }
 
@@ -460,7 +464,7 @@ int main() {
   w.attach();
   Mem::ReaderKickSm kicker(benchRoot() + "/routes");
   w.rally().kickHookIs([&] { kicker.commitNotify(); });
-  for (uint32_t label = 0; label < kEntries; ++label) w.write(makeRoute(label, 1));
+  writeAll<Route>(w, 1);
   std::fprintf(stderr, "loaded\n");
   Reader reader(Ledger::ReaderConfig{benchRoot(), "routes"});
   reader.attach();
@@ -479,9 +483,7 @@ int main() {
   if (lookups) {
     identityWriter = std::make_unique<WriterOf<IdentityRoute>>(config("routes-identity"));
     identityWriter->attach();
-    for (uint32_t label = 0; label < kEntries; ++label) {
-      identityWriter->write(makeRoute<IdentityRoute>(label, 1));
-    }
+    writeAll<IdentityRoute>(*identityWriter, 1);
     identityReader = std::make_unique<ReaderOf<IdentityRoute>>(
         Ledger::ReaderConfig{benchRoot(), "routes-identity"});
     identityReader->attach();
