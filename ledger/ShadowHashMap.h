@@ -43,6 +43,30 @@ class ShadowHashMap {
       if (hashOf(word) == hash && same(slotOf(word))) return slotOf(word);
     }
   }
+  // One probe for both: the slot of the key with `hash` for which `same(slot)` is true, or,
+  // when there is none, kNone after adding `slot` under `hash` where the probe ended.
+  template <class Same>
+  uint32_t findOrInsert(uint32_t slot, uint32_t hash, Same same) {
+    if (size_ + 1 > numBuckets_ / 4 * 3) rehash(numBuckets_ * 2);
+    uint32_t at = hash & mask();
+    for (;; at = (at + 1) & mask()) {
+      const uint64_t word = buckets_[at];
+      if (word == 0) break;
+      if (hashOf(word) == hash && same(slotOf(word))) return slotOf(word);
+    }
+    buckets_[at] = wordOf(hash, slot);
+    ++size_;
+    return kNone;
+  }
+  // The key in `from` under `hash` now lives in `to`: its bucket names the new slot.
+  void repoint(uint32_t hash, uint32_t from, uint32_t to) {
+    const uint64_t word = wordOf(hash, from);
+    uint32_t at = hash & mask();
+    for (uint32_t n = 0; buckets_[at] != word; at = (at + 1) & mask()) {
+      if (buckets_[at] == 0 || ++n > numBuckets_) return;  // not there
+    }
+    buckets_[at] = wordOf(hash, to);
+  }
   // Adds `slot` under `hash`; the caller knows that its key is not in the map.
   void insert(uint32_t slot, uint32_t hash) {
     if (size_ + 1 > numBuckets_ / 4 * 3) rehash(numBuckets_ * 2);
@@ -104,6 +128,11 @@ class ShadowHashMap {
     buckets_[at] = word;
   }
   void rehash(uint32_t n) {
+    if (size_ == 0 && n > numBuckets_ && n <= buckets_.capacity()) {
+      buckets_.assign(n, 0);  // emptied (flush): growing again into the memory it had
+      numBuckets_ = n;
+      return;
+    }
     std::vector<uint64_t, LargePageAllocator<uint64_t>> old(n, 0);
     old.swap(buckets_);
     numBuckets_ = n;

@@ -179,7 +179,7 @@ class ShadowStore {
       emit(notifying, key, &scratch_);
       return;
     }
-    take(slotIndex, key, stored_.data(), notifying);
+    take(slotIndex, key, OpsT::hash(key), stored_.data(), notifying);
   }
 
   // A sync's walk over slots [first, last): doSlot for each, with the same outcome, but in
@@ -288,26 +288,31 @@ class ShadowStore {
     return notifications_ != before && notifying && notify_.onKey && stop();
   }
   // Slots [first, end) of the writer's table (below its numSlots and the mapping) into the
-  // shadow (below its numSlots), fetching the slots four groups ahead (the processor's own
-  // prefetch stops at every page) and their hash buckets two groups ahead: status words,
-  // copies of the values the shadow does not hold, a fence, the status words again; each slot whose
-  // status held and that is OCCUPIED without LOOKASIDE is taken from its copy, every other slot
-  // goes through doSlot. Returns the slot after the last one done.
+  // shadow (below its numSlots): status words, copies of the values the shadow does not hold, a
+  // fence, the status words again; each slot whose status held and that is OCCUPIED without
+  // LOOKASIDE is taken from its copy, every other slot goes through doSlot. Returns the slot
+  // after the last one done.
+  //
+  // The walk is bound by memory. The writer's slots are read in order, which the processor
+  // fetches ahead by itself within a page (and the pages are populated a chunk ahead). What
+  // it cannot guess is the hash bucket of each key: that is fetched as soon as the key is
+  // copied, from the copy (a torn copy only costs a useless fetch: its status does not hold),
+  // and used a group later. Fetching it earlier, from the writer's slot further ahead, costs
+  // a stalling load of that slot first.
   template <class Stop>
   uint32_t syncGroup(uint32_t first, uint32_t end, bool notifying, Stop& stop) {
     const SlotReaderTable& table = reader_.slotTable();
     const uint32_t size = valueSize();
     std::array<uint32_t, kBulkGroup> status;
-    const uint64_t mapped = table.mappedSlots();
+    std::array<uint32_t, kBulkGroup> hashes;
     for (uint32_t slot = first; slot < end; ++slot) {
       if (slot % kPopulateChunk == 0) table.populate(slot + kPopulateChunk, kPopulateChunk);
-      if (slot + uint64_t{4 * kBulkGroup} < mapped) table.prefetch(slot + 4 * kBulkGroup);
-      if (slot + uint64_t{2 * kBulkGroup} < mapped) {
-        map_.prefetch(hashGuessOf(slot + 2 * kBulkGroup));
-      }
       status[slot - first] = Shm::load(table.slot(slot).status, std::memory_order_acquire);
       if (settled(status[slot - first]) && !entries_[slot].occupied) {
-        std::memcpy(values_.data() + uint64_t{slot} * size, table.value(slot), size);
+        uint8_t* copy = values_.data() + uint64_t{slot} * size;
+        std::memcpy(copy, table.value(slot), size);
+        hashes[slot - first] = OpsT::hash(reader_.ops().storedKey(copy));
+        map_.prefetch(hashes[slot - first]);
       }
     }
     // Acquire fence: the copies above are ordered before the status words' second loads.
@@ -317,7 +322,7 @@ class ShadowStore {
       const bool held = Shm::load(table.slot(slot).status, std::memory_order_relaxed) == was;
       const uint64_t before = notifications_;
       if (held && settled(was) && !entries_[slot].occupied) {
-        takeCopied(slot, notifying);
+        takeCopied(slot, hashes[slot - first], notifying);
       } else if (!held || (was & kOccupied) || entries_[slot].occupied) {
         doSlot(slot, 0, notifying);
       }  // else free in both: nothing to do
@@ -326,12 +331,13 @@ class ShadowStore {
     return end;
   }
   static bool settled(uint32_t status) { return (status & (kOccupied | kLookaside)) == kOccupied; }
-  // The value copied into the shadow's place for `slot` is whole: the slot's key is taken.
-  void takeCopied(uint32_t slot, bool notifying) {
+  // The value copied into the shadow's place for `slot` is whole: the slot's key (of `hash`)
+  // is taken.
+  void takeCopied(uint32_t slot, uint32_t hash, bool notifying) {
     const uint8_t* stored = storedAt(slot);
     const Key key = reader_.ops().storedKey(stored);
     if (notifying && notify_.onKey) reader_.ops().load(stored, scratch_);
-    take(slot, key, stored, notifying);
+    take(slot, key, hash, stored, notifying);
   }
 
   // The hash of the key in the writer's slot, from its rhash read unchecked: a guess to fetch by.
@@ -426,15 +432,23 @@ class ShadowStore {
     emit(notifying, gone, nullptr);
   }
 
-  // This slot's new key: taken over from another slot when a shrink moved it here (silently
-  // when its value did not change), else a new key.
-  void take(uint32_t slot, const Key& key, const uint8_t* stored, bool notifying) {
+  // This slot's new key (of `hash`; the slot is free in the shadow): taken over from another
+  // slot when a shrink moved it here (silently when its value did not change), else a new
+  // key. One probe of the hash map either way.
+  void take(uint32_t slot, const Key& key, uint32_t hash, const uint8_t* stored, bool notifying) {
     bool unchanged = false;
-    if (const uint32_t moved = find(key, OpsT::hash(key)); moved != kNoSlot) {
+    const uint32_t moved = map_.findOrInsert(
+        slot, hash, [&](uint32_t other) { return OpsT::equal(entries_[other].key, key); });
+    if (moved != ShadowHashMap::kNone) {
       unchanged = sameAs(moved, stored);
-      unlink(moved);
+      entries_[moved].occupied = false;
+      map_.repoint(hash, moved, slot);
     }
-    place(slot, key, stored);
+    Entry& e = entries_[slot];
+    e.occupied = true;
+    e.key = key;
+    e.hash = hash;
+    keep(slot, stored);
     if (!unchanged) emit(notifying, key, &scratch_);
   }
 

@@ -58,6 +58,7 @@ void SlotReaderTable::attach(const std::string& root, const std::string& table, 
 
 void SlotReaderTable::bind() {
   base_ = file_.base();
+  populatedFrom_ = populatedTo_ = 0;
   uint64_t slots = (file_.size() - kSlotTableHeaderSize) / slotSize_;
   slots = slots == 0 ? 0 : slots - 1;  // the look-aside slot
   mappedSlots_ = uint32_t(std::min<uint64_t>(slots, kMaxSlots));
@@ -96,11 +97,19 @@ bool SlotReaderTable::doResize() {
 void SlotReaderTable::populate(uint32_t first, uint32_t count) const {
 #ifdef MADV_POPULATE_READ
   if (!attached() || first >= mappedSlots_) return;
-  const uint64_t page = uint64_t(::sysconf(_SC_PAGESIZE));
-  const uint64_t from = (kSlotTableHeaderSize + (uint64_t{first} + 1) * slotSize_) & ~(page - 1);
+  static const uint64_t page = uint64_t(::sysconf(_SC_PAGESIZE));
+  uint64_t from = kSlotTableHeaderSize + (uint64_t{first} + 1) * slotSize_;
   const uint64_t to = std::min<uint64_t>(
       file_.size(), kSlotTableHeaderSize + (uint64_t{first} + count + 1) * slotSize_);
-  if (to > from) ::madvise(const_cast<uint8_t*>(base_) + from, to - from, MADV_POPULATE_READ);
+  // A second walk over the same mapping (a resync) finds its pages mapped already: the kernel
+  // would walk them all again for nothing.
+  const bool extends = from >= populatedFrom_ && from <= populatedTo_;
+  if (extends) from = populatedTo_;
+  from &= ~(page - 1);
+  if (to <= from) return;
+  ::madvise(const_cast<uint8_t*>(base_) + from, to - from, MADV_POPULATE_READ);
+  if (!extends) populatedFrom_ = from;
+  populatedTo_ = to;
 #else
   (void)first;
   (void)count;

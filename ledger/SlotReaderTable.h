@@ -121,6 +121,9 @@ class SlotReaderTable {
   uint32_t slotSize_ = 0;
   uint32_t valueSize_ = 0;
   uint32_t mappedSlots_ = 0;
+  // The bytes of the mapping that populate() last mapped in, as one range.
+  mutable uint64_t populatedFrom_ = 0;
+  mutable uint64_t populatedTo_ = 0;
   uint64_t identity_ = 0;
   uint64_t lookasideReads_ = 0;
   uint64_t retries_ = 0;

@@ -98,6 +98,45 @@ TEST_F(ShadowTest, ShrinkMovesAreNotReportedAsChanges) {
   EXPECT_TRUE(log.errors.empty()) << log.errors.front();
 }
 
+// The walk of a resync finds the shadow's keys moved: it follows them to their new slots
+// without reporting a change, reports the keys that left, and ends equal to the writer. Then
+// an emptied shadow syncs again into the memory it had, reporting every key once more.
+TEST_F(ShadowTest, ResyncFollowsMovedKeysAndAnEmptiedShadowSyncsAgain) {
+  KickingWriter w(root.path(), "routes", 64);  // kicks only on flush(): the shadow looks away
+  for (uint64_t id = 0; id < 3000; ++id) w.writer.write(makeValue(id, 1));
+  auto shadow = makeShadow();
+  ASSERT_TRUE(shadow->initialize());
+  ASSERT_TRUE(settle(*shadow));
+  for (uint64_t id = 0; id < 3000; ++id) {
+    if (id % 89) w.writer.remove(TestKey{id});
+  }
+  ASSERT_GT(w.writer.writerCounters().slotShrinks, 0u) << "survivors moved to lower slots";
+  w.writer.write(makeValue(89, 2));
+  shadow->resync("test");
+  ASSERT_TRUE(settle(*shadow));
+  EXPECT_EQ(shadowContents(*shadow), w.contents());
+  EXPECT_EQ(log.present, w.contents());
+  EXPECT_EQ(log.changes, 1u) << "only key 89 changed; the others only moved";
+  EXPECT_EQ(log.deletes, 3000u - 34u);
+  for (const auto& [id, version] : w.contents()) {
+    TestValue found;
+    ASSERT_TRUE(shadow->lookup(TestKey{id}, found)) << "key " << id << " is found where it went";
+    EXPECT_EQ(found, makeValue(id, version));
+  }
+
+  shadow->store().flush();
+  log = EventLog();  // the shadow forgot everything: what it reports now starts afresh
+  shadow->resync("test");
+  ASSERT_TRUE(settle(*shadow));
+  EXPECT_EQ(shadowContents(*shadow), w.contents());
+  EXPECT_EQ(log.present, w.contents());
+  EXPECT_EQ(log.adds, 34u);
+  TestValue v;
+  ASSERT_TRUE(shadow->lookup(TestKey{89}, v));
+  EXPECT_EQ(v, makeValue(89, 2));
+  EXPECT_TRUE(log.errors.empty()) << log.errors.front();
+}
+
 TEST_F(ShadowTest, SyncRunsInSlicesWhileWriterChanges) {
   KickingWriter w(root.path(), "routes", 64, &loop);
   for (uint64_t id = 0; id < 20000; ++id) w.writer.write(makeValue(id, 1));

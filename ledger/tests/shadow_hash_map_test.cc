@@ -54,6 +54,56 @@ TEST(ShadowHashMap, CrowdedHashesSurviveInsertEraseGrowAndShrink) {
   EXPECT_EQ(m.map.numBuckets(), ShadowHashMap::kMinBuckets);
 }
 
+// findOrInsert finds a key that is there (under a crowded hash) and adds one that is not;
+// repoint moves a key to another slot in place.
+TEST(ShadowHashMap, FindOrInsertAndRepointAgainstAModel) {
+  std::mt19937 rng(11);
+  Model m;
+  std::map<uint32_t, uint32_t> slotOfKey, keyOfSlot;  // keys are 1000 + n; their slots change
+  for (int round = 0; round < 20000; ++round) {
+    const uint32_t key = 1000 + rng() % 2000;
+    const uint32_t hash = rng() % 4 == 0 ? 0xfffffff8u : key % 48;  // runs wrap, hashes collide
+    const auto known = slotOfKey.find(key);
+    const uint32_t slot = 100000 + round;  // a fresh slot each time
+    auto sameKey = [&](uint32_t s) { return keyOfSlot.at(s) == key; };
+    if (known != slotOfKey.end()) {
+      const uint32_t at = m.map.findOrInsert(slot, m.hashes.at(known->second), sameKey);
+      ASSERT_EQ(at, known->second) << "key " << key << " is found, not added again";
+      m.map.repoint(m.hashes.at(at), at, slot);
+      m.hashes[slot] = m.hashes.at(at);
+      m.hashes.erase(at);
+      keyOfSlot.erase(at);
+      keyOfSlot[slot] = key;
+      known->second = slot;
+    } else {
+      ASSERT_EQ(m.map.findOrInsert(slot, hash, sameKey), ShadowHashMap::kNone);
+      m.hashes[slot] = hash;
+      slotOfKey[key] = slot;
+      keyOfSlot[slot] = key;
+    }
+    if (round % 1000 == 0) {
+      ASSERT_NO_FATAL_FAILURE(m.expectSame());
+    }
+  }
+  ASSERT_NO_FATAL_FAILURE(m.expectSame());
+}
+
+TEST(ShadowHashMap, EmptiedMapGrowsBackIntoItsOwnMemory) {
+  ShadowHashMap map;
+  map.reserve(100000);
+  const uint32_t grown = map.numBuckets();
+  map.clear();
+  EXPECT_EQ(map.numBuckets(), ShadowHashMap::kMinBuckets);
+  map.reserve(100000);
+  EXPECT_EQ(map.numBuckets(), grown);
+  for (uint32_t slot = 0; slot < 1000; ++slot) {
+    EXPECT_EQ(map.find(slot * 7919u, [](uint32_t) { return true; }), ShadowHashMap::kNone)
+        << "no bucket kept a word from before";
+    map.insert(slot, slot * 7919u);
+  }
+  EXPECT_EQ(map.size(), 1000u);
+}
+
 TEST(ShadowHashMap, ReserveSizesOnceAndKeepsWhatIsThere) {
   Model m;
   for (uint32_t slot = 0; slot < 10; ++slot) {
