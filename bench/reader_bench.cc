@@ -9,7 +9,11 @@
 //                 key type that hashes so), and the _keyhash ratios with both hashing as the
 //                 LFIB's keys do. Every other figure uses the LFIB's hashing.
 //   chase         a dependent pointer chase over a buffer of the slot table's size
-//   sync          cold shadow sync of the whole table, against a memcpy of its bytes
+//   sync          cold shadow sync of the whole table in a new shadow, against a memcpy of the
+//                 table's bytes (from the writer's mapping into memory already faulted in),
+//                 and against the least that a reader process has to do to copy them (map the
+//                 file afresh and copy into memory fresh from the kernel: memcpy_cold); the
+//                 same walk into an emptied shadow's own memory (resync)
 //   follow        notifications a shadow consumes per second: of rewrites, and of removals
 //                 (the writer's table shrinking on the way)
 //   wake          commit -> callback latency in another process (idle, its loop blocked with
@@ -21,6 +25,7 @@
 // Every figure is the median of kRepetitions runs, peers interleaved with ours in each round.
 // Output ends with "figure <name> <value> <unit>" and "ratio <name> <value>" lines (higher is
 // better in every ratio).
+#include <fcntl.h>
 #include <linux/futex.h>
 #include <lmdb.h>
 #include <sys/mman.h>
@@ -279,6 +284,42 @@ std::pair<double, double> syncSeconds() {
   return {wall, used};
 }
 
+// A cold sync of a shadow emptied (flush) after a first sync: the same walk, into the memory
+// that the shadow filled before instead of memory fresh from the kernel.
+double resyncSeconds() {
+  Zinc::Loop loop;
+  Shadow shadow(Ledger::ReaderConfig{benchRoot(), "routes"}, loop);
+  shadow.yieldTimeIs(std::chrono::milliseconds(10));
+  shadow.initialize();
+  runUntil(loop, [&] { return shadow.inStep(); });
+  shadow.store().flush();
+  syncPerfControl("enable");
+  auto start = Clock::now();
+  shadow.resync("benchmark");
+  runUntil(loop, [&] { return shadow.inStep(); });
+  const double wall = seconds(start);
+  syncPerfControl("disable");
+  return wall;
+}
+
+// What a reader process must do at the least to copy the table: map the file afresh and copy
+// its bytes into memory fresh from the kernel, mapped as a shadow maps its arrays.
+double memcpyColdSeconds(Writer& w) {
+  const size_t size = w.slotTable().mappedSize();
+  std::vector<uint8_t, Ledger::LargePageAllocator<uint8_t>> copy;
+  auto start = Clock::now();
+  const int fd = ::open(w.slotTable().path().c_str(), O_RDONLY | O_CLOEXEC);
+  void* at = fd < 0 ? MAP_FAILED : ::mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
+  if (at == MAP_FAILED) throw std::runtime_error("cannot map " + w.slotTable().path());
+  copy.resize(size);
+  std::memcpy(copy.data(), at, size);
+  double t = seconds(start);
+  ::munmap(at, size);
+  ::close(fd);
+  sink = copy[size / 2];
+  return t;
+}
+
 double memcpySeconds(Writer& w) {
   std::vector<uint8_t> copy(w.slotTable().mappedSize());
   auto start = Clock::now();
@@ -495,7 +536,7 @@ int main() {
 
   // ours, bl, bu: keys hashed by the identity; oursMixed, blMixed, buMixed: as the LFIB's keys.
   Series ours, oursMixed, batched, lm, bl, bu, blMixed, buMixed, st, chase;
-  Series sync, syncCpu, copy, follow, followRemovals;
+  Series sync, syncCpu, copy, follow, followRemovals, resync, copyCold;
   Series wakeP50, wakeP99, futexP50, futexP99, churnP50, churnP99;
   for (int rep = 0; rep < kRepetitions; ++rep) {
     if (lookups) {
@@ -515,6 +556,8 @@ int main() {
       sync.push_back(wall);
       syncCpu.push_back(cpu);
       copy.push_back(memcpySeconds(w));
+      resync.push_back(resyncSeconds());
+      copyCold.push_back(memcpyColdSeconds(w));
     }
     if (wanted("follow")) {
       follow.push_back(followRate(w, rep + 2));
@@ -550,6 +593,8 @@ int main() {
   figure("sync_1m_seconds", sync, 4, "s");
   figure("sync_1m_cpu_seconds", syncCpu, 4, "s");
   figure("memcpy_table_seconds", copy, 4, "s");
+  figure("resync_1m_seconds", resync, 4, "s");
+  figure("memcpy_cold_seconds", copyCold, 4, "s");
   figure("follow_events_per_s", follow, 0, "events/s");
   figure("follow_removals_per_s", followRemovals, 0, "events/s");
   figure("wake_p50_us", wakeP50, 1, "us");
@@ -567,6 +612,8 @@ int main() {
   ratio("lookup_vs_std_unordered_map", ours, st);
   ratio("pointer_chase_vs_lookup", chase, lookupNs);
   ratio("memcpy_vs_sync", copy, sync);
+  ratio("memcpy_vs_resync", copy, resync);
+  ratio("memcpy_cold_vs_sync", copyCold, sync);
   ratio("futex_vs_wake_p50", futexP50, wakeP50);
   ratio("futex_vs_wake_p99", futexP99, wakeP99);
   if (identityWriter) identityWriter->cleanup();

@@ -42,6 +42,7 @@ class SlotWriterTable {
   const SlotTableHeader& header() const { return *reinterpret_cast<const SlotTableHeader*>(base_); }
   uint8_t* base() const { return base_; }
   size_t mappedSize() const { return file_.size(); }
+  const std::string& path() const { return file_.path(); }
   uint32_t emberId() const { return header().emberId; }
   uint32_t slotSize() const { return slotSize_; }
   uint32_t valueSize() const { return header().valueSize; }
