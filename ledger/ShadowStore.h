@@ -183,9 +183,10 @@ class ShadowStore {
   }
 
   // A sync's walk over slots [first, last): doSlot for each, with the same outcome, but in
-  // bulk where it can be. Groups of slots that the shadow does not hold yet are copied
-  // straight into the shadow's values between two loads of their status words (the
-  // consistent read, a group at a time); a slot whose status moved, or that is being
+  // bulk where it can be. Groups of slots that the shadow does not hold yet are copied between
+  // two loads of their status words (the consistent read, a group at a time): a value shadow
+  // copies straight into its values, a key shadow into a buffer for the group, from which it
+  // takes each key and the digest of its value. A slot whose status moved, or that is being
   // rewritten, or that the shadow holds already, takes doSlot. Returns the slot after the last
   // one done: `last`, or earlier when `stop()` answers true after a notification (the
   // notifiee may have restarted or ended the sync).
@@ -270,10 +271,10 @@ class ShadowStore {
 
   static constexpr uint32_t kBulkGroup = 32;
 
-  // Where a bulk group from `first` must end (at most `end`): bulk copies go to fixed-size
+  // Where a bulk group from `first` must end (at most `end`): bulk copies are of fixed-size
   // values of slots that both tables cover. `first` itself when none can.
   uint32_t bulkEnd(uint32_t first, uint32_t end) const {
-    if constexpr (SlotKind::kValues && !kVariable) {
+    if constexpr (!kVariable) {
       const SlotReaderTable& table = reader_.slotTable();
       const uint32_t covered = std::min({table.numSlots(), table.mappedSlots(), numSlots()});
       return std::max(first, std::min(end, covered));
@@ -305,11 +306,12 @@ class ShadowStore {
     const uint32_t size = valueSize();
     std::array<uint32_t, kBulkGroup> status;
     std::array<uint32_t, kBulkGroup> hashes;
+    if constexpr (!SlotKind::kValues) groupCopies_.resize(uint64_t{kBulkGroup} * size);
     for (uint32_t slot = first; slot < end; ++slot) {
       if (slot % kPopulateChunk == 0) table.populate(slot + kPopulateChunk, kPopulateChunk);
       status[slot - first] = Shm::load(table.slot(slot).status, std::memory_order_acquire);
       if (settled(status[slot - first]) && !entries_[slot].occupied) {
-        uint8_t* copy = values_.data() + uint64_t{slot} * size;
+        uint8_t* copy = copyPlace(slot, first);
         std::memcpy(copy, table.value(slot), size);
         hashes[slot - first] = OpsT::hash(reader_.ops().storedKey(copy));
         map_.prefetch(hashes[slot - first]);
@@ -322,7 +324,7 @@ class ShadowStore {
       const bool held = Shm::load(table.slot(slot).status, std::memory_order_relaxed) == was;
       const uint64_t before = notifications_;
       if (held && settled(was) && !entries_[slot].occupied) {
-        takeCopied(slot, hashes[slot - first], notifying);
+        takeCopied(slot, hashes[slot - first], copyPlace(slot, first), notifying);
       } else if (!held || (was & kOccupied) || entries_[slot].occupied) {
         doSlot(slot, 0, notifying);
       }  // else free in both: nothing to do
@@ -331,10 +333,17 @@ class ShadowStore {
     return end;
   }
   static bool settled(uint32_t status) { return (status & (kOccupied | kLookaside)) == kOccupied; }
-  // The value copied into the shadow's place for `slot` is whole: the slot's key (of `hash`)
-  // is taken.
-  void takeCopied(uint32_t slot, uint32_t hash, bool notifying) {
-    const uint8_t* stored = storedAt(slot);
+  // Where a bulk group from `first` copies the value of `slot`.
+  uint8_t* copyPlace(uint32_t slot, uint32_t first) {
+    if constexpr (SlotKind::kValues) {
+      (void)first;
+      return values_.data() + uint64_t{slot} * valueSize();
+    } else {
+      return groupCopies_.data() + uint64_t{slot - first} * valueSize();
+    }
+  }
+  // The value of `slot` copied to `stored` is whole: the slot's key (of `hash`) is taken.
+  void takeCopied(uint32_t slot, uint32_t hash, const uint8_t* stored, bool notifying) {
     const Key key = reader_.ops().storedKey(stored);
     if (notifying && notify_.onKey) reader_.ops().load(stored, scratch_);
     take(slot, key, hash, stored, notifying);
@@ -501,6 +510,7 @@ class ShadowStore {
   ShadowHashMap map_;
   Value scratch_{};
   std::vector<uint8_t> stored_;
+  std::vector<uint8_t> groupCopies_;  // a key shadow's bulk copies of one group
   uint64_t notifications_ = 0;
   uint32_t lastTold_ = kNoSlot;  // prefetchForRun's previous slot
 };

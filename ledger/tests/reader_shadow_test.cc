@@ -166,8 +166,9 @@ TEST_F(ShadowTest, SyncRunsInSlicesWhileWriterChanges) {
 }
 
 // A writer in another process churns (rewrites, removes, re-adds) with no pause while
-// shadows sync cold: their bulk copies race real stores. Every value must come out whole, and
-// once the writer stops the last shadow must equal its table.
+// shadows sync cold, a value shadow and a key shadow side by side: their bulk copies race real
+// stores. Every value must come out whole, and once the writer stops the last shadows must
+// equal its table.
 TEST_F(ShadowTest, ColdSyncRacingAWriterInAnotherProcessEndsEqualToIt) {
   int stop[2], told[2];
   ASSERT_EQ(::pipe(stop), 0);
@@ -201,16 +202,27 @@ TEST_F(ShadowTest, ColdSyncRacingAWriterInAnotherProcessEndsEqualToIt) {
   Ledger::ShadowOptions options;
   options.yieldTime = 50us;
   std::unique_ptr<Shadow> shadow;
+  using KeyShadow = Ledger::LedgerShadow<TestKey, TestValue, Ledger::Ops<TestKey, TestValue>,
+                                         Ledger::KeyShadowSlot>;
+  std::unique_ptr<KeyShadow> keys;
+  EventLog keyLog;
   for (int round = 0; round < 3; ++round) {
     log = EventLog();
+    keyLog = EventLog();
     shadow = makeShadow(options);
+    keys =
+        std::make_unique<KeyShadow>(Ledger::ReaderConfig{root.path(), "routes"}, loop,
+                                    keyLog.notifier(), Ledger::Ops<TestKey, TestValue>(), options);
     shadow->initialize();
-    ASSERT_TRUE(until([&] { return shadow->inStep(); }));
+    keys->initialize();
+    ASSERT_TRUE(until([&] { return shadow->inStep() && keys->inStep(); }));
     EXPECT_TRUE(log.errors.empty()) << log.errors.front();
+    EXPECT_TRUE(keyLog.errors.empty()) << keyLog.errors.front();
   }
   ASSERT_EQ(::write(stop[1], "s", 1), 1);
   ASSERT_EQ(::read(told[0], &byte, 1), 1);
   ASSERT_TRUE(settle(*shadow));
+  ASSERT_TRUE(until([&] { return keys->quiesced(); }));
   Ledger::LedgerReader<TestKey, TestValue> direct(Ledger::ReaderConfig{root.path(), "routes"});
   direct.attach();
   std::map<uint64_t, uint64_t> table;
@@ -220,6 +232,9 @@ TEST_F(ShadowTest, ColdSyncRacingAWriterInAnotherProcessEndsEqualToIt) {
   EXPECT_EQ(shadowContents(*shadow), table);
   EXPECT_EQ(log.present, table);
   EXPECT_TRUE(log.errors.empty()) << log.errors.front();
+  EXPECT_EQ(keyLog.present, table);
+  EXPECT_EQ(keys->members(), table.size());
+  EXPECT_TRUE(keyLog.errors.empty()) << keyLog.errors.front();
   ASSERT_EQ(::write(stop[1], "x", 1), 1);
   int status = 0;
   ASSERT_EQ(::waitpid(pid, &status, 0), pid);
