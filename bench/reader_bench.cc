@@ -13,7 +13,8 @@
 //                 table's bytes (from the writer's mapping into memory already faulted in),
 //                 and against the least that a reader process has to do to copy them (map the
 //                 file afresh and copy into memory fresh from the kernel: memcpy_cold); the
-//                 same walk into an emptied shadow's own memory (resync)
+//                 same walk into an emptied shadow's own memory (resync); and a cold sync of a
+//                 key shadow (keys and digests of values, what an agent's table binding keeps)
 //   follow        notifications a shadow consumes per second: of rewrites, and of removals
 //                 (the writer's table shrinking on the way)
 //   wake          commit -> callback latency in another process (idle, its loop blocked with
@@ -88,6 +89,9 @@ using ReaderOf = Ledger::LedgerReader<typename R::Key, R>;
 using Writer = WriterOf<Route>;
 using Reader = ReaderOf<Route>;
 using Shadow = Ledger::LedgerShadow<RouteKey, Route>;
+// What an agent's table binding follows a table with: keys and digests of values, no values.
+using KeyShadow =
+    Ledger::LedgerShadow<RouteKey, Route, Ledger::Ops<RouteKey, Route>, Ledger::KeyShadowSlot>;
 
 Ledger::LedgerConfig config(const std::string& table = "routes") {
   Ledger::LedgerConfig c;
@@ -269,9 +273,10 @@ void syncPerfControl(const char* command) {
 }
 
 // Wall-clock and processor seconds of one cold sync (the second is steadier on a busy box).
+template <class S = Shadow>
 std::pair<double, double> syncSeconds() {
   Zinc::Loop loop;
-  Shadow shadow(Ledger::ReaderConfig{benchRoot(), "routes"}, loop);
+  S shadow(Ledger::ReaderConfig{benchRoot(), "routes"}, loop);
   shadow.yieldTimeIs(std::chrono::milliseconds(10));
   syncPerfControl("enable");
   const int64_t cpu = cpuNs();
@@ -536,7 +541,7 @@ int main() {
 
   // ours, bl, bu: keys hashed by the identity; oursMixed, blMixed, buMixed: as the LFIB's keys.
   Series ours, oursMixed, batched, lm, bl, bu, blMixed, buMixed, st, chase;
-  Series sync, syncCpu, copy, follow, followRemovals, resync, copyCold;
+  Series sync, syncCpu, copy, follow, followRemovals, resync, copyCold, keySync;
   Series wakeP50, wakeP99, futexP50, futexP99, churnP50, churnP99;
   for (int rep = 0; rep < kRepetitions; ++rep) {
     if (lookups) {
@@ -558,6 +563,7 @@ int main() {
       copy.push_back(memcpySeconds(w));
       resync.push_back(resyncSeconds());
       copyCold.push_back(memcpyColdSeconds(w));
+      keySync.push_back(syncSeconds<KeyShadow>().first);
     }
     if (wanted("follow")) {
       follow.push_back(followRate(w, rep + 2));
@@ -595,6 +601,7 @@ int main() {
   figure("memcpy_table_seconds", copy, 4, "s");
   figure("resync_1m_seconds", resync, 4, "s");
   figure("memcpy_cold_seconds", copyCold, 4, "s");
+  figure("sync_key_shadow_1m_seconds", keySync, 4, "s");
   figure("follow_events_per_s", follow, 0, "events/s");
   figure("follow_removals_per_s", followRemovals, 0, "events/s");
   figure("wake_p50_us", wakeP50, 1, "us");
