@@ -155,14 +155,20 @@ class LedgerMap {
   // Writer mode: starts fetching `stage` of what a look-up or write of `key` will touch; the
   // other modes ignore it.
   void prefetch(const Key& key, PrefetchStage stage = PrefetchStage::bucket) {
+    if (writer_) prefetchHashed(OpsT::hash(key), stage);
+  }
+  // The same for the key whose keyHash() is `hash`: a caller that takes a key through the
+  // stages hashes it once.
+  static uint32_t keyHash(const Key& key) { return OpsT::hash(key); }
+  void prefetchHashed(uint32_t hash, PrefetchStage stage = PrefetchStage::bucket) {
     if (!writer_) return;
     switch (stage) {
       case PrefetchStage::bucket:
-        return writer_->prefetch(key);
+        return writer_->prefetchBucket(hash);
       case PrefetchStage::firstSlot:
-        return writer_->prefetchChain(key);
+        return writer_->prefetchChain(hash);
       case PrefetchStage::firstStored:
-        return writer_->prefetchFirstStored(key);
+        return writer_->prefetchFirstStored(hash);
     }
   }
   bool first(Value& out) {

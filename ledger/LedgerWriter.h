@@ -106,23 +106,27 @@ class LedgerWriter : public LedgerBase<Key, Value> {
   void directCommit() override;
 
   bool lookup(const Key& key, Value& out) override;
-  // Starts fetching the bucket head of `key`: a caller that knows which keys it will touch
-  // next overlaps their cache misses instead of meeting them one after the other.
-  void prefetch(const Key& key) {
-    if (attached()) map_.prefetchBucket(OpsT::hash(key));
+  // The hash that chains `key`: a caller that prefetches a key in stages hashes it once and
+  // passes the hash to each stage.
+  static uint32_t keyHash(const Key& key) { return OpsT::hash(key); }
+  // Starts fetching the bucket head of the key that hashes to `hash`: a caller that knows
+  // which keys it will touch next overlaps their cache misses instead of meeting them one
+  // after the other.
+  void prefetchBucket(uint32_t hash) {
+    if (attached()) map_.prefetchBucket(hash);
   }
   // The later stages, each for a key whose previous stage was started a while ago: the
   // first slot of its chain (the bucket head must be there by now), then what that slot's
   // stored form refers to (a slab payload, for values kept out of line).
-  void prefetchChain(const Key& key) {
-    if (attached()) map_.prefetchFirstSlot(OpsT::hash(key));
+  void prefetchChain(uint32_t hash) {
+    if (attached()) map_.prefetchFirstSlot(hash);
   }
-  void prefetchFirstStored(const Key& key) {
+  void prefetchFirstStored(uint32_t hash) {
     if constexpr (requires(const OpsT& ops, const uint8_t* stored) {
                     ops.prefetchStored(stored);
                   }) {
       if (!attached()) return;
-      const uint32_t slot = map_.firstSlot(OpsT::hash(key));
+      const uint32_t slot = map_.firstSlot(hash);
       if (slot < slots_.numSlots()) ops_.prefetchStored(slots_.value(slot));
     }
   }

@@ -259,6 +259,10 @@ class ZincLedgerMap {
   void prefetch(const Key& key, PrefetchStage stage = PrefetchStage::bucket) {
     if (map_) map_->prefetch(key, stage);
   }
+  static uint32_t keyHash(const Key& key) { return Map::keyHash(key); }
+  void prefetchHashed(uint32_t hash, PrefetchStage stage = PrefetchStage::bucket) {
+    if (map_) map_->prefetchHashed(hash, stage);
+  }
   Value get(const Key& key) {
     Value value = Zinc::initialValue<Value>();
     if (!lookup(key, value)) value = Zinc::initialValue<Value>();

@@ -12,6 +12,7 @@
 // unchanged; with it off, every rewrite takes fresh keys and then drops all the old ones.
 #pragma once
 
+#include <array>
 #include <memory>
 #include <span>
 #include <unordered_map>
@@ -57,6 +58,17 @@ class LfibWriter : public Zinc::PtrInterface {
   static constexpr uint32_t kPrefetchedVias = 8;
   // How many routes ahead lfibRoutesIs fetches a route's bucket head, and its first slot.
   static constexpr size_t kRouteBucketAhead = 4, kRouteChainAhead = 2;
+  static constexpr size_t kRouteHashRing = 8;
+  static_assert(kRouteHashRing > kRouteBucketAhead);
+  // The hashes of the keys whose buckets prefetchFor started for the routes before: the
+  // later stages of a key take them instead of hashing it again. A route that breaks the
+  // pattern leaves hashes of keys nobody takes: a few fetches are wasted, nothing else.
+  struct PrefetchPipeline {
+    uint32_t vias = 0;  // via hashes of the last route
+    std::array<uint32_t, kPrefetchedVias> viaHashes{};
+    uint32_t setHashes = 0;  // via set hashes held: [0] of the last route, [1] of the one before
+    std::array<uint32_t, 2> setHash{};
+  };
   void prefetchFor(const ConsolidatedLfibRoute& route, LfibViaIndexAllocator& allocator);
   // lfibRouteIs without fetching the route's own bucket first.
   void writeRoute(const ConsolidatedLfibRoute& route);
@@ -74,6 +86,7 @@ class LfibWriter : public Zinc::PtrInterface {
   Zinc::Ptr<LfibViaIndexAllocator> lastAllocator_;
   LFib::Source lastSource_ = LFib::sourceUnknown_;
   std::vector<std::unique_ptr<LfibViaSet>> spareViaSets_;  // see ViaSetLease
+  PrefetchPipeline prefetched_;
 };
 
 Zinc::Ptr<LfibWriter> lfibWriterFactory(const Zinc::Ptr<LfibStatus>& lfib);

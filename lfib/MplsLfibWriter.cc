@@ -141,29 +141,38 @@ void LfibWriter::writeVias(const ConsolidatedLfibRoute& route, OldRoute& old, Lf
 // stages a route apart: the bucket head, then (a route later, when it has arrived) the
 // chain's first slot, and for via sets then the slab payload that slot refers to (its key).
 // Their walks then rarely wait for memory. This assumes that the next routes look like this
-// one; when they do not, a few fetches are wasted.
+// one; when they do not, a few fetches are wasted. Each predicted key is hashed once, at its
+// bucket stage; the later stages take the hashes that the routes before left in prefetched_.
 void LfibWriter::prefetchFor(const ConsolidatedLfibRoute& route, LfibViaIndexAllocator& allocator) {
-  if (route.viaType() != viaTypeMplsIp_) return;
+  if (route.viaType() != viaTypeMplsIp_) {
+    prefetched_ = PrefetchPipeline();
+    return;
+  }
   using Ledger::PrefetchStage;
   const LFib::Source source = route.source();
-  const uint32_t vias = std::min<uint32_t>(uint32_t(route.mplsVias().size()), kPrefetchedVias);
-  // The first index that the next route takes.
-  const uint32_t next = allocator.viaKeyIndex(viaTypeMplsIp_) + vias + 1;
+  PrefetchPipeline& p = prefetched_;
   auto& viaTable = lfib_->mplsViaLedger();
-  for (uint32_t i = 0; i < vias; ++i) {
-    viaTable.prefetch(LfibViaKey(source, viaTypeMplsIp_, next + i), PrefetchStage::firstSlot);
-    viaTable.prefetch(LfibViaKey(source, viaTypeMplsIp_, next + vias + i));
+  for (uint32_t i = 0; i < p.vias; ++i) {
+    viaTable.prefetchHashed(p.viaHashes[i], PrefetchStage::firstSlot);
   }
-  const LfibViaSetType setType = route.viaSetType();
-  const uint32_t nextSet =
-      allocator.viaSetKeyIndex(ViaSetKeyIndexDomain(viaTypeMplsIp_, setType)) + 2;
-  auto setKey = [&](uint32_t ahead) {
-    return LfibViaSetKey(source, nextSet + ahead, viaTypeMplsIp_, setType);
-  };
+  // The keys of the route after next: the next route takes `vias` keys after this one's.
+  p.vias = std::min<uint32_t>(uint32_t(route.mplsVias().size()), kPrefetchedVias);
+  const uint32_t afterNext = allocator.viaKeyIndex(viaTypeMplsIp_) + 2 * p.vias + 1;
+  for (uint32_t i = 0; i < p.vias; ++i) {
+    p.viaHashes[i] = viaTable.keyHash(LfibViaKey(source, viaTypeMplsIp_, afterNext + i));
+    viaTable.prefetchHashed(p.viaHashes[i]);
+  }
   auto& viaSetTable = lfib_->viaSetLedger();
-  viaSetTable.prefetch(setKey(0), PrefetchStage::firstStored);
-  viaSetTable.prefetch(setKey(1), PrefetchStage::firstSlot);
-  viaSetTable.prefetch(setKey(2));
+  if (p.setHashes > 1) viaSetTable.prefetchHashed(p.setHash[1], PrefetchStage::firstStored);
+  if (p.setHashes > 0) viaSetTable.prefetchHashed(p.setHash[0], PrefetchStage::firstSlot);
+  // The via set key of the third route from here.
+  const LfibViaSetType setType = route.viaSetType();
+  const uint32_t third =
+      allocator.viaSetKeyIndex(ViaSetKeyIndexDomain(viaTypeMplsIp_, setType)) + 4;
+  p.setHash[1] = p.setHash[0];
+  p.setHash[0] = viaSetTable.keyHash(LfibViaSetKey(source, third, viaTypeMplsIp_, setType));
+  p.setHashes = std::min(p.setHashes + 1, 2u);
+  viaSetTable.prefetchHashed(p.setHash[0]);
 }
 
 LfibViaIndexAllocator& LfibWriter::allocatorFor(LFib::Source source) {
@@ -238,13 +247,19 @@ void LfibWriter::lfibRoutesIs(std::span<const ConsolidatedLfibRoute> routes) {
   using Ledger::PrefetchStage;
   auto& table = lfib_->lfibRouteLedger();
   const size_t n = routes.size();
+  // Each route's hash, taken at its bucket stage and used again at its chain stage.
+  std::array<uint32_t, kRouteHashRing> hashes;
+  auto startBucket = [&](size_t i) {
+    hashes[i % kRouteHashRing] = table.keyHash(routes[i].key());
+    table.prefetchHashed(hashes[i % kRouteHashRing]);
+  };
+  for (size_t i = 0; i < std::min(n, kRouteBucketAhead); ++i) startBucket(i);
   for (size_t i = 0; i < n; ++i) {
-    if (i + kRouteBucketAhead < n) table.prefetch(routes[i + kRouteBucketAhead].key());
+    if (i + kRouteBucketAhead < n) startBucket(i + kRouteBucketAhead);
     if (i + kRouteChainAhead < n) {
-      table.prefetch(routes[i + kRouteChainAhead].key(), PrefetchStage::firstSlot);
+      table.prefetchHashed(hashes[(i + kRouteChainAhead) % kRouteHashRing],
+                           PrefetchStage::firstSlot);
     }
-    // The first routes' buckets were not fetched ahead.
-    if (i < kRouteBucketAhead) table.prefetch(routes[i].key());
     writeRoute(routes[i]);
   }
 }
