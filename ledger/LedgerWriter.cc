@@ -9,6 +9,7 @@ ZINC_TRACE_FILE("LedgerWriterLock")
 namespace Ledger {
 
 Zinc::Trace writerTrace("LedgerWriter");
+Zinc::Trace hashMapTrace("WriterHashMap");
 
 void WriterLock::acquire(const std::string& root, const std::string& table,
                          SharedMem::EmberFile::Perm perm) {

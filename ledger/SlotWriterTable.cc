@@ -106,23 +106,28 @@ void SlotWriterTable::setNumSlots(uint32_t n) {
 }
 
 uint32_t SlotWriterTable::alloc() {
-  if (header().freeListHead == kNoSlot && !grow()) {
-    throw TableFullException(
-        "SlotWriter::alloc() Ledger table full (occupancy:" + std::to_string(occupiedSlots()) +
-        " numSlots:" + std::to_string(numSlots()) + ")");
-  }
-  uint32_t index = header().freeListHead;
-  if (index >= numSlots()) corrupt("SlotWriter::alloc() bad free slot: " + std::to_string(index));
+  if (header().freeListHead == kNoSlot && !grow()) throwFull();
+  const uint32_t index = header().freeListHead;
+  if (index >= numSlots()) badFreeSlot(index);
   SlotHeader& s = slot(index);
-  if (s.status & (kOccupied | kLookaside)) {
-    corrupt("SlotWriter::alloc() free slot " + std::to_string(index) +
-            " is not free, status: " + std::to_string(s.status));
-  }
+  if (s.status & (kOccupied | kLookaside)) badFreeSlot(index);
   uint32_t next = loadLink(s.linkPair);
   storeFreeHead(isEndOfChain(next) ? kNoSlot : next);
   storeOccupied(occupiedSlots() + 1);
   --freeCount_;
   return index;
+}
+
+void SlotWriterTable::throwFull() const {
+  throw TableFullException(
+      "SlotWriter::alloc() Ledger table full (occupancy:" + std::to_string(occupiedSlots()) +
+      " numSlots:" + std::to_string(numSlots()) + ")");
+}
+
+void SlotWriterTable::badFreeSlot(uint32_t index) {
+  if (index >= numSlots()) corrupt("SlotWriter::alloc() bad free slot: " + std::to_string(index));
+  corrupt("SlotWriter::alloc() free slot " + std::to_string(index) +
+          " is not free, status: " + std::to_string(slot(index).status));
 }
 
 void SlotWriterTable::markFree(uint32_t index, uint32_t nextFree) {

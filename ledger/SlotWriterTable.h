@@ -133,6 +133,9 @@ class SlotWriterTable {
   void storeFreeHead(uint32_t head);
   void storeOccupied(uint32_t occupied);
   void updateShrinkThreshold();
+  // alloc()'s failures, out of its way.
+  [[noreturn, gnu::cold, gnu::noinline]] void throwFull() const;
+  [[noreturn, gnu::cold, gnu::noinline]] void badFreeSlot(uint32_t index);
 
   SlotTableConfig config_;
   SharedMem::EmberFile file_;

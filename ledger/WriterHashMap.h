@@ -20,6 +20,10 @@
 
 namespace Ledger {
 
+// The hash map's trace: every miss asks for its level, so it is an object of its own rather
+// than a function-local static behind a guard.
+extern Zinc::Trace hashMapTrace;
+
 // A predecessor in a chain: a bucket head or a slot's link pair. An index, not a pointer:
 // the mappings may move while it is held.
 struct LinkRef {
@@ -90,7 +94,8 @@ class WriterHashMap {
     uint32_t hash = OpsT::hash(key);
     ChainPosition pos = find(key, hash, "WriterHashMap::lookup()");
     if (pos.hit == kNoSlot) {
-      ZTRACE_TO(trace(), 9, "WriterHashMap::lookup() not found bucket:" << bucketOf(hash));
+      if (trace().enabled(9)) [[unlikely]]
+        traceMiss(hash);
       miss_ = Miss{key, hash, pos, linkEpoch_};
     }
     return pos.hit;
@@ -257,9 +262,9 @@ class WriterHashMap {
     __builtin_prefetch(bytes + size - 1);
   }
 
-  static const Zinc::Trace& trace() {
-    static Zinc::Trace t("WriterHashMap");
-    return t;
+  static const Zinc::Trace& trace() { return hashMapTrace; }
+  [[gnu::cold, gnu::noinline]] void traceMiss(uint32_t hash) const {
+    ZTRACE_TO(trace(), 9, "WriterHashMap::lookup() not found bucket:" << bucketOf(hash));
   }
 
   void boundWalk(uint32_t link, uint32_t count, const char* who) const {

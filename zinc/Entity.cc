@@ -4,7 +4,7 @@
 
 namespace Zinc {
 
-size_t NotifieeList::size() const {
+size_t NotifieeList::countBound() const {
   return list_.size() - std::count(list_.begin(), list_.end(), nullptr);
 }
 

@@ -30,7 +30,9 @@ class NotifieeList {
   NotifieeList(const NotifieeList&) = delete;
   NotifieeList& operator=(const NotifieeList&) = delete;
 
-  size_t size() const;
+  // Every change of an entity asks whether anyone listens: without holes (left only by a
+  // removal during a delivery) the list's length is the answer.
+  size_t size() const { return holes_ ? countBound() : list_.size(); }
   bool empty() const { return size() == 0; }
   bool contains(const NotifieeBase* n) const;
 
@@ -50,6 +52,7 @@ class NotifieeList {
   void add(NotifieeBase* n) const { list_.push_back(n); }
   void remove(NotifieeBase* n) const;
   void compact() const;
+  size_t countBound() const;
 
   mutable std::vector<NotifieeBase*> list_;
   mutable uint32_t depth_ = 0;
