@@ -233,16 +233,25 @@ class LedgerMap {
   }
 
  private:
+  // Asked on every write: the checks inline, the traces stay out of the way.
   bool refusedReadOnly(const char* operation) {
-    if (!readOnly()) return false;
-    ZTRACE_TO(Detail::mapTrace(), 0, operation << " to read-only Ledger table " << config_.table);
+    if (!readOnly()) [[likely]]
+      return false;
+    traceRefused(operation);
     return true;
   }
   bool inNoMansLand(const char* operation) {
-    if (initialized_ && table_->connected()) return false;
+    if (initialized_ && table_->connected()) [[likely]]
+      return false;
+    traceNoMansLand(operation);
+    return true;
+  }
+  [[gnu::cold, gnu::noinline]] void traceRefused(const char* operation) const {
+    ZTRACE_TO(Detail::mapTrace(), 0, operation << " to read-only Ledger table " << config_.table);
+  }
+  [[gnu::cold, gnu::noinline]] void traceNoMansLand(const char* operation) const {
     ZTRACE_TO(Detail::mapTrace(), 1,
               "LedgerMap::" << operation << "() " << config_.table << " in no man's land, dropped");
-    return true;
   }
   template <class F>
   bool guarded(const char* operation, F&& f) {
