@@ -212,11 +212,15 @@ class Unbinder : public Router::NotifieeConst {
  public:
   void onEnabled() override {
     ++calls;
+    Zinc::Ptr<Router const> router = notifier();
     if (victim) victim->reset();
     notifierIs(nullptr);
+    // Counted while the delivery still walks the list, with the holes the removals left.
+    listenersDuringDelivery = router->notifieeList().size();
   }
   std::unique_ptr<Recorder>* victim = nullptr;
   int calls = 0;
+  size_t listenersDuringDelivery = 0;
 };
 
 TEST(Notifiee, UnbindingDuringDeliveryIsSafe) {
@@ -231,6 +235,7 @@ TEST(Notifiee, UnbindingDuringDeliveryIsSafe) {
   r->enabledIs(true);
   EXPECT_EQ(unbinder.calls, 1);
   EXPECT_EQ(before.log.size(), 1u);
+  EXPECT_EQ(unbinder.listenersDuringDelivery, 1u);
   EXPECT_EQ(r->notifieeList().size(), 1u);
   r->enabledIs(false);
   EXPECT_EQ(unbinder.calls, 1);
