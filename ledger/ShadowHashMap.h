@@ -47,7 +47,7 @@ class ShadowHashMap {
   // when there is none, kNone after adding `slot` under `hash` where the probe ended.
   template <class Same>
   uint32_t findOrInsert(uint32_t slot, uint32_t hash, Same same) {
-    if (size_ + 1 > numBuckets_ / 4 * 3) rehash(numBuckets_ * 2);
+    makeRoomForOne();
     uint32_t at = hash & mask();
     for (;; at = (at + 1) & mask()) {
       const uint64_t word = buckets_[at];
@@ -69,7 +69,7 @@ class ShadowHashMap {
   }
   // Adds `slot` under `hash`; the caller knows that its key is not in the map.
   void insert(uint32_t slot, uint32_t hash) {
-    if (size_ + 1 > numBuckets_ / 4 * 3) rehash(numBuckets_ * 2);
+    makeRoomForOne();
     place(wordOf(hash, slot));
     ++size_;
   }
@@ -116,6 +116,10 @@ class ShadowHashMap {
 
  private:
   uint32_t mask() const { return numBuckets_ - 1; }
+  // Doubles the buckets before an insert would fill more than three quarters of them.
+  void makeRoomForOne() {
+    if (size_ + 1 > numBuckets_ / 4 * 3) rehash(numBuckets_ * 2);
+  }
   static uint64_t wordOf(uint32_t hash, uint32_t slot) {
     return uint64_t{hash} << 32 | (uint64_t{slot} + 1);
   }

@@ -453,21 +453,22 @@ class ShadowStore {
       entries_[moved].occupied = false;
       map_.repoint(hash, moved, slot);
     }
+    fill(slot, key, hash, stored);
+    if (!unchanged) emit(notifying, key, &scratch_);
+  }
+
+  void place(uint32_t slot, const Key& key, const uint8_t* stored) {
+    const uint32_t hash = OpsT::hash(key);
+    fill(slot, key, hash, stored);
+    map_.insert(slot, hash);
+  }
+  // The shadow's slot holds `key` (of `hash`) with `stored`; the hash map is the caller's.
+  void fill(uint32_t slot, const Key& key, uint32_t hash, const uint8_t* stored) {
     Entry& e = entries_[slot];
     e.occupied = true;
     e.key = key;
     e.hash = hash;
     keep(slot, stored);
-    if (!unchanged) emit(notifying, key, &scratch_);
-  }
-
-  void place(uint32_t slot, const Key& key, const uint8_t* stored) {
-    Entry* e = &entries_[slot];
-    e->occupied = true;
-    e->key = key;
-    e->hash = OpsT::hash(key);
-    keep(slot, stored);
-    map_.insert(slot, e->hash);
   }
 
   std::vector<uint8_t> bytesOf(uint32_t slot) const {
