@@ -281,11 +281,10 @@ void syncPerfControl(const char* command) {
 // Touches `bytes` of fresh memory, mapped as a shadow maps its arrays, and gives it back: the
 // kernel hands the same pages, backed by the host, to whatever allocates next (see above).
 void touchFreshMemory(size_t bytes) {
-  void* at = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  if (at == MAP_FAILED) return;
-  ::madvise(at, bytes, MADV_HUGEPAGE);
+  Ledger::LargePageAllocator<uint8_t> allocator;
+  uint8_t* at = allocator.allocate(bytes);
   std::memset(at, 1, bytes);
-  ::munmap(at, bytes);
+  allocator.deallocate(at, bytes);
 }
 // Twice the table's bytes: a shadow holds the values, its hash map and a spare.
 size_t freshMemoryFor(Writer& w) { return 2 * w.slotTable().mappedSize(); }
