@@ -51,13 +51,21 @@ std::string typeNameOf(const char* fallback) {
   }
 }
 
+// What every Ops does with keys: the key's own hash(), its order and its equality.
+template <class Key>
+struct KeyOps {
+  static uint32_t hash(const Key& key) { return key.hash(); }
+  static bool less(const Key& a, const Key& b) { return a < b; }
+  static bool equal(const Key& a, const Key& b) { return a == b; }
+};
+
 template <class OpsT>
 concept OutOfLineOps = requires {
   requires OpsT::kOutOfLine;
 };
 
 template <class Key, class Value>
-struct Ops {
+struct Ops : KeyOps<Key> {
   static_assert(std::is_trivially_copyable_v<Key> && std::is_trivially_copyable_v<Value>,
                 "the default Ledger::Ops copies bytes; specialise Ops for other types");
   static_assert(alignof(Value) <= 8, "slot values are 8-aligned");
@@ -65,9 +73,6 @@ struct Ops {
   static constexpr bool kRetires = false;  // retire() has nothing to free
 
   uint32_t valueSize() const { return sizeof(Value); }
-  static uint32_t hash(const Key& key) { return key.hash(); }
-  static bool less(const Key& a, const Key& b) { return a < b; }
-  static bool equal(const Key& a, const Key& b) { return a == b; }
   static Key keyOf(const Value& value) { return value.key(); }
 
   Key storedKey(const uint8_t* stored) const {

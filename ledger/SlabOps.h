@@ -36,7 +36,7 @@
 namespace Ledger {
 
 template <class Key, class Value, class Codec>
-class SlabOps : public OutOfLineReader {
+class SlabOps : public OutOfLineReader, public KeyOps<Key> {
  public:
   static constexpr bool kDirect = false;
   static constexpr bool kRetires = true;
@@ -54,9 +54,6 @@ class SlabOps : public OutOfLineReader {
   SlabOps& operator=(const SlabOps&) = delete;
 
   uint32_t valueSize() const { return sizeof(Shape::Offset); }
-  static uint32_t hash(const Key& key) { return key.hash(); }
-  static bool less(const Key& a, const Key& b) { return a < b; }
-  static bool equal(const Key& a, const Key& b) { return a == b; }
   static Key keyOf(const Value& value) { return Codec::keyOf(value); }
 
   Key storedKey(const uint8_t* stored) const {

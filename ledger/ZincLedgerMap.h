@@ -55,7 +55,7 @@ constexpr uint32_t bucketsFor(uint32_t entries) {
 static_assert(bucketsFor(1000000) == 1u << 20 && bucketsFor(1u << 20) == 1u << 20);
 
 template <class Key, class Value>
-class ZincOps {
+class ZincOps : public KeyOps<Key> {
  public:
   using Stored = Zinc::Serial<Value>;
   static_assert(std::is_same_v<typename Stored::Key, Key>, "a stored value starts with its key");
@@ -73,9 +73,6 @@ class ZincOps {
 
   uint32_t valueSize() const { return valueSize_; }
   bool fits(const Value& value) const { return Stored::length(value) <= valueSize_; }
-  static uint32_t hash(const Key& key) { return key.hash(); }
-  static bool less(const Key& a, const Key& b) { return a < b; }
-  static bool equal(const Key& a, const Key& b) { return a == b; }
   static Key keyOf(const Value& value) { return value.key(); }
 
   Key storedKey(const uint8_t* stored) const {
