@@ -27,6 +27,9 @@ struct LargePageAllocator {
   template <class U>
   LargePageAllocator(const LargePageAllocator<U>&) {}
 
+  // Whether an array of `n` elements comes zero-filled from allocate(): a fresh mapping does.
+  static bool zeroFilled(size_t n) { return n * sizeof(T) >= kLargeBytes; }
+
   T* allocate(size_t n) {
     const size_t bytes = n * sizeof(T);
     if (bytes < kLargeBytes) return std::allocator<T>().allocate(n);

@@ -12,6 +12,7 @@
 // fetches the bucket of each slot ahead with prefetch().
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <vector>
 
@@ -131,13 +132,21 @@ class ShadowHashMap {
     while (buckets_[at] != 0) at = (at + 1) & mask();
     buckets_[at] = word;
   }
+  // `n` empty buckets. A large array is a fresh mapping, zero already: writing zeroes over
+  // it would fault in every page before the first insert needs it.
+  static std::vector<uint64_t, LargePageAllocator<uint64_t>> emptyBuckets(uint32_t n) {
+    std::vector<uint64_t, LargePageAllocator<uint64_t>> buckets;
+    buckets.resize(n);  // default-initialised (see LargePageAllocator)
+    if (!LargePageAllocator<uint64_t>::zeroFilled(n)) std::fill(buckets.begin(), buckets.end(), 0);
+    return buckets;
+  }
   void rehash(uint32_t n) {
     if (size_ == 0 && n > numBuckets_ && n <= buckets_.capacity()) {
       buckets_.assign(n, 0);  // emptied (flush): growing again into the memory it had
       numBuckets_ = n;
       return;
     }
-    std::vector<uint64_t, LargePageAllocator<uint64_t>> old(n, 0);
+    std::vector<uint64_t, LargePageAllocator<uint64_t>> old = emptyBuckets(n);
     old.swap(buckets_);
     numBuckets_ = n;
     for (uint64_t word : old) {
