@@ -74,6 +74,7 @@ TEST(LedgerTool, InspectsAHealthyTable) {
   EXPECT_EQ(valid.status, 0) << valid.out;
   auto dump = tool(root, {"dump", "routes"});
   EXPECT_EQ(dump.status, 0);
+  EXPECT_EQ(dump.err, "");
   EXPECT_EQ(std::count(dump.out.begin(), dump.out.end(), '\n'), 30);
   TestValue v = makeValue(7, 1);
   std::string hex7;
@@ -114,7 +115,10 @@ TEST(LedgerTool, ReportsCorruptTables) {
   EXPECT_TRUE(
       contains(bad.out, "validation failed: Validator::markOccupied() missing OCCUPIED bit"))
       << bad.out;
-  EXPECT_EQ(tool(root, {"dump", "routes"}).status, 0) << "dump shows what is there";
+  auto dump = tool(root, {"dump", "routes"});
+  EXPECT_EQ(dump.status, 0) << "dump shows what is there";
+  EXPECT_EQ(std::count(dump.out.begin(), dump.out.end(), '\n'), 9);
+  EXPECT_TRUE(contains(dump.err, "9 entries shown, but the header counts 10 members")) << dump.err;
   // A header that no longer validates.
   patch(root, "slots", [](uint8_t* base) { base[0] = 'X'; });
   auto header = tool(root, {"show", "routes"});
