@@ -562,7 +562,6 @@ int dump(const Options& o, std::ostream& out, std::ostream& err) {
     out << "{\"table\": \"" << o.table << "\", \"valueSize\": " << t.slots.valueSize()
         << ", \"entries\": [";
   }
-  bool firstEntry = true;
   uint32_t shown = 0;
   for (uint32_t i = 0; i < n; ++i) {
     uint32_t rhash = 0, status = 0;
@@ -579,7 +578,7 @@ int dump(const Options& o, std::ostream& out, std::ostream& err) {
     std::optional<std::string> text =
         Mpls::storedValueText(SlotTable::typeName(t.slots.header().valueTypeName), bytes, size);
     if (o.json) {
-      out << (firstEntry ? "\n" : ",\n") << "  {\"slot\": " << i
+      out << (shown == 0 ? "\n" : ",\n") << "  {\"slot\": " << i
           << ", \"version\": " << (status >> 2) << ", \"rhash\": \"" << hex32(rhash)
           << "\", \"value\": \"" << hex(bytes, size) << "\"";
       if (text) out << ", \"text\": \"" << jsonEscaped(*text) << "\"";
@@ -588,10 +587,9 @@ int dump(const Options& o, std::ostream& out, std::ostream& err) {
       out << "slot " << i << " version " << (status >> 2) << " rhash " << hex32(rhash) << " "
           << (text ? *text : hex(bytes, size)) << "\n";
     }
-    firstEntry = false;
     ++shown;
   }
-  if (o.json) out << (firstEntry ? "" : "\n") << "]}\n";
+  if (o.json) out << (shown == 0 ? "" : "\n") << "]}\n";
   // Slots read one at a time may disagree with the header while a writer works; otherwise
   // the table is damaged, and the engineer should know that the dump is not all of it.
   if (const uint32_t members = t.slots.occupiedSlots(); shown != members) {
