@@ -106,12 +106,9 @@ class LedgerWriter : public LedgerBase<Key, Value> {
   void directCommit() override;
 
   bool lookup(const Key& key, Value& out) override;
-  // The hash that chains `key`: a caller that prefetches a key in stages hashes it once and
-  // passes the hash to each stage.
-  static uint32_t keyHash(const Key& key) { return OpsT::hash(key); }
-  // Starts fetching the bucket head of the key that hashes to `hash`: a caller that knows
-  // which keys it will touch next overlaps their cache misses instead of meeting them one
-  // after the other.
+  // Starts fetching the bucket head of the key that hashes to `hash` (OpsT::hash): a caller
+  // that knows which keys it will touch next overlaps their cache misses instead of meeting
+  // them one after the other, and hashes each key once for all the stages below.
   void prefetchBucket(uint32_t hash) {
     if (attached()) map_.prefetchBucket(hash);
   }
