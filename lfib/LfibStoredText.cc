@@ -1,18 +1,8 @@
 #include "lfib/LfibStoredText.h"
 
-#include <tuple>
-
-#include "lfib/LfibTypes.h"
-
 namespace Mpls {
 
 namespace {
-
-using StoredRecords =
-    std::tuple<LfibRoute, LfibViaSet, LfibMplsVia, LfibPwVia, LfibIpLookupVia, LfibVlanVia,
-               LfibEvpnVlanAwareVia, LfibEvpnEthernetSegmentFilterVia, LfibEvpnVlanFloodVia,
-               LfibEvpnVlanAwareFloodVia, LfibExtFecVia, LfibDot1qTagToVlanComposite, RouteInfo,
-               LfibViaSetInfo>;
 
 template <class T>
 std::optional<std::string> textAs(const uint8_t* bytes, size_t size) {

@@ -7,8 +7,18 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <tuple>
+
+#include "lfib/LfibTypes.h"
 
 namespace Mpls {
+
+// Every record type that the LFIB tables store, in the order the text lookup tries them.
+using StoredRecords =
+    std::tuple<LfibRoute, LfibViaSet, LfibMplsVia, LfibPwVia, LfibIpLookupVia, LfibVlanVia,
+               LfibEvpnVlanAwareVia, LfibEvpnEthernetSegmentFilterVia, LfibEvpnVlanFloodVia,
+               LfibEvpnVlanAwareFloodVia, LfibExtFecVia, LfibDot1qTagToVlanComposite, RouteInfo,
+               LfibViaSetInfo>;
 
 // "Value('Mpls::LfibRoute', ** {...})" for the stored bytes of a known LFIB record type;
 // nullopt for an unknown type or bytes that hold no possible value.
