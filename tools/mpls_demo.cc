@@ -528,7 +528,9 @@ int main(int argc, char** argv) {
   std::printf("  ledger validate: %u tables, %u failed\n", checked, invalid);
   if (o.keep) {
     std::printf("  tables kept under %s; look at them with:\n", o.root.c_str());
-    std::printf("    build/tools/ledger/ledger --root %s/lfib/demo ls\n", o.root.c_str());
+    std::printf("    build/tools/ledger/ledger --root %s ls\n", o.root.c_str());
+    std::printf("    build/tools/ledger/ledger --root %s dump lfib/demo/lfibRoute\n",
+                o.root.c_str());
   } else {
     std::error_code ec;
     std::filesystem::remove_all(o.root, ec);

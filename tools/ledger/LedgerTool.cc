@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <iomanip>
 #include <map>
 #include <memory>
@@ -41,14 +42,17 @@ const char* const kUsageText =
     "usage: ledger [--root DIR] COMMAND [TABLE] [options]\n"
     "\n"
     "Looks at the shared-memory tables under DIR (default: $LEDGER_ROOT, else /dev/shm/ledger).\n"
+    "A table in a folder below DIR is named by its path, as ls prints it (lfib/main/viaSet).\n"
     "The tool only reads; it never takes the writer's lock.\n"
     "\n"
     "commands:\n"
-    "  ls               tables with their size, members and whether their writer is alive\n"
+    "  ls               tables under DIR and its folders, with their size, members and\n"
+    "                   whether their writer is alive\n"
     "  show TABLE       header fields, counters, bucket and change-queue state\n"
     "  validate TABLE   structural check of slots, chains, free list and change queue;\n"
     "                   exit status 0 when valid, 1 when not\n"
-    "  dump TABLE       every entry as raw hex; --json for JSON\n"
+    "  dump TABLE       every entry, typed for the LFIB's records, else as raw hex;\n"
+    "                   --json for JSON\n"
     "  watch TABLE      follows the table and prints one line per added, changed or deleted\n"
     "                   entry as it happens; --count N stops after N lines\n"
     "\n"
@@ -57,8 +61,9 @@ const char* const kUsageText =
 
 const std::map<std::string, std::string> kCommandHelp = {
     {"ls",
-     "usage: ledger [--root DIR] ls\n  One line per table: name, numSlots, members, value "
-     "size, value type, writer pid and whether it is alive.\n"},
+     "usage: ledger [--root DIR] ls\n  One line per table under DIR and its folders: its "
+     "path, numSlots, members, value size, bytes in shared memory, writer pid and whether "
+     "it is alive, value type.\n"},
     {"show",
      "usage: ledger [--root DIR] show TABLE\n  Slot header fields, bucket count and "
      "resize sequence, change-queue generation, count, capacity, sequences, corral, "
@@ -71,7 +76,8 @@ const std::map<std::string, std::string> kCommandHelp = {
      "failure: validate a quiet table.\n"},
     {"dump",
      "usage: ledger [--root DIR] dump TABLE [--json]\n  Every occupied slot, read "
-     "consistently: slot, version, rhash and the stored value in hex.\n"},
+     "consistently: slot, version, rhash and the stored value, as text for the LFIB's "
+     "record types and in hex for others.\n"},
     {"watch",
      "usage: ledger [--root DIR] watch TABLE [--count N]\n  Follows the table's change "
      "queue and prints 'added', 'changed' or 'deleted' with the slot and value for "
@@ -80,9 +86,11 @@ const std::map<std::string, std::string> kCommandHelp = {
 };
 
 struct Options {
-  std::string root;
+  std::string root;  // the folder that holds the table (see resolveFolder)
   std::string command;
-  std::string table;
+  std::string table;  // its name in that folder
+  std::string name;   // the table as given, a path below the root given (messages say this)
+  std::string top;    // the root given
   bool json = false;
   bool help = false;
   uint64_t count = 0;
@@ -214,17 +222,17 @@ int open(const Options& o, Table& t, std::ostream& err) {
     return kUsage;
   }
   if (!SharedMem::validName(o.table)) {
-    err << "ledger: bad table name '" << o.table << "'\n";
+    err << "ledger: bad table name '" << o.name << "'\n";
     return kUsage;
   }
   if (!SharedMem::EmberFile::exists(o.root, o.table, "slots")) {
-    err << "ledger: no table '" << o.table << "' under " << SharedMem::rootPath(o.root) << "\n";
+    err << "ledger: no table '" << o.name << "' under " << o.top << "\n";
     return kUsage;
   }
   try {
     t.slots.attach(o.root, o.table);
   } catch (const Zinc::Exception& e) {
-    err << "ledger: table '" << o.table << "' is unreadable: " << e.what() << "\n";
+    err << "ledger: table '" << o.name << "' is unreadable: " << e.what() << "\n";
     return kInvalid;
   }
   attachSlabs(o, t);
@@ -251,6 +259,54 @@ int readersRegistered(const Options& o) {
   return n;
 }
 
+// A table named by its path below the root ("lfib/main/viaSet"): the root becomes the folder
+// that holds it and the table its last name. False after saying why when a part of the path
+// is not a valid name.
+bool resolveFolder(Options& o, std::ostream& err) {
+  o.name = o.table;
+  o.top = SharedMem::rootPath(o.root);
+  const size_t slash = o.table.rfind('/');
+  if (slash == std::string::npos) return true;
+  std::string folder = o.top;
+  std::istringstream parts(o.table.substr(0, slash));
+  for (std::string part; std::getline(parts, part, '/');) {
+    if (!SharedMem::validName(part)) {
+      err << "ledger: bad table name '" << o.table << "'\n";
+      return false;
+    }
+    folder += "/" + part;
+  }
+  o.root = folder;
+  o.table = o.table.substr(slash + 1);
+  return true;
+}
+
+// Tables below `root`, by their paths from it: the folders that hold a slot file. Neither
+// links nor hidden folders are followed, nor the folders inside a table (its readers').
+std::vector<std::string> tablesUnder(const std::string& root) {
+  namespace fs = std::filesystem;
+  constexpr int kMaxDepth = 8;
+  std::vector<std::string> names;
+  std::error_code ec;
+  fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied, ec);
+  for (; !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+    const fs::path& path = it->path();
+    if (!fs::is_directory(it->symlink_status()) || path.filename().string()[0] == '.') {
+      it.disable_recursion_pending();
+      continue;
+    }
+    std::error_code statError;
+    if (fs::is_regular_file(fs::symlink_status(path / "slots", statError))) {
+      names.push_back(path.lexically_relative(root).string());
+      it.disable_recursion_pending();
+    } else if (it.depth() + 1 >= kMaxDepth) {
+      it.disable_recursion_pending();
+    }
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
 int ls(const Options& o, std::ostream& out, std::ostream& err) {
   std::string root = SharedMem::rootPath(o.root);
   DIR* d = ::opendir(root.c_str());
@@ -258,14 +314,8 @@ int ls(const Options& o, std::ostream& out, std::ostream& err) {
     err << "ledger: cannot read root " << root << ": " << std::strerror(errno) << "\n";
     return kUsage;
   }
-  std::vector<std::string> names;
-  while (dirent* e = ::readdir(d)) {
-    if (e->d_name[0] != '.' && SharedMem::EmberFile::exists(o.root, e->d_name, "slots")) {
-      names.push_back(e->d_name);
-    }
-  }
   ::closedir(d);
-  std::sort(names.begin(), names.end());
+  const std::vector<std::string> names = tablesUnder(root);
   int nameWidth = 24;
   for (const auto& name : names) nameWidth = std::max(nameWidth, int(name.size()) + 2);
   out << std::left << std::setw(nameWidth) << "TABLE" << std::setw(10) << "SLOTS" << std::setw(10)
@@ -277,7 +327,7 @@ int ls(const Options& o, std::ostream& out, std::ostream& err) {
     one.table = name;
     Table t;
     std::ostringstream why;
-    if (open(one, t, why) != kOk) {
+    if (!resolveFolder(one, why) || open(one, t, why) != kOk) {
       out << std::setw(nameWidth) << name << "unreadable: " << why.str();
       continue;
     }
@@ -285,7 +335,7 @@ int ls(const Options& o, std::ostream& out, std::ostream& err) {
     std::string writer = pid ? std::to_string(pid) + (writerAlive(pid) ? "" : "(dead)") : "-";
     out << std::setw(nameWidth) << name << std::setw(10) << t.slots.numSlots() << std::setw(10)
         << t.slots.occupiedSlots() << std::setw(8) << t.slots.valueSize() << std::setw(12)
-        << tableBytes(o, name) << std::setw(12) << writer
+        << tableBytes(one, one.table) << std::setw(12) << writer
         << SlotTable::typeName(t.slots.header().valueTypeName) << "\n";
   }
   return kOk;
@@ -309,7 +359,7 @@ void showSlabs(Table& t, std::ostream& out) {
 int show(const Options& o, std::ostream& out, std::ostream& err) {
   Table t;
   if (int rc = open(o, t, err)) return rc;
-  out << "table: " << o.table << "\npath: " << t.slots.path() << "\n"
+  out << "table: " << o.name << "\npath: " << t.slots.path() << "\n"
       << SlotTable::describe(t.slots.header()) << "mappedBytes: " << t.slots.mappedSize() << "\n";
   if (t.buckets.attached()) {
     out << "numBuckets: " << t.buckets.headerNumBuckets()
@@ -529,16 +579,16 @@ int validate(const Options& o, std::ostream& out, std::ostream& err) {
   Table t;
   if (int rc = open(o, t, err)) {
     if (rc == kInvalid) {
-      out << "Validator::validate() Ledger " << o.table << " validation failed: header\n";
+      out << "Validator::validate() Ledger " << o.name << " validation failed: header\n";
     }
     return rc;
   }
   std::string failure = Check(t).run();
   if (!failure.empty()) {
-    out << "Validator::validate() Ledger " << o.table << " validation failed: " << failure << "\n";
+    out << "Validator::validate() Ledger " << o.name << " validation failed: " << failure << "\n";
     return kInvalid;
   }
-  out << o.table << ": valid, " << t.slots.occupiedSlots() << " members in " << t.slots.numSlots()
+  out << o.name << ": valid, " << t.slots.occupiedSlots() << " members in " << t.slots.numSlots()
       << " slots\n";
   return kOk;
 }
@@ -559,7 +609,7 @@ int dump(const Options& o, std::ostream& out, std::ostream& err) {
   std::vector<uint8_t> stored(t.readSize());
   const uint32_t n = std::min(t.slots.numSlots(), t.slots.mappedSlots());
   if (o.json) {
-    out << "{\"table\": \"" << o.table << "\", \"valueSize\": " << t.slots.valueSize()
+    out << "{\"table\": \"" << o.name << "\", \"valueSize\": " << t.slots.valueSize()
         << ", \"entries\": [";
   }
   uint32_t shown = 0;
@@ -595,7 +645,7 @@ int dump(const Options& o, std::ostream& out, std::ostream& err) {
   if (const uint32_t members = t.slots.occupiedSlots(); shown != members) {
     err << "ledger dump: " << shown << " entries shown, but the header counts " << members
         << " members: the writer changed the table meanwhile, or it is corrupt (ledger validate "
-        << o.table << ")\n";
+        << o.name << ")\n";
   }
   return kOk;
 }
@@ -610,7 +660,7 @@ class Watcher {
     Mem::ReaderKickListener kick(SharedMem::rootPath(o_.root) + "/" + o_.table);
     t_.rally.skipToEnd();
     for (uint32_t i = 0; i < t_.slots.numSlots(); ++i) look(i, false);
-    out_ << "watching " << o_.table << ": " << t_.slots.occupiedSlots() << " entries, sequence "
+    out_ << "watching " << o_.name << ": " << t_.slots.occupiedSlots() << " entries, sequence "
          << t_.rally.lastSeq() << std::endl;
     Zinc::Loop loop;
     auto follow = [&] {
@@ -716,7 +766,7 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     err << kUsageText;
     return kUsage;
   }
-  const Options& o = *options;
+  Options& o = *options;
   if (o.command.empty() || o.command == "help") {
     (o.help || o.command == "help" ? out : err) << kUsageText;
     return o.help || o.command == "help" ? kOk : kUsage;
@@ -731,6 +781,7 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     return kOk;
   }
   if (o.command == "ls") return ls(o, out, err);
+  if (!resolveFolder(o, err)) return kUsage;
   if (o.command == "show") return show(o, out, err);
   if (o.command == "validate") return validate(o, out, err);
   if (o.command == "dump") return dump(o, out, err);

@@ -262,6 +262,25 @@ TEST(LedgerTool, ViaSetsInSlabs) {
     EXPECT_GE(bytes, uint64_t(slots.st_blocks + slab.st_blocks) * 512) << "slab files counted";
   }
 
+  // From the top root, the LFIB's tables are named by their paths, as ls lists them.
+  auto top = tool(root, {"ls"});
+  EXPECT_EQ(top.status, 0) << top.err;
+  EXPECT_TRUE(contains(top.out, "\nlfib/status/viaSet ")) << top.out;
+  EXPECT_TRUE(contains(top.out, "\nlfib/status/lfibRoute ")) << top.out;
+  EXPECT_FALSE(contains(top.out, "readers")) << "a table's own folders are not tables";
+  auto byPath = tool(root, {"validate", "lfib/status/viaSet"});
+  EXPECT_EQ(byPath.status, 0) << byPath.err;
+  EXPECT_TRUE(contains(byPath.out, "lfib/status/viaSet: valid, 3 members")) << byPath.out;
+  auto missing = tool(root, {"dump", "lfib/status/nosuch"});
+  EXPECT_EQ(missing.status, 2);
+  EXPECT_TRUE(contains(missing.err, "no table 'lfib/status/nosuch' under " + root.path()))
+      << missing.err;
+  for (const char* bad : {"lfib/../status/viaSet", "/lfib/status/viaSet", "lfib/./viaSet"}) {
+    auto refused = tool(root, {"show", bad});
+    EXPECT_EQ(refused.status, 2) << bad;
+    EXPECT_TRUE(contains(refused.err, "bad table name")) << refused.err;
+  }
+
   // A slab entry whose payload size is impossible, then a free list that loops.
   const std::string slab1 = root.path() + "/lfib/status/viaSet/slab.1";
   auto patchWord = [&](uint64_t offset, uint32_t word) {
