@@ -408,37 +408,68 @@ class ShadowStore {
   uint64_t digest(const uint8_t* stored) const {
     return ShadowDetail::digestBytes(stored, lengthOf(stored));
   }
-  // The shadow's key of `slot` is no longer there. If the writer holds it in another slot, a
-  // shrink moved it (the queue may tell of the old slot before the new one): the entry
-  // follows it there. Otherwise the key is gone.
-  void leave(uint32_t slot, bool notifying, int depth = 0) {
-    Entry* e = &entries_[slot];
-    const Key gone = e->key;
-    const std::vector<uint8_t> kept = bytesOf(slot);
-    const uint64_t keptDigest = digestAt(slot);
-    unlink(slot);
-    uint32_t elsewhere = reader_.findSlot(gone);
-    if (elsewhere != kNoSlot && elsewhere != slot && elsewhere < reader_.slotTable().numSlots()) {
+  // The shadow's key of `slot` is no longer there. If the writer holds it in another slot
+  // (a shrink moved it, or it was removed and written again), the entry follows it there,
+  // silently when its value did not change: the queue may tell of the old slot before the
+  // new one. Otherwise the key is gone.
+  //
+  // The shadow may still hold, in that other slot, a key that the writer has moved on or
+  // removed since: that key leaves first, and so on down the line. A reader that fell behind
+  // a churning writer finds such lines many slots long, so they are followed one at a time
+  // from a stack, each key's slot looked up afresh when its turn comes (the writer may have
+  // moved it meanwhile). Every step either empties a shadow slot or fills one, so the walk
+  // ends; the bound only guards against a writer that keeps moving keys under it, and a key
+  // still unplaced then is reported gone (and added again when its slot is told of).
+  void leave(uint32_t slot, bool notifying) {
+    std::vector<Leaving>& line = leaving_;
+    line.clear();
+    line.push_back(takeOut(slot));
+    for (uint64_t steps = 0; !line.empty(); ++steps) {
+      const Leaving& top = line.back();
+      const uint32_t elsewhere = reader_.findSlot(top.key);
+      if (elsewhere == kNoSlot || elsewhere >= reader_.slotTable().numSlots()) {
+        emit(notifying, top.key, nullptr);
+        line.pop_back();
+        continue;
+      }
       if (elsewhere >= entries_.size()) grow(elsewhere + 1);
-      // The shadow may still hold, there, a key that the writer removed or moved on.
-      if (entries_[elsewhere].occupied && depth < 8) {
-        leave(elsewhere, notifying, depth + 1);
-        elsewhere = reader_.findSlot(gone);
+      if (entries_[elsewhere].occupied && steps < 2 * uint64_t{entries_.size()}) {
+        line.push_back(takeOut(elsewhere));
+        continue;
       }
-      if (elsewhere < entries_.size() && !entries_[elsewhere].occupied) {
-        const std::vector<uint8_t> now(reader_.slotBuffer(),
-                                       reader_.slotBuffer() + lengthOf(reader_.slotBuffer()));
-        const bool unchanged = SlotKind::kValues ? now == kept : keptDigest == digest(now.data());
-        place(elsewhere, gone, now.data());
-        if (!unchanged) {
-          Value value{};
-          reader_.ops().load(now.data(), value);
-          emit(notifying, gone, &value);
-        }
-        return;
+      if (entries_[elsewhere].occupied) {
+        emit(notifying, top.key, nullptr);
+      } else {
+        arrive(elsewhere, top, notifying);
       }
+      line.pop_back();
     }
-    emit(notifying, gone, nullptr);
+  }
+  // A key on its way out of a shadow slot, with what the shadow knew of its value.
+  struct Leaving {
+    Key key;
+    std::vector<uint8_t> kept;
+    uint64_t keptDigest;
+  };
+  Leaving takeOut(uint32_t slot) {
+    Leaving out{entries_[slot].key, bytesOf(slot), digestAt(slot)};
+    unlink(slot);
+    return out;
+  }
+  // `leaving` found by findSlot() in the free shadow slot `slot`: the stored bytes that
+  // findSlot() read go there, and the key is reported only when they differ from what it had.
+  void arrive(uint32_t slot, const Leaving& leaving, bool notifying) {
+    const uint8_t* now = reader_.slotBuffer();
+    const uint32_t n = lengthOf(now);
+    const bool unchanged = SlotKind::kValues ? leaving.kept.size() == n &&
+                                                   std::memcmp(leaving.kept.data(), now, n) == 0
+                                             : leaving.keptDigest == digest(now);
+    place(slot, leaving.key, now);
+    if (!unchanged) {
+      Value value{};
+      reader_.ops().load(now, value);
+      emit(notifying, leaving.key, &value);
+    }
   }
 
   // This slot's new key (of `hash`; the slot is free in the shadow): taken over from another
@@ -508,6 +539,7 @@ class ShadowStore {
   std::vector<Entry, LargePageAllocator<Entry>> entries_;
   std::vector<uint8_t, LargePageAllocator<uint8_t>> values_;
   std::vector<std::vector<uint8_t>> blocks_;  // kVariable: one copy per slot
+  std::vector<Leaving> leaving_;              // leave()'s line of keys, kept for its capacity
   ShadowHashMap map_;
   Value scratch_{};
   std::vector<uint8_t> stored_;

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <random>
 
 #include "ledger/tests/ShadowHarness.h"
@@ -341,4 +342,41 @@ TEST(ShadowStore, KeyThatLeftForASlotBeyondTheShadowIsFollowedThere) {
   EXPECT_EQ(log.deletes, 0u);
   EXPECT_EQ(store.slotOfKey(TestKey{0}), newSlot);
   EXPECT_EQ(store.slotOfKey(TestKey{500}), oldSlot);
+}
+
+// A reader that fell behind finds each of its slots holding the key of the next one: the
+// writer moved twenty keys, unchanged, one slot along (removed and written again, each into
+// the slot the next one left). Telling the shadow of the first slot sends the whole line of
+// keys to their new slots, and nothing is reported: no key changed.
+TEST(ShadowStore, ALongLineOfMovedKeysIsFollowedWithoutEvents) {
+  TempRoot root;
+  KickingWriter w(root.path(), "routes", 64);
+  constexpr uint64_t kLine = 20;
+  for (uint64_t id = 0; id < kLine; ++id) w.writer.write(makeValue(id, 1));
+  Ledger::LedgerReader<TestKey, TestValue> reader(Ledger::ReaderConfig{root.path(), "routes"});
+  ASSERT_TRUE(reader.initialize());
+  EventLog log;
+  Ledger::ShadowStore<TestKey, TestValue> store(reader, log.notifier());
+  for (uint32_t s = 0; s < reader.slotTable().numSlots(); ++s) store.doSlot(s, 0);
+  ASSERT_EQ(log.adds, kLine);
+
+  std::array<TestValue, kLine> same;  // the stored bytes, padding included
+  for (uint64_t id = 0; id < kLine; ++id) ASSERT_TRUE(w.writer.lookup(TestKey{id}, same[id]));
+  w.writer.remove(TestKey{0});
+  for (uint64_t id = 0; id + 1 < kLine; ++id) {
+    w.writer.remove(TestKey{id + 1});
+    w.writer.write(same[id]);
+  }
+  w.writer.write(same[kLine - 1]);
+  for (uint64_t id = 0; id < kLine; ++id) {
+    ASSERT_EQ(reader.findSlot(TestKey{id}), store.slotOfKey(TestKey{(id + 1) % kLine}))
+        << "key " << id << " did not take the next key's slot";
+  }
+
+  store.doSlot(store.slotOfKey(TestKey{0}), 0);
+  EXPECT_TRUE(log.errors.empty()) << log.errors.front();
+  EXPECT_EQ(log.adds + log.changes + log.deletes, kLine) << "moves are not changes";
+  for (uint64_t id = 0; id < kLine; ++id) {
+    EXPECT_EQ(store.slotOfKey(TestKey{id}), reader.findSlot(TestKey{id})) << "key " << id;
+  }
 }
