@@ -52,9 +52,13 @@ void RallyWriter::attach(const std::string& root, const std::string& table, uint
   control_ = reinterpret_cast<RallyControl*>(controlFile_.base());
   bool controlValid = std::memcmp(control_->magic, kRallyControlMagic, 8) == 0 &&
                       control_->version == kRallyControlVersion;
-  latestSeq_ = controlValid ? control_->latestSeq : 0;
+  // Sequences count notifications from 1: one beyond kMaxRallySeq was never reached by
+  // counting, so the block is damaged. The queue is not adopted and sequences start again
+  // (readers resync on the new incarnation as after any restart).
+  const bool seqSane = controlValid && control_->latestSeq <= kMaxRallySeq;
+  latestSeq_ = seqSane ? control_->latestSeq : 0;
   uint32_t oldGeneration = controlValid ? control_->generation : 0;
-  adopted_ = adopt && controlValid && control_->emberId == emberId && adoptQueue();
+  adopted_ = adopt && seqSane && control_->emberId == emberId && adoptQueue();
   if (!adopted_) {
     RallyControl fresh{};
     fresh.version = kRallyControlVersion;

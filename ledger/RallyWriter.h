@@ -106,6 +106,9 @@ inline constexpr uint32_t kTombstone = 0x80000000u;
 inline constexpr uint32_t kMinRallySlots = 32;
 // The largest offset of an entry's sequence above its queue's base.
 inline constexpr uint64_t kMaxRallyOffset = 0xffffffffu;
+// The highest sequence a queue can reach: 2^62 notifications, centuries of them at any rate a
+// writer manages. Far enough from 2^64 that no sum of a sequence and an offset overflows.
+inline constexpr uint64_t kMaxRallySeq = uint64_t{1} << 62;
 // Entries appended between two settles of the queue, at most.
 inline constexpr uint32_t kSettleBatch = 256;
 

@@ -278,6 +278,30 @@ TEST_F(RallyWriterQueue, AnAppendThatWouldOverflowItsOffsetSwapsFirst) {
   for (uint64_t id = 0; id < 10; ++id) EXPECT_TRUE(writer->lookup(TestKey{id}, v)) << id;
 }
 
+// A newest sequence that no count of notifications reaches (the fuzzer found 2^64 - 1, whose
+// next append wrapped to 0) marks the control block as damaged: the writer starts a new queue
+// from sequence 1 instead of adopting it, and the table stays sound.
+TEST_F(RallyWriterQueue, ANewestSequenceBeyondCountingStartsTheQueueAgain) {
+  for (uint64_t id = 0; id < 10; ++id) write(id, 1);
+  writer->detach();
+  for (uint64_t damaged : {~uint64_t{0}, Ledger::kMaxRallySeq + 1}) {
+    {
+      EmberFile control, queue;
+      queueHeader(control, queue);
+      reinterpret_cast<Ledger::RallyControl*>(control.base())->latestSeq = damaged;
+    }
+    writer->attach();
+    EXPECT_FALSE(rally().adopted()) << damaged;
+    lastSeq.clear();
+    for (uint64_t n = 0; n < 20; ++n) write(n % 13, 100 + n);
+    EXPECT_LE(writer->sequence(), 40u) << "sequences start again from 1";
+    expectOneLiveEntryPerSlot();
+    TestValue v;
+    for (uint64_t id = 0; id < 13; ++id) EXPECT_TRUE(writer->lookup(TestKey{id}, v)) << id;
+    writer->detach();
+  }
+}
+
 // The validator reads the queue as it is in shared memory: an entry whose offset is 0, two
 // entries out of order, a header base or count the writer did not store, a base beyond the
 // newest sequence. A writer that finds such a queue on attach does not adopt it: the table is
