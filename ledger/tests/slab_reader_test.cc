@@ -7,6 +7,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <fstream>
 #include <map>
 #include <optional>
@@ -159,20 +161,68 @@ int readerMain(const std::string& root, int ctl, const std::string& resultPath, 
   return out.good() ? 0 : 4;
 }
 
+// A reader process started on `root`, finished by finish(): what its shadow held, what its
+// events left present, how many direct lookups it made; what it saw wrong fails the test.
+struct ViaReaderProcess {
+  std::string resultPath;
+  pid_t pid = -1;
+  int ctl = -1;
+
+  ViaReaderProcess(const std::string& root, uint32_t keys) : resultPath(root + "-result") {
+    int fds[2];
+    EXPECT_EQ(::pipe(fds), 0);
+    pid = ::fork();
+    if (pid == 0) {
+      ::close(fds[1]);
+      ::_exit(readerMain(root, fds[0], resultPath, keys));
+    }
+    ::close(fds[0]);
+    ctl = fds[1];
+  }
+  ~ViaReaderProcess() {
+    if (pid > 0) {
+      ::kill(pid, SIGKILL);
+      ::waitpid(pid, nullptr, 0);
+    }
+    ::close(ctl);
+    ::unlink(resultPath.c_str());
+  }
+  struct Result {
+    std::map<uint32_t, uint32_t> held, present;
+    uint64_t lookups = 0;
+  };
+  Result finish() {
+    EXPECT_EQ(::write(ctl, "f", 1), 1);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    pid = -1;
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "reader status " << status;
+    std::ifstream in(resultPath);
+    Result r;
+    r.held = readMap(in);
+    r.present = readMap(in);
+    size_t errorCount = 0;
+    in >> r.lookups >> errorCount;
+    std::string line;
+    std::getline(in, line);
+    for (size_t i = 0; i < errorCount && std::getline(in, line); ++i) ADD_FAILURE() << line;
+    EXPECT_EQ(errorCount, 0u);
+    return r;
+  }
+};
+
+void expectReaderMatches(const ViaReaderProcess::Result& r,
+                         const std::map<uint32_t, uint32_t>& expected) {
+  EXPECT_EQ(r.held, expected) << "the shadow ends equal to the writer";
+  EXPECT_EQ(r.present, expected) << "the events tell every key's last version";
+  EXPECT_GT(r.lookups, 0u);
+}
+
 TEST(SlabReaderProcess, CopiesWholeViaSetsWhileTheWriterResizesAndReusesThem) {
   TempRoot root;
   constexpr uint32_t kKeys = 24;
   constexpr uint32_t kRounds = 1500;
-  const std::string resultPath = root.path() + "-result";
-  int fds[2];
-  ASSERT_EQ(::pipe(fds), 0);
-  const pid_t child = ::fork();
-  if (child == 0) {
-    ::close(fds[1]);
-    ::_exit(readerMain(root.path(), fds[0], resultPath, kKeys));
-  }
-  ::close(fds[0]);
-
+  ViaReaderProcess reader(root.path(), kKeys);
   ViaTableWriter w(root.path());
   std::map<uint32_t, uint32_t> expected;
   // Churn for at least a second, so that the reader's copies overlap many rewrites.
@@ -198,26 +248,44 @@ TEST(SlabReaderProcess, CopiesWholeViaSetsWhileTheWriterResizesAndReusesThem) {
   for (uint32_t c = 0; c < Shape::kNumClasses; ++c) {
     EXPECT_LE(w.writer.ops().allocator().slab(c).numEntries(), 2 * kKeys + 16) << "class " << c;
   }
+  expectReaderMatches(reader.finish(), expected);
+}
 
-  ASSERT_EQ(::write(fds[1], "f", 1), 1);
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  ::close(fds[1]);
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "reader status " << status;
-  std::ifstream in(resultPath);
-  const auto held = readMap(in);
-  const auto present = readMap(in);
-  uint64_t lookups = 0;
-  size_t errorCount = 0;
-  in >> lookups >> errorCount;
-  std::string line;
-  std::getline(in, line);
-  for (size_t i = 0; i < errorCount && std::getline(in, line); ++i) ADD_FAILURE() << line;
-  ::unlink(resultPath.c_str());
-  EXPECT_EQ(errorCount, 0u);
-  EXPECT_EQ(held, expected) << "the shadow ends equal to the writer";
-  EXPECT_EQ(present, expected) << "the events tell every key's last version";
-  EXPECT_GT(lookups, 0u);
+// Random churn over two thousand keys in phases that grow the table and shrink it again, so
+// that slots are moved and reused under a reader that falls behind, with every value out of
+// line. READER_STRESS_OPS / 10 operations when set (ledger/tests/reader_stress.sh).
+TEST(SlabReaderProcess, FollowsAChurnThatGrowsAndShrinksTheTable) {
+  TempRoot root;
+  constexpr uint32_t kKeys = 2000;
+  const char* env = std::getenv("READER_STRESS_OPS");
+  const uint64_t ops = env ? std::strtoull(env, nullptr, 10) / 10 : 60000;
+  ViaReaderProcess reader(root.path(), kKeys);
+  ViaTableWriter w(root.path());
+  std::mt19937_64 rng(7);
+  std::map<uint32_t, uint32_t> expected, version;
+  for (uint64_t done = 0; done < ops;) {
+    // Thirds of 30000 operations: mostly inserts, a mix, mostly removes.
+    const int bias = int(done / 10000 % 3) * 40 - 40;
+    for (uint64_t batch = 1 + rng() % 64; batch > 0 && done < ops; --batch, ++done) {
+      const uint32_t id = uint32_t(rng() % kKeys);
+      const int kind = std::clamp(int(rng() % 100) + bias, 0, 99);
+      if (kind < 50 || (kind < 62 && !expected.count(id))) {
+        expected[id] = ++version[id];
+        w.writer.write(viaSetOf(id, expected[id]));
+      } else if (kind < 62) {
+        w.writer.write(viaSetOf(id, expected[id]), Ledger::WriteFlag::always);  // unchanged
+      } else {
+        w.writer.remove(ViaSetKey{id});
+        expected.erase(id);
+      }
+    }
+    w.flush();
+  }
+  ASSERT_TRUE(w.writer.validate()) << w.writer.validationError();
+  const auto counters = w.writer.writerCounters();
+  EXPECT_GT(counters.slotShrinks, 0u);
+  EXPECT_GT(counters.bucketShrinks, 0u);
+  expectReaderMatches(reader.finish(), expected);
 }
 
 // Runs `loop` until `done` or a deadline, then a little longer to catch stray events.
