@@ -18,6 +18,7 @@
 #include <random>
 #include <span>
 
+#include "ledger/tests/ForkedChild.h"
 #include "ledger/tests/ShadowHarness.h"
 
 namespace {
@@ -140,35 +141,19 @@ int readerMain(const std::string& root, int ctl, const std::string& resultPath, 
 }
 
 struct ReaderProcess {
-  pid_t pid = -1;
-  int ctl = -1;
   std::string resultPath;
+  ForkedChild child;
 
-  ReaderProcess(const std::string& root, int n, bool strict, uint64_t keys) {
-    resultPath = root + "-result-" + std::to_string(n);
-    int fds[2];
-    EXPECT_EQ(::pipe(fds), 0);
-    pid = ::fork();
-    if (pid == 0) {
-      ::close(fds[1]);
-      ::_exit(readerMain(root, fds[0], resultPath, strict, keys));
-    }
-    ::close(fds[0]);
-    ctl = fds[1];
-  }
+  ReaderProcess(const std::string& root, int n, bool strict, uint64_t keys)
+      : resultPath(root + "-result-" + std::to_string(n)),
+        child([&](int, int ctl) { return readerMain(root, ctl, resultPath, strict, keys); }) {}
   ~ReaderProcess() {
-    if (pid > 0) {
-      ::kill(pid, SIGKILL);
-      ::waitpid(pid, nullptr, 0);
-    }
-    ::close(ctl);
+    child.kill();
     ::unlink(resultPath.c_str());
   }
   ReaderResult finish() {
-    EXPECT_EQ(::write(ctl, "f", 1), 1);
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    pid = -1;
+    EXPECT_TRUE(child.tell('f'));
+    const int status = child.wait();
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "reader status " << status;
     ReaderResult r;
     std::ifstream in(resultPath);

@@ -16,6 +16,7 @@
 
 #include "ledger/LedgerShadow.h"
 #include "ledger/LedgerWriter.h"
+#include "ledger/tests/ForkedChild.h"
 #include "ledger/tests/SlabTestTypes.h"
 #include "ledger/tests/TestTable.h"
 #include "platform/shm/ReaderKick.h"
@@ -165,26 +166,13 @@ int readerMain(const std::string& root, int ctl, const std::string& resultPath, 
 // events left present, how many direct lookups it made; what it saw wrong fails the test.
 struct ViaReaderProcess {
   std::string resultPath;
-  pid_t pid = -1;
-  int ctl = -1;
+  ForkedChild child;
 
-  ViaReaderProcess(const std::string& root, uint32_t keys) : resultPath(root + "-result") {
-    int fds[2];
-    EXPECT_EQ(::pipe(fds), 0);
-    pid = ::fork();
-    if (pid == 0) {
-      ::close(fds[1]);
-      ::_exit(readerMain(root, fds[0], resultPath, keys));
-    }
-    ::close(fds[0]);
-    ctl = fds[1];
-  }
+  ViaReaderProcess(const std::string& root, uint32_t keys)
+      : resultPath(root + "-result"),
+        child([&](int, int ctl) { return readerMain(root, ctl, resultPath, keys); }) {}
   ~ViaReaderProcess() {
-    if (pid > 0) {
-      ::kill(pid, SIGKILL);
-      ::waitpid(pid, nullptr, 0);
-    }
-    ::close(ctl);
+    child.kill();
     ::unlink(resultPath.c_str());
   }
   struct Result {
@@ -192,10 +180,8 @@ struct ViaReaderProcess {
     uint64_t lookups = 0;
   };
   Result finish() {
-    EXPECT_EQ(::write(ctl, "f", 1), 1);
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    pid = -1;
+    EXPECT_TRUE(child.tell('f'));
+    const int status = child.wait();
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "reader status " << status;
     std::ifstream in(resultPath);
     Result r;

@@ -1,5 +1,6 @@
-// Test helper: a forked child process that reports to its parent through a pipe, and is
-// killed (SIGKILL) when the parent is done with it while it still runs.
+// Test helper: a forked child process that reports to its parent through a pipe (and may be
+// told things through a second one), and is killed (SIGKILL) when the parent is done with it
+// while it still runs.
 #pragma once
 
 #include <fcntl.h>
@@ -12,34 +13,48 @@
 #include <cerrno>
 #include <cstdlib>
 #include <string>
+#include <type_traits>
 
 namespace TestSupport {
 
 class ForkedChild {
  public:
   // Forks; the child runs `body(fd)`, fd being the pipe's write end, and exits with what it
-  // returns. The parent keeps the read end.
+  // returns. The parent keeps the read end. A body that takes two descriptors also gets the
+  // read end of a second pipe, on which the parent's tell() reaches it.
   template <class Body>
   explicit ForkedChild(Body body) {
-    int fds[2];
-    if (::pipe(fds) != 0) std::abort();
+    constexpr bool kTold = std::is_invocable_v<Body, int, int>;
+    int fds[2], toChild[2] = {-1, -1};
+    if (::pipe(fds) != 0 || (kTold && ::pipe(toChild) != 0)) std::abort();
     pid_ = ::fork();
     if (pid_ == 0) {
       ::close(fds[0]);
-      ::_exit(body(fds[1]));
+      if constexpr (kTold) {
+        ::close(toChild[1]);
+        ::_exit(body(fds[1], toChild[0]));
+      } else {
+        ::_exit(body(fds[1]));
+      }
     }
     ::close(fds[1]);
     fd_ = fds[0];
+    if (kTold) ::close(toChild[0]);
+    toChild_ = toChild[1];
   }
   ForkedChild(const ForkedChild&) = delete;
   ForkedChild& operator=(const ForkedChild&) = delete;
   // A child still running (a failed test left it) is killed.
   ~ForkedChild() {
     if (fd_ >= 0) ::close(fd_);
+    if (toChild_ >= 0) ::close(toChild_);
     kill();
   }
 
   pid_t pid() const { return pid_; }
+
+  // Sends `c` to a child whose body took the second pipe: false when it could not.
+  bool tell(char c) { return toChild_ >= 0 && ::write(toChild_, &c, 1) == 1; }
 
   // Waits up to `timeoutMs` for `count` more bytes from the child: what arrived by then
   // (shorter when the time ran out or the child closed its end).
@@ -100,6 +115,7 @@ class ForkedChild {
 
   pid_t pid_ = -1;
   int fd_ = -1;
+  int toChild_ = -1;  // write end of the second pipe, when the body took it
   bool nonBlocking_ = false;
   bool reaped_ = false;
 };
