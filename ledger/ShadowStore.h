@@ -426,21 +426,17 @@ class ShadowStore {
     line.push_back(takeOut(slot));
     for (uint64_t steps = 0; !line.empty(); ++steps) {
       const Leaving& top = line.back();
-      const uint32_t elsewhere = reader_.findSlot(top.key);
-      if (elsewhere == kNoSlot || elsewhere >= reader_.slotTable().numSlots()) {
-        emit(notifying, top.key, nullptr);
-        line.pop_back();
+      const uint32_t at = reader_.findSlot(top.key);
+      const bool held = at != kNoSlot && at < reader_.slotTable().numSlots();
+      if (held && at >= entries_.size()) grow(at + 1);
+      if (held && entries_[at].occupied && steps < 2 * uint64_t{entries_.size()}) {
+        line.push_back(takeOut(at));  // its key leaves first
         continue;
       }
-      if (elsewhere >= entries_.size()) grow(elsewhere + 1);
-      if (entries_[elsewhere].occupied && steps < 2 * uint64_t{entries_.size()}) {
-        line.push_back(takeOut(elsewhere));
-        continue;
-      }
-      if (entries_[elsewhere].occupied) {
-        emit(notifying, top.key, nullptr);
+      if (held && !entries_[at].occupied) {
+        arrive(at, top, notifying);
       } else {
-        arrive(elsewhere, top, notifying);
+        emit(notifying, top.key, nullptr);
       }
       line.pop_back();
     }
