@@ -609,7 +609,7 @@ int dump(const Options& o, std::ostream& out, std::ostream& err) {
   std::vector<uint8_t> stored(t.readSize());
   const uint32_t n = std::min(t.slots.numSlots(), t.slots.mappedSlots());
   if (o.json) {
-    out << "{\"table\": \"" << o.name << "\", \"valueSize\": " << t.slots.valueSize()
+    out << "{\"table\": \"" << jsonEscaped(o.name) << "\", \"valueSize\": " << t.slots.valueSize()
         << ", \"entries\": [";
   }
   uint32_t shown = 0;
