@@ -283,13 +283,15 @@ bool resolveFolder(Options& o, std::ostream& err) {
 
 // Tables below `root`, by their paths from it: the folders that hold a slot file. Neither
 // links nor hidden folders are followed, nor the folders inside a table (its readers').
-std::vector<std::string> tablesUnder(const std::string& root) {
+// `ec` tells why the root itself could not be read.
+std::vector<std::string> tablesUnder(const std::string& root, std::error_code& ec) {
   namespace fs = std::filesystem;
   constexpr int kMaxDepth = 8;
   std::vector<std::string> names;
-  std::error_code ec;
   fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied, ec);
-  for (; !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+  if (ec) return names;
+  for (std::error_code walk; !walk && it != fs::recursive_directory_iterator();
+       it.increment(walk)) {
     const fs::path& path = it->path();
     if (!fs::is_directory(it->symlink_status()) || path.filename().string()[0] == '.') {
       it.disable_recursion_pending();
@@ -308,14 +310,13 @@ std::vector<std::string> tablesUnder(const std::string& root) {
 }
 
 int ls(const Options& o, std::ostream& out, std::ostream& err) {
-  std::string root = SharedMem::rootPath(o.root);
-  DIR* d = ::opendir(root.c_str());
-  if (!d) {
-    err << "ledger: cannot read root " << root << ": " << std::strerror(errno) << "\n";
+  const std::string root = SharedMem::rootPath(o.root);
+  std::error_code ec;
+  const std::vector<std::string> names = tablesUnder(root, ec);
+  if (ec) {
+    err << "ledger: cannot read root " << root << ": " << ec.message() << "\n";
     return kUsage;
   }
-  ::closedir(d);
-  const std::vector<std::string> names = tablesUnder(root);
   int nameWidth = 24;
   for (const auto& name : names) nameWidth = std::max(nameWidth, int(name.size()) + 2);
   out << std::left << std::setw(nameWidth) << "TABLE" << std::setw(10) << "SLOTS" << std::setw(10)
