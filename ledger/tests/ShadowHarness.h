@@ -93,23 +93,26 @@ struct EventLog {
     n.onKey = [this](const TestKey& k, const TestValue* v) { onKey(k, v); };
     return n;
   }
+  // Only the first errors are kept; the events after them still count.
+  void error(std::string what) {
+    if (errors.size() < 20) errors.push_back(std::move(what));
+  }
   void onKey(const TestKey& k, const TestValue* v) {
-    if (errors.size() > 20) return;
     if (!v) {
-      if (!present.erase(k.id)) errors.push_back("deleted absent key " + std::to_string(k.id));
+      if (!present.erase(k.id)) error("deleted absent key " + std::to_string(k.id));
       ++deletes;
       deletedSince.insert(k.id);
       return;
     }
     if (!whole(*v) || v->k.id != k.id) {
-      errors.push_back("torn value for key " + std::to_string(k.id));
+      error("torn value for key " + std::to_string(k.id));
       return;
     }
     auto last = lastVersion.find(k.id);
     if (last != lastVersion.end() && v->version <= last->second) {
-      errors.push_back("key " + std::to_string(k.id) + " version " + std::to_string(v->version) +
-                       " after " + std::to_string(last->second) +
-                       (deletedSince.count(k.id) ? ", deleted in between" : ""));
+      error("key " + std::to_string(k.id) + " version " + std::to_string(v->version) + " after " +
+            std::to_string(last->second) +
+            (deletedSince.count(k.id) ? ", deleted in between" : ""));
     }
     lastVersion[k.id] = v->version;
     deletedSince.erase(k.id);

@@ -268,20 +268,25 @@ TEST(ReaderMultiProcess, WriterKilledAndRestartedReadersResync) {
   const uint64_t keys = 2000;
   ReaderProcess r1(root.path(), 1, false, keys);
   ReaderProcess r2(root.path(), 2, false, keys);
-  for (int round = 0; round < 3; ++round) {
+  // READER_STRESS_KILLS more rounds, each killed after a random time from 0 to 150 ms: kills
+  // land in the middle of attaching, formatting, growth and compaction too.
+  const char* kills = std::getenv("READER_STRESS_KILLS");
+  const int rounds = kills ? std::atoi(kills) : 3;
+  std::mt19937 rng(7);
+  for (int round = 0; round < rounds; ++round) {
     pid_t writer = ::fork();
     if (writer == 0) {
       KickingWriter w(root.path(), "routes", 16);
       Churn churn(w, keys, uint64_t(round + 1) << 32, round);
       for (;;) churn.cycle(30000);
     }
-    ::usleep(100000 + 50000 * round);
+    ::usleep(round < 3 ? 100000 + 50000 * round : rng() % 150000);
     ::kill(writer, SIGKILL);
     ::waitpid(writer, nullptr, 0);
   }
   KickingWriter w(root.path(), "routes", 16);
   EXPECT_TRUE(w.writer.validate()) << w.writer.validationError();
-  Churn churn(w, keys, uint64_t(9) << 32, 9);
+  Churn churn(w, keys, uint64_t(rounds + 1) << 32, 9);
   churn.cycle(20000);
   auto table = w.contents();
   expectReaderMatches(r1.finish(), table);
