@@ -1,6 +1,7 @@
 // A writer process killed with SIGKILL at random points mid-stream: the next writer attaches
 // (adopting or recovering the files), the validator passes, and every operation that the dead
-// writer had acknowledged is there.
+// writer had acknowledged is there. Both kinds of table: values in the slots (written in
+// direct mode too), and values of changing sizes in slabs.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -9,12 +10,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <map>
 #include <random>
 #include <vector>
 
 #include "ledger/LedgerWriter.h"
 #include "ledger/tests/ForkedChild.h"
+#include "ledger/tests/SlabTestTypes.h"
 #include "ledger/tests/TestTable.h"
 
 namespace {
@@ -40,7 +43,52 @@ bool whole(const CrashValue& v) {
   return std::all_of(v.payload, v.payload + sizeof(v.payload),
                      [&](uint8_t b) { return b == expected; });
 }
-using Writer = Ledger::LedgerWriter<TestKey, CrashValue>;
+
+// A table of values in the slots.
+struct SlotTable {
+  using Writer = Ledger::LedgerWriter<TestKey, CrashValue>;
+  static constexpr const char* kName = "crash";
+  static void write(Writer& w, uint64_t id, uint64_t version) {
+    if (version % 7 == 0) {
+      *w.directWrite(TestKey{id}) = crashValue(id, version);
+      w.directCommit();
+    } else {
+      w.write(crashValue(id, version));
+    }
+  }
+  static void remove(Writer& w, uint64_t id) { w.remove(TestKey{id}); }
+  // The version that `id` holds (0: absent); false when its value is torn.
+  static bool read(Writer& w, uint64_t id, uint64_t& version) {
+    CrashValue v;
+    version = w.lookup(TestKey{id}, v) ? v.version : 0;
+    return version == 0 || (whole(v) && v.k.id == id);
+  }
+};
+
+// A table of via sets in slabs; a key's size class changes with its version, so that a kill
+// often lands between a new payload's allocation and the old one's release.
+struct SlabTable {
+  using Writer = Ledger::LedgerWriter<ViaSetKey, ViaSet, ViaOps>;
+  static constexpr const char* kName = "crashSlabs";
+  static size_t viasOf(uint64_t id, uint64_t version) {
+    constexpr size_t kSizes[] = {1, 2, 17, 128, 3, 0};
+    return kSizes[(id + version) % 6];
+  }
+  static void write(Writer& w, uint64_t id, uint64_t version) {
+    w.write(makeViaSet(uint32_t(id), viasOf(id, version), uint32_t(version)));
+  }
+  static void remove(Writer& w, uint64_t id) { w.remove(ViaSetKey{uint32_t(id)}); }
+  static bool read(Writer& w, uint64_t id, uint64_t& version) {
+    ViaSet v;
+    version = 0;
+    if (!w.lookup(ViaSetKey{uint32_t(id)}, v)) return true;
+    uint32_t stored;
+    std::memcpy(&stored, v.fixed, sizeof(stored));
+    version = stored;
+    return v.key.id == id &&
+           wholeViaSet(v, [](uint32_t k, uint32_t ver) { return viasOf(k, ver); });
+  }
+};
 
 // The child announces a batch of operations (one record each), performs them, and then
 // acknowledges the whole batch with one kBatchDone record.
@@ -52,10 +100,10 @@ struct Record {
   uint64_t version;
 };
 
-Ledger::LedgerConfig crashConfig(const std::string& root) {
+Ledger::LedgerConfig crashConfig(const std::string& root, const char* table) {
   Ledger::LedgerConfig c;
   c.root = root;
-  c.table = "crash";
+  c.table = table;
   c.capacity = 8;
   c.minBuckets = 4;
   return c;
@@ -72,8 +120,9 @@ void sendAll(int fd, const std::vector<Record>& records) {
 }
 
 // The child: attach (waiting for the dead writer's lock to go) and churn until killed.
+template <class Table>
 [[noreturn]] void churn(const std::string& root, int fd, uint64_t seed, uint64_t firstVersion) {
-  Writer w(crashConfig(root));
+  typename Table::Writer w(crashConfig(root, Table::kName));
   for (;;) {
     try {
       w.attach();
@@ -103,18 +152,16 @@ void sendAll(int fd, const std::vector<Record>& records) {
     sendAll(fd, batch);
     for (const Record& r : batch) {
       if (r.kind == kRemove) {
-        w.remove(TestKey{r.id});
-      } else if (r.version % 7 == 0) {
-        *w.directWrite(TestKey{r.id}) = crashValue(r.id, r.version);
-        w.directCommit();
+        Table::remove(w, r.id);
       } else {
-        w.write(crashValue(r.id, r.version));
+        Table::write(w, r.id, r.version);
       }
     }
     sendAll(fd, {Record{kBatchDone, 0, 0, 0}});
   }
 }
 
+template <class Table>
 class Crash : public ::testing::Test {
  protected:
   void apply(const Record& r) {
@@ -145,7 +192,8 @@ class Crash : public ::testing::Test {
 
   // Runs a child writer until it kills itself and applies what it acknowledged.
   void runChild(uint64_t seed) {
-    ForkedChild child([&](int fd) -> int { churn(root.path(), fd, seed, maxVersion + 1000000); });
+    ForkedChild child(
+        [&](int fd) -> int { churn<Table>(root.path(), fd, seed, maxVersion + 1000000); });
     ASSERT_GT(child.pid(), 0);
     const std::string stream = child.readAll();
     const int status = child.wait();
@@ -159,7 +207,7 @@ class Crash : public ::testing::Test {
   }
 
   void checkTable() {
-    Writer w(crashConfig(root.path()));
+    typename Table::Writer w(crashConfig(root.path(), Table::kName));
     auto result = w.attach();
     recovered += result == Ledger::AttachResult::recovered;
     EXPECT_TRUE(result == Ledger::AttachResult::existing ||
@@ -168,13 +216,10 @@ class Crash : public ::testing::Test {
     ASSERT_TRUE(w.validate()) << w.validationError();
     size_t present = 0;
     for (uint64_t id = 0; id < 600; ++id) {
-      CrashValue v;
-      bool found = w.lookup(TestKey{id}, v);
-      if (found) {
-        ++present;
-        ASSERT_TRUE(whole(v)) << "torn value for key " << id;
-      }
-      uint64_t state = found ? v.version : 0;
+      uint64_t state = 0;
+      ASSERT_TRUE(Table::read(w, id, state)) << "torn value for key " << id;
+      const bool found = state != 0;
+      present += found;
       auto states = allowed(id);
       ASSERT_NE(std::find(states.begin(), states.end(), state), states.end())
           << "key " << id << " holds " << state << ", acknowledged " << states.front();
@@ -195,13 +240,19 @@ class Crash : public ::testing::Test {
   int recovered = 0;
 };
 
-TEST_F(Crash, KilledWritersLoseNothingAcknowledged) {
+using Tables = ::testing::Types<SlotTable, SlabTable>;
+TYPED_TEST_SUITE(Crash, Tables);
+
+TYPED_TEST(Crash, KilledWritersLoseNothingAcknowledged) {
   std::mt19937_64 rng(99);
-  for (int round = 0; round < 60; ++round) {
-    ASSERT_NO_FATAL_FAILURE(runChild(rng())) << "round " << round;
-    ASSERT_NO_FATAL_FAILURE(checkTable()) << "round " << round;
+  const char* rounds = std::getenv("CRASH_ROUNDS");  // more for a long run
+  const int n = rounds ? std::atoi(rounds) : 60;
+  for (int round = 0; round < n; ++round) {
+    ASSERT_NO_FATAL_FAILURE(this->runChild(rng())) << "round " << round;
+    ASSERT_NO_FATAL_FAILURE(this->checkTable()) << "round " << round;
   }
-  RecordProperty("recovered", recovered);  // how many kills left the table half-changed
+  // How many kills left the table half-changed.
+  this->RecordProperty("recovered", this->recovered);
 }
 
 }  // namespace

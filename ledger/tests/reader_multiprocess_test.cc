@@ -5,7 +5,7 @@
 // key only grow (an unchanged rewrite would repeat one) and the keys that the events leave
 // present are exactly the writer's.
 //
-// READER_STRESS_OPS scales the churn (ledger/tests/reader_stress.sh runs it long).
+// READER_STRESS_OPS scales the churn (ledger/tests/stress.sh runs it long).
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>

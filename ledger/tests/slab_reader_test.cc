@@ -239,7 +239,7 @@ TEST(SlabReaderProcess, CopiesWholeViaSetsWhileTheWriterResizesAndReusesThem) {
 
 // Random churn over two thousand keys in phases that grow the table and shrink it again, so
 // that slots are moved and reused under a reader that falls behind, with every value out of
-// line. READER_STRESS_OPS / 10 operations when set (ledger/tests/reader_stress.sh).
+// line. READER_STRESS_OPS / 10 operations when set (ledger/tests/stress.sh).
 TEST(SlabReaderProcess, FollowsAChurnThatGrowsAndShrinksTheTable) {
   TempRoot root;
   constexpr uint32_t kKeys = 2000;
