@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "ledger/Exceptions.h"
+#include "ledger/Ops.h"
 #include "ledger/Shape.h"
 #include "ledger/SlotReaderTable.h"
 

@@ -159,7 +159,7 @@ bool writerAlive(uint32_t pid) {
 
 // The slabs of a table whose values live out of line: every consistent read of a slot copies
 // the payload it refers to, as [uint32 size][payload].
-struct SlabCopier : OutOfLineReader {
+struct SlabCopier final : OutOfLineReader {
   Shape::ReaderAllocator slabs;
   bool copyOut(uint8_t* stored, std::string& why) override {
     return slabs.copyReferenced(stored, Shape::kMaxPayload, why);
