@@ -357,6 +357,15 @@ void showSlabs(Table& t, std::ostream& out) {
   }
 }
 
+// The queue's count, or why it cannot be one (beyond the queue's capacity).
+std::string queueCountText(const Table& t) {
+  try {
+    return std::to_string(t.rally.queueCount());
+  } catch (const CorruptionException& e) {
+    return std::string("corrupt: ") + e.what();
+  }
+}
+
 int show(const Options& o, std::ostream& out, std::ostream& err) {
   Table t;
   if (int rc = open(o, t, err)) return rc;
@@ -373,7 +382,7 @@ int show(const Options& o, std::ostream& out, std::ostream& err) {
     uint32_t pid = t.rally.writerPid();
     out << "rallyGeneration: " << t.rally.generation()
         << "\nrallyIncarnation: " << t.rally.incarnation()
-        << "\nrallyLatestSeq: " << t.rally.writerSeq() << "\nrallyCount: " << t.rally.queueCount()
+        << "\nrallyLatestSeq: " << t.rally.writerSeq() << "\nrallyCount: " << queueCountText(t)
         << "\nrallyCapacity: " << t.rally.queueCapacity()
         << "\nrallyBaseSeq: " << t.rally.queueBaseSeq()
         << "\nrallySlotCapacity: " << t.rally.slotCapacity() << "\ncorral: " << corralStart << ".."
@@ -759,6 +768,15 @@ int watch(const Options& o, std::ostream& out, std::ostream& err) {
   return Watcher(o, t, out).run();
 }
 
+int runCommand(Options& o, std::ostream& out, std::ostream& err) {
+  if (o.command == "ls") return ls(o, out, err);
+  if (!resolveFolder(o, err)) return kUsage;
+  if (o.command == "show") return show(o, out, err);
+  if (o.command == "validate") return validate(o, out, err);
+  if (o.command == "dump") return dump(o, out, err);
+  return watch(o, out, err);
+}
+
 }  // namespace
 
 int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
@@ -781,12 +799,14 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     out << help->second;
     return kOk;
   }
-  if (o.command == "ls") return ls(o, out, err);
-  if (!resolveFolder(o, err)) return kUsage;
-  if (o.command == "show") return show(o, out, err);
-  if (o.command == "validate") return validate(o, out, err);
-  if (o.command == "dump") return dump(o, out, err);
-  return watch(o, out, err);
+  // Each command reports what it finds wrong as it goes; anything a table's bytes make a lower
+  // layer throw still ends as a report on the table, never as an abort.
+  try {
+    return runCommand(o, out, err);
+  } catch (const std::exception& e) {
+    err << "ledger " << o.command << ": " << o.table << ": " << e.what() << "\n";
+    return kInvalid;
+  }
 }
 
 }  // namespace LedgerTool

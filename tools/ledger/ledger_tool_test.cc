@@ -161,6 +161,18 @@ TEST(LedgerTool, ReportsACorruptChangeQueue) {
   EXPECT_EQ(baseBeyond.status, 1);
   EXPECT_TRUE(contains(baseBeyond.out, "rally base:11 beyond latest sequence:10"))
       << baseBeyond.out;
+  // A count beyond the queue's capacity: show says so and goes on, the other commands report
+  // the table corrupt.
+  patch(root, queue.c_str(), [&](uint8_t* base) {
+    auto& header = *reinterpret_cast<Ledger::RallyQueueHeader*>(base);
+    header.baseSeq = 0;
+    header.count = header.capacity + 1;
+  });
+  auto countBeyond = tool(root, {"show", "routes"});
+  EXPECT_EQ(countBeyond.status, 0);
+  EXPECT_TRUE(contains(countBeyond.out, "rallyCount: corrupt: ")) << countBeyond.out;
+  EXPECT_TRUE(contains(countBeyond.out, "rallyBaseSeq: 0\n")) << "the lines after it still come";
+  EXPECT_EQ(tool(root, {"validate", "routes"}).status, 1);
 }
 
 TEST(LedgerTool, WatchPrintsEachChangeAsItHappens) {
