@@ -9,7 +9,7 @@ seconds=${1:-60}
 build=build-fuzz
 cmake -S . -B "$build" -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DMPLS_FUZZ=ON -DMPLS_SANITIZE=ON -DMPLS_TESTS=OFF >/dev/null
-targets=(ledger_table_fuzz reader_fuzz record_fuzz)
+targets=(ledger_table_fuzz reader_fuzz record_fuzz ledger_tool_fuzz)
 ninja -C "$build" -j2 "${targets[@]}"
 status=0
 for target in "${targets[@]}"; do
