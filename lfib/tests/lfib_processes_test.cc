@@ -13,6 +13,7 @@
 
 #include "lfib/LfibWriter.h"
 #include "lfib/tests/TempLedgerRoot.h"
+#include "platform/tests/ForkedChild.h"
 #include "zinc/Loop.h"
 
 namespace Mpls {
@@ -60,9 +61,9 @@ ConsolidatedLfibRoute randomRoute(std::mt19937& rng, uint32_t label) {
 }
 
 // The writer agent: publishes, then churns in bursts, kicking readers after each burst; sends
-// its final contents through `out` and waits for the reader to close `hold`.
-[[noreturn]] void writerAgent(const std::string& root, int out, int hold, bool inPlace) {
-  int rc = 0;
+// its final contents through `out` and keeps its tables until told on `hold` (or the parent
+// closes it). Returns its exit status.
+int writerAgent(const std::string& root, int out, int hold, bool inPlace) {
   try {
     LfibStatus::Ptr status = lfibStatusFactory("status");
     status->ledgerMountIs(Ledger::LedgerMode::writer, root);
@@ -91,19 +92,11 @@ ConsolidatedLfibRoute randomRoute(std::mt19937& rng, uint32_t label) {
     }
     ::close(out);
     char c;
-    while (::read(hold, &c, 1) > 0) {
-    }
+    (void)::read(hold, &c, 1);
+    return 0;
   } catch (const std::exception& e) {
-    rc = 2;
+    return 2;
   }
-  ::_exit(rc);
-}
-
-std::string readAll(int fd) {
-  std::string all;
-  char buf[65536];
-  for (ssize_t n; (n = ::read(fd, buf, sizeof(buf))) > 0;) all.append(buf, size_t(n));
-  return all;
 }
 
 class LfibAcrossProcesses : public ::testing::TestWithParam<bool> {};
@@ -120,28 +113,16 @@ TEST_P(LfibAcrossProcesses, ReaderEndsEqualToWriterAfterBurstsOfChanges) {
   count.notifierIs(reader);
   reader->ledgerMountIs(Ledger::LedgerMode::readOnly, root.path(), 64, &loop);
 
-  int out[2], hold[2];
-  ASSERT_EQ(::pipe(out), 0);
-  ASSERT_EQ(::pipe(hold), 0);
-  pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    ::close(out[0]);
-    ::close(hold[1]);
-    writerAgent(root.path(), out[1], hold[0], GetParam());
-  }
-  ::close(out[1]);
-  ::close(hold[0]);
-  const std::string expected = readAll(out[0]);
-  ::close(out[0]);
+  TestSupport::ForkedChild writer(
+      [&](int out, int hold) { return writerAgent(root.path(), out, hold, GetParam()); });
+  const std::string expected = writer.readAll();
   ASSERT_FALSE(expected.empty());
 
   bool equal =
       loop.runUntil([&] { return reader->ledgerInStep() && contents(*reader) == expected; },
                     std::chrono::seconds(30));
-  ::close(hold[1]);
-  int status = 0;
-  ::waitpid(child, &status, 0);
+  writer.tell('f');
+  const int status = writer.wait();
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   EXPECT_TRUE(equal) << "reader:\n" << contents(*reader).substr(0, 2000);
   EXPECT_GT(count.routes, 0u);
