@@ -2,7 +2,9 @@
 //
 //   ledger [--root DIR] ls                 tables, sizes, members, writer liveness
 //   ledger [--root DIR] show TABLE         header fields, counters, bucket and queue state
-//   ledger [--root DIR] validate TABLE     structural check; exit status 0 valid, 1 not
+//   ledger [--root DIR] validate TABLE [--once]  structural check; exit status 0 valid,
+//                                          1 not, 3 no verdict (the writer changed it during
+//                                          every check)
 //   ledger [--root DIR] dump TABLE [--json]  every entry, raw hex
 //   ledger [--root DIR] watch TABLE [--count N]  one line per added, changed, deleted entry
 //
@@ -16,7 +18,7 @@
 namespace LedgerTool {
 
 // Runs one command; returns the process exit status (0 ok, 1 invalid table, 2 usage or
-// missing/unreadable table).
+// missing/unreadable table, 3 a table that validate never caught at rest).
 int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 
 }  // namespace LedgerTool
