@@ -631,7 +631,7 @@ bool changesSoon(const Table& t, const ChangeStamp& before) {
   using std::chrono::milliseconds;
   for (milliseconds wait{5}; wait <= milliseconds{320}; wait *= 2) {
     std::this_thread::sleep_for(wait);
-    if (!(stampOf(t) == before)) return true;
+    if (stampOf(t) != before) return true;
     if (!t.rally.attached() || !writerAlive(t.rally.writerPid())) return false;
   }
   return false;
