@@ -306,6 +306,9 @@ class ShadowStore {
     const uint32_t size = valueSize();
     std::array<uint32_t, kBulkGroup> status;
     std::array<uint32_t, kBulkGroup> hashes;
+    static_assert(kBulkGroup <= 32, "one bit a slot of the group");
+    bulkFirst_ = first;
+    bulkCopied_ = 0;
     if constexpr (!SlotKind::kValues) groupCopies_.resize(uint64_t{kBulkGroup} * size);
     for (uint32_t slot = first; slot < end; ++slot) {
       if (slot % kPopulateChunk == 0) table.populate(slot + kPopulateChunk, kPopulateChunk);
@@ -315,6 +318,7 @@ class ShadowStore {
         std::memcpy(copy, table.value(slot), size);
         hashes[slot - first] = OpsT::hash(reader_.ops().storedKey(copy));
         map_.prefetch(hashes[slot - first]);
+        bulkCopied_ |= 1u << (slot - first);
       }
     }
     // Acquire fence: the copies above are ordered before the status words' second loads.
@@ -323,13 +327,20 @@ class ShadowStore {
       const uint32_t was = status[slot - first];
       const bool held = Shm::load(table.slot(slot).status, std::memory_order_relaxed) == was;
       const uint64_t before = notifications_;
-      if (held && settled(was) && !entries_[slot].occupied) {
+      // Only a copy still whole is taken: a slot that an earlier slot of the group vacated
+      // since (its entry moved there) was not copied, and one filled since has lost its copy
+      // (fill() drops the bit); both are read afresh.
+      if (held && (bulkCopied_ >> (slot - first) & 1) && !entries_[slot].occupied) {
         takeCopied(slot, hashes[slot - first], copyPlace(slot, first), notifying);
       } else if (!held || (was & kOccupied) || entries_[slot].occupied) {
         doSlot(slot, 0, notifying);
       }  // else free in both: nothing to do
-      if (halted(before, notifying, stop)) return slot + 1;
+      if (halted(before, notifying, stop)) {
+        bulkCopied_ = 0;
+        return slot + 1;
+      }
     }
+    bulkCopied_ = 0;
     return end;
   }
   static bool settled(uint32_t status) { return (status & (kOccupied | kLookaside)) == kOccupied; }
@@ -491,6 +502,7 @@ class ShadowStore {
   }
   // The shadow's slot holds `key` (of `hash`) with `stored`; the hash map is the caller's.
   void fill(uint32_t slot, const Key& key, uint32_t hash, const uint8_t* stored) {
+    if (bulkCopied_ && slot - bulkFirst_ < kBulkGroup) bulkCopied_ &= ~(1u << (slot - bulkFirst_));
     Entry& e = entries_[slot];
     e.occupied = true;
     e.key = key;
@@ -542,6 +554,10 @@ class ShadowStore {
   std::vector<uint8_t> groupCopies_;  // a key shadow's bulk copies of one group
   uint64_t notifications_ = 0;
   uint32_t lastTold_ = kNoSlot;  // prefetchForRun's previous slot
+  // The bulk group being walked: its first slot, and a bit for each of its slots whose copy
+  // (in place, for a value shadow) is still to be taken.
+  uint32_t bulkFirst_ = 0;
+  uint32_t bulkCopied_ = 0;
 };
 
 template <class Key, class Value, class OpsT = Ops<Key, Value>>

@@ -380,3 +380,45 @@ TEST(ShadowStore, ALongLineOfMovedKeysIsFollowedWithoutEvents) {
     EXPECT_EQ(store.slotOfKey(TestKey{id}), reader.findSlot(TestKey{id})) << "key " << id;
   }
 }
+
+namespace {
+// A resync walks a shadow that still holds what it knew: in one bulk group, the writer has
+// moved key K from a higher slot Z to a lower slot X (taking the place of a removed key A), and
+// another key M has taken Z. The walk moves K's entry from Z to X, and must then read Z afresh:
+// no copy of it was taken while the shadow still held K there.
+TEST(ShadowStore, ABulkWalkReadsASlotThatItsGroupVacatedAfresh) {
+  TempRoot root;
+  KickingWriter w(root.path(), "routes", 64);
+  for (uint64_t id = 0; id < 10; ++id) w.writer.write(makeValue(id, 1));
+  Ledger::LedgerReader<TestKey, TestValue> reader(Ledger::ReaderConfig{root.path(), "routes"});
+  ASSERT_TRUE(reader.initialize());
+  EventLog log;
+  Ledger::ShadowStore<TestKey, TestValue> store(reader, log.notifier());
+  auto walk = [&] {
+    store.reserve();
+    store.syncSlots(0, reader.slotTable().numSlots(), true, [] { return false; });
+  };
+  walk();
+  ASSERT_EQ(log.adds, 10u);
+
+  const uint32_t x = reader.findSlot(TestKey{2}), z = reader.findSlot(TestKey{7});
+  ASSERT_LT(x, z);
+  ASSERT_LT(z, 32u) << "both in the first bulk group";
+  w.writer.remove(TestKey{2});        // A leaves X
+  w.writer.remove(TestKey{7});        // K leaves Z
+  w.writer.write(makeValue(100, 1));  // M takes Z
+  w.writer.write(makeValue(7, 2));    // K, changed, takes X
+  ASSERT_EQ(reader.findSlot(TestKey{7}), x);
+  ASSERT_EQ(reader.findSlot(TestKey{100}), z);
+
+  walk();
+  EXPECT_TRUE(log.errors.empty()) << log.errors.front();
+  EXPECT_EQ(log.present,
+            (std::map<uint64_t, uint64_t>{
+                {0, 1}, {1, 1}, {3, 1}, {4, 1}, {5, 1}, {6, 1}, {7, 2}, {8, 1}, {9, 1}, {100, 1}}));
+  EXPECT_EQ(store.members(), 10u);
+  for (uint64_t id : {7u, 100u}) {
+    EXPECT_EQ(store.slotOfKey(TestKey{id}), reader.findSlot(TestKey{id})) << "key " << id;
+  }
+}
+}  // namespace
