@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <random>
+#include <set>
 #include <span>
 
 #include "ledger/tests/ForkedChild.h"
@@ -225,10 +226,31 @@ struct Churn {
   }
 };
 
+// The first keys on which `got` and `table` differ, as "key: got / table" (- for absent).
+std::string differences(const std::map<uint64_t, uint64_t>& got,
+                        const std::map<uint64_t, uint64_t>& table) {
+  std::set<uint64_t> keys;
+  for (auto [k, v] : got) keys.insert(k);
+  for (auto [k, v] : table) keys.insert(k);
+  std::string out;
+  int shown = 0;
+  auto text = [](const std::map<uint64_t, uint64_t>& m, uint64_t k) {
+    auto it = m.find(k);
+    return it == m.end() ? std::string("-") : std::to_string(it->second);
+  };
+  for (uint64_t k : keys) {
+    if (text(got, k) == text(table, k) || ++shown > 10) continue;
+    out += " key " + std::to_string(k) + ": " + text(got, k) + " / " + text(table, k) + ";";
+  }
+  return out;
+}
+
 void expectReaderMatches(const ReaderResult& r, const std::map<uint64_t, uint64_t>& table) {
   EXPECT_TRUE(r.errors.empty()) << r.errors.front();
-  EXPECT_EQ(r.shadow, table) << "shadow differs from the writer's table";
-  EXPECT_EQ(r.events, table) << "the events lost a change";
+  EXPECT_TRUE(r.shadow == table) << "shadow differs from the writer's table (shadow / table):"
+                                 << differences(r.shadow, table);
+  EXPECT_TRUE(r.events == table) << "the events lost a change (events / table):"
+                                 << differences(r.events, table);
   EXPECT_GT(r.lookups, 0u);
 }
 
