@@ -308,30 +308,47 @@ TEST_F(ShadowTest, DetachTwiceAndDummyNotifier) {
   quiet.detach();
 }
 
-}  // namespace
+// A shadow store over a writer's table of keys 0..n-1 (version 1), fed by hand.
+class ShadowStoreTest : public ::testing::Test {
+ protected:
+  void start(uint32_t capacity, uint64_t keys) {
+    w.emplace(root.path(), "routes", capacity);
+    for (uint64_t id = 0; id < keys; ++id) w->writer.write(makeValue(id, 1));
+    ASSERT_TRUE(reader.initialize());
+  }
+  // Every slot told of, one at a time.
+  void tellEverySlot() {
+    for (uint32_t s = 0; s < reader.slotTable().numSlots(); ++s) store.doSlot(s, 0);
+  }
+  // The walk of a (re)sync, in bulk groups.
+  void walk() {
+    store.reserve();
+    store.syncSlots(0, reader.slotTable().numSlots(), true, [] { return false; });
+  }
+
+  TempRoot root;
+  std::optional<KickingWriter> w;
+  Ledger::LedgerReader<TestKey, TestValue> reader{Ledger::ReaderConfig{root.path(), "routes"}};
+  EventLog log;
+  Ledger::ShadowStore<TestKey, TestValue> store{reader, log.notifier()};
+};
 
 // A key that left a slot for one beyond the shadow's size makes the shadow grow while it
 // follows the key there; the slot's new occupant is then taken into the grown store, and the
 // moved key, unchanged, is not reported again.
-TEST(ShadowStore, KeyThatLeftForASlotBeyondTheShadowIsFollowedThere) {
-  TempRoot root;
-  KickingWriter w(root.path(), "routes", 8);
-  for (uint64_t id = 0; id < 4; ++id) w.writer.write(makeValue(id, 1));
-  Ledger::LedgerReader<TestKey, TestValue> reader(Ledger::ReaderConfig{root.path(), "routes"});
-  ASSERT_TRUE(reader.initialize());
-  EventLog log;
-  Ledger::ShadowStore<TestKey, TestValue> store(reader, log.notifier());
-  for (uint32_t s = 0; s < reader.slotTable().numSlots(); ++s) store.doSlot(s, 0);
+TEST_F(ShadowStoreTest, KeyThatLeftForASlotBeyondTheShadowIsFollowedThere) {
+  ASSERT_NO_FATAL_FAILURE(start(8, 4));
+  tellEverySlot();
   ASSERT_EQ(log.adds, 4u);
   const uint32_t oldSlot = reader.findSlot(TestKey{0});
 
   // Key 0 leaves its slot to a newcomer and comes back, unchanged, far above the shadow.
-  for (uint64_t id = 100; id < 400; ++id) w.writer.write(makeValue(id, 1));
+  for (uint64_t id = 100; id < 400; ++id) w->writer.write(makeValue(id, 1));
   TestValue same;  // the stored bytes, padding included: an unchanged value
-  ASSERT_TRUE(w.writer.lookup(TestKey{0}, same));
-  w.writer.remove(TestKey{0});
-  w.writer.write(makeValue(500, 1));
-  w.writer.write(same);
+  ASSERT_TRUE(w->writer.lookup(TestKey{0}, same));
+  w->writer.remove(TestKey{0});
+  w->writer.write(makeValue(500, 1));
+  w->writer.write(same);
   ASSERT_EQ(reader.findSlot(TestKey{500}), oldSlot) << "the newcomer took another slot";
   const uint32_t newSlot = reader.findSlot(TestKey{0});
   ASSERT_GE(newSlot, store.numSlots());
@@ -348,26 +365,20 @@ TEST(ShadowStore, KeyThatLeftForASlotBeyondTheShadowIsFollowedThere) {
 // writer moved twenty keys, unchanged, one slot along (removed and written again, each into
 // the slot the next one left). Telling the shadow of the first slot sends the whole line of
 // keys to their new slots, and nothing is reported: no key changed.
-TEST(ShadowStore, ALongLineOfMovedKeysIsFollowedWithoutEvents) {
-  TempRoot root;
-  KickingWriter w(root.path(), "routes", 64);
+TEST_F(ShadowStoreTest, ALongLineOfMovedKeysIsFollowedWithoutEvents) {
   constexpr uint64_t kLine = 20;
-  for (uint64_t id = 0; id < kLine; ++id) w.writer.write(makeValue(id, 1));
-  Ledger::LedgerReader<TestKey, TestValue> reader(Ledger::ReaderConfig{root.path(), "routes"});
-  ASSERT_TRUE(reader.initialize());
-  EventLog log;
-  Ledger::ShadowStore<TestKey, TestValue> store(reader, log.notifier());
-  for (uint32_t s = 0; s < reader.slotTable().numSlots(); ++s) store.doSlot(s, 0);
+  ASSERT_NO_FATAL_FAILURE(start(64, kLine));
+  tellEverySlot();
   ASSERT_EQ(log.adds, kLine);
 
   std::array<TestValue, kLine> same;  // the stored bytes, padding included
-  for (uint64_t id = 0; id < kLine; ++id) ASSERT_TRUE(w.writer.lookup(TestKey{id}, same[id]));
-  w.writer.remove(TestKey{0});
+  for (uint64_t id = 0; id < kLine; ++id) ASSERT_TRUE(w->writer.lookup(TestKey{id}, same[id]));
+  w->writer.remove(TestKey{0});
   for (uint64_t id = 0; id + 1 < kLine; ++id) {
-    w.writer.remove(TestKey{id + 1});
-    w.writer.write(same[id]);
+    w->writer.remove(TestKey{id + 1});
+    w->writer.write(same[id]);
   }
-  w.writer.write(same[kLine - 1]);
+  w->writer.write(same[kLine - 1]);
   for (uint64_t id = 0; id < kLine; ++id) {
     ASSERT_EQ(reader.findSlot(TestKey{id}), store.slotOfKey(TestKey{(id + 1) % kLine}))
         << "key " << id << " did not take the next key's slot";
@@ -381,33 +392,22 @@ TEST(ShadowStore, ALongLineOfMovedKeysIsFollowedWithoutEvents) {
   }
 }
 
-namespace {
 // A resync walks a shadow that still holds what it knew: in one bulk group, the writer has
 // moved key K from a higher slot Z to a lower slot X (taking the place of a removed key A), and
 // another key M has taken Z. The walk moves K's entry from Z to X, and must then read Z afresh:
 // no copy of it was taken while the shadow still held K there.
-TEST(ShadowStore, ABulkWalkReadsASlotThatItsGroupVacatedAfresh) {
-  TempRoot root;
-  KickingWriter w(root.path(), "routes", 64);
-  for (uint64_t id = 0; id < 10; ++id) w.writer.write(makeValue(id, 1));
-  Ledger::LedgerReader<TestKey, TestValue> reader(Ledger::ReaderConfig{root.path(), "routes"});
-  ASSERT_TRUE(reader.initialize());
-  EventLog log;
-  Ledger::ShadowStore<TestKey, TestValue> store(reader, log.notifier());
-  auto walk = [&] {
-    store.reserve();
-    store.syncSlots(0, reader.slotTable().numSlots(), true, [] { return false; });
-  };
+TEST_F(ShadowStoreTest, ABulkWalkReadsASlotThatItsGroupVacatedAfresh) {
+  ASSERT_NO_FATAL_FAILURE(start(64, 10));
   walk();
   ASSERT_EQ(log.adds, 10u);
 
   const uint32_t x = reader.findSlot(TestKey{2}), z = reader.findSlot(TestKey{7});
   ASSERT_LT(x, z);
   ASSERT_LT(z, 32u) << "both in the first bulk group";
-  w.writer.remove(TestKey{2});        // A leaves X
-  w.writer.remove(TestKey{7});        // K leaves Z
-  w.writer.write(makeValue(100, 1));  // M takes Z
-  w.writer.write(makeValue(7, 2));    // K, changed, takes X
+  w->writer.remove(TestKey{2});        // A leaves X
+  w->writer.remove(TestKey{7});        // K leaves Z
+  w->writer.write(makeValue(100, 1));  // M takes Z
+  w->writer.write(makeValue(7, 2));    // K, changed, takes X
   ASSERT_EQ(reader.findSlot(TestKey{7}), x);
   ASSERT_EQ(reader.findSlot(TestKey{100}), z);
 
