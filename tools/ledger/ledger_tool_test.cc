@@ -327,12 +327,9 @@ TEST(LedgerTool, ViaSetsInSlabs) {
   status->ledgerUnmount();
 }
 
-}  // namespace
-
-namespace {
 TEST(LedgerTool, ValidatesATableWhileItsWriterChurns) {
   TempRoot root;
-  TestSupport::ForkedChild writer([&](int ready, int stop) {
+  ForkedChild writer([&](int ready, int stop) {
     KickingWriter w(root.path(), "routes", 16);
     std::mt19937_64 rng(5);
     char c = 'r';
