@@ -14,6 +14,7 @@
 namespace Mpls {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
@@ -146,8 +147,8 @@ TEST_F(LfibStatusTest, ValidationJudgesTheValueJustWrittenThenTheTable) {
   const LfibRoute bad = routeTo(100, viaSetKey(viaTypeVlan_, 1), 5);
   EXPECT_NE(failureOf([&] { status->lfibRouteIs(bad); }), "");
   EXPECT_THAT(failureOf([&] { status->verifyLfibRoute(bad.key()); }),
-              HasSubstr("void Mpls::LfibStatus::handleRoute(const Mpls::RouteKey&) const -- "
-                        "assertion failed(route.metric() == 0)"));
+              AllOf(HasSubstr("void Mpls::LfibStatus::handleRoute("),
+                    HasSubstr(") const -- assertion failed(route.metric() == 0)")));
   EXPECT_EQ(failureOf([&] { status->lfibRouteIs(routeTo(100, bad.viaSetKey(), 0)); }), "");
   EXPECT_EQ(failureOf([&] { status->verifyLfibRoute(bad.key()); }), "");
   EXPECT_EQ(failureOf([&] { status->lfibRouteIs(routeTo(101, bad.viaSetKey(), 0)); }), "")
@@ -156,7 +157,8 @@ TEST_F(LfibStatusTest, ValidationJudgesTheValueJustWrittenThenTheTable) {
   const LfibViaSet mixed = viaSetWith(viaTypeIpLookup_, 2, 2);
   EXPECT_NE(failureOf([&] { status->viaSetIs(mixed); }), "");
   EXPECT_THAT(failureOf([&] { status->verifyViaSet(mixed.key()); }),
-              HasSubstr("void Mpls::LfibStatus::handleViaSet(const Mpls::LfibViaSetKey&) const"));
+              AllOf(HasSubstr("void Mpls::LfibStatus::handleViaSet("),
+                    HasSubstr(") const -- assertion failed(vs.viaKeys() <= 1)")));
   EXPECT_EQ(failureOf([&] { status->viaSetDel(mixed.key()); }), "");
   EXPECT_EQ(failureOf([&] { status->verifyViaSet(mixed.key()); }), "");
 }
