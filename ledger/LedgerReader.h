@@ -113,12 +113,8 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
     return withRemap([&] {
       SlotReaderTable::Read r = slots_.read(slotIndex, buffer_.data());
       if (r == SlotReaderTable::Read::unmapped) {
-        doResize();
+        mapSlot(slotIndex);
         r = slots_.read(slotIndex, buffer_.data());
-        if (r == SlotReaderTable::Read::unmapped) {
-          throw CorruptionException("LedgerReader::getValue() slot " + std::to_string(slotIndex) +
-                                    " beyond mapping after re-map");
-        }
       }
       if (r != SlotReaderTable::Read::occupied) return false;
       ops_.load(buffer_.data(), out);
@@ -221,6 +217,16 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
   }
 
   // Re-maps the slot table and, when the header's count differs, the bucket table.
+  // Maps slot `slotIndex` in, re-mapping the file if it grew since; throws
+  // CorruptionException when the file does not hold the slot.
+  void mapSlot(uint32_t slotIndex) {
+    if (slotIndex < slots_.mappedSlots()) return;
+    doResize();
+    if (slotIndex >= slots_.mappedSlots()) {
+      throw CorruptionException("LedgerReader::getValue() slot " + std::to_string(slotIndex) +
+                                " beyond mapping after re-map");
+    }
+  }
   void doResize() {
     ++counters_.remaps;
     if (!slots_.doResize()) {

@@ -225,7 +225,14 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
   void startSync(bool resync) {
     state_ = ShadowState::syncing;
     rallyScheduled_ = false;
-    rally_.skipToEnd();
+    // The sync starts where the queue ends; a queue that cannot be read (a count beyond its
+    // capacity, a generation without a file) is corruption, tried again later.
+    try {
+      rally_.skipToEnd();
+    } catch (const CorruptionException& e) {
+      corruptionDetected(e.what());
+      return;
+    }
     if (kick_) kick_->acknowledge(Mem::kNotInStep);
     store_.reserve();
     syncer_.sync(resync);

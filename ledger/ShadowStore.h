@@ -144,7 +144,8 @@ class ShadowStore {
   }
 
   // The writer's slot `slotIndex` changed (or may have): compare and notify.
-  //  1. grow the shadow to cover the index (indexes beyond the writer's table hold nothing);
+  //  1. grow the shadow to cover the index (indexes beyond the writer's table hold nothing;
+  //     one beyond the writer's file is corruption, never a size to grow to);
   //  2. read the writer's slot consistently;
   //  3. a shadow key that is no longer there (slot freed or holding another key) leaves the
   //     shadow and is notified as gone;
@@ -156,6 +157,7 @@ class ShadowStore {
     (void)sequence;
     if (slotIndex >= entries_.size()) {
       if (slotIndex >= reader_.slotTable().numSlots()) return;
+      reader_.mapSlot(slotIndex);
       grow(slotIndex + 1);
     }
     Key key{};

@@ -1,0 +1,163 @@
+// A shadow whose change queue a faulty writer (or stray bytes) corrupted: it says what it met,
+// re-synchronises from the slots, and ends equal to the table; it never consumes an entry it
+// cannot trust, nor crashes, nor spins.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "ledger/tests/ShadowHarness.h"
+
+namespace {
+
+using namespace LedgerTest;
+using Ledger::RallyControl;
+using Ledger::RallyQueueHeader;
+using SharedMem::EmberFile;
+using ::testing::Contains;
+using ::testing::HasSubstr;
+
+struct QueueCorruption : ::testing::Test {
+  TempRoot root;
+  Zinc::Loop loop;
+  EventLog log;
+  KickingWriter w{root.path(), "routes", 64};  // kicks only on flush()
+  std::unique_ptr<Shadow> shadow;
+  std::vector<std::string> traced;
+
+  void SetUp() override {
+    Zinc::Trace::configure("LedgerShadow/0-1,RallyReader/0-1");
+    Zinc::Trace::sinkIs(
+        [this](const Zinc::Trace&, int, std::string_view text) { traced.emplace_back(text); });
+    for (uint64_t id = 0; id < 40; ++id) w.writer.write(makeValue(id, 1));
+    shadow =
+        std::make_unique<Shadow>(Ledger::ReaderConfig{root.path(), "routes"}, loop, log.notifier());
+    ASSERT_TRUE(shadow->initialize());
+    ASSERT_TRUE(runUntil(loop, [&] { return shadow->quiesced(); }));
+    ASSERT_EQ(shadow->resyncs(), 0u);
+  }
+  void TearDown() override {
+    Zinc::Trace::sinkIs({});
+    Zinc::Trace::configure("");
+  }
+
+  RallyControl& control() {
+    if (!controlFile_.base()) {
+      EXPECT_TRUE(
+          controlFile_.open(root.path(), "routes", "rally", EmberFile::Access::ReadWrite, false));
+    }
+    return *reinterpret_cast<RallyControl*>(controlFile_.base());
+  }
+  // The queue file the writer uses now, writable.
+  RallyQueueHeader& queue() {
+    if (!queueFile_.base()) {
+      EXPECT_TRUE(queueFile_.open(root.path(), "routes",
+                                  Ledger::rallyQueueName(control().generation),
+                                  EmberFile::Access::ReadWrite, false));
+    }
+    return *reinterpret_cast<RallyQueueHeader*>(queueFile_.base());
+  }
+  uint64_t& entry(uint32_t pos) {
+    RallyQueueHeader& q = queue();
+    return reinterpret_cast<uint64_t*>(queueFile_.base() +
+                                       Ledger::rallyEntriesOffset(q.slotCapacity))[pos];
+  }
+  // Tells the shadow that something was committed, without a change.
+  void kick() {
+    w.kicker->commitNotify();
+    w.flush();
+  }
+  // The shadow, kicked after each change of the writer, re-synchronises and ends equal to it.
+  void expectResyncedAndEqual(const std::string& message) {
+    ASSERT_TRUE(runUntil(loop, [&] { return shadow->resyncs() > 0; }));
+    EXPECT_THAT(traced, Contains(HasSubstr(message)));
+    w.writer.write(makeValue(1000, 1));
+    w.writer.write(makeValue(3, 2));
+    w.writer.remove(TestKey{4});
+    w.flush();
+    ASSERT_TRUE(runUntil(loop, [&] { return shadow->quiesced(); }));
+    EXPECT_EQ(shadowContents(*shadow), w.contents());
+    EXPECT_EQ(log.present, w.contents());
+    EXPECT_TRUE(log.errors.empty()) << log.errors.front();
+  }
+
+ private:
+  EmberFile controlFile_;
+  EmberFile queueFile_;
+};
+
+// The queue's count went below where the shadow stands: the entries it consumed are gone.
+TEST_F(QueueCorruption, ACountBelowTheReadersPlaceMakesItResync) {
+  queue().count -= 3;
+  kick();
+  expectResyncedAndEqual("RallyReader::doRally() unexpected position in generation:");
+}
+
+// An entry ahead of the shadow carries a sequence it has passed already.
+TEST_F(QueueCorruption, AnEntryWhoseSequenceWentBackMakesItResync) {
+  w.writer.write(makeValue(5, 2));
+  const uint32_t pos = w.writer.rally().count() - 1;
+  uint64_t& word = entry(pos);
+  word = Ledger::RallyEntry::wordOf(1, uint32_t(word));  // offset 1: the first sequence
+  w.flush();
+  expectResyncedAndEqual("RallyReader::doRally() unexpected sequence in generation:");
+}
+
+// A count beyond the queue's capacity would have the reader walk off the end of the file.
+TEST_F(QueueCorruption, ACountBeyondTheCapacityIsCorruptionNotARead) {
+  queue().count = queue().capacity + 1;
+  kick();
+  expectResyncedAndEqual(
+      "RallyReader::handleAck() corruption detected: RallyReader::doRally() "
+      "unexpected position in queue count:");
+}
+
+// The control block names a queue generation that has no file: the reader cannot follow the
+// swap, says so, and re-synchronises once the writer has swapped in a queue that exists.
+TEST_F(QueueCorruption, ASwapToAMissingQueueIsReportedAndOutlived) {
+  const uint32_t generation = control().generation;
+  control().generation = generation + 7;
+  kick();
+  ASSERT_TRUE(runUntil(loop, [&] { return shadow->resyncs() > 0; }));
+  EXPECT_THAT(traced, Contains(HasSubstr("RallyReader::findPosition() rallySwapped again")));
+  EXPECT_FALSE(shadow->quiesced());
+  control().generation = generation;
+  expectResyncedAndEqual("LedgerShadow::resync()");
+}
+
+// The writer's newest sequence went below what the shadow consumed: not quiesced, not a crash;
+// the next notification puts the sequence right again.
+TEST_F(QueueCorruption, ANewestSequenceBelowTheReadersIsNotQuiesced) {
+  const uint64_t latest = control().latestSeq;
+  control().latestSeq = latest - 5;
+  EXPECT_FALSE(shadow->quiesced());
+  EXPECT_THAT(traced, Contains(HasSubstr("latest notification out-of-range")));
+  w.writer.write(makeValue(6, 2));
+  w.flush();
+  ASSERT_TRUE(runUntil(loop, [&] { return shadow->quiesced(); }));
+  EXPECT_EQ(shadowContents(*shadow), w.contents());
+  EXPECT_EQ(shadow->resyncs(), 0u);
+}
+
+}  // namespace
+
+namespace {
+
+// A slot index far beyond the file, in a table whose header claims as many slots: the shadow
+// does not size itself by the header's word before reading the slot.
+TEST_F(QueueCorruption, ASlotFarBeyondTheFileDoesNotSizeTheShadow) {
+  w.writer.write(makeValue(5, 2));
+  uint64_t& word = entry(w.writer.rally().count() - 1);
+  const uint64_t offset = word >> 32;
+  word = offset << 32 | 0x7ffffff0u;
+  EmberFile slots;
+  ASSERT_TRUE(slots.open(root.path(), "routes", "slots", EmberFile::Access::ReadWrite, false));
+  auto& header = *reinterpret_cast<Ledger::SlotTableHeader*>(slots.base());
+  const uint32_t numSlots = header.numSlots;
+  header.numSlots = 0x7fffffffu;
+  w.flush();
+  ASSERT_TRUE(runUntil(loop, [&] { return shadow->resyncs() > 0; }));
+  EXPECT_LT(shadow->store().numSlots(), 1u << 20);
+  header.numSlots = numSlots;
+  expectResyncedAndEqual("LedgerShadow::resync()");
+}
+
+}  // namespace
