@@ -748,7 +748,7 @@ class Watcher {
   int run() {
     Mem::ReaderKickListener kick(SharedMem::rootPath(o_.root) + "/" + o_.table);
     t_.rally.skipToEnd();
-    for (uint32_t i = 0; i < t_.slots.numSlots(); ++i) look(i, false);
+    for (uint32_t i = 0, n = slotsToLook(); i < n; ++i) look(i, false);
     out_ << "watching " << o_.name << ": " << t_.slots.occupiedSlots() << " entries, sequence "
          << t_.rally.lastSeq() << std::endl;
     Zinc::Loop loop;
@@ -788,13 +788,24 @@ class Watcher {
       out_ << "cannot re-attach: " << e.what() << "\n";
       return;
     }
-    const uint32_t n = std::max<uint32_t>(t_.slots.numSlots(), uint32_t(last_.size()));
+    const uint32_t n = std::max<uint32_t>(slotsToLook(), uint32_t(last_.size()));
     for (uint32_t i = 0; i < n; ++i) look(i, true);
   }
 
+  // The writer's slots, as far as its file holds them: a header that counts more is corrupt
+  // (said once), and its count is no bound to walk to.
+  uint32_t slotsToLook() {
+    if (t_.slots.numSlots() > t_.slots.mappedSlots()) t_.slots.doResize();
+    const uint32_t held = std::min(t_.slots.numSlots(), t_.slots.mappedSlots());
+    if (held < t_.slots.numSlots() && !toldBeyond_) {
+      out_ << "corrupt header: numSlots " << t_.slots.numSlots() << " beyond the file's " << held
+           << " slots\n";
+      toldBeyond_ = true;
+    }
+    return held;
+  }
+
   void look(uint32_t slot, bool print) {
-    if (slot >= kMaxSlots) return;
-    if (slot >= last_.size()) last_.resize(slot + 1);
     Last now;
     now.bytes.resize(t_.readSize());
     try {
@@ -806,6 +817,12 @@ class Watcher {
     } catch (const CorruptionException& e) {
       out_ << "corrupt slot " << slot << ": " << e.what() << "\n";
       return;
+    }
+    // Only a slot read from the file sizes what we keep: a free one beyond it has nothing to
+    // compare, and an index beyond the file reads free.
+    if (slot >= last_.size()) {
+      if (!now.occupied) return;
+      last_.resize(slot + 1);
     }
     Last& was = last_[slot];
     // A slab table's copy starts with its size word; the key follows.
@@ -835,6 +852,7 @@ class Watcher {
   std::ostream& out_;
   std::vector<Last> last_;
   uint64_t lines_ = 0;
+  bool toldBeyond_ = false;  // slotsToLook() said that the header counts beyond the file
 };
 
 int watch(const Options& o, std::ostream& out, std::ostream& err) {

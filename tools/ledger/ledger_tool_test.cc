@@ -232,6 +232,52 @@ TEST(LedgerTool, WatchPrintsEachChangeAsItHappens) {
   EXPECT_EQ(third.substr(0, 8), "deleted ") << third;
 }
 
+// While `watch` follows a table, its header comes to count two billion slots and the queue
+// names one of them, far beyond the file: the watcher reads that slot as free (instead of
+// sizing its memory by it) and goes on to the next change.
+TEST(LedgerTool, WatchOutlivesASlotFarBeyondTheFile) {
+  TempRoot root;
+  KickingWriter w(root.path(), "routes");
+  for (uint64_t id = 0; id < 10; ++id) w.writer.write(makeValue(id, 1));
+  const std::string output = root.path() + "-watch";
+  ForkedChild watcher([&](int) {
+    std::ofstream out(output);
+    std::vector<std::string> args{"--root", root.path(), "watch", "routes", "--count", "1"};
+    return LedgerTool::run(args, out, out);
+  });
+  auto waitFor = [&](const std::string& what) {
+    for (int i = 0; i < 20000; ++i) {
+      std::ifstream in(output);
+      const std::string text(std::istreambuf_iterator<char>(in), {});
+      if (contains(text, what) || i == 19999) return text;
+      ::usleep(1000);
+    }
+    return std::string();
+  };
+  waitFor("watching routes");
+  patch(root, "slots", [](uint8_t* base) {
+    auto& header = *reinterpret_cast<Ledger::SlotTableHeader*>(base);
+    header.numSlots = header.mostSlots = 0x7fffffffu;
+  });
+  w.writer.write(makeValue(1, 2));
+  const std::string queue = Ledger::rallyQueueName(w.writer.rally().generation());
+  patch(root, queue.c_str(), [&](uint8_t* base) {
+    const auto& header = *reinterpret_cast<Ledger::RallyQueueHeader*>(base);
+    auto* entries =
+        reinterpret_cast<uint64_t*>(base + Ledger::rallyEntriesOffset(header.slotCapacity));
+    uint64_t& last = entries[w.writer.rally().count() - 1];
+    last = last >> 32 << 32 | 0x7ffffff0u;
+  });
+  w.flush();
+  w.writer.write(makeValue(2, 2));
+  w.flush();
+  const std::string out = waitFor("\nchanged slot ");
+  ::unlink(output.c_str());
+  const int status = watcher.wait();
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
+  EXPECT_TRUE(contains(out, "\nchanged slot ")) << out;
+}
+
 // The via sets of a published LFIB live in slabs: the tool reads them through the slot's
 // references, prints them typed, counts slab files in the sizes and checks the references.
 TEST(LedgerTool, ViaSetsInSlabs) {
