@@ -10,6 +10,9 @@
 // input, so that walks and the queue reader are reached; clear: those files are raw bytes.
 // Bit 2 set: the table is a slab table (slots hold slab references) and three slab files
 // follow, with well-formed fixed headers when bit 1 is set; its readers copy the payloads.
+// What input is left after that changes the files under the mounted shadow, a few bytes a
+// round, each round ending with a kick: what a faulty writer would do to a reader in step.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,6 +29,7 @@
 #include "ledger/LedgerShadow.h"
 #include "ledger/Shape.h"
 #include "ledger/SlabOps.h"
+#include "platform/shm/ReaderKick.h"
 
 namespace {
 
@@ -57,15 +61,52 @@ void readDirectly(const std::string& root, Input& in) {
   }
 }
 
+// Writes a few bytes of the input over one of the table's files, in place, as a faulty writer
+// (or a stray process) would: at a place in its first 256 bytes (the headers) or anywhere.
+void changeBytes(const std::string& dir, Input& in) {
+  std::vector<std::filesystem::path> files;
+  for (const auto& e : std::filesystem::directory_iterator(dir)) {
+    if (e.is_regular_file()) files.push_back(e.path());
+  }
+  if (files.empty()) return;
+  std::sort(files.begin(), files.end());
+  const std::filesystem::path& file = files[in.word() % files.size()];
+  const uint64_t size = std::filesystem::file_size(file);
+  if (size == 0) return;
+  const uint32_t where = in.word();
+  const uint64_t at = (where & 1) ? (where >> 1) % std::min<uint64_t>(size, 256) : where % size;
+  const std::vector<uint8_t> bytes = in.take(1 + in.word() % 8);
+  const int fd = ::open(file.c_str(), O_WRONLY | O_CLOEXEC);
+  if (fd < 0) return;
+  const size_t n = std::min<uint64_t>(bytes.size(), size - at);  // never grows the file
+  if (n > 0 && ::pwrite(fd, bytes.data(), n, off_t(at)) < 0) {
+    // nothing changed: the round goes on as it is
+  }
+  ::close(fd);
+}
+
+// A shadow mounts, syncs and follows the queue; then, round after round, bytes change under
+// it and it is kicked as a writer kicks it.
 template <class Value, class OpsT>
-void follow(const std::string& root) {
+void follow(const std::string& root, Input& in) {
   Zinc::Loop loop;
   Ledger::ShadowOptions options;
   options.mountRetry = std::chrono::milliseconds(1);
+  options.healthCheck = std::chrono::milliseconds(1);
   Ledger::LedgerShadow<FuzzKey, Value, OpsT> shadow(Ledger::ReaderConfig{root, "t"}, loop,
                                                     Ledger::DummyShadowNotifier(), OpsT(), options);
   shadow.initialize();
-  for (int i = 0; i < 20; ++i) loop.runOnce(std::chrono::milliseconds(0));
+  auto run = [&](int times) {
+    for (int i = 0; i < times; ++i) loop.runOnce(std::chrono::milliseconds(0));
+  };
+  run(20);
+  Mem::ReaderKickSm kicker(root + "/t");
+  for (int round = 0; round < 8 && in.left() > 0; ++round) {
+    changeBytes(root + "/t", in);
+    kicker.commitNotify();
+    kicker.flush();
+    run(8);
+  }
   shadow.detach();
 }
 
@@ -83,10 +124,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (slabs) {
     writeSlabs(dir, in, data[0] & 2, ember);
     readDirectly<FuzzSet, FuzzSetOps>(root, in);
-    follow<FuzzSet, FuzzSetOps>(root);
+    follow<FuzzSet, FuzzSetOps>(root, in);
   } else {
     readDirectly<FuzzValue, Ledger::Ops<FuzzKey, FuzzValue>>(root, in);
-    follow<FuzzValue, Ledger::Ops<FuzzKey, FuzzValue>>(root);
+    follow<FuzzValue, Ledger::Ops<FuzzKey, FuzzValue>>(root, in);
   }
   std::filesystem::remove_all(root);
   return 0;

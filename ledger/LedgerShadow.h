@@ -108,7 +108,8 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
               "LedgerShadow::resync() Out-of-sync, re-synchronizing local shadow " << config_.table
                                                                                    << ": " << why);
     ++resyncs_;
-    if (writerChanged() && !remountFiles()) return;
+    // A queue that could not be mapped again last time (remountFiles failed) is tried again.
+    if ((writerChanged() || !rally_.attached()) && !remountFiles()) return;
     startSync(true);
   }
 

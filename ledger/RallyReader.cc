@@ -131,6 +131,7 @@ void RallyReader::prefetch() const {
 }
 
 void RallyReader::skipToEnd() {
+  if (!attached()) throw CorruptionException("RallyReader::skipToEnd() no queue mapped");
   // The sequence first: entries counted later but announced before it are above it anyway.
   lastSeq_ = writerSeq();
   followSwap();

@@ -28,8 +28,11 @@ struct QueueCorruption : ::testing::Test {
     Zinc::Trace::sinkIs(
         [this](const Zinc::Trace&, int, std::string_view text) { traced.emplace_back(text); });
     for (uint64_t id = 0; id < 40; ++id) w.writer.write(makeValue(id, 1));
-    shadow =
-        std::make_unique<Shadow>(Ledger::ReaderConfig{root.path(), "routes"}, loop, log.notifier());
+    Ledger::ShadowOptions options;
+    options.mountRetry = std::chrono::milliseconds(5);
+    options.healthCheck = std::chrono::milliseconds(5);
+    shadow = std::make_unique<Shadow>(Ledger::ReaderConfig{root.path(), "routes"}, loop,
+                                      log.notifier(), Ledger::Ops<TestKey, TestValue>(), options);
     ASSERT_TRUE(shadow->initialize());
     ASSERT_TRUE(runUntil(loop, [&] { return shadow->quiesced(); }));
     ASSERT_EQ(shadow->resyncs(), 0u);
@@ -118,6 +121,20 @@ TEST_F(QueueCorruption, ASwapToAMissingQueueIsReportedAndOutlived) {
   kick();
   ASSERT_TRUE(runUntil(loop, [&] { return shadow->resyncs() > 0; }));
   EXPECT_THAT(traced, Contains(HasSubstr("RallyReader::findPosition() rallySwapped again")));
+  EXPECT_FALSE(shadow->quiesced());
+  control().generation = generation;
+  expectResyncedAndEqual("LedgerShadow::resync()");
+}
+
+// A writer seems to have re-attached (a new incarnation) but its queue has no file: the shadow
+// cannot map the queue again, waits without it, and maps it once it is there.
+TEST_F(QueueCorruption, ANewIncarnationWithoutAQueueIsWaitedOut) {
+  const uint32_t generation = control().generation;
+  control().generation = generation + 7;
+  ++control().incarnation;
+  kick();
+  ASSERT_TRUE(runUntil(loop, [&] { return shadow->resyncs() > 2; }));
+  EXPECT_THAT(traced, Contains(HasSubstr("LedgerShadow::resync() cannot re-map: ")));
   EXPECT_FALSE(shadow->quiesced());
   control().generation = generation;
   expectResyncedAndEqual("LedgerShadow::resync()");
