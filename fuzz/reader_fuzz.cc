@@ -10,8 +10,9 @@
 // input, so that walks and the queue reader are reached; clear: those files are raw bytes.
 // Bit 2 set: the table is a slab table (slots hold slab references) and three slab files
 // follow, with well-formed fixed headers when bit 1 is set; its readers copy the payloads.
-// What input is left after that changes the files under the mounted shadow, a few bytes a
-// round, each round ending with a kick: what a faulty writer would do to a reader in step.
+// What input is left after that changes the files under the mounted shadow and the direct
+// reader, a few bytes a round, each round ending with a kick and a few more direct reads:
+// what a faulty writer would do to readers that follow it.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -21,6 +22,7 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -36,24 +38,28 @@ namespace {
 using namespace Fuzz;
 
 template <class Value, class OpsT>
-void readDirectly(const std::string& root, Input& in) {
-  Ledger::LedgerReader<FuzzKey, Value, OpsT> reader(Ledger::ReaderConfig{root, "t"});
-  if (!reader.initialize()) return;
-  reader.corruptionHandlerIs([](const std::string&) {});
+using DirectReader = Ledger::LedgerReader<FuzzKey, Value, OpsT>;
+
+// `n` lookups one by one and `n` in a batch, a bounded walk in key order, `n` slots read by
+// index.
+template <class Value, class OpsT>
+void readDirectly(DirectReader<Value, OpsT>& reader, Input& in, uint32_t n) {
   Value v;
-  for (uint32_t i = 0; i < 8; ++i) reader.lookup(FuzzKey{in.word() % 64}, v);
+  for (uint32_t i = 0; i < n; ++i) reader.lookup(FuzzKey{in.word() % 64}, v);
   FuzzKey keys[8];
   Value values[8];
   bool found[8];
-  for (FuzzKey& k : keys) k.id = in.word() % 64;
-  reader.lookupBatch(keys, values, found);
+  n = std::min<uint32_t>(n, 8);
+  for (uint32_t i = 0; i < n; ++i) keys[i].id = in.word() % 64;
+  reader.lookupBatch(std::span<const FuzzKey>(keys, n), std::span<Value>(values, n),
+                     std::span<bool>(found, n));
   uint32_t hint = Ledger::kNoSlot;
   int steps = 0;
   for (bool more = reader.first(v); more && steps < 10000;
        more = reader.next(OpsT::keyOf(v), v, &hint)) {
     ++steps;
   }
-  for (uint32_t i = 0; i < 8; ++i) {
+  for (uint32_t i = 0; i < n; ++i) {
     try {
       reader.getValue(in.word() % 128, v);
     } catch (const Ledger::CorruptionException&) {
@@ -85,10 +91,15 @@ void changeBytes(const std::string& dir, Input& in) {
   ::close(fd);
 }
 
-// A shadow mounts, syncs and follows the queue; then, round after round, bytes change under
-// it and it is kicked as a writer kicks it.
+// A direct reader reads, and a shadow mounts, syncs and follows the queue; then, round after
+// round, bytes change under both, the shadow is kicked as a writer kicks it, and the direct
+// reader reads again.
 template <class Value, class OpsT>
-void follow(const std::string& root, Input& in) {
+void readAndFollow(const std::string& root, Input& in) {
+  DirectReader<Value, OpsT> reader(Ledger::ReaderConfig{root, "t"});
+  const bool direct = reader.initialize();
+  reader.corruptionHandlerIs([](const std::string&) {});
+  if (direct) readDirectly(reader, in, 8);
   Zinc::Loop loop;
   Ledger::ShadowOptions options;
   options.mountRetry = std::chrono::milliseconds(1);
@@ -106,6 +117,7 @@ void follow(const std::string& root, Input& in) {
     kicker.commitNotify();
     kicker.flush();
     run(8);
+    if (direct) readDirectly(reader, in, 2);
   }
   shadow.detach();
 }
@@ -123,11 +135,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   writeOthers(dir, in, data[0] & 2, ember);
   if (slabs) {
     writeSlabs(dir, in, data[0] & 2, ember);
-    readDirectly<FuzzSet, FuzzSetOps>(root, in);
-    follow<FuzzSet, FuzzSetOps>(root, in);
+    readAndFollow<FuzzSet, FuzzSetOps>(root, in);
   } else {
-    readDirectly<FuzzValue, Ledger::Ops<FuzzKey, FuzzValue>>(root, in);
-    follow<FuzzValue, Ledger::Ops<FuzzKey, FuzzValue>>(root, in);
+    readAndFollow<FuzzValue, Ledger::Ops<FuzzKey, FuzzValue>>(root, in);
   }
   std::filesystem::remove_all(root);
   return 0;

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <optional>
 
 #include "ledger/Exceptions.h"
 #include "zinc/Trace.h"
@@ -31,11 +32,9 @@ void RallyReader::attach(const std::string& root, const std::string& table, uint
   }
   control_ = c;
   incarnation_ = Shm::load(control_->incarnation, std::memory_order_acquire);
-  for (int tries = 0; tries < 100; ++tries) {
-    if (openQueue(Shm::load(control_->generation, std::memory_order_acquire))) {
-      skipToEnd();
-      return;
-    }
+  if (openCurrentQueue()) {
+    skipToEnd();
+    return;
   }
   detach();
   throw InitializationException("RallyReader::attachRally() cannot attach to file " +
@@ -138,14 +137,26 @@ void RallyReader::skipToEnd() {
   pos_ = findPosition(lastSeq_);
 }
 
+// Maps the queue of the control block's current generation, found again while the writer
+// swaps it meanwhile. A writer makes a generation's file whole before it names it, and removes
+// it only after naming the next one: a generation named twice in a row whose file cannot be
+// opened is missing or bad, not in the middle of a swap, and is not tried again and again.
+bool RallyReader::openCurrentQueue() {
+  std::optional<uint32_t> failed;
+  for (int tries = 0; tries < 1000; ++tries) {
+    const uint32_t g = Shm::load(control_->generation, std::memory_order_acquire);
+    if (g == generation_ && queue_) return true;
+    if (openQueue(g)) return true;
+    ZTRACE(3, "RallyReader::findPosition() rallySwapped again, generation:" << g);
+    if (failed == g) return false;
+    failed = g;
+  }
+  return false;
+}
+
 // Moves to the control block's current generation, found again if it is swapped meanwhile.
 void RallyReader::followSwap() {
-  for (int tries = 0; tries < 1000; ++tries) {
-    uint32_t g = Shm::load(control_->generation, std::memory_order_acquire);
-    if (g == generation_ && queue_) return;
-    if (openQueue(g)) return;
-    ZTRACE(3, "RallyReader::findPosition() rallySwapped again, generation:" << g);
-  }
+  if (openCurrentQueue()) return;
   throw CorruptionException("RallyReader::findPosition() rallySwapped again, generation:" +
                             std::to_string(generation_) + " cannot be opened");
 }

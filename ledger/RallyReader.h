@@ -89,6 +89,7 @@ class RallyReader {
   bool swapped() const;
   // Maps generation `g`; false when that file is already gone (swapped again).
   bool openQueue(uint32_t g);
+  bool openCurrentQueue();
   void followSwap();
   void doResize(uint64_t bytes);
   uint32_t count() const;
