@@ -57,14 +57,21 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
   }
 
   // Maps the slot and bucket files. Throws InitializationException / CorruptionException.
+  // Maps the table's files, all of them or (throwing) none: a reader is never left with the
+  // slots of one table and no buckets, or the buckets of another.
   void attach() {
-    slots_.attach(config_.root, config_.table, ops_.valueSize());
-    buckets_.attach(config_.root, config_.table, slots_.emberId());
-    buffer_.assign(slots_.valueSize(), 0);
-    if constexpr (OutOfLineOps<OpsT>) {
-      ops_.attachReaderStorage(config_.root, config_.table, slots_.emberId());
-      slots_.outOfLineIs(&ops_);
-      buffer_.assign(std::max(slots_.valueSize(), OpsT::kMaxCopySize), 0);
+    try {
+      slots_.attach(config_.root, config_.table, ops_.valueSize());
+      buckets_.attach(config_.root, config_.table, slots_.emberId());
+      buffer_.assign(slots_.valueSize(), 0);
+      if constexpr (OutOfLineOps<OpsT>) {
+        ops_.attachReaderStorage(config_.root, config_.table, slots_.emberId());
+        slots_.outOfLineIs(&ops_);
+        buffer_.assign(std::max(slots_.valueSize(), OpsT::kMaxCopySize), 0);
+      }
+    } catch (...) {
+      unmapAll();
+      throw;
     }
     ZTRACE_TO(ReaderDetail::trace(), 1,
               "LedgerReader::attach() " << config_.table << " ember:" << slots_.emberId());
@@ -84,9 +91,7 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
       ZTRACE_TO(ReaderDetail::trace(), 0, "LedgerReader::detach() already detached");
       return;
     }
-    slots_.detach();
-    buckets_.detach();
-    if constexpr (OutOfLineOps<OpsT>) ops_.detachReaderStorage();
+    unmapAll();
     ZTRACE_TO(ReaderDetail::trace(), 1, "LedgerReader::detach() " << config_.table);
   }
   bool attached() const { return slots_.attached(); }
@@ -270,6 +275,11 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
   const OpsT& ops() const { return ops_; }
 
  private:
+  void unmapAll() {
+    slots_.detach();
+    buckets_.detach();
+    if constexpr (OutOfLineOps<OpsT>) ops_.detachReaderStorage();
+  }
   // How one walk ended; `onward`: the slot just read is not the sought one, walk on.
   enum class Walk { found, miss, again, onward };
   // How many keys ahead of its lookup a batch fetches each stage of a key's chain, and the

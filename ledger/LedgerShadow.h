@@ -107,9 +107,9 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
     ZTRACE_TO(ShadowDetail::trace(), 1,
               "LedgerShadow::resync() Out-of-sync, re-synchronizing local shadow " << config_.table
                                                                                    << ": " << why);
+    if (state_ == ShadowState::detached) return;  // the mounter syncs when it mounts
     ++resyncs_;
-    // A queue that could not be mapped again last time (remountFiles failed) is tried again.
-    if ((writerChanged() || !rally_.attached()) && !remountFiles()) return;
+    if (writerChanged() && !remountFiles()) return;
     startSync(true);
   }
 
@@ -319,7 +319,9 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
            Shm::load(reader_.slotTable().header().emberId, std::memory_order_acquire) !=
                reader_.emberId();
   }
-  // Maps the table's files again (a new writer re-formatted or re-made them).
+  // Maps the table's files again (a new writer re-formatted or re-made them). When they
+  // cannot be mapped whole, nothing stays mapped: the shadow unmounts (keeping what it holds)
+  // and the mounter tries again until they can, then syncs.
   bool remountFiles() {
     try {
       reader_.attach();
@@ -334,7 +336,9 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
       return true;
     } catch (const Zinc::Exception& e) {
       ZTRACE_TO(ShadowDetail::trace(), 1, "LedgerShadow::resync() cannot re-map: " << e.what());
-      state_ = ShadowState::attached;
+      unmount();
+      lastMountError_ = e.what();
+      startMounter();
       return false;
     }
   }
