@@ -429,6 +429,9 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
     }
   }
 
+  static std::string resizeStuck(const char* who, uint32_t seq) {
+    return std::string(who) + " bucket resize never completed, resizeSeq:" + std::to_string(seq);
+  }
   // Walks the chain of `hash` in (rhash, key) order. At each slot whose rhash equals the
   // sought one, the slot is read consistently into buffer_ and `visit(slot, more)` decides:
   // true ends the walk with a hit, `more` asks to go on. `key` (when given) stops the walk at
@@ -442,6 +445,7 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
     for (uint32_t attempt = 0; attempt < kMaxAttempts;) {
       if (attempt > 2) ::sched_yield();
       const uint32_t seq = buckets_.seqBegin();
+      if ((seq & 1) && seq == stuckResizeSeq_) throw CorruptionException(resizeStuck(who, seq));
       Walk w = walkOnce(hash, rhash, who, visit, key, oddity);
       if (w != Walk::again) return w == Walk::found;
       ++counters_.retries;
@@ -453,9 +457,8 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
         if (resizeDeadline == std::chrono::steady_clock::time_point{}) {
           resizeDeadline = now + kResizeWait;
         } else if (now > resizeDeadline) {
-          throw CorruptionException(
-              std::string(who) +
-              " bucket resize never completed, resizeSeq:" + std::to_string(seq));
+          if (seq & 1) stuckResizeSeq_ = seq;
+          throw CorruptionException(resizeStuck(who, seq));
         }
         ::sched_yield();
         continue;
@@ -475,7 +478,10 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
     path_.clear();
     uint64_t pair = buckets_.head(bucket);
     path_.emplace_back(&buckets_.headWord(bucket), pair);
-    const uint32_t bound = std::max(slots_.numSlots(), slots_.mappedSlots());
+    // Every slot of a chain is below mappedSlots() (a link beyond ends the walk): a walk
+    // longer than that has met a slot twice. (The header's numSlots is no bound: it may say
+    // anything.)
+    const uint32_t bound = slots_.mappedSlots();
     uint32_t lastRhash = 0;
     for (uint32_t count = 0; !isEndOfChain(linkOf(pair));) {
       const uint32_t link = linkOf(pair);
@@ -617,7 +623,7 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
       bool retry = false;
       bool sawPrev = false;
       for (uint32_t count = 0; !isEndOfChain(link) && !retry;) {
-        if (++count > std::max(slots_.numSlots(), slots_.mappedSlots())) {
+        if (++count > slots_.mappedSlots()) {  // a slot met twice (see walkOnce)
           oddity = "LedgerReader::doNext() hash chain cycle detected, slotCount:" +
                    std::to_string(count);
           retry = true;
@@ -663,6 +669,11 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
   ReaderCounters counters_;
   CorruptionHandler onCorruption_;
   std::string error_;
+  // An odd resizeSeq that a walk waited out (kResizeWait) and saw unchanged: a writer died in
+  // the middle of redistributing the chains (or one slower than kResizeWait is at it). Walks
+  // report it at once until resizeSeq moves
+  // (even is never stuck), instead of each waiting again.
+  uint32_t stuckResizeSeq_ = 0;
 };
 
 }  // namespace Ledger

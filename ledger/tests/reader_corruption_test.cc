@@ -1,6 +1,8 @@
-// A shadow whose change queue a faulty writer (or stray bytes) corrupted: it says what it met,
-// re-synchronises from the slots, and ends equal to the table; it never consumes an entry it
-// cannot trust, nor crashes, nor spins.
+// Readers of a table that a faulty writer (or stray bytes) corrupts while they follow it. A
+// shadow whose change queue or files went bad says what it met, re-synchronises from the
+// slots (or mounts again once the files are whole) and ends equal to the table; it never
+// consumes an entry it cannot trust, nor crashes, nor spins. A direct reader reports what it
+// cannot trust without waiting for it again and again.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -14,7 +16,7 @@ using Ledger::RallyControl;
 using Ledger::RallyQueueHeader;
 using SharedMem::EmberFile;
 
-struct QueueCorruption : ::testing::Test {
+struct LiveCorruption : ::testing::Test {
   TempRoot root;
   Zinc::Loop loop;
   EventLog log;
@@ -108,14 +110,14 @@ struct QueueCorruption : ::testing::Test {
 };
 
 // The queue's count went below where the shadow stands: the entries it consumed are gone.
-TEST_F(QueueCorruption, ACountBelowTheReadersPlaceMakesItResync) {
+TEST_F(LiveCorruption, ACountBelowTheReadersPlaceMakesItResync) {
   queue().count -= 3;
   kick();
   expectResyncedAndEqual("RallyReader::doRally() unexpected position in generation:");
 }
 
 // An entry ahead of the shadow carries a sequence it has passed already.
-TEST_F(QueueCorruption, AnEntryWhoseSequenceWentBackMakesItResync) {
+TEST_F(LiveCorruption, AnEntryWhoseSequenceWentBackMakesItResync) {
   w.writer.write(makeValue(5, 2));
   const uint32_t pos = w.writer.rally().count() - 1;
   uint64_t& word = entry(pos);
@@ -125,7 +127,7 @@ TEST_F(QueueCorruption, AnEntryWhoseSequenceWentBackMakesItResync) {
 }
 
 // A count beyond the queue's capacity would have the reader walk off the end of the file.
-TEST_F(QueueCorruption, ACountBeyondTheCapacityIsCorruptionNotARead) {
+TEST_F(LiveCorruption, ACountBeyondTheCapacityIsCorruptionNotARead) {
   queue().count = queue().capacity + 1;
   kick();
   expectResyncedAndEqual(
@@ -136,7 +138,7 @@ TEST_F(QueueCorruption, ACountBeyondTheCapacityIsCorruptionNotARead) {
 // The control block names a queue generation that has no file. Named as by a swap, the reader
 // cannot follow it and says so; named as by a new writer (a new incarnation), the shadow
 // cannot map the queue again and waits without it. Once the file is there, it re-synchronises.
-TEST_F(QueueCorruption, AGenerationWithoutAFileIsReportedAndOutlived) {
+TEST_F(LiveCorruption, AGenerationWithoutAFileIsReportedAndOutlived) {
   const uint32_t generation = control().generation;
   control().generation = generation + 7;
   kick();
@@ -148,7 +150,7 @@ TEST_F(QueueCorruption, AGenerationWithoutAFileIsReportedAndOutlived) {
 
 // A new writer's slot or bucket file whose header does not validate: the shadow maps none of
 // the table's files (not the slots without the buckets), and mounts again once they are whole.
-TEST_F(QueueCorruption, FilesThatCannotBeMappedAgainAreWaitedOut) {
+TEST_F(LiveCorruption, FilesThatCannotBeMappedAgainAreWaitedOut) {
   for (const char* file : {"buckets", "slots"}) {
     SCOPED_TRACE(file);
     EmberFile f;
@@ -163,7 +165,7 @@ TEST_F(QueueCorruption, FilesThatCannotBeMappedAgainAreWaitedOut) {
 
 // The writer's newest sequence went below what the shadow consumed: not quiesced, not a crash;
 // the next notification puts the sequence right again.
-TEST_F(QueueCorruption, ANewestSequenceBelowTheReadersIsNotQuiesced) {
+TEST_F(LiveCorruption, ANewestSequenceBelowTheReadersIsNotQuiesced) {
   const uint64_t latest = control().latestSeq;
   control().latestSeq = latest - 5;
   EXPECT_FALSE(shadow->quiesced());
@@ -181,7 +183,7 @@ namespace {
 
 // A slot index far beyond the file, in a table whose header claims as many slots: the shadow
 // does not size itself by the header's word before reading the slot.
-TEST_F(QueueCorruption, ASlotFarBeyondTheFileDoesNotSizeTheShadow) {
+TEST_F(LiveCorruption, ASlotFarBeyondTheFileDoesNotSizeTheShadow) {
   w.writer.write(makeValue(5, 2));
   uint64_t& word = entry(w.writer.rally().count() - 1);
   const uint64_t offset = word >> 32;
@@ -196,6 +198,42 @@ TEST_F(QueueCorruption, ASlotFarBeyondTheFileDoesNotSizeTheShadow) {
   EXPECT_LT(shadow->store().numSlots(), 1u << 20);
   header.numSlots = numSlots;
   expectResyncedAndEqual("LedgerShadow::resync()");
+}
+
+}  // namespace
+
+namespace {
+
+// A writer that died while redistributing the bucket chains leaves resizeSeq odd. A lookup
+// that would need it settled waits for it a while, then reports it; the lookups after it
+// report it at once instead of each waiting again, until resizeSeq moves.
+TEST_F(LiveCorruption, ABucketResizeThatNeverEndsIsWaitedForOnce) {
+  EmberFile buckets;
+  ASSERT_TRUE(buckets.open(root.path(), "routes", "buckets", EmberFile::Access::ReadWrite, false));
+  auto& header = *reinterpret_cast<Ledger::BucketTableHeader*>(buckets.base());
+  const uint32_t settled = header.resizeSeq;
+  header.resizeSeq = settled | 1;
+  Ledger::LedgerReader<TestKey, TestValue> reader(Ledger::ReaderConfig{root.path(), "routes"});
+  ASSERT_TRUE(reader.initialize());
+  TestValue v;
+  auto missFails = [&](uint64_t id) {
+    try {
+      reader.lookup(TestKey{id}, v);
+    } catch (const Ledger::CorruptionException& e) {
+      return std::string(e.what()).find("bucket resize never completed") != std::string::npos;
+    }
+    return false;
+  };
+  EXPECT_TRUE(missFails(900));
+  const uint64_t retries = reader.readerCounters().retries;
+  EXPECT_GT(retries, 0u) << "the first lookup waited";
+  EXPECT_TRUE(missFails(901));
+  EXPECT_TRUE(missFails(902));
+  EXPECT_EQ(reader.readerCounters().retries, retries) << "the next ones did not";
+  header.resizeSeq = settled + 2;  // the next writer finished it
+  EXPECT_FALSE(reader.lookup(TestKey{900}, v));
+  EXPECT_TRUE(reader.lookup(TestKey{3}, v));
+  EXPECT_EQ(v, makeValue(3, 1));
 }
 
 }  // namespace
