@@ -56,9 +56,9 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
     if (attached()) detach();
   }
 
-  // Maps the slot and bucket files. Throws InitializationException / CorruptionException.
-  // Maps the table's files, all of them or (throwing) none: a reader is never left with the
-  // slots of one table and no buckets, or the buckets of another.
+  // Maps the table's files, all of them or none: a reader is never left with the slots of one
+  // table and no buckets, or the buckets of another. Throws InitializationException /
+  // CorruptionException.
   void attach() {
     try {
       slots_.attach(config_.root, config_.table, ops_.valueSize());
@@ -221,7 +221,6 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
         &key);
   }
 
-  // Re-maps the slot table and, when the header's count differs, the bucket table.
   // Maps slot `slotIndex` in, re-mapping the file if it grew since; throws
   // CorruptionException when the file does not hold the slot.
   void mapSlot(uint32_t slotIndex) {
@@ -232,6 +231,7 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
                                 " beyond mapping after re-map");
     }
   }
+  // Re-maps the slot table and, when the header's count differs, the bucket table.
   void doResize() {
     ++counters_.remaps;
     if (!slots_.doResize()) {
@@ -671,8 +671,8 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
   std::string error_;
   // An odd resizeSeq that a walk waited out (kResizeWait) and saw unchanged: a writer died in
   // the middle of redistributing the chains (or one slower than kResizeWait is at it). Walks
-  // report it at once until resizeSeq moves
-  // (even is never stuck), instead of each waiting again.
+  // report it at once, instead of each waiting again, until resizeSeq moves (0, even, is
+  // never stuck).
   uint32_t stuckResizeSeq_ = 0;
 };
 

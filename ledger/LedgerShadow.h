@@ -104,10 +104,10 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
 
   // Requests a full re-walk (as after falling out of step).
   void resync(const std::string& why) {
+    if (state_ == ShadowState::detached) return;  // the mounter syncs when it mounts
     ZTRACE_TO(ShadowDetail::trace(), 1,
               "LedgerShadow::resync() Out-of-sync, re-synchronizing local shadow " << config_.table
                                                                                    << ": " << why);
-    if (state_ == ShadowState::detached) return;  // the mounter syncs when it mounts
     ++resyncs_;
     if (writerChanged() && !remountFiles()) return;
     startSync(true);

@@ -177,10 +177,6 @@ TEST_F(LiveCorruption, ANewestSequenceBelowTheReadersIsNotQuiesced) {
   EXPECT_EQ(shadow->resyncs(), 0u);
 }
 
-}  // namespace
-
-namespace {
-
 // A slot index far beyond the file, in a table whose header claims as many slots: the shadow
 // does not size itself by the header's word before reading the slot.
 TEST_F(LiveCorruption, ASlotFarBeyondTheFileDoesNotSizeTheShadow) {
@@ -199,10 +195,6 @@ TEST_F(LiveCorruption, ASlotFarBeyondTheFileDoesNotSizeTheShadow) {
   header.numSlots = numSlots;
   expectResyncedAndEqual("LedgerShadow::resync()");
 }
-
-}  // namespace
-
-namespace {
 
 // A writer that died while redistributing the bucket chains leaves resizeSeq odd. A lookup
 // that would need it settled waits for it a while, then reports it; the lookups after it
