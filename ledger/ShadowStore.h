@@ -28,6 +28,7 @@
 #include "ledger/LargePageAllocator.h"
 #include "ledger/LedgerReader.h"
 #include "ledger/ShadowHashMap.h"
+#include "ledger/StreamCopy.h"
 #include "zinc/Hash.h"
 #include "zinc/Trace.h"
 
@@ -298,17 +299,23 @@ class ShadowStore {
   //
   // The walk is bound by memory. The writer's slots are read in order, which the processor
   // fetches ahead by itself within a page (and the pages are populated a chunk ahead). What
-  // it cannot guess is the hash bucket of each key: that is fetched as soon as the key is
-  // copied, from the copy (a torn copy only costs a useless fetch: its status does not hold),
-  // and used a group later. Fetching it earlier, from the writer's slot further ahead, costs
-  // a stalling load of that slot first.
+  // it cannot guess is the hash bucket of each key: that is fetched as soon as the value is
+  // copied, by the key read with it (a torn read only costs a useless fetch: its status does
+  // not hold), and used a group later. Fetching it earlier, from the writer's slot further
+  // ahead, costs a stalling load of that slot first.
+  //
+  // A value shadow that nobody is told of copies past the cache (streamCopy): the walk does
+  // not read those copies again, and stores through the cache would first fetch every line
+  // they fill, and evict the hash map for it.
   template <class Stop>
   uint32_t syncGroup(uint32_t first, uint32_t end, bool notifying, Stop& stop) {
     const SlotReaderTable& table = reader_.slotTable();
     const uint32_t size = valueSize();
     std::array<uint32_t, kBulkGroup> status;
     std::array<uint32_t, kBulkGroup> hashes;
+    std::array<Key, kBulkGroup> keys;
     static_assert(kBulkGroup <= 32, "one bit a slot of the group");
+    const bool stream = SlotKind::kValues && !(notifying && notify_.onKey);
     bulkFirst_ = first;
     bulkCopied_ = 0;
     if constexpr (!SlotKind::kValues) groupCopies_.resize(uint64_t{kBulkGroup} * size);
@@ -316,13 +323,19 @@ class ShadowStore {
       if (slot % kPopulateChunk == 0) table.populate(slot + kPopulateChunk, kPopulateChunk);
       status[slot - first] = Shm::load(table.slot(slot).status, std::memory_order_acquire);
       if (settled(status[slot - first]) && !entries_[slot].occupied) {
-        uint8_t* copy = copyPlace(slot, first);
-        std::memcpy(copy, table.value(slot), size);
-        hashes[slot - first] = OpsT::hash(reader_.ops().storedKey(copy));
+        const uint8_t* from = table.value(slot);
+        if (stream) {
+          streamCopy(copyPlace(slot, first), from, size);
+        } else {
+          std::memcpy(copyPlace(slot, first), from, size);
+        }
+        keys[slot - first] = reader_.ops().storedKey(from);
+        hashes[slot - first] = OpsT::hash(keys[slot - first]);
         map_.prefetch(hashes[slot - first]);
         bulkCopied_ |= 1u << (slot - first);
       }
     }
+    if (stream) streamFence();
     // Acquire fence: the copies above are ordered before the status words' second loads.
     std::atomic_thread_fence(std::memory_order_acquire);
     for (uint32_t slot = first; slot < end; ++slot) {
@@ -333,7 +346,8 @@ class ShadowStore {
       // since (its entry moved there) was not copied, and one filled since has lost its copy
       // (fill() drops the bit); both are read afresh.
       if (held && (bulkCopied_ >> (slot - first) & 1) && !entries_[slot].occupied) {
-        takeCopied(slot, hashes[slot - first], copyPlace(slot, first), notifying);
+        takeCopied(slot, keys[slot - first], hashes[slot - first], copyPlace(slot, first),
+                   notifying);
       } else if (!held || (was & kOccupied) || entries_[slot].occupied) {
         doSlot(slot, 0, notifying);
       }  // else free in both: nothing to do
@@ -356,8 +370,8 @@ class ShadowStore {
     }
   }
   // The value of `slot` copied to `stored` is whole: the slot's key (of `hash`) is taken.
-  void takeCopied(uint32_t slot, uint32_t hash, const uint8_t* stored, bool notifying) {
-    const Key key = reader_.ops().storedKey(stored);
+  void takeCopied(uint32_t slot, const Key& key, uint32_t hash, const uint8_t* stored,
+                  bool notifying) {
     if (notifying && notify_.onKey) reader_.ops().load(stored, scratch_);
     take(slot, key, hash, stored, notifying);
   }

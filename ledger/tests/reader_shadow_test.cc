@@ -421,4 +421,29 @@ TEST_F(ShadowStoreTest, ABulkWalkReadsASlotThatItsGroupVacatedAfresh) {
     EXPECT_EQ(store.slotOfKey(TestKey{id}), reader.findSlot(TestKey{id})) << "key " << id;
   }
 }
+
+// A shadow nobody is told of copies its bulk walks past the cache. Its values must still be
+// the writer's, byte for byte: after a first walk, and after a second one over rewrites,
+// removals, additions and keys that a removal let move to another slot.
+TEST_F(ShadowStoreTest, AQuietBulkWalkKeepsEveryValueAsTheWriterHasIt) {
+  ASSERT_NO_FATAL_FAILURE(start(4096, 1000));
+  Ledger::ShadowStore<TestKey, TestValue> quiet{reader, Ledger::DummyShadowNotifier()};
+  auto walkAndCompare = [&](const char* when) {
+    quiet.reserve();
+    quiet.syncSlots(0, reader.slotTable().numSlots(), true, [] { return false; });
+    uint64_t members = 0;
+    TestValue expected, got;
+    for (bool more = w->writer.first(expected); more; more = w->writer.next(expected.k, expected)) {
+      ++members;
+      ASSERT_TRUE(quiet.lookup(expected.k, got)) << when << ": key " << expected.k.id;
+      ASSERT_EQ(std::memcmp(&got, &expected, sizeof got), 0) << when << ": key " << expected.k.id;
+    }
+    EXPECT_EQ(quiet.members(), members) << when;
+  };
+  ASSERT_NO_FATAL_FAILURE(walkAndCompare("first walk"));
+  for (uint64_t id = 0; id < 1000; id += 3) w->writer.write(makeValue(id, 2));
+  for (uint64_t id = 1; id < 1000; id += 7) w->writer.remove(TestKey{id});
+  for (uint64_t id = 1000; id < 1100; ++id) w->writer.write(makeValue(id, 1));
+  ASSERT_NO_FATAL_FAILURE(walkAndCompare("second walk"));
+}
 }  // namespace
