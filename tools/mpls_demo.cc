@@ -15,6 +15,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -343,16 +344,37 @@ class ReaderAgent : public Mpls::LfibStatus::NotifieeConst {
 
 // ---- the orchestrating process ----
 
+// The value of a numeric option: digits only, at most `max`; nothing (and a message) else.
+std::optional<uint32_t> numberOf(const std::string& option, const std::string& text, uint32_t max) {
+  uint32_t n = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, n);
+  if (text.empty() || error != std::errc{} || stop != end || n > max) {
+    std::cerr << "mpls_demo: " << option << " wants a number up to " << max << ", not '" << text
+              << "'\n";
+    return std::nullopt;
+  }
+  return n;
+}
+
 bool parse(int argc, char** argv, Options& o) {
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
     auto value = [&]() -> std::string { return i + 1 < argc ? argv[++i] : ""; };
+    std::optional<uint32_t> n;
     if (a == "--routes") {
-      o.routes = uint32_t(std::strtoul(value().c_str(), nullptr, 10));
+      if (!(n = numberOf(a, value(), 900000))) return false;
+      o.routes = *n;
     } else if (a == "--churn") {
-      o.churnPercent = uint32_t(std::strtoul(value().c_str(), nullptr, 10));
+      if (!(n = numberOf(a, value(), 100))) return false;
+      o.churnPercent = *n;
     } else if (a == "--in-place") {
-      o.inPlace = value() != "off";
+      const std::string v = value();
+      if (v != "on" && v != "off") {
+        std::cerr << "mpls_demo: --in-place wants on or off, not '" << v << "'\n";
+        return false;
+      }
+      o.inPlace = v == "on";
     } else if (a == "--root") {
       o.root = value();
     } else if (a == "--keep") {
@@ -363,7 +385,7 @@ bool parse(int argc, char** argv, Options& o) {
       return false;
     }
   }
-  if (o.routes == 0 || o.routes > 900000) {
+  if (o.routes == 0) {
     std::cerr << "mpls_demo: --routes must be between 1 and 900000 (labels are 20 bits)\n";
     return false;
   }

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
@@ -125,9 +126,10 @@ std::optional<Options> parse(const std::vector<std::string>& args, std::ostream&
     } else if (a == "--count") {
       auto v = value();
       if (!v) return std::nullopt;
-      char* end = nullptr;
-      o.count = std::strtoull(v->c_str(), &end, 10);
-      if (v->empty() || *end) {
+      // Digits only: no sign, no blanks, and nothing that does not fit.
+      const char* end = v->data() + v->size();
+      const auto [stop, error] = std::from_chars(v->data(), end, o.count);
+      if (v->empty() || error != std::errc{} || stop != end) {
         err << "ledger: --count wants a number, not '" << *v << "'\n";
         return std::nullopt;
       }

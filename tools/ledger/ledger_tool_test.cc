@@ -57,6 +57,24 @@ TEST(LedgerTool, HelpUsageAndMissingTables) {
   }
   EXPECT_EQ(tool(root, {"show"}).status, 2) << "a table is needed";
   EXPECT_EQ(tool(root, {"show", "../etc"}).status, 2);
+  // Bad options: each refused with what is wrong, before anything is opened.
+  const std::vector<std::pair<std::vector<std::string>, std::string>> badOptions = {
+      {{"watch", "routes", "--count", "12x"}, "--count wants a number, not '12x'"},
+      {{"watch", "routes", "--count", ""}, "--count wants a number, not ''"},
+      {{"watch", "routes", "--count", "-5"}, "--count wants a number, not '-5'"},
+      {{"watch", "routes", "--count", "99999999999999999999"},
+       "--count wants a number, not '99999999999999999999'"},
+      {{"watch", "routes", "--count"}, "--count needs a value"},
+      {{"ls", "--root"}, "--root needs a value"},
+      {{"dump", "routes", "--frob"}, "unknown option --frob"},
+      {{"dump", "routes", "extra"}, "unexpected argument extra"},
+  };
+  for (const auto& [args, message] : badOptions) {
+    auto r = tool(root, args);
+    EXPECT_EQ(r.status, 2) << message;
+    EXPECT_TRUE(contains(r.err, "ledger: " + message)) << r.err;
+    EXPECT_EQ(r.out, "") << message;
+  }
 }
 
 TEST(LedgerTool, InspectsAHealthyTable) {
