@@ -357,6 +357,11 @@ struct LyingSlabs : ::testing::Test {
     std::memcpy(&o, r.slotTable().value(slot), sizeof(o));
     return o;
   }
+  // Makes slot `slot` refer to `o` instead of its own slab entry.
+  void referTo(ViaReader& r, uint64_t slot, Shape::Offset o) {
+    patchValue(root.file("viaSet", "slots"),
+               Ledger::kSlotTableHeaderSize + (slot + 1) * r.slotTable().slotSize() + 16, o);
+  }
   std::string slab(uint32_t c) { return root.file("viaSet", "slab." + std::to_string(c)); }
   static uint64_t entryAt(Shape::Offset o) {
     return sizeof(Shape::SlabHeader) + uint64_t{o.index()} * Shape::entrySizeOf(o.sizeClass());
@@ -380,16 +385,11 @@ TEST_F(LyingSlabs, ImpossiblePayloadSizeIsReported) {
 TEST_F(LyingSlabs, EntryBeyondTheFileIsReported) {
   auto r = reader();
   const uint32_t slot = r->findSlot(ViaSetKey{5});
-  const uint32_t slotSize = r->slotTable().slotSize();
-  patchValue(root.file("viaSet", "slots"),
-             Ledger::kSlotTableHeaderSize + uint64_t{slot + 1} * slotSize + 16,
-             Shape::Offset::of(1, 100000));
+  referTo(*r, slot, Shape::Offset::of(1, 100000));
   ViaSet v;
   EXPECT_FALSE(r->lookup(ViaSetKey{5}, v));
   EXPECT_THAT(lastReport(), HasSubstr("entry 100000 beyond slab.1"));
-  patchValue(root.file("viaSet", "slots"),
-             Ledger::kSlotTableHeaderSize + uint64_t{slot + 1} * slotSize + 16,
-             Shape::Offset::of(99, 0));
+  referTo(*r, slot, Shape::Offset::of(99, 0));
   EXPECT_FALSE(r->lookup(ViaSetKey{5}, v));
   EXPECT_THAT(lastReport(), HasSubstr("no size class 99"));
 }
@@ -418,6 +418,88 @@ TEST_F(LyingSlabs, FreeListLoopIsFoundByTheChecks) {
   auto r = reader();
   ViaSet v;
   EXPECT_TRUE(r->lookup(ViaSetKey{6}, v)) << "a reader does not walk the free list";
+}
+
+// The writer's validator finds every way in which slots and slab entries disagree. A slot's
+// key lives in its payload, so a slot made to refer to another entry is first a corrupt key,
+// or a reference to nothing, before it is a second reference.
+TEST_F(LyingSlabs, TheValidatorFindsASlotReferringToAnotherEntry) {
+  auto r = reader();
+  const uint32_t five = r->findSlot(ViaSetKey{5});
+  referTo(*r, five, offsetOf(*r, 4));
+  EXPECT_FALSE(w.writer.validate());
+  EXPECT_THAT(w.writer.validationError(),
+              HasSubstr("corrupt key in slot: " + std::to_string(five)));
+}
+
+TEST_F(LyingSlabs, TheValidatorFindsASlotReferringToAFreedEntry) {
+  auto r = reader();
+  const Shape::Offset one = offsetOf(*r, 1);
+  const uint32_t six = r->findSlot(ViaSetKey{6});
+  ASSERT_TRUE(w.writer.remove(ViaSetKey{1}));
+  referTo(*r, six, one);
+  EXPECT_FALSE(w.writer.validate());
+  EXPECT_THAT(w.writer.validationError(),
+              HasSubstr("slot: " + std::to_string(six) + " refers to no stored value"));
+}
+
+TEST_F(LyingSlabs, TheValidatorFindsEntriesThatTheCountsDoNotMatch) {
+  const Shape::SlabHeader& h = w.writer.ops().allocator().slab(1).header();
+  ASSERT_EQ(h.numOccupied, 8u);
+  patchValue<uint32_t>(slab(1), offsetof(Shape::SlabHeader, numOccupied), 7);
+  EXPECT_FALSE(w.writer.validate());
+  EXPECT_THAT(w.writer.validationError(), HasSubstr("slab entries:7 for occupied slots:8"));
+  patchValue<uint32_t>(slab(1), offsetof(Shape::SlabHeader, numOccupied), 8);
+  ASSERT_TRUE(w.writer.validate()) << w.writer.validationError();
+  w.writer.ops().allocator().alloc(40);  // an entry that no slot will ever refer to
+  EXPECT_FALSE(w.writer.validate());
+  EXPECT_THAT(w.writer.validationError(), HasSubstr("slab entries:9 for occupied slots:8"));
+}
+
+TEST_F(LyingSlabs, TheValidatorFindsAFreeListThatLies) {
+  auto r = reader();
+  const Shape::Offset two = offsetOf(*r, 2);
+  ASSERT_TRUE(w.writer.remove(ViaSetKey{2}));
+  ASSERT_TRUE(w.writer.validate()) << w.writer.validationError();
+  patchValue<uint32_t>(slab(1), entryAt(two), 7);  // a payload size on a free entry
+  EXPECT_FALSE(w.writer.validate());
+  EXPECT_THAT(
+      w.writer.validationError(),
+      HasSubstr("slab.1 free list entry " + std::to_string(two.index()) + " holds a payload"));
+  patchValue<uint32_t>(slab(1), entryAt(two), 0);
+  ASSERT_TRUE(w.writer.validate()) << w.writer.validationError();
+  const uint32_t highWater = w.writer.ops().allocator().slab(1).header().highWater;
+  patchValue<uint32_t>(slab(1), offsetof(Shape::SlabHeader, freeList), highWater);
+  EXPECT_FALSE(w.writer.validate());
+  EXPECT_THAT(
+      w.writer.validationError(),
+      HasSubstr("slab.1 free list entry " + std::to_string(highWater) + " beyond the file"));
+}
+
+// Under the validator, the allocator's own check holds each entry against the references
+// it is given: one reference for each entry in use, none for a free one.
+TEST_F(LyingSlabs, TheAllocatorCheckHoldsEveryEntryAgainstItsReferences) {
+  auto r = reader();
+  std::vector<Shape::Offset> live;
+  for (uint32_t id = 1; id <= 8; ++id) live.push_back(offsetOf(*r, id));
+  const Shape::WriterAllocator& allocator = w.writer.ops().allocator();
+  EXPECT_EQ(allocator.check(live), "");
+  auto without = [&](size_t k) {
+    std::vector<Shape::Offset> fewer = live;
+    fewer.erase(fewer.begin() + std::ptrdiff_t(k));
+    return fewer;
+  };
+  const std::string entry3 = "slab.1 entry " + std::to_string(live[3].index());
+  std::vector<Shape::Offset> twice = without(2);
+  twice.push_back(live[3]);
+  EXPECT_THAT(allocator.check(twice), HasSubstr(entry3 + " referenced twice"));
+  EXPECT_THAT(allocator.check(without(3)), HasSubstr(entry3 + " in use but referenced by no slot"));
+  ASSERT_TRUE(w.writer.remove(ViaSetKey{4}));  // frees live[3]
+  EXPECT_THAT(allocator.check(live), HasSubstr(entry3 + " referenced but free"));
+  EXPECT_EQ(allocator.check(without(3)), "");
+  std::vector<Shape::Offset> nowhere = without(3);
+  nowhere.push_back(Shape::Offset::of(1, 100000));
+  EXPECT_THAT(allocator.check(nowhere), HasSubstr("reference to no slab entry"));
 }
 
 TEST_F(LyingSlabs, ArbitraryBytesNeverCrashTheReader) {
