@@ -132,7 +132,8 @@ class LedgerMap {
     return true;
   }
   bool collectionAdvertised() const { return collectionAdvertised_; }
-  // Per-key notifications on or off; refused before the map is initialised.
+  // Per-key notifications on or off (see LedgerShadow::notifying); refused before the map is
+  // initialised.
   bool notifying(bool on) {
     if (!initialized_) {
       ZTRACE_TO(Detail::mapTrace(), 0,

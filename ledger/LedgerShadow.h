@@ -87,6 +87,8 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
   ShadowState state() const { return state_; }
   bool inStep() const { return state_ == ShadowState::inStep; }
   void yieldTimeIs(std::chrono::microseconds t) { syncer_.yieldTimeIs(t); }
+  // Per-key notifications off: a shadow in step keeps following the writer, silently; a sync
+  // waits until they are on again, so that every key it finds is told.
   void notifying(bool on) override { notifying_ = on; }
   void corruptionHandlerIs(CorruptionHandler handler) { onCorruption_ = std::move(handler); }
   // Runs once, when the first sync has filled the shadow and it follows the writer: the
@@ -163,6 +165,7 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
                               [this, epoch = syncer_.epoch()] { return syncer_.epoch() != epoch; });
     };
     h.slotsToWalk = [this] { return std::max(reader_.slotTable().numSlots(), store_.numSlots()); };
+    h.notificationsEnabled = [this] { return notifying_; };
     h.done = [this] { syncComplete(); };
     h.corruption = [this](const std::string& why) { corruptionDetected(why); };
     return h;

@@ -33,8 +33,8 @@ class Syncer {
     // after the last one done, earlier than `last` only when the sync was restarted or
     // stopped meanwhile.
     std::function<uint32_t(uint32_t first, uint32_t last)> doSlots;
-    std::function<uint32_t()> slotsToWalk;  // max(writer's numSlots, shadow's numSlots)
-    std::function<bool()> notificationsEnabled;
+    std::function<uint32_t()> slotsToWalk;       // max(writer's numSlots, shadow's numSlots)
+    std::function<bool()> notificationsEnabled;  // false: the walk waits (see doSync)
     std::function<void()> done;
     std::function<void(const std::string&)> corruption;
   };
@@ -87,12 +87,19 @@ class Syncer {
       return;
     }
     if (hooks_.notificationsEnabled && !hooks_.notificationsEnabled()) {
-      ZTRACE_TO(ShadowDetail::trace(), 5, "Syncer::doSync() notifications temporarily disabled");
-      retryTimer_ = loop_.timerAfter(std::chrono::milliseconds(10), [this, alive = alive_] {
-        if (*alive) doSync();
-      });
+      // The walk waits, looking again every 10 ms, so that what it finds is told once
+      // notifications are back. Said once per wait.
+      if (!waiting_) {
+        ZTRACE_TO(ShadowDetail::trace(), 3, "Syncer::doSync() notifications temporarily disabled");
+      }
+      waiting_ = true;
+      retryTimer_ =
+          loop_.timerAfter(std::chrono::milliseconds(10), [this, alive = alive_, epoch = epoch_] {
+            if (*alive && epoch == epoch_) doSync();
+          });
       return;
     }
+    waiting_ = false;
     if (currentSlot_ == 0) {
       ZTRACE_TO(ShadowDetail::trace(), 3, "Syncer::doSync() Syncing, resync:" << resync_);
     }
@@ -133,6 +140,7 @@ class Syncer {
   std::chrono::microseconds yieldTime_{2000};
   bool syncing_ = false;
   bool resync_ = false;
+  bool waiting_ = false;  // for notifications to be enabled again
   uint32_t currentSlot_ = 0;
   uint64_t epoch_ = 0;
   uint64_t slices_ = 0;

@@ -107,4 +107,31 @@ TEST_F(LedgerMapReaderTest, NotifyingOffKeepsTheShadowCurrentButSilent) {
   ASSERT_TRUE(until([&] { return log.changes == 1; }));
 }
 
+// A sync finds keys to tell: with notifications off it waits for them, so that none of those
+// keys goes untold, and says so once.
+TEST_F(LedgerMapReaderTest, ASyncWaitsWhileNotificationsAreOff) {
+  Map writer(config(), Ledger::LedgerMode::writer);
+  writer.loopIs(&loop);
+  ASSERT_TRUE(writer.initialize());
+  for (uint64_t id = 0; id < 10; ++id) writer.write(makeValue(id, 1));
+  Map reader(config(), Ledger::LedgerMode::readOnly);
+  ASSERT_TRUE(reader.mountShadow(loop, log.notifier()));
+  ASSERT_TRUE(reader.notifying(false));  // before the first slice of the sync has run
+
+  loop.runFor(100ms);
+  for (uint64_t id = 10; id < 15; ++id) writer.write(makeValue(id, 1));
+  loop.runFor(50ms);
+  EXPECT_EQ(log.adds, 0u);
+  EXPECT_FALSE(reader.table().quiesced());
+  size_t said = 0;
+  for (const auto& line : traced) {
+    said += line.find("Syncer::doSync() notifications temporarily disabled") != std::string::npos;
+  }
+  EXPECT_EQ(said, 1u) << "once per wait, not once per look";
+
+  ASSERT_TRUE(reader.notifying(true));
+  ASSERT_TRUE(until([&] { return reader.table().quiesced() && log.adds == 15; }));
+  EXPECT_TRUE(log.errors.empty()) << log.errors.front();
+}
+
 }  // namespace
