@@ -252,7 +252,7 @@ class LedgerMap {
   }
   [[gnu::cold, gnu::noinline]] void traceNoMansLand(const char* operation) const {
     ZTRACE_TO(Detail::mapTrace(), 1,
-              "LedgerMap::" << operation << "() " << config_.table << " in no man's land, dropped");
+              "LedgerMap::" << operation << "() in no man's land " << config_.table << ", dropped");
   }
   template <class F>
   bool guarded(const char* operation, F&& f) {
