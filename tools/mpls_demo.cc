@@ -15,7 +15,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -31,6 +30,7 @@
 
 #include "lfib/LfibWriter.h"
 #include "platform/toggle/FeatureToggle.h"
+#include "tools/Digits.h"
 #include "tools/LineIo.h"
 #include "tools/ledger/LedgerTool.h"
 #include "zinc/Loop.h"
@@ -344,14 +344,13 @@ class ReaderAgent : public Mpls::LfibStatus::NotifieeConst {
 
 // ---- the orchestrating process ----
 
-// The value of a numeric option: digits only, at most `max`; nothing (and a message) else.
-std::optional<uint32_t> numberOf(const std::string& option, const std::string& text, uint32_t max) {
-  uint32_t n = 0;
-  const char* end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, n);
-  if (text.empty() || error != std::errc{} || stop != end || n > max) {
-    std::cerr << "mpls_demo: " << option << " wants a number up to " << max << ", not '" << text
-              << "'\n";
+// The value of a numeric option, from `min` to `max`; nothing (and a message) else.
+std::optional<uint32_t> numberOf(const std::string& option, const std::string& text, uint32_t min,
+                                 uint32_t max) {
+  const std::optional<uint32_t> n = Tools::digitsOf<uint32_t>(text);
+  if (!n || *n < min || *n > max) {
+    std::cerr << "mpls_demo: " << option << " wants a number from " << min << " to " << max
+              << ", not '" << text << "'\n";
     return std::nullopt;
   }
   return n;
@@ -363,10 +362,10 @@ bool parse(int argc, char** argv, Options& o) {
     auto value = [&]() -> std::string { return i + 1 < argc ? argv[++i] : ""; };
     std::optional<uint32_t> n;
     if (a == "--routes") {
-      if (!(n = numberOf(a, value(), 900000))) return false;
+      if (!(n = numberOf(a, value(), 1, 900000))) return false;  // each route takes a label
       o.routes = *n;
     } else if (a == "--churn") {
-      if (!(n = numberOf(a, value(), 100))) return false;
+      if (!(n = numberOf(a, value(), 0, 100))) return false;
       o.churnPercent = *n;
     } else if (a == "--in-place") {
       const std::string v = value();
@@ -384,10 +383,6 @@ bool parse(int argc, char** argv, Options& o) {
                    "[--root DIR] [--keep]\n";
       return false;
     }
-  }
-  if (o.routes == 0) {
-    std::cerr << "mpls_demo: --routes must be between 1 and 900000 (labels are 20 bits)\n";
-    return false;
   }
   return true;
 }

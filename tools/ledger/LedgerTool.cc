@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
@@ -29,6 +28,7 @@
 #include "lfib/LfibStoredText.h"
 #include "platform/shm/EmberFile.h"
 #include "platform/shm/ReaderKick.h"
+#include "tools/Digits.h"
 #include "zinc/Loop.h"
 
 namespace LedgerTool {
@@ -126,13 +126,12 @@ std::optional<Options> parse(const std::vector<std::string>& args, std::ostream&
     } else if (a == "--count") {
       auto v = value();
       if (!v) return std::nullopt;
-      // Digits only: no sign, no blanks, and nothing that does not fit.
-      const char* end = v->data() + v->size();
-      const auto [stop, error] = std::from_chars(v->data(), end, o.count);
-      if (v->empty() || error != std::errc{} || stop != end) {
+      const auto count = Tools::digitsOf<uint64_t>(*v);
+      if (!count) {
         err << "ledger: --count wants a number, not '" << *v << "'\n";
         return std::nullopt;
       }
+      o.count = *count;
     } else if (a.rfind("--", 0) == 0) {
       err << "ledger: unknown option " << a << "\n";
       return std::nullopt;
