@@ -59,6 +59,7 @@ class Syncer {
                 "Syncer::sync() Scheduling synchronization, resync:" << resync);
     }
     resync_ = resync;
+    waiting_ = false;  // a new walk: its wait, if any, is said again
     currentSlot_ = 0;
     started_ = std::chrono::steady_clock::now();
     ++epoch_;

@@ -14,7 +14,7 @@ std::optional<T> digitsOf(std::string_view text) {
   T value{};
   const char* end = text.data() + text.size();
   const auto [stop, error] = std::from_chars(text.data(), end, value);
-  if (text.empty() || error != std::errc{} || stop != end) return std::nullopt;
+  if (error != std::errc{} || stop != end) return std::nullopt;  // an empty text is an error
   return value;
 }
 
