@@ -8,7 +8,7 @@
 
 #include "ledger/LedgerMap.h"
 #include "ledger/tests/TestTable.h"
-#include "zinc/Trace.h"
+#include "zinc/tests/TestSupport.h"
 
 namespace {
 
@@ -17,26 +17,7 @@ using namespace Ledger;
 using ::testing::Contains;
 using ::testing::HasSubstr;
 using Map = LedgerMap<TestKey, TestValue>;
-
-class TraceCapture {
- public:
-  TraceCapture() {
-    Zinc::Trace::configure("LedgerMap/0-9");
-    Zinc::Trace::sinkIs(
-        [this](const Zinc::Trace&, int, std::string_view text) { lines.emplace_back(text); });
-  }
-  ~TraceCapture() {
-    Zinc::Trace::sinkIs({});
-    Zinc::Trace::configure("");
-  }
-  bool has(const std::string& text) const {
-    for (const auto& line : lines) {
-      if (line.find(text) != std::string::npos) return true;
-    }
-    return false;
-  }
-  std::vector<std::string> lines;
-};
+using ZincTest::TraceCapture;
 
 LedgerConfig mapConfig(const TempRoot& root) {
   LedgerConfig c;
@@ -48,7 +29,7 @@ LedgerConfig mapConfig(const TempRoot& root) {
 }
 
 TEST(LedgerDummy, RefusesEverythingAndSaysWhat) {
-  TraceCapture trace;
+  TraceCapture trace("LedgerMap/0-9");
   LedgerBaseDummy<TestKey, TestValue> dummy;
   TestValue v;
   EXPECT_FALSE(dummy.lookup(TestKey{1}, v));
@@ -63,7 +44,7 @@ TEST(LedgerDummy, RefusesEverythingAndSaysWhat) {
 
 TEST(LedgerMapModes, ReadOnlyRefusesChangesWithItsMessages) {
   TempRoot root;
-  TraceCapture trace;
+  TraceCapture trace("LedgerMap/0-9");
   Map map(mapConfig(root), LedgerMode::readOnly);
   EXPECT_FALSE(map.initialize());
   EXPECT_EQ(map.write(makeValue(1, 1)), nullptr);
@@ -82,7 +63,7 @@ TEST(LedgerMapModes, ReadOnlyRefusesChangesWithItsMessages) {
 
 TEST(LedgerMapModes, SafeWritesOutsideAnAttachmentAreDropped) {
   TempRoot root;
-  TraceCapture trace;
+  TraceCapture trace("LedgerMap/0-9");
   Map map(mapConfig(root), LedgerMode::writer);
   EXPECT_FALSE(map.safeWrite(makeValue(1, 1)));
   EXPECT_TRUE(trace.has("LedgerMap::safeWrite() in no man's land map, dropped"));
@@ -104,7 +85,7 @@ TEST(LedgerMapModes, SafeWritesOutsideAnAttachmentAreDropped) {
 
 TEST(LedgerMapModes, CorruptionIsReportedTheEntryTreatedAsAbsentAndTheTableRepaired) {
   TempRoot root;
-  TraceCapture trace;
+  TraceCapture trace("LedgerMap/0-9");
   Map map(mapConfig(root), LedgerMode::writer);
   map.initialize();
   std::vector<std::string> reasons;
