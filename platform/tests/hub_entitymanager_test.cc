@@ -4,16 +4,9 @@
 
 #include "platform/hub/EntityManager.h"
 #include "zinc/Exception.h"
+#include "zinc/tests/TestSupport.h"
 
 namespace {
-
-class EntryLog : public Zinc::Dir::NotifieeConst {
- public:
-  void onEntry(const Zinc::Name& n) override {
-    log.push_back(n.str() + (notifier()->entryHas(n) ? "+" : "-"));
-  }
-  std::vector<std::string> log;
-};
 
 TEST(EntityManager, DirectoriesByPathAndEntityLifecycle) {
   auto hub = Hub::entityManagerFactory("sysdb");
@@ -23,7 +16,7 @@ TEST(EntityManager, DirectoriesByPathAndEntityLifecycle) {
   EXPECT_EQ(hub->dir("mpls/config")->entry<Zinc::Dir>("labelRequest"), requests);
   EXPECT_EQ(requests->handleParent(), hub->dir("mpls/config").get());
 
-  EntryLog log;
+  ZincTest::DirEntryLog log;
   log.notifierIs(requests);
   auto ospf = Zinc::dirFactory("ospf");
   hub->entityIs("mpls/config/labelRequest/", ospf);

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "zinc/Dir.h"
 #include "zinc/Trace.h"
 
 namespace ZincTest {
@@ -48,5 +49,14 @@ std::string failureOf(const std::function<void()>& f) {
   }
   return "";
 }
+
+// Logs each entry a directory notifies as "<name>+" while present, "<name>-" once gone.
+class DirEntryLog : public Zinc::Dir::NotifieeConst {
+ public:
+  void onEntry(const Zinc::Name& n) override {
+    log.push_back(n.str() + (notifier()->entryHas(n) ? "+" : "-"));
+  }
+  std::vector<std::string> log;
+};
 
 }  // namespace ZincTest

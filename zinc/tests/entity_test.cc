@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <map>
@@ -7,6 +8,7 @@
 #include "zinc/Collection.h"
 #include "zinc/Dir.h"
 #include "zinc/Reactor.h"
+#include "zinc/tests/TestSupport.h"
 
 namespace {
 
@@ -294,17 +296,9 @@ TEST(Ptr, AtomicCountsAcrossThreads) {
   Zinc::threadSafePtrsIs(false);
 }
 
-class DirRecorder : public Zinc::Dir::NotifieeConst {
- public:
-  void onEntry(const Name& n) override {
-    log.push_back(n.str() + (notifier()->entryHas(n) ? "+" : "-"));
-  }
-  std::vector<std::string> log;
-};
-
 TEST(Dir, NotifiesEntriesAndSetsParent) {
   auto dir = Zinc::dirFactory("labelRequest");
-  DirRecorder rec;
+  ZincTest::DirEntryLog rec;
   rec.notifierIs(dir);
   auto r = routerFactory("ospf");
   dir->entryIs(r);
@@ -320,15 +314,14 @@ TEST(Dir, NotifiesEntriesAndSetsParent) {
 
 TEST(Reactor, NullInputNamesParameterAndAttribute) {
   Router::PtrConst none;
-  try {
-    Zinc::requireInput(none, "_dot1qTagToVlanColl",
-                       "Mpls::LfibStatusProducerSm::dot1qTagToVlanColl");
-    FAIL() << "no exception";
-  } catch (const Zinc::NullPointerException& e) {
-    EXPECT_STREQ(e.what(),
-                 "null _dot1qTagToVlanColl parameter to mutator for "
-                 "Mpls::LfibStatusProducerSm::dot1qTagToVlanColl not allowed");
-  }
+  EXPECT_THAT(
+      [&] {
+        Zinc::requireInput(none, "_dot1qTagToVlanColl",
+                           "Mpls::LfibStatusProducerSm::dot1qTagToVlanColl");
+      },
+      ::testing::ThrowsMessage<Zinc::NullPointerException>(
+          "null _dot1qTagToVlanColl parameter to mutator for "
+          "Mpls::LfibStatusProducerSm::dot1qTagToVlanColl not allowed"));
   EXPECT_NO_THROW(Zinc::requireInput(routerFactory("x"), "_r", "T::r"));
 }
 
