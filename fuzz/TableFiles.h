@@ -1,4 +1,4 @@
-// A table's files written from fuzz input, for the targets that read tables: the slot file
+// A table's files written from fuzz input, for the targets that open tables: the slot file
 // (raw, or with a well-formed header), the bucket table and the change queue's files, and the
 // slab files of a table whose values vary in size, with the value type that such a table holds.
 #pragma once

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "fuzz/FuzzInput.h"
+#include "fuzz/TableFiles.h"
 #include "ledger/LedgerWriter.h"
 
 namespace {
@@ -65,9 +66,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string dir = root + "/t";
   std::filesystem::create_directories(dir);
   writeFile(dir + "/slots", slotFile(in, data[0] & 1));
-  writeFile(dir + "/buckets", in.take(in.word() % 1024));
-  writeFile(dir + "/rally", in.take(in.word() % 128));
-  writeFile(dir + "/rally.0", in.take(in.word() % 2048));
+  writeOthers(dir, in, false, 0);  // raw bytes
   Ledger::LedgerConfig config;
   config.root = root;
   config.table = "t";

@@ -35,32 +35,28 @@ inline bool runUntil(Zinc::Loop& loop, const std::function<bool()>& pred,
   return true;
 }
 
-inline bool whole(const TestValue& v) {
-  return v.check == Zinc::hashBytes(&v, offsetof(TestValue, check)) &&
-         v == makeValue(v.k.id, v.version);
-}
-
-// A writer on <root>/<table> whose every commit kicks the readers at the end of the batch
-// (`flush()`), or through `loop`'s deferred calls when one is given.
-struct KickingWriter {
-  KickingWriter(const std::string& root, const std::string& table, uint32_t capacity = 64,
-                Zinc::Loop* loop = nullptr)
-      : writer(config(root, table, capacity)) {
+// A writer (a W) on <root>/<table> whose every commit kicks the readers at the end of the
+// batch (`flush()`), or through `loop`'s deferred calls when one is given.
+template <class W>
+struct KickingWriterOf {
+  KickingWriterOf(const std::string& root, const std::string& table, uint32_t capacity = 64,
+                  Zinc::Loop* loop = nullptr)
+      : writer(tableConfig(root, table, capacity)) {
     writer.attach();
     Mem::ReaderKickSm::Defer defer;
     if (loop) defer = [loop](std::function<void()> fn) { loop->defer(std::move(fn)); };
     kicker = std::make_unique<Mem::ReaderKickSm>(SharedMem::rootPath(root) + "/" + table, defer);
     writer.rally().kickHookIs([this] { kicker->commitNotify(); });
   }
-  static Ledger::LedgerConfig config(const std::string& root, const std::string& table,
-                                     uint32_t capacity) {
-    Ledger::LedgerConfig c;
-    c.root = root;
-    c.table = table;
-    c.capacity = capacity;
-    return c;
-  }
   void flush() { kicker->flush(); }
+
+  W writer;
+  std::unique_ptr<Mem::ReaderKickSm> kicker;
+};
+
+// The kicking writer of a table of TestValues.
+struct KickingWriter : KickingWriterOf<Writer> {
+  using KickingWriterOf::KickingWriterOf;
   // Writes the key's stored value again, byte for byte: an unchanged rewrite.
   void rewrite(uint64_t id) {
     TestValue current;
@@ -73,9 +69,6 @@ struct KickingWriter {
     for (bool more = writer.first(v); more; more = writer.next(v.k, v)) all[v.k.id] = v.version;
     return all;
   }
-
-  Writer writer;
-  std::unique_ptr<Mem::ReaderKickSm> kicker;
 };
 
 // Records every event and checks it as it comes: values whole, versions of a key strictly

@@ -16,12 +16,8 @@ class SmallTable : public ::testing::Test {
  protected:
   using Writer = Ledger::LedgerWriter<TestKey, TestValue>;
 
-  explicit SmallTable(const std::string& table) {
-    config.root = root.path();
-    config.table = table;
-    config.capacity = 4;
-    config.minBuckets = 4;
-    writer = std::make_unique<Writer>(config);
+  explicit SmallTable(const std::string& table)
+      : config(tableConfig(root.path(), table, 4, 4)), writer(std::make_unique<Writer>(config)) {
     writer->attach();
   }
 

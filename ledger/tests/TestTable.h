@@ -1,5 +1,5 @@
-// Test helpers: a key and a value shaped like the library's records, and a private root
-// directory for a test's table files.
+// Test helpers: a key and a value shaped like the library's records, a private root directory
+// for a test's table files, and the configuration of a table in it.
 #pragma once
 
 #include <unistd.h>
@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <string>
 
+#include "ledger/LedgerWriter.h"
 #include "zinc/Hash.h"
 
 namespace LedgerTest {
@@ -49,6 +50,12 @@ inline TestValue makeValue(uint64_t id, uint64_t version) {
   return v;
 }
 
+// Whether `v` is a value makeValue() made, every byte in place.
+inline bool whole(const TestValue& v) {
+  return v.check == Zinc::hashBytes(&v, offsetof(TestValue, check)) &&
+         v == makeValue(v.k.id, v.version);
+}
+
 // Keys whose hash has few distinct values: many share a bucket and an rhash.
 struct CollidingKey {
   uint64_t id = 0;
@@ -78,5 +85,24 @@ class TempRoot {
  private:
   std::string path_;
 };
+
+// Table `table` under `root`, with room for `capacity` slots; the rest as configured by default.
+inline Ledger::LedgerConfig tableConfig(const std::string& root, const std::string& table,
+                                        uint32_t capacity = Ledger::LedgerConfig().capacity,
+                                        uint32_t minBuckets = Ledger::LedgerConfig().minBuckets) {
+  Ledger::LedgerConfig c;
+  c.root = root;
+  c.table = table;
+  c.capacity = capacity;
+  c.minBuckets = minBuckets;
+  return c;
+}
+
+// The index of the slot whose value `writer` stored at `value`.
+template <class W>
+uint32_t slotIndexOf(W& writer, const void* value) {
+  auto& slots = writer.slotTable();
+  return uint32_t((static_cast<const uint8_t*>(value) - slots.value(0)) / slots.slotSize());
+}
 
 }  // namespace LedgerTest

@@ -16,9 +16,9 @@
 #include <vector>
 
 #include "ledger/LedgerWriter.h"
-#include "ledger/tests/ForkedChild.h"
 #include "ledger/tests/SlabTestTypes.h"
 #include "ledger/tests/TestTable.h"
+#include "platform/tests/ForkedChild.h"
 
 namespace {
 
@@ -100,15 +100,6 @@ struct Record {
   uint64_t version;
 };
 
-Ledger::LedgerConfig crashConfig(const std::string& root, const char* table) {
-  Ledger::LedgerConfig c;
-  c.root = root;
-  c.table = table;
-  c.capacity = 8;
-  c.minBuckets = 4;
-  return c;
-}
-
 void sendAll(int fd, const std::vector<Record>& records) {
   const char* p = reinterpret_cast<const char*>(records.data());
   size_t size = records.size() * sizeof(Record);
@@ -122,7 +113,7 @@ void sendAll(int fd, const std::vector<Record>& records) {
 // The child: attach (waiting for the dead writer's lock to go) and churn until killed.
 template <class Table>
 [[noreturn]] void churn(const std::string& root, int fd, uint64_t seed, uint64_t firstVersion) {
-  typename Table::Writer w(crashConfig(root, Table::kName));
+  typename Table::Writer w(tableConfig(root, Table::kName, 8, 4));
   for (;;) {
     try {
       w.attach();
@@ -192,7 +183,7 @@ class Crash : public ::testing::Test {
 
   // Runs a child writer until it kills itself and applies what it acknowledged.
   void runChild(uint64_t seed) {
-    ForkedChild child(
+    TestSupport::ForkedChild child(
         [&](int fd) -> int { churn<Table>(root.path(), fd, seed, maxVersion + 1000000); });
     ASSERT_GT(child.pid(), 0);
     const std::string stream = child.readAll();
@@ -207,7 +198,7 @@ class Crash : public ::testing::Test {
   }
 
   void checkTable() {
-    typename Table::Writer w(crashConfig(root.path(), Table::kName));
+    typename Table::Writer w(tableConfig(root.path(), Table::kName, 8, 4));
     auto result = w.attach();
     recovered += result == Ledger::AttachResult::recovered;
     EXPECT_TRUE(result == Ledger::AttachResult::existing ||

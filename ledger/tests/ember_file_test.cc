@@ -2,30 +2,22 @@
 // process that maps the same file.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 
-#include "platform/shm/DockHash.h"
+#include "ledger/tests/TestTable.h"
 #include "platform/shm/EmberFile.h"
-#include "zinc/Hash.h"
+#include "platform/tests/ForkedChild.h"
 
 namespace {
 
 using SharedMem::EmberFile;
 
-class Ember : public ::testing::Test {
- protected:
-  Ember() {
-    static std::atomic<int> counter{0};
-    root = "/dev/shm/ledger-test-" + std::to_string(::getpid()) + "-e" + std::to_string(counter++);
-  }
-  ~Ember() override { std::filesystem::remove_all(root); }
-  std::string root;
+struct Ember : ::testing::Test {
+  LedgerTest::TempRoot temp;
+  const std::string root = temp.path();
 };
 
 TEST(EmberRoot, ArgumentThenEnvironmentThenDefault) {
@@ -77,38 +69,31 @@ TEST_F(Ember, GrowthIsSeenByAnotherProcessAndReleasedPagesReadZero) {
   ASSERT_TRUE(writer.open(root, "t", "data", EmberFile::Access::ReadWrite, true));
   ASSERT_TRUE(writer.resize(4096));
   std::memset(writer.base(), 1, 4096);
-  int toChild[2], toParent[2];
-  ASSERT_EQ(::pipe(toChild), 0);
-  ASSERT_EQ(::pipe(toParent), 0);
-  pid_t pid = ::fork();
-  if (pid == 0) {  // a reader: maps, waits for growth, re-maps, reports what it sees
+  // A reader: maps, waits for growth, re-maps, reports what it sees.
+  TestSupport::ForkedChild child([&](int toParent, int fromParent) {
     EmberFile reader;
     char c = 0;
     bool ok = reader.open(root, "t", "data", EmberFile::Access::ReadOnly, false) &&
               reader.size() == 4096 && reader.base()[4095] == 1;
-
-    ok = ::write(toParent[1], "o", 1) == 1 && ok;  // mapped: the parent may grow the file
-    ok = ok && ::read(toChild[0], &c, 1) == 1 && reader.remap() && reader.size() == 1 << 20 &&
+    ok = ::write(toParent, "o", 1) == 1 && ok;  // mapped: the parent may grow the file
+    ok = ok && ::read(fromParent, &c, 1) == 1 && reader.remap() && reader.size() == 1 << 20 &&
          reader.base()[(1 << 20) - 1] == 2 && reader.base()[0] == 1;
-    ok = ::write(toParent[1], "m", 1) == 1 && ok;  // re-mapped: the parent may release
-    bool released = ok && ::read(toChild[0], &c, 1) == 1 && reader.base()[(1 << 20) - 1] == 0 &&
+    ok = ::write(toParent, "m", 1) == 1 && ok;  // re-mapped: the parent may release
+    bool released = ok && ::read(fromParent, &c, 1) == 1 && reader.base()[(1 << 20) - 1] == 0 &&
                     reader.base()[100] == 1;  // released tail reads zero, no fault; head kept
     c = !ok ? 'g' : released ? 'y' : 'r';
-    ::_exit(::write(toParent[1], &c, 1) == 1 ? 0 : 1);
-  }
-  char answer = 0;
-  ASSERT_EQ(::read(toParent[0], &answer, 1), 1);
+    return ::write(toParent, &c, 1) == 1 ? 0 : 1;
+  });
+  ASSERT_EQ(child.read(1), "o");
   ASSERT_TRUE(writer.resize(1 << 20));  // may move
   writer.base()[(1 << 20) - 1] = 2;
-  ASSERT_EQ(::write(toChild[1], "g", 1), 1);
-  ASSERT_EQ(::read(toParent[0], &answer, 1), 1);
+  ASSERT_TRUE(child.tell('g'));
+  ASSERT_EQ(child.read(1), "m");
   writer.releaseRange(1 << 16, (1 << 20) - (1 << 16));
   EXPECT_EQ(writer.fileSize(), 1u << 20);  // never cut
-  ASSERT_EQ(::write(toChild[1], "r", 1), 1);
-  ASSERT_EQ(::read(toParent[0], &answer, 1), 1);
-  EXPECT_EQ(answer, 'y');
-  int status;
-  ::waitpid(pid, &status, 0);
+  ASSERT_TRUE(child.tell('r'));
+  EXPECT_EQ(child.read(1), "y");
+  EXPECT_EQ(child.wait(), 0);
   EXPECT_EQ(writer.base()[(1 << 20) - 1], 0);
 }
 
@@ -141,18 +126,6 @@ TEST_F(Ember, PopulateMapsJustTheRangeAskedForWithinTheMapping) {
   EXPECT_EQ(reader.base()[11 * kPage], 7);
   EXPECT_FALSE(reader.populate(0, kPage));  // a reader never allocates a writer's pages
   EXPECT_EQ(occupied(writer.path()), 10 * kPage);
-}
-
-TEST(EmberId, FreshIdsAreNonZeroAndVary) {
-  uint32_t a = EmberFile::freshEmberId(), b = EmberFile::freshEmberId();
-  EXPECT_NE(a, 0u);
-  EXPECT_NE(a, b);
-}
-
-TEST(DockHash, IsTheFrameworkByteHash) {
-  const char text[] = "LEDGRSLT";
-  EXPECT_EQ(Dock::Util::hash(text, 8), Zinc::hashBytes(text, 8));
-  EXPECT_NE(Dock::Util::hash(text, 8), Dock::Util::hash(text, 7));
 }
 
 }  // namespace

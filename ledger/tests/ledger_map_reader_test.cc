@@ -1,6 +1,7 @@
 // LedgerMap as agents hold it on both sides: a writer-mode map that wakes its readers, and a
 // read-only map that mounts a shadow, retries until the writer appears, advertises its
 // collection once and switches per-key notifications.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -8,49 +9,30 @@
 
 #include "ledger/LedgerMap.h"
 #include "ledger/tests/ShadowHarness.h"
-#include "zinc/Trace.h"
+#include "zinc/tests/TestSupport.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using namespace LedgerTest;
+using ::testing::Contains;
+using ::testing::HasSubstr;
 using Map = Ledger::LedgerMap<TestKey, TestValue>;
 
 struct LedgerMapReaderTest : ::testing::Test {
   TempRoot root;
   Zinc::Loop loop;
   EventLog log;
-  std::vector<std::string> traced;
+  ZincTest::TraceCapture trace{"LedgerMap,LedgerShadow,Ledger*"};
 
-  void SetUp() override {
-    Zinc::Trace::configure("LedgerMap,LedgerShadow,Ledger*");
-    Zinc::Trace::sinkIs(
-        [this](const Zinc::Trace&, int, std::string_view text) { traced.emplace_back(text); });
-  }
-  void TearDown() override {
-    Zinc::Trace::sinkIs({});
-    Zinc::Trace::configure("");
-  }
-  Ledger::LedgerConfig config() const {
-    Ledger::LedgerConfig c;
-    c.root = root.path();
-    c.table = "routes";
-    c.capacity = 64;
-    return c;
-  }
-  bool traceHas(const std::string& text) const {
-    for (const auto& line : traced) {
-      if (line.find(text) != std::string::npos) return true;
-    }
-    return false;
-  }
+  Ledger::LedgerConfig config() const { return tableConfig(root.path(), "routes", 64); }
   bool until(const std::function<bool()>& pred) { return runUntil(loop, pred); }
 };
 
 TEST_F(LedgerMapReaderTest, NotifyingIsRefusedBeforeTheMapIsInitialised) {
   Map reader(config(), Ledger::LedgerMode::readOnly);
   EXPECT_FALSE(reader.notifying(true));
-  EXPECT_TRUE(traceHas("LedgerMap::notifying() not allowed at this time, initialized:0"));
+  EXPECT_TRUE(trace.has("LedgerMap::notifying() not allowed at this time, initialized:0"));
 }
 
 TEST_F(LedgerMapReaderTest, ReaderMountsWhenTheWriterAppearsAndAdvertisesOnce) {
@@ -58,8 +40,9 @@ TEST_F(LedgerMapReaderTest, ReaderMountsWhenTheWriterAppearsAndAdvertisesOnce) {
   int advertised = 0;
   reader.collectionReadyHandlerIs([&] { ++advertised; });
   EXPECT_FALSE(reader.mountShadow(loop, log.notifier())) << "no writer yet";
+  EXPECT_EQ(reader.table().mountStatus(), Ledger::MountStatus::mounting);
   loop.runFor(250ms);
-  EXPECT_TRUE(traceHas("ReaderMounter::timeout() start retrying to mount "));
+  EXPECT_TRUE(trace.has("ReaderMounter::timeout() start retrying to mount "));
   EXPECT_EQ(advertised, 0);
 
   Map writer(config(), Ledger::LedgerMode::writer);
@@ -68,6 +51,7 @@ TEST_F(LedgerMapReaderTest, ReaderMountsWhenTheWriterAppearsAndAdvertisesOnce) {
   for (uint64_t id = 0; id < 20; ++id) writer.write(makeValue(id, 1));
 
   ASSERT_TRUE(until([&] { return reader.table().quiesced() && log.adds == 20; }));
+  EXPECT_EQ(reader.table().mountStatus(), Ledger::MountStatus::mounted);
   EXPECT_EQ(advertised, 1);
   TestValue v;
   ASSERT_TRUE(reader.lookup(TestKey{7}, v));
@@ -75,7 +59,7 @@ TEST_F(LedgerMapReaderTest, ReaderMountsWhenTheWriterAppearsAndAdvertisesOnce) {
   EXPECT_EQ(reader.write(makeValue(99, 1)), nullptr) << "a reader never writes";
 
   EXPECT_FALSE(reader.advertiseCollectionReady());
-  EXPECT_TRUE(traceHas("LedgerMap::advertiseCollectionReady() collection already advertised"));
+  EXPECT_TRUE(trace.has("LedgerMap::advertiseCollectionReady() collection already advertised"));
   EXPECT_EQ(advertised, 1);
 
   // A change wakes the reader through the writer map's own kicks.
@@ -123,11 +107,9 @@ TEST_F(LedgerMapReaderTest, ASyncWaitsWhileNotificationsAreOff) {
   loop.runFor(50ms);
   EXPECT_EQ(log.adds, 0u);
   EXPECT_FALSE(reader.table().quiesced());
-  size_t said = 0;
-  for (const auto& line : traced) {
-    said += line.find("Syncer::doSync() notifications temporarily disabled") != std::string::npos;
-  }
-  EXPECT_EQ(said, 1u) << "once per wait, not once per look";
+  EXPECT_THAT(trace.lines,
+              Contains(HasSubstr("Syncer::doSync() notifications temporarily disabled")).Times(1))
+      << "once per wait, not once per look";
 
   ASSERT_TRUE(reader.notifying(true));
   ASSERT_TRUE(until([&] { return reader.table().quiesced() && log.adds == 15; }));

@@ -19,14 +19,7 @@ using ::testing::HasSubstr;
 using Map = LedgerMap<TestKey, TestValue>;
 using ZincTest::TraceCapture;
 
-LedgerConfig mapConfig(const TempRoot& root) {
-  LedgerConfig c;
-  c.root = root.path();
-  c.table = "map";
-  c.capacity = 16;
-  c.minBuckets = 4;
-  return c;
-}
+LedgerConfig mapConfig(const TempRoot& root) { return tableConfig(root.path(), "map", 16, 4); }
 
 TEST(LedgerDummy, RefusesEverythingAndSaysWhat) {
   TraceCapture trace("LedgerMap/0-9");
@@ -93,9 +86,7 @@ TEST(LedgerMapModes, CorruptionIsReportedTheEntryTreatedAsAbsentAndTheTableRepai
   for (uint64_t id = 0; id < 10; ++id) map.write(makeValue(id, 1));
   auto& writer = dynamic_cast<LedgerWriter<TestKey, TestValue>&>(map.table());
   // Point one slot's chain link at itself.
-  uint32_t slot = static_cast<uint32_t>(
-      (static_cast<const uint8_t*>(writer.write(makeValue(4, 2))) - writer.slotTable().value(0)) /
-      writer.slotTable().slotSize());
+  const uint32_t slot = slotIndexOf(writer, writer.write(makeValue(4, 2)));
   writer.slotTable().slot(slot).linkPair = packLink(0, slot);
   TestValue v;
   int steps = 0;  // iteration must end: the loop is reported, not followed

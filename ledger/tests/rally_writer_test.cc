@@ -12,9 +12,10 @@
 #include <random>
 #include <sstream>
 
-#include "ledger/tests/ForkedChild.h"
+#include "ledger/tests/RallyFiles.h"
 #include "ledger/tests/ShadowHarness.h"
 #include "ledger/tests/SmallTable.h"
+#include "platform/tests/ForkedChild.h"
 
 namespace {
 
@@ -22,20 +23,15 @@ using namespace LedgerTest;
 using Ledger::kSettleBatch;
 using Ledger::RallyEntry;
 using Ledger::RallyQueueHeader;
-using SharedMem::EmberFile;
+using TestSupport::ForkedChild;
 
 class RallyWriterQueue : public SmallTable {
  protected:
   RallyWriterQueue() : SmallTable("rally") {}
 
   const Ledger::RallyWriter& rally() { return writer->rally(); }
-  uint32_t slotOf(const void* value) {
-    auto* bytes = static_cast<const uint8_t*>(value) - Ledger::kSlotHeaderSize;
-    auto* first = reinterpret_cast<const uint8_t*>(&writer->slotTable().slot(0));
-    return uint32_t((bytes - first) / writer->slotTable().slotSize());
-  }
   void write(uint64_t id, uint64_t version) {
-    const uint32_t slot = slotOf(writer->write(makeValue(id, version)));
+    const uint32_t slot = slotIndexOf(*writer, writer->write(makeValue(id, version)));
     lastSeq[slot] = writer->sequence();
   }
   void remove(uint64_t id) {
@@ -78,23 +74,8 @@ class RallyWriterQueue : public SmallTable {
       EXPECT_EQ(rally().entry(rally().position(slot)).sequence, seq) << "slot " << slot;
     }
   }
-
-  // The current queue file's entry words as they are in shared memory.
-  uint64_t* queueEntries(EmberFile& queue) {
-    auto& header = *reinterpret_cast<RallyQueueHeader*>(queue.base());
-    return reinterpret_cast<uint64_t*>(queue.base() +
-                                       Ledger::rallyEntriesOffset(header.slotCapacity));
-  }
-
-  // The current queue file's header as it is in shared memory.
-  RallyQueueHeader& queueHeader(EmberFile& control, EmberFile& queue) {
-    auto access = EmberFile::Access::ReadWrite;
-    EXPECT_TRUE(control.open(root.path(), "rally", "rally", access, false));
-    const uint32_t generation = reinterpret_cast<Ledger::RallyControl*>(control.base())->generation;
-    EXPECT_TRUE(
-        queue.open(root.path(), "rally", Ledger::rallyQueueName(generation), access, false));
-    return *reinterpret_cast<RallyQueueHeader*>(queue.base());
-  }
+  // The queue files as they are in shared memory.
+  RallyFiles rallyFiles() { return RallyFiles(root.path(), "rally"); }
 
   std::map<uint32_t, uint64_t> lastSeq;  // slot -> sequence of its latest notification
 };
@@ -116,7 +97,7 @@ TEST_F(RallyWriterQueue, RewritesWithinABatchStayLiveUntilSettled) {
   const uint32_t settled = rally().settled();
   for (uint64_t version = 2; version < 40; ++version) write(3, version);
   EXPECT_EQ(rally().settled(), settled) << "a batch is settled only when full";
-  const uint32_t slot = slotOf(writer->write(makeValue(3, 40)));
+  const uint32_t slot = slotIndexOf(*writer, writer->write(makeValue(3, 40)));
   lastSeq[slot] = writer->sequence();
   EXPECT_GT(liveEntriesOf(slot), 1u);
   expectOneLiveEntryPerSlot();
@@ -155,9 +136,8 @@ TEST_F(RallyWriterQueue, DetachSettles) {
   for (uint64_t version = 2; version < 20; ++version) write(4, version);
   ASSERT_LT(rally().settled(), rally().count());
   writer->detach();
-  EmberFile control, queue;
-  const RallyQueueHeader& header = queueHeader(control, queue);
-  EXPECT_EQ(header.settled, header.count);
+  RallyFiles files = rallyFiles();
+  EXPECT_EQ(files.queue().settled, files.queue().count);
 }
 
 // A writer that dies leaves its last batch unsettled, or is killed while settling it (its
@@ -179,8 +159,8 @@ TEST_F(RallyWriterQueue, TheNextWriterSettlesWhatADeadOneLeft) {
     ASSERT_EQ(child.wait(), 0);
     version += 100;
     {
-      EmberFile control, queue;
-      RallyQueueHeader& header = queueHeader(control, queue);
+      RallyFiles files = rallyFiles();
+      RallyQueueHeader& header = files.queue();
       ASSERT_LT(header.settled, header.count);
       if (left == Left::settleCutShort) header.settled = 0;
       if (left == Left::nonsense) header.settled = header.count + 1000;
@@ -256,11 +236,9 @@ TEST_F(RallyWriterQueue, AnAppendThatWouldOverflowItsOffsetSwapsFirst) {
   {
     // The entries keep their sequences (base 0); the newest sequence moves on to 2^32 - 6,
     // as if that many notifications had gone to other slots since.
-    EmberFile control, queue;
-    RallyQueueHeader& header = queueHeader(control, queue);
-    ASSERT_EQ(header.baseSeq, 0u);
-    reinterpret_cast<Ledger::RallyControl*>(control.base())->latestSeq =
-        Ledger::kMaxRallyOffset - headroom;
+    RallyFiles files = rallyFiles();
+    ASSERT_EQ(files.queue().baseSeq, 0u);
+    files.control().latestSeq = Ledger::kMaxRallyOffset - headroom;
   }
   ASSERT_EQ(writer->attach(), Ledger::AttachResult::existing) << writer->validationError();
   lastSeq.clear();
@@ -285,11 +263,7 @@ TEST_F(RallyWriterQueue, ANewestSequenceBeyondCountingStartsTheQueueAgain) {
   for (uint64_t id = 0; id < 10; ++id) write(id, 1);
   writer->detach();
   for (uint64_t damaged : {~uint64_t{0}, Ledger::kMaxRallySeq + 1}) {
-    {
-      EmberFile control, queue;
-      queueHeader(control, queue);
-      reinterpret_cast<Ledger::RallyControl*>(control.base())->latestSeq = damaged;
-    }
+    rallyFiles().control().latestSeq = damaged;
     writer->attach();
     EXPECT_FALSE(rally().adopted()) << damaged;
     lastSeq.clear();
@@ -310,9 +284,9 @@ TEST_F(RallyWriterQueue, TheValidatorReportsCorruptEntriesAndBase) {
   for (uint64_t id = 0; id < 10; ++id) write(id, 1);
   for (uint64_t version = 2; version < 30; ++version) write(version % 10, version);
   ASSERT_TRUE(writer->validate()) << writer->validationError();
-  EmberFile control, queue;
-  RallyQueueHeader& header = queueHeader(control, queue);
-  uint64_t* entries = queueEntries(queue);
+  RallyFiles files = rallyFiles();
+  RallyQueueHeader& header = files.queue();
+  uint64_t* entries = files.entries();
   auto corrupted = [&](auto damage, const std::string& expected) {
     const RallyQueueHeader savedHeader = header;
     const uint64_t first = entries[0], second = entries[1];
@@ -335,7 +309,7 @@ TEST_F(RallyWriterQueue, TheValidatorReportsCorruptEntriesAndBase) {
   corrupted([&] { header.count -= 1; }, "differ from the writer's count:");
   // On attach: a base beyond the newest sequence is not adopted.
   writer->detach();
-  header.baseSeq = reinterpret_cast<Ledger::RallyControl*>(control.base())->latestSeq + 1;
+  header.baseSeq = files.control().latestSeq + 1;
   EXPECT_EQ(writer->attach(), Ledger::AttachResult::recovered);
   lastSeq.clear();
   expectOneLiveEntryPerSlot();

@@ -3,17 +3,16 @@
 // slots (or mounts again once the files are whole) and ends equal to the table; it never
 // consumes an entry it cannot trust, nor crashes, nor spins. A direct reader reports what it
 // cannot trust without waiting for it again and again.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
+#include "ledger/tests/RallyFiles.h"
 #include "ledger/tests/ShadowHarness.h"
+#include "zinc/tests/TestSupport.h"
 
 namespace {
 
 using namespace LedgerTest;
-using Ledger::RallyControl;
-using Ledger::RallyQueueHeader;
 using SharedMem::EmberFile;
 
 struct LiveCorruption : ::testing::Test {
@@ -22,12 +21,10 @@ struct LiveCorruption : ::testing::Test {
   EventLog log;
   KickingWriter w{root.path(), "routes", 64};  // kicks only on flush()
   std::unique_ptr<Shadow> shadow;
-  std::vector<std::string> traced;
+  ZincTest::TraceCapture trace{"LedgerShadow/0-1,RallyReader/0-1"};
+  RallyFiles rally{root.path(), "routes"};
 
   void SetUp() override {
-    Zinc::Trace::configure("LedgerShadow/0-1,RallyReader/0-1");
-    Zinc::Trace::sinkIs(
-        [this](const Zinc::Trace&, int, std::string_view text) { traced.emplace_back(text); });
     for (uint64_t id = 0; id < 40; ++id) w.writer.write(makeValue(id, 1));
     Ledger::ShadowOptions options;
     options.mountRetry = std::chrono::milliseconds(5);
@@ -37,49 +34,22 @@ struct LiveCorruption : ::testing::Test {
     ASSERT_TRUE(shadow->initialize());
     ASSERT_TRUE(runUntil(loop, [&] { return shadow->quiesced(); }));
     ASSERT_EQ(shadow->resyncs(), 0u);
-    traced.clear();
-  }
-  void TearDown() override {
-    Zinc::Trace::sinkIs({});
-    Zinc::Trace::configure("");
+    trace.clear();
   }
 
-  RallyControl& control() {
-    if (!controlFile_.base()) {
-      EXPECT_TRUE(
-          controlFile_.open(root.path(), "routes", "rally", EmberFile::Access::ReadWrite, false));
-    }
-    return *reinterpret_cast<RallyControl*>(controlFile_.base());
-  }
-  // The queue file the writer uses now, writable.
-  RallyQueueHeader& queue() {
-    if (!queueFile_.base()) {
-      EXPECT_TRUE(queueFile_.open(root.path(), "routes",
-                                  Ledger::rallyQueueName(control().generation),
-                                  EmberFile::Access::ReadWrite, false));
-    }
-    return *reinterpret_cast<RallyQueueHeader*>(queueFile_.base());
-  }
-  uint64_t& entry(uint32_t pos) {
-    RallyQueueHeader& q = queue();
-    return reinterpret_cast<uint64_t*>(queueFile_.base() +
-                                       Ledger::rallyEntriesOffset(q.slotCapacity))[pos];
-  }
-  bool saw(const std::string& text) const {
-    return std::any_of(traced.begin(), traced.end(),
-                       [&](const std::string& line) { return line.find(text) != line.npos; });
-  }
   // After a writer seemed to re-attach, the table's files could not be mapped again: the
   // shadow unmounts and keeps trying, until `repair` makes them whole.
   template <class Repair>
   void expectRemountedOnceWhole(Repair repair) {
-    ASSERT_TRUE(runUntil(loop, [&] { return saw("LedgerShadow::resync() cannot re-map: "); }));
+    ASSERT_TRUE(
+        runUntil(loop, [&] { return trace.has("LedgerShadow::resync() cannot re-map: "); }));
     EXPECT_EQ(shadow->state(), Ledger::ShadowState::detached);
-    EXPECT_TRUE(saw("ReaderMounter::timeout() start retrying to mount routes"));
+    EXPECT_TRUE(trace.has("ReaderMounter::timeout() start retrying to mount routes"));
     loop.runFor(std::chrono::milliseconds(30));  // a few tries of the mounter
     EXPECT_FALSE(shadow->quiesced());
     repair();
-    ASSERT_TRUE(runUntil(loop, [&] { return saw("LedgerShadow::initialize() attached routes"); }));
+    ASSERT_TRUE(
+        runUntil(loop, [&] { return trace.has("LedgerShadow::initialize() attached routes"); }));
     expectEqualAfterChanges();
   }
   // Tells the shadow that something was committed, without a change.
@@ -89,7 +59,8 @@ struct LiveCorruption : ::testing::Test {
   }
   // The shadow, kicked after each change of the writer, re-synchronises and ends equal to it.
   void expectResyncedAndEqual(const std::string& message) {
-    ASSERT_TRUE(runUntil(loop, [&] { return saw(message) && shadow->resyncs() > 0; })) << message;
+    ASSERT_TRUE(runUntil(loop, [&] { return trace.has(message) && shadow->resyncs() > 0; }))
+        << message;
     expectEqualAfterChanges();
   }
   // The shadow follows the writer's next changes and ends equal to its table.
@@ -103,15 +74,11 @@ struct LiveCorruption : ::testing::Test {
     EXPECT_EQ(log.present, w.contents());
     EXPECT_TRUE(log.errors.empty()) << log.errors.front();
   }
-
- private:
-  EmberFile controlFile_;
-  EmberFile queueFile_;
 };
 
 // The queue's count went below where the shadow stands: the entries it consumed are gone.
 TEST_F(LiveCorruption, ACountBelowTheReadersPlaceMakesItResync) {
-  queue().count -= 3;
+  rally.queue().count -= 3;
   kick();
   expectResyncedAndEqual("RallyReader::doRally() unexpected position in generation:");
 }
@@ -120,7 +87,7 @@ TEST_F(LiveCorruption, ACountBelowTheReadersPlaceMakesItResync) {
 TEST_F(LiveCorruption, AnEntryWhoseSequenceWentBackMakesItResync) {
   w.writer.write(makeValue(5, 2));
   const uint32_t pos = w.writer.rally().count() - 1;
-  uint64_t& word = entry(pos);
+  uint64_t& word = rally.entries()[pos];
   word = Ledger::RallyEntry::wordOf(1, uint32_t(word));  // offset 1: the first sequence
   w.flush();
   expectResyncedAndEqual("RallyReader::doRally() unexpected sequence in generation:");
@@ -128,7 +95,7 @@ TEST_F(LiveCorruption, AnEntryWhoseSequenceWentBackMakesItResync) {
 
 // A count beyond the queue's capacity would have the reader walk off the end of the file.
 TEST_F(LiveCorruption, ACountBeyondTheCapacityIsCorruptionNotARead) {
-  queue().count = queue().capacity + 1;
+  rally.queue().count = rally.queue().capacity + 1;
   kick();
   expectResyncedAndEqual(
       "RallyReader::handleAck() corruption detected: RallyReader::doRally() "
@@ -139,13 +106,13 @@ TEST_F(LiveCorruption, ACountBeyondTheCapacityIsCorruptionNotARead) {
 // cannot follow it and says so; named as by a new writer (a new incarnation), the shadow
 // cannot map the queue again and waits without it. Once the file is there, it re-synchronises.
 TEST_F(LiveCorruption, AGenerationWithoutAFileIsReportedAndOutlived) {
-  const uint32_t generation = control().generation;
-  control().generation = generation + 7;
+  const uint32_t generation = rally.control().generation;
+  rally.control().generation = generation + 7;
   kick();
   ASSERT_TRUE(runUntil(loop, [&] { return shadow->resyncs() > 0; }));
-  EXPECT_TRUE(saw("RallyReader::findPosition() rallySwapped again"));
-  ++control().incarnation;
-  expectRemountedOnceWhole([&] { control().generation = generation; });
+  EXPECT_TRUE(trace.has("RallyReader::findPosition() rallySwapped again"));
+  ++rally.control().incarnation;
+  expectRemountedOnceWhole([&] { rally.control().generation = generation; });
 }
 
 // A new writer's slot or bucket file whose header does not validate: the shadow maps none of
@@ -156,20 +123,20 @@ TEST_F(LiveCorruption, FilesThatCannotBeMappedAgainAreWaitedOut) {
     EmberFile f;
     ASSERT_TRUE(f.open(root.path(), "routes", file, EmberFile::Access::ReadWrite, false));
     f.base()[0] ^= 0xff;  // the magic
-    ++control().incarnation;
+    ++rally.control().incarnation;
     kick();
     expectRemountedOnceWhole([&] { f.base()[0] ^= 0xff; });
-    traced.clear();
+    trace.clear();
   }
 }
 
 // The writer's newest sequence went below what the shadow consumed: not quiesced, not a crash;
 // the next notification puts the sequence right again.
 TEST_F(LiveCorruption, ANewestSequenceBelowTheReadersIsNotQuiesced) {
-  const uint64_t latest = control().latestSeq;
-  control().latestSeq = latest - 5;
+  const uint64_t latest = rally.control().latestSeq;
+  rally.control().latestSeq = latest - 5;
   EXPECT_FALSE(shadow->quiesced());
-  EXPECT_TRUE(saw("RallyReader::quiesced() latest notification out-of-range"));
+  EXPECT_TRUE(trace.has("RallyReader::quiesced() latest notification out-of-range"));
   w.writer.write(makeValue(6, 2));
   w.flush();
   ASSERT_TRUE(runUntil(loop, [&] { return shadow->quiesced(); }));
@@ -181,7 +148,7 @@ TEST_F(LiveCorruption, ANewestSequenceBelowTheReadersIsNotQuiesced) {
 // does not size itself by the header's word before reading the slot.
 TEST_F(LiveCorruption, ASlotFarBeyondTheFileDoesNotSizeTheShadow) {
   w.writer.write(makeValue(5, 2));
-  uint64_t& word = entry(w.writer.rally().count() - 1);
+  uint64_t& word = rally.entries()[w.writer.rally().count() - 1];
   const uint64_t offset = word >> 32;
   word = offset << 32 | 0x7ffffff0u;
   EmberFile slots;
@@ -208,19 +175,15 @@ TEST_F(LiveCorruption, ABucketResizeThatNeverEndsIsWaitedForOnce) {
   Ledger::LedgerReader<TestKey, TestValue> reader(Ledger::ReaderConfig{root.path(), "routes"});
   ASSERT_TRUE(reader.initialize());
   TestValue v;
-  auto missFails = [&](uint64_t id) {
-    try {
-      reader.lookup(TestKey{id}, v);
-    } catch (const Ledger::CorruptionException& e) {
-      return std::string(e.what()).find("bucket resize never completed") != std::string::npos;
-    }
-    return false;
+  auto miss = [&](uint64_t id) {
+    return ZincTest::failureOf<Ledger::CorruptionException>([&] { reader.lookup(TestKey{id}, v); });
   };
-  EXPECT_TRUE(missFails(900));
+  const auto neverCompleted = ::testing::HasSubstr("bucket resize never completed");
+  EXPECT_THAT(miss(900), neverCompleted);
   const uint64_t retries = reader.readerCounters().retries;
   EXPECT_GT(retries, 0u) << "the first lookup waited";
-  EXPECT_TRUE(missFails(901));
-  EXPECT_TRUE(missFails(902));
+  EXPECT_THAT(miss(901), neverCompleted);
+  EXPECT_THAT(miss(902), neverCompleted);
   EXPECT_EQ(reader.readerCounters().retries, retries) << "the next ones did not";
   header.resizeSeq = settled + 2;  // the next writer finished it
   EXPECT_FALSE(reader.lookup(TestKey{900}, v));

@@ -7,7 +7,6 @@
 //
 // READER_STRESS_OPS scales the churn (ledger/tests/stress.sh runs it long).
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,8 +18,8 @@
 #include <set>
 #include <span>
 
-#include "ledger/tests/ForkedChild.h"
 #include "ledger/tests/ShadowHarness.h"
+#include "platform/tests/ForkedChild.h"
 
 namespace {
 
@@ -143,7 +142,7 @@ int readerMain(const std::string& root, int ctl, const std::string& resultPath, 
 
 struct ReaderProcess {
   std::string resultPath;
-  ForkedChild child;
+  TestSupport::ForkedChild child;
 
   ReaderProcess(const std::string& root, int n, bool strict, uint64_t keys)
       : resultPath(root + "-result-" + std::to_string(n)),
@@ -296,15 +295,13 @@ TEST(ReaderMultiProcess, WriterKilledAndRestartedReadersResync) {
   const int rounds = kills ? std::atoi(kills) : 3;
   std::mt19937 rng(7);
   for (int round = 0; round < rounds; ++round) {
-    pid_t writer = ::fork();
-    if (writer == 0) {
+    TestSupport::ForkedChild writer([&](int) -> int {
       KickingWriter w(root.path(), "routes", 16);
       Churn churn(w, keys, uint64_t(round + 1) << 32, round);
       for (;;) churn.cycle(30000);
-    }
+    });
     ::usleep(round < 3 ? 100000 + 50000 * round : rng() % 150000);
-    ::kill(writer, SIGKILL);
-    ::waitpid(writer, nullptr, 0);
+    writer.kill();
   }
   KickingWriter w(root.path(), "routes", 16);
   EXPECT_TRUE(w.writer.validate()) << w.writer.validationError();

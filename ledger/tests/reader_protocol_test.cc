@@ -17,9 +17,9 @@
 #include <random>
 
 #include "ledger/LedgerWriter.h"
-#include "ledger/tests/ForkedChild.h"
 #include "ledger/tests/TestTable.h"
 #include "platform/shm/EmberFile.h"
+#include "platform/tests/ForkedChild.h"
 
 namespace {
 
@@ -28,11 +28,6 @@ using namespace Ledger;
 using SharedMem::EmberFile;
 
 constexpr uint64_t kStableKeys = 64;  // always present, rewritten over and over
-
-bool whole(const TestValue& v) {
-  return v.check == Zinc::hashBytes(&v, offsetof(TestValue, check)) &&
-         v == makeValue(v.k.id, v.version);
-}
 
 // A minimal reader over the shared files, written from Format.h's description alone.
 class ProtocolReader {
@@ -160,17 +155,12 @@ class ProtocolReader {
 
 TEST(ReaderProtocol, AnotherProcessNeverSeesATornValueOrLosesAStableKey) {
   TempRoot root;
-  LedgerConfig config;
-  config.root = root.path();
-  config.table = "proto";
-  config.capacity = 8;
-  config.minBuckets = 4;
-  LedgerWriter<TestKey, TestValue> writer(config);
+  LedgerWriter<TestKey, TestValue> writer(tableConfig(root.path(), "proto", 8, 4));
   writer.attach();
   uint64_t version = 0;
   for (uint64_t id = 0; id < kStableKeys; ++id) writer.write(makeValue(id, ++version));
 
-  ForkedChild child([&](int fd) {
+  TestSupport::ForkedChild child([&](int fd) {
     ProtocolReader reader(root.path());
     std::mt19937_64 rng(1);
     auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(1500);

@@ -19,20 +19,13 @@ using namespace Ledger;
 using LedgerTest::CollidingKey;
 using LedgerTest::CollidingValue;
 using LedgerTest::makeValue;
+using LedgerTest::tableConfig;
 using LedgerTest::TempRoot;
 using LedgerTest::TestKey;
 using LedgerTest::TestValue;
 
 using Writer = LedgerWriter<TestKey, TestValue>;
 using Reader = LedgerReader<TestKey, TestValue>;
-
-LedgerConfig writerConfig(const TempRoot& root, uint32_t capacity = 64) {
-  LedgerConfig c;
-  c.root = root.path();
-  c.table = "routes";
-  c.capacity = capacity;
-  return c;
-}
 
 std::map<uint64_t, uint64_t> readAll(Reader& reader) {
   std::map<uint64_t, uint64_t> seen;
@@ -50,7 +43,7 @@ class ReaderTable : public ::testing::Test {
  protected:
   // Starts the writer with room for `capacity` slots, holding versions 1 of keys [0, ids).
   Writer& startWriter(uint32_t capacity = 64, uint64_t ids = 0) {
-    writer_.emplace(writerConfig(root_, capacity));
+    writer_.emplace(tableConfig(root_.path(), "routes", capacity));
     writer_->attach();
     for (uint64_t id = 0; id < ids; ++id) writer_->write(makeValue(id, 1));
     return *writer_;
@@ -259,9 +252,7 @@ TEST_F(ReaderTable, BatchedLookupsAgreeWithTheTable) {
   }
 
   using CReader = LedgerReader<CollidingKey, CollidingValue>;
-  LedgerConfig c = writerConfig(root_);
-  c.table = "colliding";
-  LedgerWriter<CollidingKey, CollidingValue> colliding(c);
+  LedgerWriter<CollidingKey, CollidingValue> colliding(tableConfig(root_.path(), "colliding"));
   colliding.attach();
   for (uint64_t id = 0; id < 90; id += 2) colliding.write(CollidingValue{{id}, id * 10});
   CReader creader(ReaderConfig{root_.path(), "colliding"});

@@ -15,7 +15,7 @@
 #include "ledger/SlabOps.h"
 #include "ledger/tests/SlabTestTypes.h"
 #include "ledger/tests/TestTable.h"
-#include "zinc/Trace.h"
+#include "zinc/tests/TestSupport.h"
 
 namespace {
 
@@ -26,22 +26,10 @@ using ::testing::StartsWith;
 
 using ViaWriter = LedgerWriter<ViaSetKey, ViaSet, ViaOps>;
 
-LedgerConfig viaConfig(const TempRoot& root) {
-  LedgerConfig c;
-  c.root = root.path();
-  c.table = "viaSet";
-  c.capacity = 4;
-  c.minBuckets = 4;
-  return c;
-}
+LedgerConfig viaConfig(const TempRoot& root) { return tableConfig(root.path(), "viaSet", 4, 4); }
 
-std::string slabError(const Shape::SlabHeader& h, size_t size, uint32_t ember = 0) {
-  try {
-    h.validate(size, ember);
-  } catch (const CorruptionException& e) {
-    return e.what();
-  }
-  return "";
+std::string slabError(const Shape::SlabHeader& h, size_t size, uint32_t ember) {
+  return ZincTest::failureOf<CorruptionException>([&] { h.validate(size, ember); });
 }
 
 TEST(SlabHeaderChecks, InOrderWithTheirMessages) {
@@ -80,12 +68,9 @@ TEST(SlabAllocation, RefusesSizeZeroAndPicksTheSmallestClass) {
   TempRoot root;
   Shape::WriterAllocator allocator;
   allocator.attach(root.path(), "t", 5, SharedMem::EmberFile::Perm::OwnerOnly);
-  try {
-    allocator.alloc(0);
-    FAIL();
-  } catch (const Zinc::InternalException& e) {
-    EXPECT_STREQ(e.what(), "WriterAllocator::alloc() doing an allocation of size 0 is forbidden");
-  }
+  EXPECT_THAT([&] { allocator.alloc(0); },
+              ::testing::ThrowsMessage<Zinc::InternalException>(::testing::StrEq(
+                  "WriterAllocator::alloc() doing an allocation of size 0 is forbidden")));
   EXPECT_EQ(allocator.alloc(44 + 2 * 12).sizeClass(), 1u);  // 68 bytes: the 72-byte entries
   EXPECT_EQ(allocator.alloc(60).sizeClass(), 0u);           // 64-byte entries
   EXPECT_EQ(allocator.alloc(61).sizeClass(), 1u);
@@ -104,15 +89,7 @@ TEST(SlabAllocation, RefusesSizeZeroAndPicksTheSmallestClass) {
 
 TEST(SlabAllocation, UnattachedSlabsAreKeptOrWipedByEmber) {
   TempRoot root;
-  std::vector<std::string> lines;
-  Zinc::Trace::configure("Shape");
-  Zinc::Trace::sinkIs([&](const Zinc::Trace&, int, std::string_view t) { lines.emplace_back(t); });
-  auto has = [&](const std::string& text) {
-    for (const auto& l : lines) {
-      if (l.find(text) != std::string::npos) return true;
-    }
-    return false;
-  };
+  ZincTest::TraceCapture trace("Shape");
   const auto perm = SharedMem::EmberFile::Perm::OwnerOnly;
   {
     Shape::SlabWriter slab;
@@ -121,9 +98,9 @@ TEST(SlabAllocation, UnattachedSlabsAreKeptOrWipedByEmber) {
   }
   Shape::SlabWriter slab;
   EXPECT_EQ(slab.attach(root.path(), "t", 0, 5, perm), Shape::SlabWriter::Attached::kept);
-  EXPECT_TRUE(has("slab.0::validateUnattached() keeping slab numOccupied:1"));
+  EXPECT_TRUE(trace.has("slab.0::validateUnattached() keeping slab numOccupied:1"));
   EXPECT_EQ(slab.attach(root.path(), "t", 0, 6, perm), Shape::SlabWriter::Attached::wiped);
-  EXPECT_TRUE(has("slab.0::validateUnattached() wiping slab with old ember:5"));
+  EXPECT_TRUE(trace.has("slab.0::validateUnattached() wiping slab with old ember:5"));
   EXPECT_EQ(slab.header().numOccupied, 0u);
   slab.detach();
   // An empty slab with a broken header: reported and formatted afresh.
@@ -132,10 +109,8 @@ TEST(SlabAllocation, UnattachedSlabsAreKeptOrWipedByEmber) {
   std::fclose(f);
   EXPECT_EQ(slab.attach(root.path(), "t", 0, 6, perm), Shape::SlabWriter::Attached::wiped);
   EXPECT_TRUE(
-      has("slab.0::validateUnattached, validation failed on an empty slab, reason: "
-          "SlabHeader::validate() bad magic: "));
-  Zinc::Trace::sinkIs({});
-  Zinc::Trace::configure("");
+      trace.has("slab.0::validateUnattached, validation failed on an empty slab, reason: "
+                "SlabHeader::validate() bad magic: "));
 }
 
 // Entries above the high water are mapped in bulk as they are handed out, never much beyond

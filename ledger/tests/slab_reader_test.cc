@@ -14,13 +14,9 @@
 #include <optional>
 #include <random>
 
-#include "ledger/LedgerShadow.h"
-#include "ledger/LedgerWriter.h"
-#include "ledger/tests/ForkedChild.h"
+#include "ledger/tests/ShadowHarness.h"
 #include "ledger/tests/SlabTestTypes.h"
-#include "ledger/tests/TestTable.h"
-#include "platform/shm/ReaderKick.h"
-#include "zinc/Loop.h"
+#include "platform/tests/ForkedChild.h"
 
 namespace {
 
@@ -45,24 +41,8 @@ uint32_t versionOf(const ViaSet& v) {
 }
 
 // A via-set writer whose commits kick its readers at flush().
-struct ViaTableWriter {
-  explicit ViaTableWriter(const std::string& root) : writer(config(root)) {
-    writer.attach();
-    kicker = std::make_unique<Mem::ReaderKickSm>(SharedMem::rootPath(root) + "/viaSet",
-                                                 Mem::ReaderKickSm::Defer());
-    writer.rally().kickHookIs([this] { kicker->commitNotify(); });
-  }
-  static Ledger::LedgerConfig config(const std::string& root) {
-    Ledger::LedgerConfig c;
-    c.root = root;
-    c.table = "viaSet";
-    c.capacity = 16;
-    return c;
-  }
-  void flush() { kicker->flush(); }
-
-  ViaWriter writer;
-  std::unique_ptr<Mem::ReaderKickSm> kicker;
+struct ViaTableWriter : KickingWriterOf<ViaWriter> {
+  explicit ViaTableWriter(const std::string& root) : KickingWriterOf(root, "viaSet", 16) {}
 };
 
 // Per-key events, checked as they come: whole via sets, versions of a key strictly growing
@@ -166,7 +146,7 @@ int readerMain(const std::string& root, int ctl, const std::string& resultPath, 
 // events left present, how many direct lookups it made; what it saw wrong fails the test.
 struct ViaReaderProcess {
   std::string resultPath;
-  ForkedChild child;
+  TestSupport::ForkedChild child;
 
   ViaReaderProcess(const std::string& root, uint32_t keys)
       : resultPath(root + "-result"),

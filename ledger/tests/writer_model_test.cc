@@ -140,10 +140,6 @@ TEST_F(WriterModel, ReattachAdoptsTheTableAsItStands) {
   ASSERT_NO_FATAL_FAILURE(checkAll());
 }
 
-}  // namespace
-
-namespace {
-
 TEST_F(WriterModel, BatchWritesEqualOneWriteAtATime) {
   std::mt19937_64 rng(11);
   std::vector<TestValue> batch;
@@ -158,21 +154,13 @@ TEST_F(WriterModel, BatchWritesEqualOneWriteAtATime) {
   ASSERT_NO_FATAL_FAILURE(checkAll());
 }
 
-}  // namespace
-
-namespace {
-
 // Keys whose hashes take three values: chains of equal rhashes ordered by key, walked by every
 // rewrite, reshaped as entries are removed, re-added and moved by shrinks. A rewrite must
 // land in its own key's slot.
 TEST(WriterCollidingKeys, RewritesLandInTheirOwnKeysSlots) {
   TempRoot root;
-  Ledger::LedgerConfig config;
-  config.root = root.path();
-  config.table = "colliding";
-  config.capacity = 4;
-  config.minBuckets = 4;
-  Ledger::LedgerWriter<CollidingKey, CollidingValue> writer(config);
+  Ledger::LedgerWriter<CollidingKey, CollidingValue> writer(
+      tableConfig(root.path(), "colliding", 4, 4));
   writer.attach();
   std::map<uint64_t, uint64_t> model;
   std::mt19937_64 rng(5);
