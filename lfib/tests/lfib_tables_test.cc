@@ -131,6 +131,8 @@ TEST(LfibTables, HardwareStatus) {
   hw->viaSetIs(LfibViaSetInfo(vsk, viaSetHwStatusProgrammed_));
   EXPECT_TRUE(hw->unprogrammedRoute(info.key()).unprogrammed());
   EXPECT_FALSE(hw->viaSet(vsk).unprogrammed());
+  EXPECT_FALSE(RouteInfo(info.key(), hwProgrammingSuccess_).unprogrammed());
+  EXPECT_TRUE(LfibViaSetInfo(vsk, viaSetHwStatusUnprogrammed_).unprogrammed());
   hw->unprogrammedRouteDel(info.key());
   EXPECT_EQ(hw->counter("unprogrammedRouteIs"), 1u);
   EXPECT_EQ(hw->counter("unprogrammedRouteDel"), 1u);

@@ -11,13 +11,15 @@
 #include "lfib/tests/TempLedgerRoot.h"
 #include "platform/toggle/FeatureToggle.h"
 #include "zinc/Exception.h"
-#include "zinc/Trace.h"
+#include "zinc/tests/TestSupport.h"
 
 namespace Mpls {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
+using ::testing::ThrowsMessage;
 
 LfibMplsVia mplsVia(uint32_t hop, uint32_t label, uint32_t weight = 1) {
   LfibMplsVia via;
@@ -138,21 +140,15 @@ TEST_P(LfibWriterTest, OneViaChanged) {
 }
 
 TEST_P(LfibWriterTest, MoreThan128ViasAreCut) {
-  std::vector<std::string> traces;
-  Zinc::Trace::configure("MplsLfibWriter/0");
-  Zinc::Trace::sinkIs(
-      [&](const Zinc::Trace&, int, std::string_view text) { traces.emplace_back(text); });
+  ZincTest::TraceCapture traces("MplsLfibWriter/0");
   writer->lfibRouteIs(route(100, 130));
   writer->lfibRouteIs(route(101, 128, 500));
   writer->lfibRouteIs(route(102, 127, 900));
-  Zinc::Trace::sinkIs({});
-  Zinc::Trace::configure("");
-
   EXPECT_EQ(storedSet(100).viaKeys(), 128u);
   EXPECT_EQ(storedSet(101).viaKeys(), 128u);
   EXPECT_EQ(storedSet(102).viaKeys(), 127u);
   EXPECT_EQ(status->mplsViaCount(), 128u + 128u + 127u);
-  EXPECT_EQ(traces,
+  EXPECT_EQ(traces.lines,
             std::vector<std::string>(2, "Reached via index limit (127), ignoring extra vias"));
 }
 
@@ -255,14 +251,7 @@ TEST(LfibWriterChecks, InvalidViaTypesAndSetKeysAreFatal) {
   LfibStatus::Ptr status = lfibStatusFactory("status");
   status->ledgerMountIs(Ledger::LedgerMode::writer, root.path());
   LfibWriter::Ptr writer = lfibWriterFactory(status);
-  auto failure = [](auto&& f) -> std::string {
-    try {
-      f();
-    } catch (const Zinc::InternalException& e) {
-      return e.what();
-    }
-    return "";
-  };
+  const auto failure = ZincTest::failureOf<Zinc::InternalException>;
   EXPECT_THAT(failure([&] { writer->lfibViaDel(LfibViaKey(LFib::sourceLdp_, LfibViaType(9), 1)); }),
               HasSubstr("viaType not yet supported"));
   EXPECT_THAT(failure([&] { writer->lfibViaDel(LfibViaKey(LFib::sourceLdp_, viaTypeMax_, 1)); }),
@@ -288,9 +277,16 @@ TEST(ConsolidatedLfibRoute, StringFormAndEmptiness) {
   r.mplsViaIs(mplsVia(1, 16));
   EXPECT_FALSE(!r);
   EXPECT_TRUE(r.mplsViaHas(mplsVia(1, 16)));
-  EXPECT_THAT(valueToStrep(r), HasSubstr("Value('Mpls::ConsolidatedLfibRoute', ** {'key': "));
-  EXPECT_THAT(valueToStrep(r), HasSubstr("'viaType': viaTypeMplsIp, 'viaSetType': viaSetTypeEcmp"));
-  EXPECT_THROW(ConsolidatedLfibRoute::fromString(""), Zinc::InternalException);
+  EXPECT_EQ(valueToStrep(r),
+            "Value('Mpls::ConsolidatedLfibRoute', ** {'key': " + valueToStrep(r.key()) +
+                ", 'source': sourceLdp, 'fec': " + valueToStrep(FwdEqvClass()) +
+                ", 'metric': " + valueToStrep(RouteMetric()) +
+                ", 'viaType': viaTypeMplsIp, 'viaSetType': viaSetTypeEcmp, 'mplsVia': [" +
+                valueToStrep(mplsVia(1, 16)) +
+                "], 'pwVia': [], 'ipLookupVia': [], 'extFecVia': []})");
+  EXPECT_THAT([] { ConsolidatedLfibRoute::fromString(""); },
+              ThrowsMessage<Zinc::InternalException>(
+                  EndsWith(": No String constructor for ConsolidatedLfibRoute - has collection")));
 }
 
 TEST(FeatureToggle, EnvironmentThenFileThenDefault) {

@@ -1,6 +1,7 @@
 // The `ledger` tool against real tables: a writer's files, corrupt files, and a writer in
 // another process while `watch` follows it.
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -12,14 +13,16 @@
 #include <sstream>
 
 #include "ledger/Shape.h"
-#include "ledger/tests/ForkedChild.h"
 #include "ledger/tests/ShadowHarness.h"
 #include "lfib/LfibStatus.h"
+#include "platform/tests/ForkedChild.h"
 #include "tools/ledger/LedgerTool.h"
 
 namespace {
 
 using namespace LedgerTest;
+using ::testing::MatchesRegex;
+using TestSupport::ForkedChild;
 
 struct ToolRun {
   int status;
@@ -201,53 +204,57 @@ TEST(LedgerTool, ReportsACorruptChangeQueue) {
   EXPECT_TRUE(contains(tool(root, {"show", "routes"}).out, "writerAlive: no\n"));
 }
 
+// Runs `ledger watch TABLE --count N` in a child process that writes to a file.
+class Watcher {
+ public:
+  Watcher(const TempRoot& root, const char* count)
+      : output_(root.path() + "-watch"), child_([&](int) {
+          std::ofstream out(output_);
+          std::vector<std::string> args{"--root", root.path(), "watch", "routes", "--count", count};
+          return LedgerTool::run(args, out, out);
+        }) {}
+  ~Watcher() { ::unlink(output_.c_str()); }
+  // What it wrote, once that holds `what` (or after 20 s, whatever it holds).
+  std::string waitFor(const std::string& what) const {
+    std::string text;
+    for (int i = 0; i < 20000 && !contains(text, what); ++i) {
+      if (i > 0) ::usleep(1000);
+      std::ifstream in(output_);
+      text.assign(std::istreambuf_iterator<char>(in), {});
+    }
+    return text;
+  }
+  int wait() { return child_.wait(); }
+
+ private:
+  const std::string output_;
+  ForkedChild child_;
+};
+
 TEST(LedgerTool, WatchPrintsEachChangeAsItHappens) {
   TempRoot root;
   KickingWriter w(root.path(), "routes");
   w.writer.write(makeValue(2, 1));
   w.writer.write(makeValue(3, 1));
-  const std::string output = root.path() + "-watch";
-  pid_t watcher = ::fork();
-  if (watcher == 0) {
-    std::ofstream out(output);
-    std::vector<std::string> args{"--root", root.path(), "watch", "routes", "--count", "3"};
-    ::_exit(LedgerTool::run(args, out, out));
-  }
+  Watcher watcher(root, "3");
   // Each step waits for the watcher's line about the one before (its first line: it has
   // taken its snapshot), so that no two changes of a key fall into one look.
-  auto waitForLines = [&](size_t n) {
-    for (int i = 0; i < 10000; ++i) {
-      std::ifstream in(output);
-      size_t lines = 0;
-      for (std::string line; std::getline(in, line);) ++lines;
-      if (lines >= n) return;
-      ::usleep(1000);
-    }
-  };
-  waitForLines(1);
+  watcher.waitFor("watching routes");
   w.rewrite(3);  // unchanged: no line
   w.flush();
   w.writer.write(makeValue(1, 1));
   w.flush();
-  waitForLines(2);
+  watcher.waitFor("\nadded ");
   w.writer.write(makeValue(1, 2));
   w.flush();
-  waitForLines(3);
+  watcher.waitFor("\nchanged ");
   w.writer.remove(TestKey{2});
   w.flush();
-  int status = -1;
-  ::waitpid(watcher, &status, 0);
-  std::ifstream in(output);
-  std::string header, first, second, third;
-  std::getline(in, header);
-  std::getline(in, first);
-  std::getline(in, second);
-  std::getline(in, third);
-  ::unlink(output.c_str());
+  const int status = watcher.wait();
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  EXPECT_EQ(first.substr(0, 6), "added ") << first;
-  EXPECT_EQ(second.substr(0, 8), "changed ") << second;
-  EXPECT_EQ(third.substr(0, 8), "deleted ") << third;
+  EXPECT_THAT(
+      watcher.waitFor("\ndeleted "),
+      MatchesRegex("watching routes: [^\n]*\nadded [^\n]*\nchanged [^\n]*\ndeleted [^\n]*\n"));
 }
 
 // While `watch` follows a table, its header comes to count two billion slots and the queue
@@ -257,22 +264,8 @@ TEST(LedgerTool, WatchOutlivesASlotFarBeyondTheFile) {
   TempRoot root;
   KickingWriter w(root.path(), "routes");
   for (uint64_t id = 0; id < 10; ++id) w.writer.write(makeValue(id, 1));
-  const std::string output = root.path() + "-watch";
-  ForkedChild watcher([&](int) {
-    std::ofstream out(output);
-    std::vector<std::string> args{"--root", root.path(), "watch", "routes", "--count", "1"};
-    return LedgerTool::run(args, out, out);
-  });
-  auto waitFor = [&](const std::string& what) {
-    for (int i = 0; i < 20000; ++i) {
-      std::ifstream in(output);
-      const std::string text(std::istreambuf_iterator<char>(in), {});
-      if (contains(text, what) || i == 19999) return text;
-      ::usleep(1000);
-    }
-    return std::string();
-  };
-  waitFor("watching routes");
+  Watcher watcher(root, "1");
+  watcher.waitFor("watching routes");
   patch(root, "slots", [](uint8_t* base) {
     auto& header = *reinterpret_cast<Ledger::SlotTableHeader*>(base);
     header.numSlots = header.mostSlots = 0x7fffffffu;
@@ -289,8 +282,7 @@ TEST(LedgerTool, WatchOutlivesASlotFarBeyondTheFile) {
   w.flush();
   w.writer.write(makeValue(2, 2));
   w.flush();
-  const std::string out = waitFor("\nchanged slot ");
-  ::unlink(output.c_str());
+  const std::string out = watcher.waitFor("\nchanged slot ");
   const int status = watcher.wait();
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
   EXPECT_TRUE(contains(out, "\nchanged slot ")) << out;
