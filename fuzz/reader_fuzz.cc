@@ -95,7 +95,9 @@ void changeBytes(const std::string& dir, Input& in) {
 // reader reads again.
 template <class Value, class OpsT>
 void readAndFollow(const std::string& root, Input& in) {
-  DirectReader<Value, OpsT> reader(Ledger::ReaderConfig{root, "t"});
+  // A resize left under way is waited for a moment only, not the seconds a live writer is given.
+  const Ledger::ReaderConfig config{root, "t", std::chrono::milliseconds(1)};
+  DirectReader<Value, OpsT> reader(config);
   const bool direct = reader.initialize();
   reader.corruptionHandlerIs([](const std::string&) {});
   if (direct) readDirectly(reader, in, 8);
@@ -103,8 +105,8 @@ void readAndFollow(const std::string& root, Input& in) {
   Ledger::ShadowOptions options;
   options.mountRetry = std::chrono::milliseconds(1);
   options.healthCheck = std::chrono::milliseconds(1);
-  Ledger::LedgerShadow<FuzzKey, Value, OpsT> shadow(Ledger::ReaderConfig{root, "t"}, loop,
-                                                    Ledger::DummyShadowNotifier(), OpsT(), options);
+  Ledger::LedgerShadow<FuzzKey, Value, OpsT> shadow(config, loop, Ledger::DummyShadowNotifier(),
+                                                    OpsT(), options);
   shadow.initialize();
   auto run = [&](int times) {
     for (int i = 0; i < times; ++i) loop.runOnce(std::chrono::milliseconds(0));

@@ -37,6 +37,9 @@ namespace Ledger {
 struct ReaderConfig {
   std::string root;  // empty: $LEDGER_ROOT or the default root
   std::string table;
+  // How long a walk waits for a bucket resize that it finds under way before it reports the
+  // resize as never completed (the writer died in it). A live writer takes far less.
+  std::chrono::milliseconds resizeWait{2000};
 };
 
 namespace ReaderDetail {
@@ -47,7 +50,6 @@ template <class Key, class Value, class OpsT = Ops<Key, Value>>
 class LedgerReader final : public ReadOnlyLedger<Key, Value> {
  public:
   static constexpr uint32_t kMaxAttempts = 64;
-  static constexpr std::chrono::seconds kResizeWait{2};
   using CorruptionHandler = std::function<void(const std::string& reason)>;
 
   explicit LedgerReader(ReaderConfig config, OpsT ops = OpsT())
@@ -455,7 +457,7 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
       if ((seq & 1) || !buckets_.seqUnchanged(seq)) {
         auto now = std::chrono::steady_clock::now();
         if (resizeDeadline == std::chrono::steady_clock::time_point{}) {
-          resizeDeadline = now + kResizeWait;
+          resizeDeadline = now + config_.resizeWait;
         } else if (now > resizeDeadline) {
           if (seq & 1) stuckResizeSeq_ = seq;
           throw CorruptionException(resizeStuck(who, seq));
@@ -669,8 +671,8 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
   ReaderCounters counters_;
   CorruptionHandler onCorruption_;
   std::string error_;
-  // An odd resizeSeq that a walk waited out (kResizeWait) and saw unchanged: a writer died in
-  // the middle of redistributing the chains (or one slower than kResizeWait is at it). Walks
+  // An odd resizeSeq that a walk waited out (resizeWait) and saw unchanged: a writer died in
+  // the middle of redistributing the chains (or one slower than resizeWait is at it). Walks
   // report it at once, instead of each waiting again, until resizeSeq moves (0, even, is
   // never stuck).
   uint32_t stuckResizeSeq_ = 0;

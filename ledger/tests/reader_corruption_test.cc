@@ -172,7 +172,8 @@ TEST_F(LiveCorruption, ABucketResizeThatNeverEndsIsWaitedForOnce) {
   auto& header = *reinterpret_cast<Ledger::BucketTableHeader*>(buckets.base());
   const uint32_t settled = header.resizeSeq;
   header.resizeSeq = settled | 1;
-  Ledger::LedgerReader<TestKey, TestValue> reader(Ledger::ReaderConfig{root.path(), "routes"});
+  Ledger::LedgerReader<TestKey, TestValue> reader(
+      Ledger::ReaderConfig{root.path(), "routes", std::chrono::milliseconds(50)});
   ASSERT_TRUE(reader.initialize());
   TestValue v;
   auto miss = [&](uint64_t id) {
