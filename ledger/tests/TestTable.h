@@ -2,16 +2,13 @@
 // for a test's table files, and the configuration of a table in it.
 #pragma once
 
-#include <unistd.h>
-
-#include <atomic>
 #include <compare>
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
 #include <string>
 
 #include "ledger/LedgerWriter.h"
+#include "platform/tests/TempDir.h"
 #include "zinc/Hash.h"
 
 namespace LedgerTest {
@@ -68,23 +65,8 @@ struct CollidingValue {
   CollidingKey key() const { return k; }
 };
 
-// A root directory of its own under /dev/shm, removed with everything in it.
-class TempRoot {
- public:
-  TempRoot() {
-    static std::atomic<int> counter{0};
-    path_ = "/dev/shm/ledger-test-" + std::to_string(::getpid()) + "-" + std::to_string(counter++);
-    std::filesystem::remove_all(path_);
-  }
-  ~TempRoot() { std::filesystem::remove_all(path_); }
-  const std::string& path() const { return path_; }
-  std::string file(const std::string& table, const std::string& name) const {
-    return path_ + "/" + table + "/" + name;
-  }
-
- private:
-  std::string path_;
-};
+// A root directory of its own for a test's table files.
+using TempRoot = TestSupport::ShmRoot;
 
 // Table `table` under `root`, with room for `capacity` slots; the rest as configured by default.
 inline Ledger::LedgerConfig tableConfig(const std::string& root, const std::string& table,

@@ -6,7 +6,7 @@
 
 #include "lfib/IdxAllocators.h"
 #include "lfib/LfibViaIndexAllocator.h"
-#include "lfib/tests/TempLedgerRoot.h"
+#include "platform/tests/TempDir.h"
 #include "zinc/Exception.h"
 
 namespace Mpls {
@@ -26,7 +26,7 @@ class ViaIndexAllocatorTest : public ::testing::Test {
   void addViaSet(uint32_t index, LfibViaSetType type = viaSetTypeEcmp_) {
     status->viaSetIs(LfibViaSet(LfibViaSetKey(LFib::sourceLdp_, index, viaTypeMplsIp_, type)));
   }
-  Testing::TempLedgerRoot root;
+  TestSupport::ShmRoot root;
   LfibStatus::Ptr status = lfibStatusFactory("status");
   Zinc::Ptr<LfibViaIndexAllocator> alloc = lfibViaIndexAllocatorFactory(LFib::sourceLdp_, status);
 };

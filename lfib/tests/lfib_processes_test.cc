@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "lfib/LfibWriter.h"
-#include "lfib/tests/TempLedgerRoot.h"
 #include "platform/tests/ForkedChild.h"
+#include "platform/tests/TempDir.h"
 #include "zinc/Loop.h"
 
 namespace Mpls {
@@ -102,7 +102,7 @@ int writerAgent(const std::string& root, int out, int hold, bool inPlace) {
 class LfibAcrossProcesses : public ::testing::TestWithParam<bool> {};
 
 TEST_P(LfibAcrossProcesses, ReaderEndsEqualToWriterAfterBurstsOfChanges) {
-  Testing::TempLedgerRoot root;
+  TestSupport::ShmRoot root;
   Zinc::Loop loop;
   // The reader comes first: its shadows wait for the writer's tables to appear.
   LfibStatus::Ptr reader = lfibStatusFactory("status");

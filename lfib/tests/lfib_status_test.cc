@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "lfib/LfibStatus.h"
-#include "lfib/tests/TempLedgerRoot.h"
+#include "platform/tests/TempDir.h"
 #include "zinc/Exception.h"
 #include "zinc/Loop.h"
 #include "zinc/tests/TestSupport.h"
@@ -63,7 +63,7 @@ Matcher<std::string> validationFails(const std::string& text) {
 class LfibStatusTest : public ::testing::Test {
  protected:
   void SetUp() override { status->ledgerMountIs(Ledger::LedgerMode::writer, root.path()); }
-  Testing::TempLedgerRoot root;
+  TestSupport::ShmRoot root;
   LfibStatus::Ptr status = lfibStatusFactory("status");
 };
 
@@ -251,7 +251,7 @@ TEST(LfibStatusUnmounted, WritesAreDroppedInNoMansLand) {
 // One collection mounted, unmounted and mounted again on its own through its control; the
 // others stay in no man's land.
 TEST(LfibStatusControl, OneCollectionFollowsItsControl) {
-  Testing::TempLedgerRoot root;
+  TestSupport::ShmRoot root;
   LfibStatus::Ptr status = lfibStatusFactory("controlled");
   Recorder recorder(status);
   CollectionControl control;

@@ -12,7 +12,7 @@
 #include "ledger/ZincLedgerMap.h"
 #include "lfib/LfibStatus.h"
 #include "lfib/LfibStoredText.h"
-#include "lfib/tests/TempLedgerRoot.h"
+#include "platform/tests/TempDir.h"
 
 namespace Mpls {
 namespace {
@@ -96,7 +96,7 @@ TEST(LfibTables, StoredRecordsPrintTypedByTheirHeaderTypeName) {
 }
 
 TEST(LfibTables, IterationVisitsEveryEntryOnceWhileDeleting) {
-  Testing::TempLedgerRoot root;
+  TestSupport::ShmRoot root;
   LfibStatus::Ptr status = lfibStatusFactory("status");
   status->ledgerMountIs(Ledger::LedgerMode::writer, root.path());
   for (uint32_t i = 1; i <= 300; ++i) {
@@ -116,7 +116,7 @@ TEST(LfibTables, IterationVisitsEveryEntryOnceWhileDeleting) {
 }
 
 TEST(LfibTables, HardwareStatus) {
-  Testing::TempLedgerRoot root;
+  TestSupport::ShmRoot root;
   auto hw = lfibHwStatusFactory("hw");
   hw->ledgerMountIs(Ledger::LedgerMode::writer, root.path());
   struct Watch : LfibHwStatus::NotifieeConst {

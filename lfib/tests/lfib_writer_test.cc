@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "lfib/LfibWriter.h"
-#include "lfib/tests/TempLedgerRoot.h"
+#include "platform/tests/TempDir.h"
 #include "platform/toggle/FeatureToggle.h"
 #include "zinc/Exception.h"
 #include "zinc/tests/TestSupport.h"
@@ -70,7 +70,7 @@ class LfibWriterTest : public ::testing::TestWithParam<bool> {
            status->counter("viaSetDel") + status->counter("lfibRouteDel");
   }
 
-  Testing::TempLedgerRoot root;
+  TestSupport::ShmRoot root;
   LfibStatus::Ptr status = lfibStatusFactory("status");
   LfibWriter::Ptr writer = lfibWriterFactory(status);
 };
@@ -189,7 +189,7 @@ TEST_P(LfibWriterTest, ABatchWritesWhatOneByOneWrites) {
   routes.push_back(route(300, 130));
   routes.push_back(route(201, 2, 7));
 
-  Testing::TempLedgerRoot otherRoot;
+  TestSupport::ShmRoot otherRoot;
   auto one = lfibStatusFactory("status");
   one->ledgerMountIs(Ledger::LedgerMode::writer, otherRoot.path());
   auto oneByOne = lfibWriterFactory(one);
@@ -247,7 +247,7 @@ INSTANTIATE_TEST_SUITE_P(InPlace, LfibWriterTest, ::testing::Bool(),
                          [](const auto& info) { return info.param ? "on" : "off"; });
 
 TEST(LfibWriterChecks, InvalidViaTypesAndSetKeysAreFatal) {
-  Testing::TempLedgerRoot root;
+  TestSupport::ShmRoot root;
   LfibStatus::Ptr status = lfibStatusFactory("status");
   status->ledgerMountIs(Ledger::LedgerMode::writer, root.path());
   LfibWriter::Ptr writer = lfibWriterFactory(status);
@@ -291,7 +291,7 @@ TEST(ConsolidatedLfibRoute, StringFormAndEmptiness) {
 
 TEST(FeatureToggle, EnvironmentThenFileThenDefault) {
   const char* name = "InPlaceMplsAdjacencyUpdate";
-  Testing::TempLedgerRoot dir;
+  TestSupport::ShmRoot dir;
   std::string file = dir.path() + "/toggles";
   std::ofstream(file) << "# toggles\nOther=on\n" << name << " = on\n";
   ::setenv("FEATURE_TOGGLES_FILE", file.c_str(), 1);
@@ -319,7 +319,7 @@ TEST(FeatureToggle, EnvironmentThenFileThenDefault) {
 // A writer that says how big the LFIB gets has its new tables made that big: the load
 // neither grows a slot table nor re-chains a bucket table. Tables that exist keep their size.
 TEST(LfibWriterExpectedSize, NewTablesTakeTheLoadWithoutGrowing) {
-  Testing::TempLedgerRoot root;
+  TestSupport::ShmRoot root;
   auto tableOf = [](auto& ledger) -> auto& { return ledger.ledgerMap().table(); };
   auto status = lfibStatusFactory("sized");
   status->ledgerExpectedSizeIs({300, 600});
