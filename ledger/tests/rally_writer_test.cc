@@ -30,9 +30,11 @@ class RallyWriterQueue : public SmallTable {
   RallyWriterQueue() : SmallTable("rally") {}
 
   const Ledger::RallyWriter& rally() { return writer->rally(); }
-  void write(uint64_t id, uint64_t version) {
+  // Writes the value and notes its notification's sequence; returns its slot.
+  uint32_t write(uint64_t id, uint64_t version) {
     const uint32_t slot = slotIndexOf(*writer, writer->write(makeValue(id, version)));
     lastSeq[slot] = writer->sequence();
+    return slot;
   }
   void remove(uint64_t id) {
     TestValue old;
@@ -97,8 +99,7 @@ TEST_F(RallyWriterQueue, RewritesWithinABatchStayLiveUntilSettled) {
   const uint32_t settled = rally().settled();
   for (uint64_t version = 2; version < 40; ++version) write(3, version);
   EXPECT_EQ(rally().settled(), settled) << "a batch is settled only when full";
-  const uint32_t slot = slotIndexOf(*writer, writer->write(makeValue(3, 40)));
-  lastSeq[slot] = writer->sequence();
+  const uint32_t slot = write(3, 40);
   EXPECT_GT(liveEntriesOf(slot), 1u);
   expectOneLiveEntryPerSlot();
   // Batch after batch: never more than a batch waits.

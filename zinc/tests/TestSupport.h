@@ -1,4 +1,5 @@
-// Helpers every layer's tests share: catching what the traces say, and what a call throws.
+// Helpers every layer's tests share: catching what the traces say, what a call throws, and
+// what a directory tells of its entries.
 #pragma once
 
 #include <algorithm>
