@@ -18,8 +18,10 @@
 //   follow        notifications a shadow consumes per second: of rewrites, and of removals
 //                 (the writer's table shrinking on the way)
 //   wake          commit -> callback latency in another process (idle, its loop blocked with
-//                 no time-out), against a raw futex ping-pong between two processes, p50, p99;
-//                 and the same under churn: before each timed commit the writer rewrites 256
+//                 no time-out), against a raw futex ping-pong between two processes, p50, p99,
+//                 and against a raw ping-pong whose sleeping side blocks in epoll on an eventfd
+//                 (the least a process that waits in an event loop can be woken in); and the
+//                 same under churn: before each timed commit the writer rewrites 256
 //                 other routes, kicking after every 16, so the reader is busy when it lands
 // The lookup, chase and sync parts walk 1M random memory places: on a virtual machine every
 // one of them also misses the TLB, which is what the pointer chase measures.
@@ -35,6 +37,8 @@
 #include <fcntl.h>
 #include <linux/futex.h>
 #include <lmdb.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -412,12 +416,19 @@ std::pair<double, double> percentiles(std::vector<uint64_t> v) {
 
 constexpr uint32_t kWakes = 2000;
 
-std::pair<double, double> futexPingPong() {
+// A ping-pong between two processes: the parent stamps the time and wakes the other side,
+// asleep in the kernel, which takes the difference as soon as it runs and answers through the
+// futex. How the sleeping side waits, and how the parent wakes it, are `Side`'s: a futex (the
+// least the kernel does to wake anything), or an eventfd watched by epoll (what an event loop
+// blocks in, the floor for a reader that waits in its notification loop).
+template <class Side>
+std::pair<double, double> pingPong() {
   Shared* s = sharedPage();
+  Side side(s);
   pid_t child = ::fork();
   if (child == 0) {
     for (uint32_t i = 0; i < kWakes; ++i) {
-      while (s->futexWord.load() == i * 2) futex(&s->futexWord, FUTEX_WAIT, i * 2);
+      side.sleep(i);
       s->samples[i % 4096] = nowNs() - s->stamp.load();
       s->futexWord.store(i * 2 + 2);
       futex(&s->futexWord, FUTEX_WAKE, 1);
@@ -428,8 +439,7 @@ std::pair<double, double> futexPingPong() {
   for (uint32_t i = 0; i < kWakes; ++i) {
     ::usleep(200);  // the other side is idle, asleep in the kernel
     s->stamp.store(nowNs());
-    s->futexWord.store(i * 2 + 1);
-    futex(&s->futexWord, FUTEX_WAKE, 1);
+    side.wake(i);
     while (s->futexWord.load() != i * 2 + 2) futex(&s->futexWord, FUTEX_WAIT, i * 2 + 1);
     lat.push_back(s->samples[i % 4096]);
   }
@@ -437,6 +447,47 @@ std::pair<double, double> futexPingPong() {
   ::munmap(s, sizeof(Shared));
   return percentiles(lat);
 }
+
+struct FutexSide {
+  Shared* s;
+  explicit FutexSide(Shared* shared) : s(shared) {}
+  void sleep(uint32_t i) {
+    while (s->futexWord.load() == i * 2) futex(&s->futexWord, FUTEX_WAIT, i * 2);
+  }
+  void wake(uint32_t i) {
+    s->futexWord.store(i * 2 + 1);
+    futex(&s->futexWord, FUTEX_WAKE, 1);
+  }
+};
+
+// Watched edge-triggered and never read, as a reader watches the eventfd its writers kick.
+struct EpollSide {
+  Shared* s;
+  int eventFd, epollFd;
+  explicit EpollSide(Shared* shared)
+      : s(shared),
+        eventFd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+        epollFd(::epoll_create1(EPOLL_CLOEXEC)) {
+    epoll_event ev{};
+    ev.events = EPOLLIN | EPOLLET;
+    if (eventFd < 0 || epollFd < 0 || ::epoll_ctl(epollFd, EPOLL_CTL_ADD, eventFd, &ev) != 0) {
+      throw std::runtime_error("eventfd/epoll for the ping-pong");
+    }
+  }
+  ~EpollSide() {
+    ::close(epollFd);
+    ::close(eventFd);
+  }
+  void sleep(uint32_t i) {
+    epoll_event ev;
+    while (s->futexWord.load() == i * 2) ::epoll_wait(epollFd, &ev, 1, -1);
+  }
+  void wake(uint32_t i) {
+    s->futexWord.store(i * 2 + 1);
+    const uint64_t one = 1;
+    [[maybe_unused]] ssize_t n = ::write(eventFd, &one, sizeof one);
+  }
+};
 
 // Between two timed commits: idle (the reader asleep), or churning (the reader busy with a
 // stream of other changes when the timed commit lands).
@@ -561,7 +612,7 @@ int main() {
   // ours, bl, bu: keys hashed by the identity; oursMixed, blMixed, buMixed: as the LFIB's keys.
   Series ours, oursMixed, batched, lm, bl, bu, blMixed, buMixed, st, chase;
   Series sync, syncCpu, copy, follow, followRemovals, resync, copyCold, keySync;
-  Series wakeP50, wakeP99, futexP50, futexP99, churnP50, churnP99;
+  Series wakeP50, wakeP99, futexP50, futexP99, epollP50, epollP99, churnP50, churnP99;
   for (int rep = 0; rep < kRepetitions; ++rep) {
     if (lookups) {
       ours.push_back(ledgerLookups<IdentityRoute>(*identityReader, order));
@@ -589,11 +640,14 @@ int main() {
       followRemovals.push_back(followRemovalRate(w, rep + 2));
     }
     if (wanted("wake")) {
-      auto [fp50, fp99] = futexPingPong();
+      auto [fp50, fp99] = pingPong<FutexSide>();
+      auto [ep50, ep99] = pingPong<EpollSide>();
       auto [wp50, wp99] = commitToCallback(w, kicker, Between::idle);
       auto [cp50, cp99] = commitToCallback(w, kicker, Between::churn);
       futexP50.push_back(fp50);
       futexP99.push_back(fp99);
+      epollP50.push_back(ep50);
+      epollP99.push_back(ep99);
       wakeP50.push_back(wp50);
       wakeP99.push_back(wp99);
       churnP50.push_back(cp50);
@@ -629,6 +683,8 @@ int main() {
   figure("wake_under_churn_p99_us", churnP99, 1, "us");
   figure("futex_p50_us", futexP50, 1, "us");
   figure("futex_p99_us", futexP99, 1, "us");
+  figure("epoll_p50_us", epollP50, 1, "us");
+  figure("epoll_p99_us", epollP99, 1, "us");
   ratio("lookup_vs_lmdb", oursMixed, lm);
   ratio("batched_lookup_vs_lmdb", batched, lm);
   ratio("lookup_vs_boost_ipc_locked", ours, bl);
@@ -642,6 +698,8 @@ int main() {
   ratio("memcpy_cold_vs_sync", copyCold, sync);
   ratio("futex_vs_wake_p50", futexP50, wakeP50);
   ratio("futex_vs_wake_p99", futexP99, wakeP99);
+  ratio("epoll_vs_wake_p50", epollP50, wakeP50);
+  ratio("epoll_vs_wake_p99", epollP99, wakeP99);
   if (identityWriter) identityWriter->cleanup();
   w.cleanup();
   std::filesystem::remove_all(benchRoot());
