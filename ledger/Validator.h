@@ -13,7 +13,6 @@
 #pragma once
 
 #include <cstdint>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -21,6 +20,7 @@
 #include "ledger/Exceptions.h"
 #include "ledger/RallyWriter.h"
 #include "ledger/SlotWriterTable.h"
+#include "ledger/ValidatorText.h"
 #include "zinc/Trace.h"
 
 namespace Ledger {
@@ -58,9 +58,7 @@ class Validator {
     if (problem.empty()) problem = walkOccupiedSlots(walked);
     if (!problem.empty()) return problem;
     if (freeCount + walked != n) {
-      return "Validator::doValidate() bad slotCount:" + std::to_string(freeCount + walked) +
-             " free:" + std::to_string(freeCount) + " occupied:" + std::to_string(walked) +
-             " numSlots:" + std::to_string(n);
+      return ValidatorText::badSlotCount(freeCount, walked, n);
     }
     if constexpr (requires { ops_.storageOccupied(); }) {
       if (ops_.storageOccupied() != walked) {
@@ -79,11 +77,6 @@ class Validator {
     static Zinc::Trace t("Validator");
     return t;
   }
-  static std::string hex(uint32_t v) {
-    std::ostringstream os;
-    os << std::hex << v;
-    return os.str();
-  }
 
   // Out-of-line storage: every occupied slot refers to its own entry, and only those are used.
   std::string checkStorage() {
@@ -92,23 +85,20 @@ class Validator {
       if (seen_[i] == kOccupiedSeen) live.push_back(slots_.value(i));
     }
     std::string problem = ops_.checkStorage(live);
-    return problem.empty() ? problem : "Validator::doValidate() " + problem;
+    return problem.empty() ? problem : ValidatorText::storage(problem);
   }
 
   std::string walkFreeSlots(uint32_t& freeCount) {
     const uint32_t n = slots_.numSlots();
     for (uint32_t i = slots_.header().freeListHead; !isEndOfChain(i);) {
       if (i >= n) {
-        return "Validator::walkFreeSlots() corrupted free slot detected with out of bound "
-               "index: " +
-               std::to_string(i);
+        return ValidatorText::freeOutOfBound(i);
       }
       if (seen_[i] != kUnseen) {
-        return "Validator::walkFreeSlots() duplicate freeSlot detected: " + std::to_string(i);
+        return ValidatorText::freeTwice(i);
       }
       if (slots_.slot(i).status & (kOccupied | kLookaside)) {
-        return "Validator::walkFreeSlots() corrupted free slot not marked as empty: " +
-               std::to_string(i);
+        return ValidatorText::freeNotEmpty(i);
       }
       seen_[i] = kFree;
       ++freeCount;
@@ -123,40 +113,34 @@ class Validator {
     const uint32_t numBuckets = buckets_.numBuckets();
     if (buckets_.header().numBuckets != numBuckets || (numBuckets & (numBuckets - 1)) != 0 ||
         buckets_.mappedSize() < kBucketTableHeaderSize + 8ull * numBuckets) {
-      return "Validator::walkOccupiedSlots() bad numBuckets:" +
-             std::to_string(buckets_.header().numBuckets);
+      return ValidatorText::badNumBuckets(buckets_.header().numBuckets);
     }
     for (uint32_t b = 0; b < numBuckets; ++b) {
       bool havePrev = false;
       uint32_t prevRhash = 0, prevSlot = 0;
       for (uint32_t i = SlotWriterTable::loadLink(buckets_.head(b)); !isEndOfChain(i);) {
         if (i >= n) {
-          return "Validator::walkOccupiedSlots() bad link:" + std::to_string(i) +
-                 " in bucket:" + std::to_string(b);
+          return ValidatorText::badLink(i, b);
         }
         if (std::string problem = markOccupied(i); !problem.empty()) return problem;
         if (++walked > occupied) {
-          return "Validator::walkOccupiedSlots() walkedSlots:" + std::to_string(walked) +
-                 " is greater than header->occupiedSlots:" + std::to_string(occupied);
+          return ValidatorText::walkedTooMany(walked, occupied);
         }
         const SlotHeader& s = slots_.slot(i);
         if constexpr (requires { ops_.storedValid(nullptr); }) {
           if (!ops_.storedValid(slots_.value(i))) {
-            return "Validator::walkOccupiedSlots() slot: " + std::to_string(i) +
-                   " refers to no stored value";
+            return ValidatorText::noStoredValue(i);
           }
         }
         Key key = ops_.storedKey(slots_.value(i));
         uint32_t hash = OpsT::hash(key);
         if ((hash & (numBuckets - 1)) != b || s.rhash != reverseBits(hash)) {
-          return "Validator::walkOccupiedSlots() corrupt key in slot: " + std::to_string(i) +
-                 " bucket: " + std::to_string(b);
+          return ValidatorText::corruptKey(i, b);
         }
         if (havePrev &&
             (s.rhash < prevRhash ||
              (s.rhash == prevRhash && !OpsT::less(ops_.storedKey(slots_.value(prevSlot)), key)))) {
-          return "Validator::walkOccupiedSlots() chain out of order at slot: " + std::to_string(i) +
-                 " bucket: " + std::to_string(b);
+          return ValidatorText::outOfOrder(i, b);
         }
         havePrev = true;
         prevRhash = s.rhash;
@@ -165,37 +149,33 @@ class Validator {
       }
     }
     if (walked != occupied) {
-      return "Validator::walkOccupiedSlots() mismatch header->occupiedSlots:" +
-             std::to_string(occupied) + " walkedSlots:" + std::to_string(walked);
+      return ValidatorText::occupiedMismatch(occupied, walked);
     }
     return {};
   }
 
   std::string markOccupied(uint32_t i) {
-    const std::string slot = std::to_string(i);
-    if (seen_[i] != kUnseen) return "Validator::markOccupied() duplicate slot: " + slot;
+    if (seen_[i] != kUnseen) return ValidatorText::slotTwice(i);
     seen_[i] = kOccupiedSeen;
     uint32_t status = slots_.slot(i).status;
     if (!(status & kOccupied)) {
-      return "Validator::markOccupied() missing OCCUPIED bit: 0x" + hex(status) + " slot: " + slot;
+      return ValidatorText::notOccupied(status, i);
     }
     if (status & kLookaside) {
-      return "Validator::markOccupied() stuck LOOKASIDE bit: 0x" + hex(status) + " slot: " + slot;
+      return ValidatorText::stuckLookaside(status, i);
     }
     if (i >= rally_.slotCapacity()) {
-      return "Validator::markOccupied() slot: " + slot +
-             " has out of range rally slot: " + std::to_string(rally_.slotCapacity());
+      return ValidatorText::rallySlotOutOfRange(i, rally_.slotCapacity());
     }
     uint32_t pos = rally_.position(i);
     if (pos == kNoPosition) {
-      return "Validator::markOccupied() no notification in rally queue, slot: " + slot;
+      return ValidatorText::noNotification(i);
     }
     if (pos >= rally_.count()) {
-      return "Validator::markOccupied() slot: " + slot + " bad rally index:" + std::to_string(pos);
+      return ValidatorText::badRallyIndex(i, pos);
     }
     if (rally_.entry(pos).slotWord != i) {
-      return "Validator::markOccupied() slot: " + slot +
-             " duplicate rally position:" + std::to_string(pos);
+      return ValidatorText::rallyPositionTaken(i, pos);
     }
     return {};
   }
@@ -205,8 +185,7 @@ class Validator {
   std::string checkRallyHeader() {
     const RallyControl& control = rally_.control();
     if (control.corralStart != control.corralEnd) {
-      return "Validator::doValidate() corral pos:" + std::to_string(control.corralStart) +
-             " end:" + std::to_string(control.corralEnd) + " with no shrink in progress";
+      return ValidatorText::corralOpen(control.corralStart, control.corralEnd);
     }
     const RallyQueueHeader& q = rally_.queueHeader();
     if (q.count != rally_.count() || q.baseSeq != rally_.baseSeq() ||
@@ -219,8 +198,7 @@ class Validator {
              " latestSeq:" + std::to_string(rally_.sequence());
     }
     if (q.baseSeq > control.latestSeq) {
-      return "Validator::doValidate() rally base:" + std::to_string(q.baseSeq) +
-             " beyond latest sequence:" + std::to_string(control.latestSeq);
+      return ValidatorText::baseBeyondLatest(q.baseSeq, control.latestSeq);
     }
     return {};
   }
@@ -236,34 +214,27 @@ class Validator {
       const RallyEntry e = rally_.entry(pos);
       const uint32_t slot = e.slotWord & ~kTombstone;
       if (e.sequence == baseSeq) {
-        return "Validator::doValidate() rally pos:" + std::to_string(pos) +
-               " sequence offset 0, not above base:" + std::to_string(baseSeq);
+        return ValidatorText::offsetZero(pos, baseSeq);
       }
       if (e.sequence <= lastSeq || e.sequence > latestSeq) {
-        return "Validator::doValidate() rally pos:" + std::to_string(pos) +
-               " sequence out of order: " + std::to_string(e.sequence);
+        return ValidatorText::outOfSequence(pos, e.sequence);
       }
       lastSeq = e.sequence;
       if (slot >= slotCapacity) {
-        return "Validator::doValidate() rally pos:" + std::to_string(pos) +
-               " has out of range slot: " + std::to_string(slot);
+        return ValidatorText::entrySlotOutOfRange(pos, slot);
       }
       const bool live = !(e.slotWord & kTombstone);
       if (live && rally_.position(slot) != pos) {
-        return "Validator::doValidate() rally pos:" + std::to_string(pos) +
-               " with wrong rallySlot:" + std::to_string(rally_.position(slot)) +
-               " slot: " + std::to_string(slot);
+        return ValidatorText::wrongRallySlot(pos, rally_.position(slot), slot);
       }
       if (!live && rally_.position(slot) == pos) {
-        return "Validator::doValidate() active tombstone pos:" + std::to_string(pos) +
-               " on deleted notification: slot " + std::to_string(slot);
+        return ValidatorText::activeTombstone(pos, slot);
       }
     }
     for (uint32_t slot = 0; slot < slotCapacity; ++slot) {
       uint32_t pos = rally_.position(slot);
       if (pos != kNoPosition && (pos >= count || rally_.entry(pos).slotWord != slot)) {
-        return "Validator::doValidate() occupied slot:" + std::to_string(slot) +
-               " rally pos:" + std::to_string(pos) + " not its live notification";
+        return ValidatorText::notLiveNotification(slot, pos);
       }
     }
     return {};

@@ -25,6 +25,7 @@
 #include "ledger/Shape.h"
 #include "ledger/SlotReaderTable.h"
 #include "ledger/SlotTable.h"
+#include "ledger/ValidatorText.h"
 #include "lfib/LfibStoredText.h"
 #include "platform/shm/EmberFile.h"
 #include "platform/shm/ReaderKick.h"
@@ -424,8 +425,7 @@ class Check {
     if (auto e = walkFreeSlots(); !e.empty()) return e;
     if (auto e = walkOccupiedSlots(); !e.empty()) return e;
     if (free_ + walked_ != n_) {
-      return "Validator::doValidate() bad slotCount:" + std::to_string(free_ + walked_) +
-             " numSlots:" + std::to_string(n_);
+      return ValidatorText::badSlotCount(free_, walked_, n_);
     }
     if (t_.slabs) {
       if (auto e = checkSlabs(); !e.empty()) return e;
@@ -437,16 +437,13 @@ class Check {
   std::string walkFreeSlots() {
     for (uint32_t i = t_.slots.header().freeListHead; i != kNoSlot;) {
       if (i >= n_) {
-        return "Validator::walkFreeSlots() corrupted free slot detected with out of bound index: " +
-               std::to_string(i);
+        return ValidatorText::freeOutOfBound(i);
       }
-      if (seen_[i])
-        return "Validator::walkFreeSlots() duplicate freeSlot detected: " + std::to_string(i);
+      if (seen_[i]) return ValidatorText::freeTwice(i);
       seen_[i] = 1;
       const SlotHeader& s = t_.slots.slot(i);
       if (s.status & kOccupied) {
-        return "Validator::walkFreeSlots() corrupted free slot not marked as empty: " +
-               std::to_string(i);
+        return ValidatorText::freeNotEmpty(i);
       }
       ++free_;
       i = linkOf(s.linkPair);
@@ -459,22 +456,18 @@ class Check {
     for (uint32_t b = 0; b < nb; ++b) {
       uint32_t lastRhash = 0;
       for (uint32_t link = linkOf(t_.buckets.head(b)); !isEndOfChain(link);) {
-        if (link >= n_) return "Validator::walkOccupiedSlots() bad link: " + std::to_string(link);
-        if (seen_[link]) return "Validator::markOccupied() duplicate slot: " + std::to_string(link);
+        if (link >= n_) return ValidatorText::badLink(link, b);
+        if (seen_[link]) return ValidatorText::slotTwice(link);
         seen_[link] = 2;
         const SlotHeader& s = t_.slots.slot(link);
         if (!(s.status & kOccupied)) {
-          return "Validator::markOccupied() missing OCCUPIED bit: " + hex32(s.status) +
-                 " slot:" + std::to_string(link);
+          return ValidatorText::notOccupied(s.status, link);
         }
         if (s.status & kLookaside) {
-          return "Validator::markOccupied() stuck LOOKASIDE bit: " + hex32(s.status) +
-                 " slot:" + std::to_string(link);
+          return ValidatorText::stuckLookaside(s.status, link);
         }
-        if ((reverseBits(s.rhash) & (nb - 1)) != b || s.rhash < lastRhash) {
-          return "Validator::walkOccupiedSlots() corrupt rhash detected, slot: " +
-                 std::to_string(link) + " bucket: " + std::to_string(b);
-        }
+        if ((reverseBits(s.rhash) & (nb - 1)) != b) return ValidatorText::corruptRhash(link, b);
+        if (s.rhash < lastRhash) return ValidatorText::outOfOrder(link, b);
         lastRhash = s.rhash;
         if (auto e = checkNotified(link); !e.empty()) return e;
         ++walked_;
@@ -483,12 +476,10 @@ class Check {
     }
     uint32_t occupied = t_.slots.occupiedSlots();
     if (walked_ > occupied) {
-      return "Validator::walkOccupiedSlots() walkedSlots:" + std::to_string(walked_) +
-             " is greater than header->occupiedSlots:" + std::to_string(occupied);
+      return ValidatorText::walkedTooMany(walked_, occupied);
     }
     if (walked_ != occupied) {
-      return "Validator::walkOccupiedSlots() mismatch header->occupiedSlots:" +
-             std::to_string(occupied) + " walkedSlots:" + std::to_string(walked_);
+      return ValidatorText::occupiedMismatch(occupied, walked_);
     }
     return {};
   }
@@ -501,14 +492,13 @@ class Check {
       Shape::Offset o;
       std::memcpy(&o, t_.slots.value(i), sizeof(o));
       if (!o.valid() || o.sizeClass() >= Shape::kNumClasses || o.index() >= Ledger::kMaxSlots) {
-        return "Validator::walkOccupiedSlots() slot: " + std::to_string(i) +
-               " refers to no stored value";
+        return ValidatorText::noStoredValue(i);
       }
       auto& marks = referenced[o.sizeClass()];
       if (o.index() >= marks.size()) marks.resize(o.index() + 1, false);
       if (marks[o.index()]) {
-        return "Validator::doValidate() slab." + std::to_string(o.sizeClass()) + " entry " +
-               std::to_string(o.index()) + " referenced twice";
+        return ValidatorText::storage("slab." + std::to_string(o.sizeClass()) + " entry " +
+                                      std::to_string(o.index()) + " referenced twice");
       }
       marks[o.index()] = true;
     }
@@ -517,7 +507,7 @@ class Check {
       const Shape::SlabReader* slab = t_.slabs->slabs.slab(c, why);
       if (!slab && referenced[c].empty()) continue;
       if (!slab) return why;
-      if (auto e = slab->check(&referenced[c]); !e.empty()) return "Validator::doValidate() " + e;
+      if (auto e = slab->check(&referenced[c]); !e.empty()) return ValidatorText::storage(e);
     }
     return {};
   }
@@ -528,8 +518,7 @@ class Check {
     settled_ = t_.rally.queueSettled();
     const uint32_t count = t_.rally.queueCount();
     if (settled_ > count || count - settled_ > kSettleBatch) {
-      return "Validator::doValidate() rally settled:" + std::to_string(settled_) +
-             " count:" + std::to_string(count);
+      return ValidatorText::unsettled(settled_, count);
     }
     for (uint32_t pos = settled_; pos < count; ++pos) {
       const uint32_t word = t_.rally.entryAt(pos).slotWord;
@@ -541,49 +530,51 @@ class Check {
 
   std::string checkNotified(uint32_t slot) {
     if (slot >= t_.rally.slotCapacity()) {
-      return "Validator::markOccupied() slot:" + std::to_string(slot) +
-             " has out of range rally slot: " + std::to_string(t_.rally.slotCapacity());
+      return ValidatorText::rallySlotOutOfRange(slot, t_.rally.slotCapacity());
     }
     if (std::binary_search(unsettled_.begin(), unsettled_.end(), slot)) return {};
     uint32_t pos = t_.rally.positionOf(slot);
     if (pos == kNoPosition) {
-      return "Validator::markOccupied() no notification in rally queue slot:" +
-             std::to_string(slot);
+      return ValidatorText::noNotification(slot);
     }
-    if (pos >= t_.rally.queueCount() || t_.rally.entryAt(pos).slotWord != slot) {
-      return "Validator::markOccupied() slot:" + std::to_string(slot) +
-             " bad rally index:" + std::to_string(pos);
-    }
+    if (pos >= t_.rally.queueCount()) return ValidatorText::badRallyIndex(slot, pos);
+    if (t_.rally.entryAt(pos).slotWord != slot) return ValidatorText::rallyPositionTaken(slot, pos);
     return {};
   }
 
   std::string checkRally() {
     auto [start, end] = t_.rally.corral();
     if (start != end) {
-      return "Validator::doValidate() corral pos:" + std::to_string(start) + ".." +
-             std::to_string(end) + " still open";
+      return ValidatorText::corralOpen(start, end);
     }
     const uint64_t base = t_.rally.queueBaseSeq();
     if (base > t_.rally.writerSeq()) {
-      return "Validator::doValidate() rally base:" + std::to_string(base) +
-             " beyond latest sequence:" + std::to_string(t_.rally.writerSeq());
+      return ValidatorText::baseBeyondLatest(base, t_.rally.writerSeq());
     }
     uint64_t last = base;
     for (uint32_t pos = 0; pos < t_.rally.queueCount(); ++pos) {
       RallyEntry e = t_.rally.entryAt(pos);
       if (e.sequence == base) {
-        return "Validator::doValidate() rally pos:" + std::to_string(pos) +
-               " sequence offset 0, not above base:" + std::to_string(base);
+        return ValidatorText::offsetZero(pos, base);
       }
       if (e.sequence <= last || e.sequence > t_.rally.writerSeq()) {
-        return "Validator::doValidate() rally pos:" + std::to_string(pos) +
-               " sequence:" + std::to_string(e.sequence) + " after:" + std::to_string(last);
+        return ValidatorText::outOfSequence(pos, e.sequence);
       }
       last = e.sequence;
-      if (e.slotWord & kTombstone || pos >= settled_) continue;
-      if (t_.rally.positionOf(e.slotWord) != pos) {
-        return "Validator::doValidate() rally pos:" + std::to_string(pos) +
-               " with wrong rallySlot:" + std::to_string(e.slotWord);
+      const uint32_t slot = e.slotWord & ~kTombstone;
+      if (slot >= t_.rally.slotCapacity()) return ValidatorText::entrySlotOutOfRange(pos, slot);
+      if (pos >= settled_) continue;  // positions are recorded as the queue is settled
+      const bool live = !(e.slotWord & kTombstone);
+      const uint32_t position = t_.rally.positionOf(slot);
+      if (live && position != pos) return ValidatorText::wrongRallySlot(pos, position, slot);
+      if (!live && position == pos) return ValidatorText::activeTombstone(pos, slot);
+    }
+    // Every recorded position names its slot's own entry.
+    for (uint32_t slot = 0; slot < t_.rally.slotCapacity(); ++slot) {
+      const uint32_t pos = t_.rally.positionOf(slot);
+      if (pos != kNoPosition &&
+          (pos >= t_.rally.queueCount() || t_.rally.entryAt(pos).slotWord != slot)) {
+        return ValidatorText::notLiveNotification(slot, pos);
       }
     }
     return {};
