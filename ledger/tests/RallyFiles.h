@@ -29,6 +29,11 @@ class RallyFiles {
     }
     return *reinterpret_cast<Ledger::RallyQueueHeader*>(queue_.base());
   }
+  // The queue's recorded position of each slot's live entry.
+  uint32_t* positions() {
+    return reinterpret_cast<uint32_t*>(reinterpret_cast<uint8_t*>(&queue()) +
+                                       sizeof(Ledger::RallyQueueHeader));
+  }
   // The queue's entry words.
   uint64_t* entries() {
     const uint32_t slotCapacity = queue().slotCapacity;
