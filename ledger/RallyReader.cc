@@ -55,25 +55,34 @@ bool RallyReader::openQueue(uint32_t g) {
     return false;
   if (file.size() < sizeof(RallyQueueHeader)) return false;
   const auto* q = reinterpret_cast<const RallyQueueHeader*>(file.base());
+  // The sizes are read once: the mapping is checked against them, and every later bound comes
+  // from these copies, never from the header again (whatever writes it meanwhile).
+  const uint32_t slotCapacity = Shm::load(q->slotCapacity, std::memory_order_relaxed);
+  const uint32_t capacity = Shm::load(q->capacity, std::memory_order_relaxed);
   if (std::memcmp(q->magic, kRallyQueueMagic, 8) != 0 || q->version != kRallyQueueVersion ||
-      q->emberId != emberId_ || q->generation != g || q->slotCapacity > kMaxSlots) {
+      q->emberId != emberId_ || q->generation != g || slotCapacity > kMaxSlots) {
     return false;
   }
+  // The old mapping goes with the old file: nothing points into it while the new one is
+  // checked (a resize that fails leaves no queue mapped).
+  queue_ = nullptr;
+  entries_ = nullptr;
   queueFile_ = std::move(file);
-  generation_ = g;
-  uint64_t needed = rallyFileSize(q->slotCapacity, q->capacity);
+  const uint64_t needed = rallyFileSize(slotCapacity, capacity);
+  slotCapacity_ = slotCapacity;
+  capacity_ = capacity;
   if (queueFile_.size() < needed) doResize(needed);
+  generation_ = g;
   queue_ = reinterpret_cast<const RallyQueueHeader*>(queueFile_.base());
-  capacity_ = queue_->capacity;
   baseSeq_ = queue_->baseSeq;
-  entries_ = reinterpret_cast<const uint64_t*>(queueFile_.base() +
-                                               rallyEntriesOffset(queue_->slotCapacity));
+  entries_ =
+      reinterpret_cast<const uint64_t*>(queueFile_.base() + rallyEntriesOffset(slotCapacity));
   return true;
 }
 
 void RallyReader::doResize(uint64_t bytes) {
   ZTRACE(3, "RallyReader::doResize() requesting to map "
-                << queue_->capacity << " rally notifications. Requested file resize to " << bytes);
+                << capacity_ << " rally notifications. Requested file resize to " << bytes);
   const uint8_t* old = queueFile_.base();
   if (!queueFile_.remap() || queueFile_.size() < bytes) {
     ZTRACE(0, "RallyReader::doResize() failed to resize " << queueFile_.path());
@@ -89,6 +98,7 @@ void RallyReader::doResize(uint64_t bytes) {
 }
 
 uint32_t RallyReader::count() const {
+  if (!queue_) return 0;
   // Acquire: every entry below the count is complete.
   uint32_t n = Shm::load(queue_->count, std::memory_order_acquire);
   if (n > capacity_) {
@@ -196,7 +206,7 @@ RallyReader::Result RallyReader::rally(const SlotFn& doSlot, uint32_t maxEntries
 
 RallyReader::Result RallyReader::doRally(const SlotFn& doSlot, uint32_t maxEntries) {
   if (incarnationChanged()) return Result::resync;
-  if (swapped()) {
+  if (swapped() || !queue_) {
     followSwap();
     pos_ = findPosition(lastSeq_);
   }

@@ -70,12 +70,12 @@ class RallyReader {
   uint32_t queueSettled() const {
     return queue_ ? Shm::load(queue_->settled, std::memory_order_acquire) : 0;
   }
-  uint32_t slotCapacity() const { return queue_ ? queue_->slotCapacity : 0; }
+  uint32_t slotCapacity() const { return queue_ ? slotCapacity_ : 0; }
   // The entry at `pos` (below queueCount()), taken apart against the queue's base.
   RallyEntry entryAt(uint32_t pos) const { return RallyEntry::of(loadEntry(pos), baseSeq_); }
   uint64_t queueBaseSeq() const { return baseSeq_; }
   uint32_t positionOf(uint32_t slot) const {
-    if (!queue_ || slot >= queue_->slotCapacity) return kNoPosition;
+    if (!queue_ || slot >= slotCapacity_) return kNoPosition;
     const auto* positions =
         reinterpret_cast<const uint32_t*>(queueFile_.base() + sizeof(RallyQueueHeader));
     return Shm::load(positions[slot], std::memory_order_relaxed);
@@ -109,8 +109,9 @@ class RallyReader {
   const RallyControl* control_ = nullptr;
   const RallyQueueHeader* queue_ = nullptr;
   const uint64_t* entries_ = nullptr;
-  uint64_t baseSeq_ = 0;  // of the mapped generation, fixed before it was published
-  uint32_t capacity_ = 0;
+  uint64_t baseSeq_ = 0;       // of the mapped generation, fixed before it was published
+  uint32_t capacity_ = 0;      // entries the mapping holds, as read once when it was opened
+  uint32_t slotCapacity_ = 0;  // positions likewise
   uint32_t generation_ = 0;
   uint32_t incarnation_ = 0;
   uint32_t pos_ = 0;

@@ -192,4 +192,21 @@ TEST_F(LiveCorruption, ABucketResizeThatNeverEndsIsWaitedForOnce) {
   EXPECT_EQ(v, makeValue(3, 1));
 }
 
+// The queue's sizes are read once, when its file is mapped and checked against them. A header
+// that says more afterwards (no writer does: it swaps in a new file) moves no bound of the
+// reader past its mapping.
+TEST_F(LiveCorruption, TheQueueSizesAreTheOnesItsMappingWasCheckedAgainst) {
+  w.writer.rally().settle();  // positions recorded
+  Ledger::RallyReader reader;
+  reader.attach(root.path(), "routes", w.writer.emberId());
+  const uint32_t slots = reader.slotCapacity(), entries = reader.queueCapacity();
+  rally.queue().slotCapacity = Ledger::kMaxSlots;
+  rally.queue().capacity = 0xffffffffu;
+  EXPECT_EQ(reader.slotCapacity(), slots);
+  EXPECT_EQ(reader.queueCapacity(), entries);
+  EXPECT_EQ(reader.positionOf(Ledger::kMaxSlots - 1), Ledger::kNoPosition);
+  EXPECT_EQ(reader.positionOf(slots - 1), Ledger::kNoPosition) << "a slot never written";
+  EXPECT_NE(reader.positionOf(0), Ledger::kNoPosition);
+}
+
 }  // namespace
