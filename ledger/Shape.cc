@@ -382,7 +382,9 @@ void SlabReader::attach(const std::string& root, const std::string& table, uint3
 }
 
 void SlabReader::bind() {
-  maxPayload_ = header().maxPayload;  // validated: maxPayloadOf(sizeClass)
+  // From the size class, not from the header again: the header's was checked to be this one,
+  // and entries are laid out by it whatever the file says later.
+  maxPayload_ = maxPayloadOf(sizeClass_);
   entrySize_ = sizeof(SlabEntryHeader) + maxPayload_;
   const uint64_t entries = (file_.size() - sizeof(SlabHeader)) / entrySize_;
   mappedEntries_ = uint32_t(std::min<uint64_t>(entries, Ledger::kMaxSlots));

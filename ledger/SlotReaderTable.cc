@@ -33,22 +33,23 @@ void SlotReaderTable::attach(const std::string& root, const std::string& table, 
     throw InitializationException("SlotReader::attach() cannot attach to shmem size:" +
                                   std::to_string(size));
   }
+  SlotTableHeader h;
   try {
-    SlotTable::validate(file_.base(), file_.size(), emberId);
+    h = SlotTable::validate(file_.base(), file_.size(), emberId);
   } catch (...) {
     file_.close();
     throw;
   }
-  const auto* h = reinterpret_cast<const SlotTableHeader*>(file_.base());
-  if (valueSize != 0 && h->valueSize != valueSize) {
-    uint32_t found = h->valueSize;
+  // Sizes from the header as it was checked: read again from the file, they could be ones that
+  // never were (a slot size that does not hold the value, a value beyond the slot).
+  if (valueSize != 0 && h.valueSize != valueSize) {
     file_.close();
-    throw InitializationException("SlotReader::attach() value size " + std::to_string(found) +
+    throw InitializationException("SlotReader::attach() value size " + std::to_string(h.valueSize) +
                                   " in file, expecting " + std::to_string(valueSize));
   }
-  emberId_ = h->emberId;
-  slotSize_ = h->slotSize;
-  valueSize_ = h->valueSize;
+  emberId_ = h.emberId;
+  slotSize_ = h.slotSize;
+  valueSize_ = h.valueSize;
   struct stat st;
   identity_ = ::stat(file_.path().c_str(), &st) == 0 ? (uint64_t(st.st_dev) << 40) ^ st.st_ino : 0;
   bind();

@@ -83,7 +83,8 @@ void SlotTable::format(uint8_t* base, uint32_t numSlots, const TableShape& shape
   std::memcpy(header->magic, kSlotMagic, sizeof(kSlotMagic));
 }
 
-void SlotTable::validate(const uint8_t* base, size_t fileSize, uint32_t expectedEmberId) {
+SlotTableHeader SlotTable::validate(const uint8_t* base, size_t fileSize,
+                                    uint32_t expectedEmberId) {
   const uint64_t size = fileSize;
   if (size < kSlotTableHeaderSize || base == nullptr) {
     corrupt("SlotTable::Header::validate() bad header file size: " + std::to_string(size) +
@@ -143,6 +144,7 @@ void SlotTable::validate(const uint8_t* base, size_t fileSize, uint32_t expected
   if (h.numSlots > kMaxSlots) {
     corrupt("SlotTable::Header::validate() bad numSlots: " + std::to_string(h.numSlots));
   }
+  return h;
 }
 
 bool SlotTable::matches(const SlotTableHeader& h, const TableShape& shape) {

@@ -41,8 +41,9 @@ class SlotTable {
   // (slotSize holds the value and keeps link pairs 8-aligned, numSlots fits a link).
   // Throws CorruptionException with the first failure's message. `fileSize` is the number of
   // bytes mapped; nothing beyond it is read. A file shorter than the header fails the header
-  // size check before anything is read from it.
-  static void validate(const uint8_t* base, size_t fileSize, uint32_t expectedEmberId);
+  // size check before anything is read from it. Returns the header as checked: the one copy
+  // of it to take sizes from, since the file's own may have changed since.
+  static SlotTableHeader validate(const uint8_t* base, size_t fileSize, uint32_t expectedEmberId);
 
   // True when the header describes `shape` (same value size, slot size and type names).
   static bool matches(const SlotTableHeader& header, const TableShape& shape);
