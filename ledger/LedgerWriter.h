@@ -130,10 +130,10 @@ class LedgerWriter : public LedgerBase<Key, Value> {
   bool first(Value& out) override;
   bool next(const Key& prev, Value& out, uint32_t* hint = nullptr) override;
 
-  uint32_t capacity() const override { return slots_.numSlots(); }
+  uint32_t capacity() const override { return attached() ? slots_.numSlots() : 0; }
   uint32_t maxSize() const override { return config_.maxSize; }
   uint32_t minSize() const override { return config_.minSize; }
-  uint32_t members() const override { return slots_.occupiedSlots(); }
+  uint32_t members() const override { return attached() ? slots_.occupiedSlots() : 0; }
   uint64_t sequence() const override { return rally_.sequence(); }
   bool connected() const override { return attached(); }
   // The writer's side is quiet when no direct slot is open; readers' acknowledgements are
@@ -158,7 +158,10 @@ class LedgerWriter : public LedgerBase<Key, Value> {
   uint32_t shrinkThreshold() const { return slots_.shrinkThreshold(); }
   std::string dumpHeaders() const;
   // Gives back unused slots now (as a remove would when occupancy is low enough).
-  void shrink() { doMaybeShrinkSlots(); }
+  void shrink() {
+    checkWritable("LedgerWriter::shrink()");
+    doMaybeShrinkSlots();
+  }
 
   bool validate() override { return validate(0); }
   bool validate(uint32_t emberId) override;
@@ -182,9 +185,14 @@ class LedgerWriter : public LedgerBase<Key, Value> {
   using Map = WriterHashMap<Key, OpsT>;
 
   static const Zinc::Trace& trace() { return writerTrace; }
-  void checkNoDirect(const char* who) const {
-    if (direct_) [[unlikely]]
-      unbalancedDirect(who);
+  // A change needs an attached table and no direct slot open; a look, an attached table.
+  void checkWritable(const char* who) const {
+    if (direct_ || !attached()) [[unlikely]]
+      refuseWrite(who);
+  }
+  void checkAttached(const char* who) const {
+    if (!attached()) [[unlikely]]
+      notAttached(who);
   }
   SlotTableConfig slotConfig() const;
   // The validator wants one live queue entry per slot: the queue is settled first.
@@ -234,6 +242,13 @@ class LedgerWriter : public LedgerBase<Key, Value> {
   }
   void retire(const uint8_t* old) {
     if constexpr (OpsT::kRetires) ops_.retire(old);
+  }
+  [[noreturn]] [[gnu::cold]] [[gnu::noinline]] void notAttached(const char* who) const {
+    throw InitializationException(std::string(who) + " not attached");
+  }
+  [[noreturn]] [[gnu::cold]] void refuseWrite(const char* who) const {
+    if (!attached()) notAttached(who);
+    unbalancedDirect(who);
   }
   [[noreturn]] [[gnu::cold]] [[gnu::noinline]] void unbalancedDirect(const char* who) const {
     throw Zinc::InternalException(std::string(who) +

@@ -195,7 +195,7 @@ uint32_t LedgerWriter<Key, Value, OpsT>::insertNew(const ChainPosition& pos, uin
 
 template <class Key, class Value, class OpsT>
 const void* LedgerWriter<Key, Value, OpsT>::write(const Value& value, WriteFlag flag) {
-  checkNoDirect("LedgerWriter::write()");
+  checkWritable("LedgerWriter::write()");
   const Key key = OpsT::keyOf(value);
   uint32_t hash;
   if (ChainPosition recalled; map_.recallMiss(key, hash, recalled)) {
@@ -246,6 +246,7 @@ const void* LedgerWriter<Key, Value, OpsT>::insertAt(const Value& value, const C
 
 template <class Key, class Value, class OpsT>
 void LedgerWriter<Key, Value, OpsT>::writeBatch(const Value* values, size_t count, WriteFlag flag) {
+  checkWritable("LedgerWriter::writeBatch()");
   constexpr size_t kBucketAhead = 16, kSlotAhead = 8;
   for (size_t i = 0; i < count; ++i) {
     if (i + kBucketAhead < count) {
@@ -260,7 +261,7 @@ void LedgerWriter<Key, Value, OpsT>::writeBatch(const Value* values, size_t coun
 
 template <class Key, class Value, class OpsT>
 bool LedgerWriter<Key, Value, OpsT>::remove(const Key& key, Value* out) {
-  checkNoDirect("LedgerWriter::remove()");
+  checkWritable("LedgerWriter::remove()");
   const ChainPosition pos = map_.find(key, OpsT::hash(key), "WriterHashMap::find()");
   if (pos.hit == kNoSlot) return false;
   const uint32_t slot = pos.hit;
@@ -280,7 +281,7 @@ bool LedgerWriter<Key, Value, OpsT>::remove(const Key& key, Value* out) {
 template <class Key, class Value, class OpsT>
 Value* LedgerWriter<Key, Value, OpsT>::openDirect(const Key& key, bool create) {
   const char* who = create ? "LedgerWriter::directWrite()" : "LedgerWriter::directUpdate()";
-  checkNoDirect(who);
+  checkWritable(who);
   if constexpr (!OpsT::kDirect) {
     throw Zinc::InternalException(std::string(who) + " needs values stored in their slots");
   } else {
@@ -321,6 +322,7 @@ void LedgerWriter<Key, Value, OpsT>::directCommit() {
 
 template <class Key, class Value, class OpsT>
 bool LedgerWriter<Key, Value, OpsT>::lookup(const Key& key, Value& out) {
+  checkAttached("LedgerWriter::lookup()");
   uint32_t slot = map_.lookup(key);
   if (slot == kNoSlot) return false;
   ops_.load(slots_.value(slot), out);
@@ -329,6 +331,7 @@ bool LedgerWriter<Key, Value, OpsT>::lookup(const Key& key, Value& out) {
 
 template <class Key, class Value, class OpsT>
 bool LedgerWriter<Key, Value, OpsT>::first(Value& out) {
+  checkAttached("LedgerWriter::first()");
   uint32_t slot = map_.first();
   if (slot == kNoSlot) return false;
   ops_.load(slots_.value(slot), out);
@@ -337,6 +340,7 @@ bool LedgerWriter<Key, Value, OpsT>::first(Value& out) {
 
 template <class Key, class Value, class OpsT>
 bool LedgerWriter<Key, Value, OpsT>::next(const Key& prev, Value& out, uint32_t* hint) {
+  checkAttached("LedgerWriter::next()");
   uint32_t slot = map_.next(prev, hint ? *hint : kNoSlot);
   if (hint) *hint = slot;
   if (slot == kNoSlot) return false;

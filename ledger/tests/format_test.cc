@@ -225,6 +225,32 @@ TEST_F(WriterFormat, EqualRhashKeysAreChainedInKeyOrder) {
   EXPECT_FALSE(w.lookup(CollidingKey{91 * 3 + 300}, v));
 }
 
+// A writer used before it is attached, or after it detached, says so: nothing is mapped to
+// change or look at.
+TEST_F(WriterFormat, AWriterNotAttachedRefusesWithAClearError) {
+  Writer w(config());
+  TestValue v;
+  const auto notAttached = [](const char* who) {
+    return ThrowsMessage<InitializationException>(StrEq(std::string(who) + " not attached"));
+  };
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_THAT([&] { w.write(makeValue(1, 1)); }, notAttached("LedgerWriter::write()"));
+    EXPECT_THAT([&] { w.writeBatch(&v, 1); }, notAttached("LedgerWriter::writeBatch()"));
+    EXPECT_THAT([&] { w.remove(TestKey{1}); }, notAttached("LedgerWriter::remove()"));
+    EXPECT_THAT([&] { w.directWrite(TestKey{1}); }, notAttached("LedgerWriter::directWrite()"));
+    EXPECT_THAT([&] { w.lookup(TestKey{1}, v); }, notAttached("LedgerWriter::lookup()"));
+    EXPECT_THAT([&] { w.first(v); }, notAttached("LedgerWriter::first()"));
+    EXPECT_THAT([&] { w.next(TestKey{1}, v); }, notAttached("LedgerWriter::next()"));
+    EXPECT_THAT([&] { w.shrink(); }, notAttached("LedgerWriter::shrink()"));
+    EXPECT_EQ(w.members(), 0u);
+    EXPECT_EQ(w.capacity(), 0u);
+    w.attach();
+    w.write(makeValue(1, 1));
+    EXPECT_EQ(w.members(), 1u);
+    w.detach();
+  }
+}
+
 TEST_F(WriterFormat, LoopingChainIsReportedNotWalkedForever) {
   using CWriter = LedgerWriter<CollidingKey, CollidingValue>;
   CWriter w(config());
