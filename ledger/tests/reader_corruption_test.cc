@@ -8,6 +8,7 @@
 
 #include "ledger/tests/RallyFiles.h"
 #include "ledger/tests/ShadowHarness.h"
+#include "platform/shm/MappingGuard.h"
 #include "zinc/tests/TestSupport.h"
 
 namespace {
@@ -207,6 +208,34 @@ TEST_F(LiveCorruption, TheQueueSizesAreTheOnesItsMappingWasCheckedAgainst) {
   EXPECT_EQ(reader.positionOf(Ledger::kMaxSlots - 1), Ledger::kNoPosition);
   EXPECT_EQ(reader.positionOf(slots - 1), Ledger::kNoPosition) << "a slot never written";
   EXPECT_NE(reader.positionOf(0), Ledger::kNoPosition);
+}
+
+// Another process cuts the slot file short under a reader (no writer does: it keeps its files'
+// length). The pages beyond the new end read as zeros: slots that held entries are empty or
+// corrupt to the reader, which says so, and nothing ends its process.
+TEST(CutFile, ASlotFileCutShortUnderAReaderReadsAsEmptied) {
+  TempRoot root;
+  Ledger::LedgerReader<TestKey, TestValue> reader(Ledger::ReaderConfig{root.path(), "routes"});
+  {
+    Writer w(tableConfig(root.path(), "routes", 4096));
+    w.attach();
+    for (uint64_t id = 0; id < 2000; ++id) w.write(makeValue(id, 1));
+    ASSERT_TRUE(reader.initialize());
+  }
+  const uint64_t before = SharedMem::MappingGuard::pagesZeroed();
+  ASSERT_EQ(::truncate(root.file("routes", "slots").c_str(), ::sysconf(_SC_PAGESIZE)), 0);
+  uint32_t found = 0, corrupt = 0;
+  TestValue v;
+  for (uint64_t id = 0; id < 2000; ++id) {
+    try {
+      found += reader.lookup(TestKey{id}, v);
+    } catch (const Ledger::CorruptionException&) {
+      ++corrupt;
+    }
+  }
+  EXPECT_LT(found, 100u) << "what was in the first page only";
+  EXPECT_GT(corrupt, 0u) << "chains that lead into zeros are reported";
+  EXPECT_GT(SharedMem::MappingGuard::pagesZeroed(), before);
 }
 
 }  // namespace

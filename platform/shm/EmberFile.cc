@@ -14,6 +14,7 @@
 #include <random>
 #include <utility>
 
+#include "platform/shm/MappingGuard.h"
 #include "zinc/Hash.h"
 #include "zinc/Trace.h"
 
@@ -110,7 +111,7 @@ bool EmberFile::open(std::string_view root, std::string_view table, std::string_
 }
 
 void EmberFile::close() {
-  if (base_) ::munmap(base_, size_);
+  if (base_) unmap();
   if (fd_ >= 0) ::close(fd_);
   base_ = nullptr;
   size_ = 0;
@@ -132,8 +133,10 @@ bool EmberFile::mapLength(size_t bytes) {
   if (base_ && bytes > 0) {
     void* p = ::mremap(base_, size_, bytes, MREMAP_MAYMOVE);
     if (p == MAP_FAILED) return fail("cannot map " + std::to_string(bytes) + " bytes of");
+    if (!writable_) MappingGuard::forget(base_);
     base_ = static_cast<uint8_t*>(p);
     size_ = bytes;
+    if (!writable_) MappingGuard::watch(base_, size_);
     return true;
   }
 #endif
@@ -145,10 +148,18 @@ bool EmberFile::mapLength(size_t bytes) {
     mapped = static_cast<uint8_t*>(p);
   }
   // The new mapping is complete before the old one goes: a failure above keeps the old.
-  if (base_) ::munmap(base_, size_);
+  if (base_) unmap();
   base_ = mapped;
   size_ = bytes;
+  if (!writable_) MappingGuard::watch(base_, size_);
   return true;
+}
+
+// A read-only mapping is guarded against the file being cut under it (MappingGuard.h); a
+// writable one is the writer's own, whose files nobody else shortens.
+void EmberFile::unmap() {
+  if (!writable_) MappingGuard::forget(base_);
+  ::munmap(base_, size_);
 }
 
 bool EmberFile::resize(size_t bytes) {

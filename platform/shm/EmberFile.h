@@ -81,6 +81,7 @@ class EmberFile {
   static bool exists(std::string_view root, std::string_view table, std::string_view name);
 
  private:
+  void unmap();
   bool mapLength(size_t bytes);
   bool fail(const std::string& what);
 

@@ -1,0 +1,90 @@
+// A read-only mapping of a file that another process cuts short: reads beyond the new end find
+// zeros instead of ending the process, and faults that are not the guard's go where they went
+// before. Each case runs in a child process, where a SIGBUS that got through is its death.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "platform/shm/EmberFile.h"
+#include "platform/shm/MappingGuard.h"
+#include "platform/tests/ForkedChild.h"
+#include "platform/tests/TempDir.h"
+
+namespace {
+
+using SharedMem::EmberFile;
+using TestSupport::ForkedChild;
+
+constexpr size_t kLength = 64 << 10;
+
+// A file of kLength bytes of 0xab, opened with `access`, then cut to one page by another
+// descriptor (as another process would).
+struct CutFile {
+  explicit CutFile(EmberFile::Access access) {
+    EmberFile writer;
+    if (!writer.open(root.path(), "t", "f", EmberFile::Access::ReadWrite, true) ||
+        !writer.resize(kLength)) {
+      std::abort();
+    }
+    std::memset(writer.base(), 0xab, kLength);
+    if (!file.open(root.path(), "t", "f", access, false)) std::abort();
+    if (::truncate(root.file("t", "f").c_str(), ::sysconf(_SC_PAGESIZE)) != 0) std::abort();
+  }
+  volatile uint8_t& at(size_t offset) { return file.base()[offset]; }
+
+  TestSupport::ShmRoot root;
+  EmberFile file;
+};
+
+int exitStatus(ForkedChild& child) {
+  const int status = child.wait();
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+TEST(MappingGuard, AReaderOfACutFileReadsZerosBeyondTheEnd) {
+  ForkedChild child([](int) {
+    CutFile f(EmberFile::Access::ReadOnly);
+    const uint64_t before = SharedMem::MappingGuard::pagesZeroed();
+    if (f.at(100) != 0xab) return 1;       // before the cut: still there
+    if (f.at(kLength / 2) != 0) return 2;  // beyond it: zeros, once the page is replaced
+    if (f.at(kLength / 2 + 8) != 0) return 3;
+    if (SharedMem::MappingGuard::pagesZeroed() != before + 1) return 4;
+    if (f.at(kLength - 1) != 0) return 5;  // another page
+    if (SharedMem::MappingGuard::pagesZeroed() != before + 2) return 6;
+    f.file.close();  // unmapped whole, zero pages included
+    return 0;
+  });
+  EXPECT_EQ(exitStatus(child), 0);
+}
+
+// The writer's own mapping is not guarded: a fault there goes to the handler installed before
+// the guard's, or ends the process as it would have.
+TEST(MappingGuard, OtherFaultsGoWhereTheyWentBefore) {
+  ForkedChild handled([](int) {
+    struct sigaction action {};
+    action.sa_handler = [](int) { ::_exit(42); };
+    ::sigaction(SIGBUS, &action, nullptr);
+    CutFile reader(EmberFile::Access::ReadOnly);  // the guard is installed after the handler
+    if (reader.at(kLength / 2) != 0) return 1;
+    CutFile writer(EmberFile::Access::ReadWrite);
+    writer.at(kLength / 2) = 1;
+    return 0;
+  });
+  EXPECT_EQ(exitStatus(handled), 42);
+
+  ForkedChild unhandled([](int) {
+    CutFile reader(EmberFile::Access::ReadOnly);
+    if (reader.at(kLength / 2) != 0) return 1;
+    CutFile writer(EmberFile::Access::ReadWrite);
+    writer.at(kLength / 2) = 1;
+    return 0;
+  });
+  // Killed by SIGBUS, or by the abort of a sanitizer that handled SIGBUS before the guard.
+  const int status = exitStatus(unhandled);
+  EXPECT_TRUE(status == -SIGBUS || status == -SIGABRT) << status;
+}
+
+}  // namespace
