@@ -47,8 +47,9 @@ void passOn(int sig, siginfo_t* info, void* context) {
 }
 
 void onBus(int sig, siginfo_t* info, void* context) {
+  // BUS_ADRERR: the page has no backing any more (beyond the end of its file).
   const auto address = reinterpret_cast<uintptr_t>(info->si_addr);
-  if (!guarded(address)) return passOn(sig, info, context);
+  if (info->si_code != BUS_ADRERR || !guarded(address)) return passOn(sig, info, context);
   const auto page = static_cast<uintptr_t>(::sysconf(_SC_PAGESIZE));
   void* at = reinterpret_cast<void*>(address & ~(page - 1));
   // mmap is a plain system call, safe here; the page reads as zeros from now on.
