@@ -444,8 +444,10 @@ uint32_t SlabReader::copy(uint32_t index, uint8_t* out, uint32_t capacity, std::
 const uint8_t* SlabReader::payload(uint32_t index, uint32_t* size) const {
   if (index >= mappedEntries_) return nullptr;
   const SlabEntryHeader* e = entry(index);
-  if (e->payloadSize == 0 || e->payloadSize > maxPayload_) return nullptr;
-  if (size) *size = e->payloadSize;
+  // One load: the size checked is the size told.
+  const uint32_t payloadSize = Ledger::Shm::load(e->payloadSize, std::memory_order_relaxed);
+  if (payloadSize == 0 || payloadSize > maxPayload_) return nullptr;
+  if (size) *size = payloadSize;
   return reinterpret_cast<const uint8_t*>(e + 1);
 }
 
