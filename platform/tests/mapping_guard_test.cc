@@ -20,22 +20,22 @@ using TestSupport::ForkedChild;
 
 constexpr size_t kLength = 64 << 10;
 
-// A file of kLength bytes of 0xab, opened with `access`, then cut to one page by another
-// descriptor (as another process would).
+// A file `table`/f of kLength bytes of 0xab under `root`, opened with `access`, then cut to one
+// page by another descriptor (as another process would). The root is the test's, made and
+// removed by the parent: a child that dies leaves nothing behind.
 struct CutFile {
-  explicit CutFile(EmberFile::Access access) {
+  CutFile(const TestSupport::ShmRoot& root, const char* table, EmberFile::Access access) {
     EmberFile writer;
-    if (!writer.open(root.path(), "t", "f", EmberFile::Access::ReadWrite, true) ||
+    if (!writer.open(root.path(), table, "f", EmberFile::Access::ReadWrite, true) ||
         !writer.resize(kLength)) {
       std::abort();
     }
     std::memset(writer.base(), 0xab, kLength);
-    if (!file.open(root.path(), "t", "f", access, false)) std::abort();
-    if (::truncate(root.file("t", "f").c_str(), ::sysconf(_SC_PAGESIZE)) != 0) std::abort();
+    if (!file.open(root.path(), table, "f", access, false)) std::abort();
+    if (::truncate(root.file(table, "f").c_str(), ::sysconf(_SC_PAGESIZE)) != 0) std::abort();
   }
   volatile uint8_t& at(size_t offset) { return file.base()[offset]; }
 
-  TestSupport::ShmRoot root;
   EmberFile file;
 };
 
@@ -45,8 +45,9 @@ int exitStatus(ForkedChild& child) {
 }
 
 TEST(MappingGuard, AReaderOfACutFileReadsZerosBeyondTheEnd) {
-  ForkedChild child([](int) {
-    CutFile f(EmberFile::Access::ReadOnly);
+  TestSupport::ShmRoot root;
+  ForkedChild child([&](int) {
+    CutFile f(root, "t", EmberFile::Access::ReadOnly);
     const uint64_t before = SharedMem::MappingGuard::pagesZeroed();
     if (f.at(100) != 0xab) return 1;       // before the cut: still there
     if (f.at(kLength / 2) != 0) return 2;  // beyond it: zeros, once the page is replaced
@@ -63,22 +64,23 @@ TEST(MappingGuard, AReaderOfACutFileReadsZerosBeyondTheEnd) {
 // The writer's own mapping is not guarded: a fault there goes to the handler installed before
 // the guard's, or ends the process as it would have.
 TEST(MappingGuard, OtherFaultsGoWhereTheyWentBefore) {
-  ForkedChild handled([](int) {
+  TestSupport::ShmRoot root;
+  ForkedChild handled([&](int) {
     struct sigaction action {};
     action.sa_handler = [](int) { ::_exit(42); };
     ::sigaction(SIGBUS, &action, nullptr);
-    CutFile reader(EmberFile::Access::ReadOnly);  // the guard is installed after the handler
+    CutFile reader(root, "r1", EmberFile::Access::ReadOnly);  // the guard comes after it
     if (reader.at(kLength / 2) != 0) return 1;
-    CutFile writer(EmberFile::Access::ReadWrite);
+    CutFile writer(root, "w1", EmberFile::Access::ReadWrite);
     writer.at(kLength / 2) = 1;
     return 0;
   });
   EXPECT_EQ(exitStatus(handled), 42);
 
-  ForkedChild unhandled([](int) {
-    CutFile reader(EmberFile::Access::ReadOnly);
+  ForkedChild unhandled([&](int) {
+    CutFile reader(root, "r2", EmberFile::Access::ReadOnly);
     if (reader.at(kLength / 2) != 0) return 1;
-    CutFile writer(EmberFile::Access::ReadWrite);
+    CutFile writer(root, "w2", EmberFile::Access::ReadWrite);
     writer.at(kLength / 2) = 1;
     return 0;
   });
