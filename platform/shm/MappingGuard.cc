@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <mutex>
 
 namespace SharedMem::MappingGuard {
@@ -21,6 +22,7 @@ static_assert(std::atomic<uintptr_t>::is_always_lock_free);
 constexpr size_t kRanges = 4096;
 Range ranges[kRanges];
 std::atomic<uint64_t> zeroed{0};
+uintptr_t pageSize = 4096;  // the system's, taken when the handler is installed
 struct sigaction previous;
 std::once_flag installed;
 
@@ -50,16 +52,19 @@ void onBus(int sig, siginfo_t* info, void* context) {
   // BUS_ADRERR: the page has no backing any more (beyond the end of its file).
   const auto address = reinterpret_cast<uintptr_t>(info->si_addr);
   if (info->si_code != BUS_ADRERR || !guarded(address)) return passOn(sig, info, context);
-  const auto page = static_cast<uintptr_t>(::sysconf(_SC_PAGESIZE));
-  void* at = reinterpret_cast<void*>(address & ~(page - 1));
-  // mmap is a plain system call, safe here; the page reads as zeros from now on.
-  if (::mmap(at, page, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0) == MAP_FAILED) {
-    return passOn(sig, info, context);
-  }
+  void* at = reinterpret_cast<void*>(address & ~(pageSize - 1));
+  // mmap is a plain system call, safe here; the page reads as zeros from now on. The
+  // interrupted code's errno is left as it was.
+  const int savedErrno = errno;
+  const bool zeroedPage =
+      ::mmap(at, pageSize, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0) != MAP_FAILED;
+  errno = savedErrno;
+  if (!zeroedPage) return passOn(sig, info, context);
   zeroed.fetch_add(1, std::memory_order_relaxed);
 }
 
 void install() {
+  pageSize = static_cast<uintptr_t>(::sysconf(_SC_PAGESIZE));
   struct sigaction action {};
   action.sa_sigaction = onBus;
   action.sa_flags = SA_SIGINFO | SA_RESTART;
