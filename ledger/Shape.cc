@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <sstream>
 
 #include "ledger/Exceptions.h"
 #include "ledger/Format.h"
@@ -24,6 +25,11 @@ uint32_t nextFreeOf(const SlabEntryHeader* e) {
 }
 void nextFreeIs(SlabEntryHeader* e, uint32_t next) { std::memcpy(e + 1, &next, sizeof(next)); }
 }  // namespace
+
+std::string referencedTwice(uint32_t sizeClass, uint32_t index) {
+  return "slab." + std::to_string(sizeClass) + " entry " + std::to_string(index) +
+         " referenced twice";
+}
 
 std::string checkEntries(const uint8_t* file, size_t fileSize,
                          const std::vector<bool>* referenced) {
@@ -326,14 +332,13 @@ std::string WriterAllocator::check(const std::vector<Offset>& live) const {
   for (uint32_t c = 0; c < kNumClasses; ++c) marks[c].assign(slabs_[c].numEntries(), false);
   for (Offset o : live) {
     if (!o.valid() || o.sizeClass() >= kNumClasses || o.index() >= marks[o.sizeClass()].size()) {
-      return "WriterAllocator::check() reference to no slab entry: 0x" + std::to_string(o.raw);
+      std::ostringstream why;
+      why << "WriterAllocator::check() reference to no slab entry: 0x" << std::hex << o.raw;
+      return why.str();
     }
-    auto mark = marks[o.sizeClass()][o.index()];
-    if (mark) {
-      return "WriterAllocator::check() slab." + std::to_string(o.sizeClass()) + " entry " +
-             std::to_string(o.index()) + " referenced twice";
-    }
-    mark = true;
+    std::vector<bool>& classMarks = marks[o.sizeClass()];
+    if (classMarks[o.index()]) return referencedTwice(o.sizeClass(), o.index());
+    classMarks[o.index()] = true;
   }
   for (uint32_t c = 0; c < kNumClasses; ++c) {
     if (std::string problem = slabs_[c].check(&marks[c]); !problem.empty()) return problem;

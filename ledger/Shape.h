@@ -123,6 +123,8 @@ constexpr uint32_t sizeClassFor(size_t size) {
 // inconsistency, or empty.
 std::string checkEntries(const uint8_t* file, size_t fileSize,
                          const std::vector<bool>* referenced = nullptr);
+// A slab entry that two slots refer to, in the words of every check that finds one.
+std::string referencedTwice(uint32_t sizeClass, uint32_t index);
 
 // The writer's end of one slab file.
 class SlabWriter {

@@ -472,14 +472,16 @@ TEST_F(LyingSlabs, TheAllocatorCheckHoldsEveryEntryAgainstItsReferences) {
   const std::string entry3 = "slab.1 entry " + std::to_string(live[3].index());
   std::vector<Shape::Offset> twice = without(2);
   twice.push_back(live[3]);
-  EXPECT_THAT(allocator.check(twice), HasSubstr(entry3 + " referenced twice"));
+  EXPECT_EQ(allocator.check(twice), entry3 + " referenced twice");
   EXPECT_THAT(allocator.check(without(3)), HasSubstr(entry3 + " in use but referenced by no slot"));
   ASSERT_TRUE(w.writer.remove(ViaSetKey{4}));  // frees live[3]
   EXPECT_THAT(allocator.check(live), HasSubstr(entry3 + " referenced but free"));
   EXPECT_EQ(allocator.check(without(3)), "");
   std::vector<Shape::Offset> nowhere = without(3);
   nowhere.push_back(Shape::Offset::of(1, 100000));
-  EXPECT_THAT(allocator.check(nowhere), HasSubstr("reference to no slab entry"));
+  EXPECT_EQ(allocator.check(nowhere),
+            "WriterAllocator::check() reference to no slab entry: 0x"
+            "80000001000186a0");
 }
 
 TEST_F(LyingSlabs, ArbitraryBytesNeverCrashTheReader) {

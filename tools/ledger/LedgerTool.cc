@@ -497,8 +497,7 @@ class Check {
       auto& marks = referenced[o.sizeClass()];
       if (o.index() >= marks.size()) marks.resize(o.index() + 1, false);
       if (marks[o.index()]) {
-        return ValidatorText::storage("slab." + std::to_string(o.sizeClass()) + " entry " +
-                                      std::to_string(o.index()) + " referenced twice");
+        return ValidatorText::storage(Shape::referencedTwice(o.sizeClass(), o.index()));
       }
       marks[o.index()] = true;
     }
