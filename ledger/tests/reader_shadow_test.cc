@@ -11,6 +11,7 @@
 
 #include "ledger/tests/ShadowHarness.h"
 #include "platform/tests/ForkedChild.h"
+#include "zinc/tests/TestSupport.h"
 
 namespace {
 
@@ -165,6 +166,79 @@ TEST_F(ShadowTest, SyncRunsInSlicesWhileWriterChanges) {
   EXPECT_EQ(log.present, w.contents());
   EXPECT_GT(iterations, 10) << "the sync yielded to the loop between slices";
   EXPECT_TRUE(log.errors.empty()) << log.errors.front();
+}
+
+// A sync cut into slices can be asked again, stopped, or meet a broken table between two of
+// them. Each case begins with a shadow one slice into its first sync of 20,000 keys.
+struct InterruptedSyncTest : ShadowTest {
+  void SetUp() override {
+    for (uint64_t id = 0; id < 20000; ++id) w.writer.write(makeValue(id, 1));
+    Ledger::ShadowOptions options;
+    options.yieldTime = 1us;
+    options.mountRetry = 10ms;
+    shadow = makeShadow(options);
+    ASSERT_TRUE(shadow->initialize());
+    loop.runOnce(0ms);  // the first slice
+    ASSERT_EQ(shadow->state(), ShadowState::syncing);
+    ASSERT_GT(log.adds, 0u);
+    ASSERT_LT(log.adds, 20000u) << "the first slice took part of the table";
+  }
+  void expectEqualToTheWriter() {
+    ASSERT_TRUE(settle(*shadow));
+    EXPECT_EQ(shadowContents(*shadow), w.contents());
+    EXPECT_EQ(log.present, w.contents());
+    EXPECT_TRUE(log.errors.empty()) << log.errors.front();
+  }
+
+  ZincTest::TraceCapture trace{"LedgerShadow/1"};
+  KickingWriter w{root.path(), "routes", 64, &loop};
+  std::unique_ptr<Shadow> shadow;
+};
+
+// Asked again midway, the walk starts over from the first slot. It finds the keys it told
+// unchanged, and tells them no second time, but a key that changed after the first walk passed
+// it (whose notification the new sync skips, as every sync does) it tells as changed.
+TEST_F(InterruptedSyncTest, ARequestMidwayRestartsTheWalkAndTellsNoKeyTwice) {
+  ASSERT_EQ(log.present.count(0), 1u) << "key 0, written first, was in the first slice";
+  w.writer.write(makeValue(0, 2));
+  shadow->resync("test");
+  EXPECT_TRUE(trace.has("Syncer::sync() Interrupting and restarting synchronization"));
+  expectEqualToTheWriter();
+  EXPECT_EQ(log.adds, 20000u);
+  EXPECT_EQ(log.changes, 1u);
+}
+
+// Detached midway, the walk stops: no slice runs after it. Mounted again, the shadow syncs to
+// the writer's table.
+TEST_F(InterruptedSyncTest, ADetachMidwayStopsTheWalk) {
+  shadow->detach();
+  EXPECT_TRUE(trace.has("Syncer::doSync() Interrupted shadow synchronization, synced "));
+  const uint64_t told = log.adds;
+  for (int i = 0; i < 20; ++i) loop.runOnce(1ms);
+  EXPECT_EQ(log.adds, told) << "nothing walked after the detach";
+  EXPECT_EQ(shadow->state(), ShadowState::detached);
+  ASSERT_TRUE(shadow->initialize());
+  expectEqualToTheWriter();
+}
+
+// A table that turns out broken midway (its header counts slots that its file does not hold)
+// ends the walk with a report to the corruption handler; the shadow tries again later, and
+// once the table is whole again it syncs to it.
+TEST_F(InterruptedSyncTest, CorruptionMidwayIsReportedAndTheSyncTriedAgain) {
+  std::vector<std::string> reported;
+  shadow->corruptionHandlerIs([&](const std::string& why) { reported.push_back(why); });
+  uint32_t& numSlots = w.writer.slotTable().header().numSlots;
+  const uint32_t whole = numSlots;
+  numSlots = whole + 4096;
+  ASSERT_TRUE(until([&] { return !reported.empty(); }));
+  EXPECT_TRUE(trace.has("Syncer::doSync() corruption detected: " + reported.front()))
+      << reported.front();
+  EXPECT_EQ(shadow->state(), ShadowState::attached) << "waiting to try again";
+  numSlots = whole;
+  expectEqualToTheWriter();
+  EXPECT_TRUE(
+      trace.has("LedgerShadow::resync() Out-of-sync, re-synchronizing local shadow "
+                "routes: after corruption"));
 }
 
 // A writer in another process churns (rewrites, removes, re-adds) with no pause while
