@@ -20,6 +20,7 @@
 
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "ledger/LedgerReader.h"
@@ -130,6 +131,9 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
       return reader_.attached() && reader_.first(out);
     }
   }
+  // A value shadow iterates its slots in order. A walk within one turn of the loop sees the
+  // shadow as it stands. Over several turns, a key deleted between two steps does not end the
+  // walk, but keys that the writer moves to lower slots as it shrinks its table may be passed.
   bool next(const Key& prev, Value& out, uint32_t* hint = nullptr) override {
     if constexpr (SlotKind::kValues) {
       uint32_t at = slotOfKey(prev, hint);
@@ -355,15 +359,22 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
     if (writerChanged() || state_ == ShadowState::attached) resync("health check");
   }
 
+  // Where an iteration stands after `key`: its slot, or, when the key is gone (the loop told
+  // of its deletion between two steps), the slot it was in: the caller's hint, else the
+  // shadow's own record of the entry it returned last. kNoSlot when neither knows.
   uint32_t slotOfKey(const Key& key, uint32_t* hint) const {
-    if (!store_.contains(key)) return hint ? *hint : kNoSlot;
-    return store_.slotOfKey(key);
+    if (store_.contains(key)) return store_.slotOfKey(key);
+    if (hint) return *hint;
+    if (lastReturned_ && OpsT::equal(lastReturned_->key, key)) return lastReturned_->slot;
+    ZTRACE_TO(ShadowDetail::trace(), 3, "LedgerShadow::next() previous key gone, no hint");
+    return kNoSlot;
   }
   bool fromSlot(uint32_t from, Value& out, uint32_t* hint) {
     uint32_t at = store_.firstOccupiedFrom(from);
     if (at == kNoSlot) return false;
     store_.valueAt(at, out);
     if (hint) *hint = at;
+    lastReturned_ = Returned{OpsT::keyOf(out), at};
     return true;
   }
 
@@ -379,6 +390,12 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
   bool notifying_ = true;
   bool rallyScheduled_ = false;
   uint64_t identity_ = 0;
+  // The entry that first() or next() returned last, for a next() after it is gone.
+  struct Returned {
+    Key key;
+    uint32_t slot;
+  };
+  std::optional<Returned> lastReturned_;
   uint64_t resyncs_ = 0;
   uint64_t kicks_ = 0;
   uint32_t mountTries_ = 0;

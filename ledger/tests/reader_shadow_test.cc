@@ -168,6 +168,44 @@ TEST_F(ShadowTest, SyncRunsInSlicesWhileWriterChanges) {
   EXPECT_TRUE(log.errors.empty()) << log.errors.front();
 }
 
+// Iterating a shadow: every key once, in the shadow's slot order, also when the key of the
+// step before was deleted meanwhile (the loop ran between two steps and told of it). The
+// deletions here leave the table big enough not to shrink: a shrink moves keys to lower slots,
+// behind a walk spread over several turns of the loop.
+TEST_F(ShadowTest, IterationGoesOnPastAKeyDeletedBetweenTwoSteps) {
+  KickingWriter w(root.path(), "routes", 64, &loop);
+  for (uint64_t id = 0; id < 400; ++id) w.writer.write(makeValue(id, 1));
+  auto shadow = makeShadow();
+  ASSERT_TRUE(shadow->initialize());
+  ASSERT_TRUE(settle(*shadow));
+  // Walks the shadow with `step`; after each key whose id % 4 is `doomed`, the writer deletes
+  // it and the shadow is told before the step.
+  auto walk = [&](int doomed, auto step) {
+    std::map<uint64_t, uint64_t> seen;
+    TestValue v;
+    for (bool more = shadow->first(v); more; more = step(v)) {
+      EXPECT_TRUE(seen.emplace(v.k.id, v.version).second) << "key " << v.k.id << " twice";
+      if (int(v.k.id % 4) != doomed) continue;
+      w.writer.remove(v.k);
+      EXPECT_TRUE(settle(*shadow));
+      EXPECT_FALSE(shadow->lookup(v.k, v)) << "gone from the shadow before the step";
+    }
+    return seen;
+  };
+  const auto all = w.contents();
+  EXPECT_EQ(walk(-1, [&](TestValue& v) { return shadow->next(v.k, v); }), all);
+  EXPECT_EQ(walk(0, [&](TestValue& v) { return shadow->next(v.k, v); }), all) << "no hint";
+  const auto fewer = w.contents();
+  uint32_t hint = 0;
+  EXPECT_EQ(walk(1, [&](TestValue& v) { return shadow->next(v.k, v, &hint); }), fewer)
+      << "with a hint";
+  EXPECT_EQ(shadow->members(), 200u);
+  ASSERT_EQ(w.writer.writerCounters().slotShrinks, 0u);
+  // A key the shadow never held, nor returned last: nowhere to go on from.
+  TestValue v;
+  EXPECT_FALSE(shadow->next(TestKey{100000}, v));
+}
+
 // A sync cut into slices can be asked again, stopped, or meet a broken table between two of
 // them. Each case begins with a shadow one slice into its first sync of 20,000 keys.
 struct InterruptedSyncTest : ShadowTest {
