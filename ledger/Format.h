@@ -203,6 +203,23 @@ constexpr uint32_t reverseBits(uint32_t x) {
 }
 static_assert(reverseBits(1) == 0x80000000u && reverseBits(0x12345678u) == 0x1e6a2c48u);
 
+// Table order: buckets by their index with its bits reversed, each chain in (rhash, key) order.
+// A bucket's index is the low bits of its keys' hashes, which reversed are the high bits of
+// their rhash: the whole table is then in ascending (rhash, key) order, whatever the bucket
+// count. Doubling the buckets splits each chain into two that follow each other in this
+// order, and halving merges them back; a walk from each key to the one after it goes on where
+// it was across either. The bucket after `bucket` in table order among `numBuckets` (a power
+// of two), or `numBuckets` after the last one (or when numBuckets is not a power of two).
+constexpr uint32_t nextBucketInOrder(uint32_t bucket, uint32_t numBuckets) {
+  if (numBuckets < 2 || (numBuckets & (numBuckets - 1)) != 0) return numBuckets;
+  const int shift = 32 - __builtin_ctz(numBuckets);
+  const uint32_t order = (reverseBits(bucket) >> shift) + 1;
+  return order == numBuckets ? numBuckets : reverseBits(order) >> shift;
+}
+static_assert(nextBucketInOrder(0, 8) == 4 && nextBucketInOrder(4, 8) == 2 &&
+              nextBucketInOrder(6, 8) == 1 && nextBucketInOrder(7, 8) == 8 &&
+              nextBucketInOrder(0, 1) == 1 && nextBucketInOrder(0, 6) == 6);
+
 // A link pair as one 64-bit word: generation in the low half, link in the high half.
 constexpr uint64_t packLink(uint32_t generation, uint32_t link) {
   return generation | (static_cast<uint64_t>(link) << 32);

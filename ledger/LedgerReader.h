@@ -452,22 +452,47 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
       if (w != Walk::again) return w == Walk::found;
       ++counters_.retries;
       // A walk that overlapped a redistribution of the chains proves nothing either way: wait
-      // for the writer to finish it, without counting, but not forever (a writer that died
-      // half-way leaves resizeSeq odd until the next one attaches).
+      // for the writer to finish it, without counting.
       if ((seq & 1) || !buckets_.seqUnchanged(seq)) {
-        auto now = std::chrono::steady_clock::now();
-        if (resizeDeadline == std::chrono::steady_clock::time_point{}) {
-          resizeDeadline = now + config_.resizeWait;
-        } else if (now > resizeDeadline) {
-          if (seq & 1) stuckResizeSeq_ = seq;
-          throw CorruptionException(resizeStuck(who, seq));
-        }
-        ::sched_yield();
+        awaitResize(seq, resizeDeadline, who);
         continue;
       }
       ++attempt;
     }
     throw CorruptionException(oddity);
+  }
+
+  // Waits a little for the writer to end the redistribution that overlapped a walk begun
+  // under `seq`, but not forever: a writer that died half-way leaves resizeSeq odd until the
+  // next one attaches. `deadline` starts at the first wait.
+  void awaitResize(uint32_t seq, std::chrono::steady_clock::time_point& deadline, const char* who) {
+    auto now = std::chrono::steady_clock::now();
+    if (deadline == std::chrono::steady_clock::time_point{}) {
+      deadline = now + config_.resizeWait;
+    } else if (now > deadline) {
+      if (seq & 1) stuckResizeSeq_ = seq;
+      throw CorruptionException(resizeStuck(who, seq));
+    }
+    ::sched_yield();
+  }
+
+  // One step of an iteration, taken again until no redistribution of the chains overlapped it
+  // (resizeSeq even and unchanged around it), under the writer's current bucket count: the
+  // entry it found is then the one after the previous in table order, or there is none.
+  template <class Step>
+  bool iterationStep(const char* who, Step step) {
+    std::chrono::steady_clock::time_point resizeDeadline{};
+    for (;;) {
+      const uint32_t seq = buckets_.seqBegin();
+      if ((seq & 1) && seq == stuckResizeSeq_) throw CorruptionException(resizeStuck(who, seq));
+      if (!(seq & 1)) {
+        if (buckets_.headerNumBuckets() != buckets_.numBuckets()) buckets_.checkResize();
+        const bool found = step();
+        if (buckets_.seqUnchanged(seq)) return found;
+      }
+      ++counters_.retries;
+      awaitResize(seq, resizeDeadline, who);
+    }
   }
 
   template <class Visit>
@@ -537,10 +562,10 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
     return true;
   }
 
-  // The first entry of the first non-empty bucket from `fromBucket` on.
+  // The first entry of the first non-empty bucket from `fromBucket` on, in table order.
   bool firstFrom(uint32_t fromBucket, Value& out, uint32_t* hint, const char* who) {
     const uint32_t n = buckets_.numBuckets();
-    for (uint32_t b = fromBucket, visited = 0; b < n; ++b) {
+    for (uint32_t b = fromBucket, visited = 0; b < n; b = nextBucketInOrder(b, n)) {
       if (++visited > n) {
         throw CorruptionException(std::string(who) + " has bucket cycle detected, bucketCount: " +
                                   std::to_string(visited));
@@ -574,19 +599,27 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
   }
 
   bool doFirst(Value& out, uint32_t* hint) {
-    if (firstFrom(0, out, hint, "LedgerReader::first()")) return true;
+    const char* who = "LedgerReader::first()";
+    if (iterationStep(who, [&] { return firstFrom(0, out, hint, who); })) return true;
     ZTRACE_TO(ReaderDetail::trace(), 9, "LedgerReader::first() none found!");
     return false;
   }
 
   // The entry after `prev` in table order: the rest of prev's chain, then the next buckets.
   // Fast path: `hint` names the slot that still holds prev, and its successor follows it.
-  bool doNext(const Key& prev, Value& out, uint32_t* hint) {
+  // `prev` is copied first: it is often the key of `out`, which an attempt overwrites.
+  bool doNext(const Key& prevKey, Value& out, uint32_t* hint) {
+    const Key prev = prevKey;
     const uint32_t hash = OpsT::hash(prev);
-    if (hint && nextFromHint(prev, hash, out, hint)) return true;
-    if (successorInChain(hash, prev, out, hint)) return true;
-    const uint32_t bucket = hash & (buckets_.numBuckets() - 1);
-    return firstFrom(bucket + 1, out, hint, "LedgerReader::doNext()");
+    const uint32_t hinted = hint ? *hint : kNoSlot;
+    const char* who = "LedgerReader::doNext()";
+    return iterationStep(who, [&] {
+      if (hint) *hint = hinted;
+      if (hint && nextFromHint(prev, hash, out, hint)) return true;
+      if (successorInChain(hash, prev, out, hint)) return true;
+      const uint32_t n = buckets_.numBuckets();
+      return firstFrom(nextBucketInOrder(hash & (n - 1), n), out, hint, who);
+    });
   }
 
   bool nextFromHint(const Key& prev, uint32_t hash, Value& out, uint32_t* hint) {

@@ -116,7 +116,7 @@ class WriterHashMap {
   }
   void forgetMiss() { ++linkEpoch_; }
 
-  // The first slot in table order (buckets ascending, chains in order), or kNoSlot.
+  // The first slot in table order (see nextBucketInOrder), or kNoSlot.
   uint32_t first() { return firstFrom(0, "WriterHashMap::first()"); }
 
   // The slot after `prev` in table order, whether or not `prev` is still in the table.
@@ -145,12 +145,13 @@ class WriterHashMap {
       }
       return successor;
     }
-    verifyNextBucket(bucket, bucket + 1);
-    return firstFrom(bucket + 1, "WriterHashMap::next()");
+    const uint32_t after = nextBucketInOrder(bucket, buckets_.numBuckets());
+    verifyNextBucket(bucket, after);
+    return firstFrom(after, "WriterHashMap::next()");
   }
 
   void verifyNextBucket(uint32_t bucket, uint32_t nextBucket) const {
-    if (nextBucket <= bucket || nextBucket > buckets_.numBuckets()) {
+    if (nextBucket == bucket || nextBucket > buckets_.numBuckets()) {
       throw CorruptionException(
           "WriterHashMap::verifyNextBucket() has bucket: " + std::to_string(bucket) +
           " with next bucket: " + std::to_string(nextBucket) +
@@ -303,8 +304,10 @@ class WriterHashMap {
     checkStored(slots_.slot(link), ops_.storedKey(slots_.value(link)), link, bucket, who);
   }
 
+  // The first slot of the first non-empty bucket from `bucket` on, in table order.
   uint32_t firstFrom(uint32_t bucket, const char* who) {
-    for (uint32_t b = bucket; b < buckets_.numBuckets(); ++b) {
+    const uint32_t n = buckets_.numBuckets();
+    for (uint32_t b = bucket; b < n; b = nextBucketInOrder(b, n)) {
       uint32_t link = SlotWriterTable::loadLink(buckets_.head(b));
       if (isEndOfChain(link)) continue;
       checkSlot(link, b, who, 1);

@@ -1,7 +1,10 @@
 // The direct reader against a real writer's files: lookups, iteration, re-mapping on growth,
 // the look-aside read of a slot caught mid-rewrite, and corrupt files.
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <map>
 #include <memory>
 #include <optional>
@@ -12,6 +15,7 @@
 #include "ledger/LedgerReader.h"
 #include "ledger/LedgerWriter.h"
 #include "ledger/tests/TestTable.h"
+#include "platform/tests/ForkedChild.h"
 
 namespace {
 
@@ -113,6 +117,83 @@ TEST_F(ReaderTable, FollowsWriterThroughGrowthAndShrink) {
   EXPECT_GT(reader.readerCounters().remaps, 0u);
   EXPECT_GT(writer.writerCounters().slotShrinks, 0u);
   EXPECT_GT(writer.writerCounters().bucketGrowths, 0u);
+}
+
+// A walk of the table (first, then next from each key) that goes on while the writer doubles
+// its bucket count and halves it again: every key that stays in the table all along is
+// returned once, whatever the bucket count at each step. `walker` is the writer itself, or
+// the direct reader.
+template <class Walker>
+void walkAcrossBucketResizes(Writer& writer, Walker& walker) {
+  constexpr uint64_t kStaying = 2000, kPassing = 6000;
+  for (uint64_t id = 0; id < kStaying; ++id) writer.write(makeValue(id, 1));
+  const auto growths = writer.writerCounters().bucketGrowths;
+  const auto shrinks = writer.writerCounters().bucketShrinks;
+  std::map<uint64_t, int> seen;
+  TestValue v;
+  uint32_t hint = kNoSlot;
+  int step = 0;
+  for (bool more = walker.first(v); more; more = walker.next(v.k, v, &hint), ++step) {
+    ++seen[v.k.id];
+    if (step == kStaying / 3) {  // keys that come and go: the buckets double, and halve
+      for (uint64_t id = 0; id < kPassing; ++id) writer.write(makeValue(100000 + id, 1));
+    } else if (step == kStaying / 2) {
+      for (uint64_t id = 0; id < kPassing; ++id) writer.remove(TestKey{100000 + id});
+    }
+  }
+  EXPECT_GT(writer.writerCounters().bucketGrowths, growths);
+  EXPECT_GT(writer.writerCounters().bucketShrinks, shrinks);
+  for (uint64_t id = 0; id < kStaying; ++id) EXPECT_EQ(seen[id], 1) << "key " << id;
+  for (const auto& [id, times] : seen) EXPECT_EQ(times, 1) << "passing key " << id;
+}
+
+TEST_F(ReaderTable, AWriterWalksAcrossBucketResizesSeeingEveryKeyOnce) {
+  Writer& writer = startWriter();
+  walkAcrossBucketResizes(writer, writer);
+}
+
+TEST_F(ReaderTable, AReaderWalksAcrossBucketResizesSeeingEveryKeyOnce) {
+  Writer& writer = startWriter();
+  Reader& reader = attachReader();
+  walkAcrossBucketResizes(writer, reader);
+}
+
+// The same across processes: a writer in another process makes keys come and go without a
+// pause, doubling and halving its buckets, while this one walks the table again and again.
+TEST_F(ReaderTable, WalksRacingBucketResizesInAnotherProcessSeeEveryKeyOnce) {
+  constexpr uint64_t kStaying = 2000;
+  TestSupport::ForkedChild child([&](int told, int stop) -> int {
+    Writer& writer = startWriter();
+    for (uint64_t id = 0; id < kStaying; ++id) writer.write(makeValue(id, 1));
+    (void)!::write(told, "l", 1);
+    for (pollfd p{stop, POLLIN, 0}; ::poll(&p, 1, 0) == 0;) {
+      for (uint64_t id = 0; id < 6000; ++id) writer.write(makeValue(100000 + id, 1));
+      for (uint64_t id = 0; id < 6000; ++id) writer.remove(TestKey{100000 + id});
+    }
+    const bool resized = writer.writerCounters().bucketShrinks > 0;
+    (void)!::write(told, resized ? "r" : "-", 1);
+    for (char c = 0; c != 'x' && ::read(stop, &c, 1) == 1;) {
+    }  // keeps the table until the parent is done with it
+    return 0;
+  });
+  ASSERT_EQ(child.read(1), "l");
+  Reader& reader = attachReader();
+  // At least 40 walks, and on until one step has met a redistribution (and been taken again).
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  for (int walk = 0; walk < 40 || (reader.readerCounters().retries == 0 &&
+                                   std::chrono::steady_clock::now() < deadline);
+       ++walk) {
+    std::map<uint64_t, int> seen;
+    TestValue v;
+    uint32_t hint = kNoSlot;
+    for (bool more = reader.first(v); more; more = reader.next(v.k, v, &hint)) ++seen[v.k.id];
+    for (uint64_t id = 0; id < kStaying; ++id) ASSERT_EQ(seen[id], 1) << "key " << id;
+    for (const auto& [id, times] : seen) ASSERT_EQ(times, 1) << "passing key " << id;
+  }
+  ASSERT_TRUE(child.tell('s'));
+  EXPECT_EQ(child.read(1), "r");
+  EXPECT_GT(reader.readerCounters().retries, 0u) << "some steps met a redistribution";
+  child.tell('x');
 }
 
 TEST_F(ReaderTable, SlotBeyondMappingMakesItRemap) {
