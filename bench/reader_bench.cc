@@ -8,6 +8,7 @@
 //                 (the identity, which boost::hash and std::hash use; this table then gets a
 //                 key type that hashes so), and the _keyhash ratios with both hashing as the
 //                 LFIB's keys do. Every other figure uses the LFIB's hashing.
+//                 A walk of the whole table by the direct reader (first, next): walk_entries_per_s.
 //   chase         a dependent pointer chase over a buffer of the slot table's size
 //   sync          cold shadow sync of the whole table in a new shadow, against a memcpy of the
 //                 table's bytes (from the writer's mapping into memory already faulted in),
@@ -130,6 +131,17 @@ double ledgerLookups(ReaderOf<R>& reader, const std::vector<uint32_t>& order) {
   double t = seconds(start);
   sink = found;
   return order.size() / t;
+}
+
+// A walk of the whole table (first, then next from each key with its hint): entries per second.
+double ledgerWalk(Reader& reader) {
+  Route r;
+  uint32_t hint = Ledger::kNoSlot, n = 0;
+  auto start = Clock::now();
+  for (bool more = reader.first(r); more; more = reader.next(r.k, r, &hint)) ++n;
+  double t = seconds(start);
+  sink = n;
+  return n / t;
 }
 
 // The same keys through lookupBatch, kBatch at a time.
@@ -610,7 +622,7 @@ int main() {
   }
 
   // ours, bl, bu: keys hashed by the identity; oursMixed, blMixed, buMixed: as the LFIB's keys.
-  Series ours, oursMixed, batched, lm, bl, bu, blMixed, buMixed, st, chase;
+  Series ours, oursMixed, batched, walk, lm, bl, bu, blMixed, buMixed, st, chase;
   Series sync, syncCpu, copy, follow, followRemovals, resync, copyCold, keySync;
   Series wakeP50, wakeP99, futexP50, futexP99, epollP50, epollP99, churnP50, churnP99;
   for (int rep = 0; rep < kRepetitions; ++rep) {
@@ -618,6 +630,7 @@ int main() {
       ours.push_back(ledgerLookups<IdentityRoute>(*identityReader, order));
       oursMixed.push_back(ledgerLookups<Route>(reader, order));
       batched.push_back(ledgerBatchedLookups(reader, order));
+      walk.push_back(ledgerWalk(reader));
       lm.push_back(lmdb->lookups(order));
       bl.push_back(boost->lookups(order, true));
       bu.push_back(boost->lookups(order, false));
@@ -661,6 +674,7 @@ int main() {
   figure("lookup_per_s", oursMixed, 0, "lookups/s");
   figure("lookup_identity_hash_per_s", ours, 0, "lookups/s");
   figure("batched_lookup_per_s", batched, 0, "lookups/s");
+  figure("walk_entries_per_s", walk, 0, "entries/s");
   figure("lmdb_get_per_s", lm, 0, "lookups/s");
   figure("boost_ipc_locked_per_s", bl, 0, "lookups/s");
   figure("boost_ipc_unlocked_per_s", bu, 0, "lookups/s");

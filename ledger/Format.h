@@ -216,6 +216,16 @@ constexpr uint32_t nextBucketInOrder(uint32_t bucket, uint32_t numBuckets) {
   const uint32_t order = (reverseBits(bucket) >> shift) + 1;
   return order == numBuckets ? numBuckets : reverseBits(order) >> shift;
 }
+// The bucket `distance` places after `bucket` in table order, or `numBuckets` when the table
+// ends before (a walk fetches its buckets ahead by it).
+constexpr uint32_t bucketAheadInOrder(uint32_t bucket, uint32_t numBuckets, uint32_t distance) {
+  if (numBuckets < 2 || (numBuckets & (numBuckets - 1)) != 0) return numBuckets;
+  const int shift = 32 - __builtin_ctz(numBuckets);
+  const uint64_t order = uint64_t{reverseBits(bucket) >> shift} + distance;
+  return order >= numBuckets ? numBuckets : reverseBits(uint32_t(order)) >> shift;
+}
+static_assert(bucketAheadInOrder(0, 8, 3) == 6 && bucketAheadInOrder(6, 8, 1) == 1 &&
+              bucketAheadInOrder(6, 8, 2) == 5 && bucketAheadInOrder(6, 8, 5) == 8);
 static_assert(nextBucketInOrder(0, 8) == 4 && nextBucketInOrder(4, 8) == 2 &&
               nextBucketInOrder(6, 8) == 1 && nextBucketInOrder(7, 8) == 8 &&
               nextBucketInOrder(0, 1) == 1 && nextBucketInOrder(0, 6) == 6);

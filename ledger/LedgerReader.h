@@ -566,6 +566,7 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
   bool firstFrom(uint32_t fromBucket, Value& out, uint32_t* hint, const char* who) {
     const uint32_t n = buckets_.numBuckets();
     for (uint32_t b = fromBucket, visited = 0; b < n; b = nextBucketInOrder(b, n)) {
+      prefetchAheadInOrder(b, n);
       if (++visited > n) {
         throw CorruptionException(std::string(who) + " has bucket cycle detected, bucketCount: " +
                                   std::to_string(visited));
@@ -573,6 +574,20 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
       if (firstInBucket(b, out, hint, who)) return true;
     }
     return false;
+  }
+
+  // As the writer's walk does (WriterHashMap::prefetchAheadInOrder): the bucket 16 places
+  // ahead in table order, and the first slot of the one 8 places ahead, whole, when it is mapped.
+  void prefetchAheadInOrder(uint32_t b, uint32_t n) {
+    const uint32_t far = bucketAheadInOrder(b, n, 16), near = bucketAheadInOrder(b, n, 8);
+    if (far < n) __builtin_prefetch(&buckets_.headWord(far));
+    if (near >= n) return;
+    const uint32_t link = linkOf(Shm::load(buckets_.headWord(near), std::memory_order_relaxed));
+    if (link >= slots_.mappedSlots()) return;
+    // The whole slot: a step reads it all (the consistent copy of the value).
+    const auto* bytes = reinterpret_cast<const char*>(&slots_.slot(link));
+    for (uint32_t at = 0; at < slots_.slotSize(); at += 64) __builtin_prefetch(bytes + at);
+    __builtin_prefetch(bytes + slots_.slotSize() - 1);
   }
 
   // The smallest entry of bucket `b`, read consistently; retried while the writer changes it.
