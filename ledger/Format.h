@@ -208,24 +208,24 @@ static_assert(reverseBits(1) == 0x80000000u && reverseBits(0x12345678u) == 0x1e6
 // their rhash: the whole table is then in ascending (rhash, key) order, whatever the bucket
 // count. Doubling the buckets splits each chain into two that follow each other in this
 // order, and halving merges them back; a walk from each key to the one after it goes on where
-// it was across either. The bucket after `bucket` in table order among `numBuckets` (a power
-// of two), or `numBuckets` after the last one (or when numBuckets is not a power of two).
-constexpr uint32_t nextBucketInOrder(uint32_t bucket, uint32_t numBuckets) {
-  if (numBuckets < 2 || (numBuckets & (numBuckets - 1)) != 0) return numBuckets;
-  const int shift = 32 - __builtin_ctz(numBuckets);
-  const uint32_t order = (reverseBits(bucket) >> shift) + 1;
-  return order == numBuckets ? numBuckets : reverseBits(order) >> shift;
-}
-// The bucket `distance` places after `bucket` in table order, or `numBuckets` when the table
-// ends before (a walk fetches its buckets ahead by it).
+// it was across either.
+//
+// The bucket `distance` places after `bucket` in table order among `numBuckets` (a power of
+// two), or `numBuckets` when the table ends before (or numBuckets is not a power of two).
 constexpr uint32_t bucketAheadInOrder(uint32_t bucket, uint32_t numBuckets, uint32_t distance) {
   if (numBuckets < 2 || (numBuckets & (numBuckets - 1)) != 0) return numBuckets;
   const int shift = 32 - __builtin_ctz(numBuckets);
   const uint64_t order = uint64_t{reverseBits(bucket) >> shift} + distance;
   return order >= numBuckets ? numBuckets : reverseBits(uint32_t(order)) >> shift;
 }
-static_assert(bucketAheadInOrder(0, 8, 3) == 6 && bucketAheadInOrder(6, 8, 1) == 1 &&
-              bucketAheadInOrder(6, 8, 2) == 5 && bucketAheadInOrder(6, 8, 5) == 8);
+constexpr uint32_t nextBucketInOrder(uint32_t bucket, uint32_t numBuckets) {
+  return bucketAheadInOrder(bucket, numBuckets, 1);
+}
+// How far ahead in table order a walk fetches: the first slot of the bucket this far ahead,
+// and the bucket twice as far (whose head the first fetch then finds in the cache).
+inline constexpr uint32_t kWalkAhead = 8;
+static_assert(bucketAheadInOrder(0, 8, 3) == 6 && bucketAheadInOrder(6, 8, 2) == 5 &&
+              bucketAheadInOrder(6, 8, 5) == 8);
 static_assert(nextBucketInOrder(0, 8) == 4 && nextBucketInOrder(4, 8) == 2 &&
               nextBucketInOrder(6, 8) == 1 && nextBucketInOrder(7, 8) == 8 &&
               nextBucketInOrder(0, 1) == 1 && nextBucketInOrder(0, 6) == 6);

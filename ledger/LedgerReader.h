@@ -576,10 +576,12 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
     return false;
   }
 
-  // As the writer's walk does (WriterHashMap::prefetchAheadInOrder): the bucket 16 places
-  // ahead in table order, and the first slot of the one 8 places ahead, whole, when it is mapped.
+  // As the writer's walk does (WriterHashMap::prefetchAheadInOrder): the bucket twice
+  // kWalkAhead ahead in table order, and the first slot of the one kWalkAhead ahead, whole,
+  // when it is mapped.
   void prefetchAheadInOrder(uint32_t b, uint32_t n) {
-    const uint32_t far = bucketAheadInOrder(b, n, 16), near = bucketAheadInOrder(b, n, 8);
+    const uint32_t far = bucketAheadInOrder(b, n, 2 * kWalkAhead);
+    const uint32_t near = bucketAheadInOrder(b, n, kWalkAhead);
     if (far < n) __builtin_prefetch(&buckets_.headWord(far));
     if (near >= n) return;
     const uint32_t link = linkOf(Shm::load(buckets_.headWord(near), std::memory_order_relaxed));

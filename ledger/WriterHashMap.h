@@ -245,13 +245,13 @@ class WriterHashMap {
   // The bytes of a slot that a walk reads before it decides: the 16-byte header and the key
   // (the keys of the published tables are at most 16 bytes; a slab table's offset is 8).
   static constexpr uint32_t kWalkReach = 32;
-  // A walk in table order reads the buckets out of sequence: it fetches the bucket twice the
-  // distance ahead, and the first slot of the one the distance ahead, whole (its bucket
+  // A walk in table order reads the buckets out of sequence: it fetches the bucket twice
+  // kWalkAhead ahead, and the first slot of the one kWalkAhead ahead, whole (its bucket
   // fetched by an earlier step), so that the misses of several steps overlap.
   void prefetchAheadInOrder(uint32_t bucket, uint32_t n) {
-    const uint32_t far = bucketAheadInOrder(bucket, n, 2 * kPrefetchDistance);
+    const uint32_t far = bucketAheadInOrder(bucket, n, 2 * kWalkAhead);
     if (far < n) __builtin_prefetch(&buckets_.head(far));
-    const uint32_t near = bucketAheadInOrder(bucket, n, kPrefetchDistance);
+    const uint32_t near = bucketAheadInOrder(bucket, n, kWalkAhead);
     if (near >= n) return;
     const uint32_t link = SlotWriterTable::loadLink(buckets_.head(near));
     if (link >= slots_.numSlots()) return;
