@@ -363,7 +363,7 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
   // of its deletion between two steps), the slot it was in: the caller's hint, else the
   // shadow's own record of the entry it returned last. kNoSlot when neither knows.
   uint32_t slotOfKey(const Key& key, uint32_t* hint) const {
-    if (store_.contains(key)) return store_.slotOfKey(key);
+    if (const uint32_t at = store_.slotOfKey(key); at != kNoSlot) return at;
     if (hint) return *hint;
     if (lastReturned_ && OpsT::equal(lastReturned_->key, key)) return lastReturned_->slot;
     ZTRACE_TO(ShadowDetail::trace(), 3, "LedgerShadow::next() previous key gone, no hint");
