@@ -35,7 +35,7 @@ void SlotReaderTable::attach(const std::string& root, const std::string& table, 
   }
   SlotTableHeader h;
   try {
-    h = SlotTable::validate(file_.base(), file_.size(), emberId);
+    h = checkedHeader(emberId);
   } catch (...) {
     file_.close();
     throw;
@@ -55,6 +55,52 @@ void SlotReaderTable::attach(const std::string& root, const std::string& table, 
   bind();
   ZTRACE(3, "SlotReader::attach() " << file_.path() << " slots:" << mappedSlots_
                                     << " ember:" << emberId_);
+}
+
+namespace {
+
+// What a live writer moves in the header, and the file's length: equal stamps before and
+// after a check mean that the check saw one state of them.
+struct HeaderStamp {
+  size_t fileSize = 0;
+  uint32_t numSlots = 0, mostSlots = 0, occupiedSlots = 0, freeListHead = 0;
+  bool operator==(const HeaderStamp&) const = default;
+};
+
+HeaderStamp stampOf(const EmberFile& file) {
+  HeaderStamp s{file.fileSize()};
+  if (file.size() < kSlotTableHeaderSize) return s;
+  const auto& h = *reinterpret_cast<const SlotTableHeader*>(file.base());
+  // Acquire: a stamp taken before the check is read before the check's own loads, and one
+  // taken after it (the check's loads being acquire too) after them.
+  s.numSlots = Shm::load(h.numSlots, std::memory_order_acquire);
+  s.mostSlots = Shm::load(h.mostSlots, std::memory_order_acquire);
+  s.occupiedSlots = Shm::load(h.occupiedSlots, std::memory_order_acquire);
+  s.freeListHead = Shm::load(h.freeListHead, std::memory_order_acquire);
+  return s;
+}
+
+// A header found bad while its writer moved it is looked at again this many times.
+constexpr int kHeaderChecks = 16;
+
+}  // namespace
+
+// The checks compare counters read one after the other with the length mapped earlier; a
+// writer that grows or shrinks the table between those reads makes a sound header look bad
+// ("bad shmem size", "bad occupiedSlots"). Such a finding is checked again, over the file's
+// length as it is then. A finding with nothing moved around it, over the whole file, is the
+// file's own.
+SlotTableHeader SlotReaderTable::checkedHeader(uint32_t emberId) {
+  for (int check = 1;; ++check) {
+    const HeaderStamp before = stampOf(file_);
+    try {
+      return SlotTable::validate(file_.base(), file_.size(), emberId);
+    } catch (const CorruptionException&) {
+      const bool moved = stampOf(file_) != before || before.fileSize != file_.size();
+      if (check == kHeaderChecks || !moved || !file_.remap()) throw;
+      ZTRACE(3, "SlotReader::attach() header moved during its check, checking again");
+    }
+  }
 }
 
 void SlotReaderTable::bind() {

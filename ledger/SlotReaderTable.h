@@ -111,6 +111,7 @@ class SlotReaderTable {
   uint64_t remaps() const { return remaps_; }
 
  private:
+  SlotTableHeader checkedHeader(uint32_t emberId);
   void bind();
 
   std::string root_;

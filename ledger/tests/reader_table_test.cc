@@ -2,8 +2,10 @@
 // the look-aside read of a slot caught mid-rewrite, and corrupt files.
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <map>
 #include <memory>
@@ -14,6 +16,7 @@
 
 #include "ledger/LedgerReader.h"
 #include "ledger/LedgerWriter.h"
+#include "ledger/RallyReader.h"
 #include "ledger/tests/TestTable.h"
 #include "platform/tests/ForkedChild.h"
 
@@ -67,7 +70,7 @@ class ReaderTable : public ::testing::Test {
   // A reader attached to the table now.
   Reader& attachReader() {
     reader_.emplace(ReaderConfig{root_.path(), "routes"});
-    EXPECT_TRUE(reader_->initialize());
+    EXPECT_TRUE(reader_->initialize()) << reader_->error();
     return *reader_;
   }
   // Writes through a separate writable mapping of a file, as a hostile or broken process
@@ -194,6 +197,46 @@ TEST_F(ReaderTable, WalksRacingBucketResizesInAnotherProcessSeeEveryKeyOnce) {
   EXPECT_EQ(child.read(1), "r");
   EXPECT_GT(reader.readerCounters().retries, 0u) << "some steps met a redistribution";
   child.tell('x');
+}
+
+// A reader that attaches while the writer grows and shrinks its files reads a header whose
+// counters and length move under it: it must never take that for corruption. The slot file
+// only ever grows on a table's way to its largest size, so the writer in another process
+// makes one new table after another, from 4 slots to 4096 and back (compacting its change
+// queue on the way), while this process attaches to the newest one again and again.
+TEST_F(ReaderTable, AttachesWhileTheWriterGrowsAndShrinksItsFiles) {
+  constexpr uint32_t kTables = 150;
+  auto* newest = static_cast<std::atomic<uint32_t>*>(::mmap(nullptr, sizeof(std::atomic<uint32_t>),
+                                                            PROT_READ | PROT_WRITE,
+                                                            MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  ASSERT_NE(newest, MAP_FAILED);
+  newest->store(kNoSlot);  // no table yet
+  const auto name = [](uint32_t table) { return "routes" + std::to_string(table); };
+  TestSupport::ForkedChild child([&](int told) -> int {
+    for (uint32_t table = 0; table < kTables; ++table) {
+      Writer writer(tableConfig(root_.path(), name(table), 4));
+      writer.attach();
+      newest->store(table, std::memory_order_release);
+      for (uint64_t id = 0; id < 4096; ++id) writer.write(makeValue(id, 1));
+      for (uint64_t id = 0; id < 4096; ++id) writer.remove(TestKey{id});
+      const WriterCounters& c = writer.writerCounters();
+      if (c.slotShrinks == 0 || c.bucketShrinks == 0 || c.rallyCompactions == 0) return 1;
+    }
+    (void)!::write(told, "d", 1);
+    return 0;
+  });
+  int attaches = 0;
+  for (uint32_t table = 0; table + 1 < kTables; ++attaches) {
+    table = newest->load(std::memory_order_acquire);
+    if (table == kNoSlot) continue;
+    Reader reader(ReaderConfig{root_.path(), name(table)});
+    ASSERT_TRUE(reader.initialize()) << name(table) << ": " << reader.error();
+    RallyReader rally;
+    rally.attach(root_.path(), name(table), reader.slotTable().emberId());
+  }
+  EXPECT_EQ(child.read(1), "d");
+  EXPECT_GT(attaches, int(kTables));
+  ::munmap(newest, sizeof(std::atomic<uint32_t>));
 }
 
 TEST_F(ReaderTable, SlotBeyondMappingMakesItRemap) {
