@@ -33,9 +33,10 @@ struct LargePageAllocator {
   T* allocate(size_t n) {
     const size_t bytes = n * sizeof(T);
     if (bytes < kLargeBytes) return std::allocator<T>().allocate(n);
-    void* at = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    const size_t mapped = mappedBytes(bytes);
+    void* at = ::mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (at == MAP_FAILED) throw std::bad_alloc();
-    ::madvise(at, bytes, MADV_HUGEPAGE);  // advice only: without it, plain pages
+    ::madvise(at, mapped, MADV_HUGEPAGE);  // advice only: without it, plain pages
     return static_cast<T*>(at);
   }
   void deallocate(T* p, size_t n) {
@@ -43,9 +44,13 @@ struct LargePageAllocator {
     if (bytes < kLargeBytes) {
       std::allocator<T>().deallocate(p, n);
     } else {
-      ::munmap(p, bytes);
+      ::munmap(p, mappedBytes(bytes));
     }
   }
+  // A mapping a whole number of large pages long: the system places those on a large page
+  // boundary, so that every one of its large pages can be one (a length in between leaves
+  // the start and the end of the array, up to a large page each, on small pages).
+  static size_t mappedBytes(size_t bytes) { return (bytes + kLargeBytes - 1) & ~(kLargeBytes - 1); }
   // Elements added by resize() are default-initialised, not value-initialised: a fresh
   // mapping is zero already, and a shadow reads no slot before it writes it, so a second
   // pass of zeroes over a million slots buys nothing.
