@@ -20,7 +20,6 @@
 
 #include <chrono>
 #include <memory>
-#include <optional>
 #include <string>
 
 #include "ledger/LedgerReader.h"
@@ -126,18 +125,18 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
   }
   bool first(Value& out) override {
     if constexpr (SlotKind::kValues) {
-      return fromSlot(0, out, nullptr);
+      return fromSlot(store_.firstInOrder(), out, nullptr);
     } else {
       return reader_.attached() && reader_.first(out);
     }
   }
-  // A value shadow iterates its slots in order. A walk within one turn of the loop sees the
-  // shadow as it stands. Over several turns, a key deleted between two steps does not end the
-  // walk, but keys that the writer moves to lower slots as it shrinks its table may be passed.
+  // A value shadow walks its keys in table order, ascending (rhash, key), as the writer's
+  // table does. The key after `prev` is found from `prev` itself, held or not: a walk spread
+  // over several turns of the loop goes on where it was whatever the loop did meanwhile,
+  // seeing once each key held throughout, and the hint is not needed.
   bool next(const Key& prev, Value& out, uint32_t* hint = nullptr) override {
     if constexpr (SlotKind::kValues) {
-      uint32_t at = slotOfKey(prev, hint);
-      return at != kNoSlot && fromSlot(at + 1, out, hint);
+      return fromSlot(store_.afterInOrder(prev), out, hint);
     } else {
       return reader_.attached() && reader_.next(prev, out, hint);
     }
@@ -359,22 +358,11 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
     if (writerChanged() || state_ == ShadowState::attached) resync("health check");
   }
 
-  // Where an iteration stands after `key`: its slot, or, when the key is gone (the loop told
-  // of its deletion between two steps), the slot it was in: the caller's hint, else the
-  // shadow's own record of the entry it returned last. kNoSlot when neither knows.
-  uint32_t slotOfKey(const Key& key, uint32_t* hint) const {
-    if (const uint32_t at = store_.slotOfKey(key); at != kNoSlot) return at;
-    if (hint) return *hint;
-    if (lastReturned_ && OpsT::equal(lastReturned_->key, key)) return lastReturned_->slot;
-    ZTRACE_TO(ShadowDetail::trace(), 3, "LedgerShadow::next() previous key gone, no hint");
-    return kNoSlot;
-  }
-  bool fromSlot(uint32_t from, Value& out, uint32_t* hint) {
-    uint32_t at = store_.firstOccupiedFrom(from);
+  // The value of the shadow's slot `at` into `out`; false for kNoSlot (the walk ended).
+  bool fromSlot(uint32_t at, Value& out, uint32_t* hint) {
     if (at == kNoSlot) return false;
     store_.valueAt(at, out);
     if (hint) *hint = at;
-    lastReturned_ = Returned{OpsT::keyOf(out), at};
     return true;
   }
 
@@ -390,12 +378,6 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
   bool notifying_ = true;
   bool rallyScheduled_ = false;
   uint64_t identity_ = 0;
-  // The entry that first() or next() returned last, for a next() after it is gone.
-  struct Returned {
-    Key key;
-    uint32_t slot;
-  };
-  std::optional<Returned> lastReturned_;
   uint64_t resyncs_ = 0;
   uint64_t kicks_ = 0;
   uint32_t mountTries_ = 0;

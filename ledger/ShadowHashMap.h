@@ -1,21 +1,36 @@
 // ShadowHashMap: a process-local hash map from key to shadow slot, for lookups by key in a
-// shadow without touching the shared files.
+// shadow without touching the shared files, kept in table order for walks.
 //
-// Open addressing with linear probing: each bucket is one 64-bit word holding a key's hash
-// and its slot number (plus one, so that a zero word is an empty bucket). The keys stay in
-// the shadow store's slots; find() compares hashes in the bucket array and asks the store to
-// compare keys only where a hash matches. Buckets name slots by number, not by address: the
-// store's slot array may move (it grew or shrank) without anything to re-point here.
+// Ordered linear probing: each bucket is one 64-bit word holding a key's rhash (its hash with
+// the bits reversed, as in the shared table; the caller reverses it, once for all it does
+// with the key) and its slot number (plus one, so that a zero
+// word is an empty bucket). A key's home bucket is the top bits of its rhash, and the buckets
+// hold their keys in ascending (rhash, key) order: an insertion shifts the rest of its run
+// one bucket on, an erasure shifts it back. Every key sits at or after its home with no
+// empty bucket in between, as in plain linear probing, and the bucket array read from start
+// to end is the table's own order, whatever the number of buckets: a walk from each key to
+// the one after it goes on where it was across growth and shrink of the map, and across
+// moves of keys from slot to slot. Runs do not wrap around: the array ends in a tail of
+// spare buckets, extended when a run would reach its last one (which stays empty, ending
+// every scan).
 //
-// One bucket per lookup or insertion, mostly: at most three quarters of the buckets are in
-// use, and a probe runs on within the same cache line. A full walk of the store (a sync)
+// The keys stay in the shadow store's slots; the map compares rhashes in the bucket array
+// and asks the store to compare keys only where two rhashes are equal. A comparison `cmp`
+// answers, for a slot, whether its key sorts before (< 0), is (0), or sorts after (> 0) the
+// key in question. Buckets name slots by number, not by address: the store's slot array may
+// move (it grew or shrank) without anything to re-point here.
+//
+// One bucket per lookup or insertion, mostly: at most three quarters of the home buckets are
+// in use, and a probe runs on within the same cache line. A full walk of the store (a sync)
 // fetches the bucket of each slot ahead with prefetch().
 #pragma once
 
 #include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <vector>
 
+#include "ledger/Format.h"
 #include "ledger/LargePageAllocator.h"
 #include "zinc/Trace.h"
 
@@ -30,68 +45,71 @@ class ShadowHashMap {
   static constexpr uint32_t kMinBuckets = 16;
   static constexpr uint32_t kNone = 0xffffffffu;
 
-  ShadowHashMap() : buckets_(kMinBuckets, 0) {}
+  ShadowHashMap() : buckets_(kMinBuckets + kTail, 0) {}
 
   uint32_t size() const { return size_; }
   uint32_t numBuckets() const { return numBuckets_; }
 
-  // The slot of the key with `hash` for which `same(slot)` is true, or kNone.
-  template <class Same>
-  uint32_t find(uint32_t hash, Same same) const {
-    for (uint32_t at = hash & mask();; at = (at + 1) & mask()) {
-      const uint64_t word = buckets_[at];
-      if (word == 0) return kNone;
-      if (hashOf(word) == hash && same(slotOf(word))) return slotOf(word);
-    }
+  // The slot of the key of `rhash` that `cmp` describes, or kNone.
+  template <class Cmp>
+  uint32_t find(uint32_t rhash, Cmp cmp) const {
+    bool found = false;
+    const uint32_t at = lowerBound(rhash, cmp, found);
+    return found ? slotOf(buckets_[at]) : kNone;
   }
-  // One probe for both: the slot of the key with `hash` for which `same(slot)` is true, or,
-  // when there is none, kNone after adding `slot` under `hash` where the probe ended.
-  template <class Same>
-  uint32_t findOrInsert(uint32_t slot, uint32_t hash, Same same) {
+  // One probe for both: the slot of the key of `rhash` that `cmp` describes, or, when there
+  // is none, kNone after adding `slot` under `rhash` in its place.
+  template <class Cmp>
+  uint32_t findOrInsert(uint32_t slot, uint32_t rhash, Cmp cmp) {
     makeRoomForOne();
-    uint32_t at = hash & mask();
-    for (;; at = (at + 1) & mask()) {
-      const uint64_t word = buckets_[at];
-      if (word == 0) break;
-      if (hashOf(word) == hash && same(slotOf(word))) return slotOf(word);
-    }
-    buckets_[at] = wordOf(hash, slot);
-    ++size_;
+    bool found = false;
+    const uint32_t at = lowerBound(rhash, cmp, found);
+    if (found) return slotOf(buckets_[at]);
+    insertAt(at, wordOf(rhash, slot));
     return kNone;
   }
-  // The key in `from` under `hash` now lives in `to`: its bucket names the new slot.
-  void repoint(uint32_t hash, uint32_t from, uint32_t to) {
-    const uint64_t word = wordOf(hash, from);
-    uint32_t at = hash & mask();
-    for (uint32_t n = 0; buckets_[at] != word; at = (at + 1) & mask()) {
-      if (buckets_[at] == 0 || ++n > numBuckets_) return;  // not there
-    }
-    buckets_[at] = wordOf(hash, to);
-  }
-  // Adds `slot` under `hash`; the caller knows that its key is not in the map.
-  void insert(uint32_t slot, uint32_t hash) {
+  // Adds `slot`, whose key (of `rhash`, described by `cmp`) is not in the map.
+  template <class Cmp>
+  void insert(uint32_t slot, uint32_t rhash, Cmp cmp) {
     makeRoomForOne();
-    place(wordOf(hash, slot));
-    ++size_;
+    bool found = false;
+    insertAt(lowerBound(rhash, cmp, found), wordOf(rhash, slot));
   }
-  // Removes `slot`, which is in the map under `hash`. The buckets after it that probed past
-  // it move back, so that no probe ever crosses an empty bucket to reach its key.
-  void erase(uint32_t slot, uint32_t hash) {
-    const uint64_t word = wordOf(hash, slot);
-    uint32_t hole = hash & mask();
-    for (uint32_t n = 0; buckets_[hole] != word; hole = (hole + 1) & mask()) {
-      if (buckets_[hole] == 0 || ++n > numBuckets_) return;  // not there
-    }
-    for (uint32_t at = (hole + 1) & mask(); buckets_[at] != 0; at = (at + 1) & mask()) {
-      const uint32_t home = hashOf(buckets_[at]) & mask();
-      // Stays unless its home lies cyclically outside (hole, at].
-      if (((at - home) & mask()) < ((at - hole) & mask())) continue;
-      buckets_[hole] = buckets_[at];
-      hole = at;
+  // The key in `from` under `rhash` now lives in `to`: its bucket names the new slot.
+  void repoint(uint32_t rhash, uint32_t from, uint32_t to) {
+    const uint32_t at = bucketOf(rhash, wordOf(rhash, from));
+    if (at != kNone) buckets_[at] = wordOf(rhash, to);
+  }
+  // Removes `slot`, which is in the map under `rhash`. The rest of its run moves back, so
+  // that no probe ever crosses an empty bucket to reach its key.
+  void erase(uint32_t slot, uint32_t rhash) {
+    uint32_t hole = bucketOf(rhash, wordOf(rhash, slot));
+    if (hole == kNone) return;  // not there
+    // Homes never decrease along the array: the first key of the run already at its home
+    // ends the shift, and every key after it stays.
+    for (uint64_t next; (next = buckets_[hole + 1]) != 0 && home(rhashOfWord(next)) <= hole;
+         ++hole) {
+      buckets_[hole] = next;
     }
     buckets_[hole] = 0;
     --size_;
   }
+
+  // The first slot in table order, or kNone.
+  uint32_t first() const { return slotAt(occupiedFrom(0)); }
+  // The slot after the key of `rhash` that `cmp` describes in table order, whether that key
+  // is in the map or not; kNone when none follows. With `ahead`, also the slot in the bucket
+  // kAheadBuckets places further on (kNone when that bucket is empty), for a walk to fetch.
+  template <class Cmp>
+  uint32_t after(uint32_t rhash, Cmp cmp, uint32_t* ahead = nullptr) const {
+    bool found = false;
+    const uint32_t at = occupiedFrom(lowerBound(rhash, cmp, found) + (found ? 1 : 0));
+    if (ahead) {
+      *ahead = uint64_t{at} + kAheadBuckets < buckets_.size() ? slotAt(at + kAheadBuckets) : kNone;
+    }
+    return slotAt(at);
+  }
+
   // Sizes the bucket array for `count` entries at once, so that a map filled from empty
   // does not rehash on the way.
   void reserve(uint32_t count) {
@@ -99,8 +117,8 @@ class ShadowHashMap {
     while (n / 4 * 3 < count && n < (1u << 31)) n *= 2;
     if (n != numBuckets_) rehash(n);
   }
-  // Starts fetching the bucket of `hash`.
-  void prefetch(uint32_t hash) const { __builtin_prefetch(&buckets_[hash & mask()], 1); }
+  // Starts fetching the home bucket of `rhash`.
+  void prefetch(uint32_t rhash) const { __builtin_prefetch(&buckets_[home(rhash)], 1); }
   // Halves the bucket array while it is less than a quarter full.
   void shrink() {
     uint32_t n = numBuckets_;
@@ -110,51 +128,107 @@ class ShadowHashMap {
     ZTRACE_TO(ShadowDetail::trace(), 5, "ShadowHashMap::shrink() shrunk to numBuckets_:" << n);
   }
   void clear() {
-    buckets_.assign(kMinBuckets, 0);
-    numBuckets_ = kMinBuckets;
+    buckets_.assign(kMinBuckets + kTail, 0);
+    bucketsAre(kMinBuckets);
     size_ = 0;
   }
 
  private:
-  uint32_t mask() const { return numBuckets_ - 1; }
+  // Spare buckets after the last home bucket, for the runs that go beyond it.
+  static constexpr uint32_t kTail = 64;
+  // How far ahead of a walk after() looks: kWalkAhead keys at half the buckets in use.
+  static constexpr uint32_t kAheadBuckets = 2 * kWalkAhead;
+
+  static uint64_t wordOf(uint32_t rhash, uint32_t slot) {
+    return uint64_t{rhash} << 32 | (uint64_t{slot} + 1);
+  }
+  static uint32_t rhashOfWord(uint64_t word) { return uint32_t(word >> 32); }
+  static uint32_t slotOf(uint64_t word) { return uint32_t(word) - 1; }
+  uint32_t home(uint32_t rhash) const { return uint32_t(uint64_t{rhash} >> shift_); }
+
+  // The first bucket from the home of `rhash` whose key does not sort before the key that
+  // `cmp` describes (found: is it), or the empty bucket that ends the run. Keys before the
+  // home all have smaller rhashes; keys after an empty bucket all have greater ones.
+  template <class Cmp>
+  uint32_t lowerBound(uint32_t rhash, Cmp& cmp, bool& found) const {
+    uint32_t at = home(rhash);
+    for (uint64_t word; (word = buckets_[at]) != 0; ++at) {
+      const uint32_t r = rhashOfWord(word);
+      if (r < rhash) continue;
+      if (r > rhash) return at;
+      const int order = cmp(slotOf(word));
+      if (order == 0) found = true;
+      if (order >= 0) return at;
+    }
+    return at;
+  }
+  // The bucket holding `word` (of `rhash`), or kNone.
+  uint32_t bucketOf(uint32_t rhash, uint64_t word) const {
+    for (uint32_t at = home(rhash); buckets_[at] != 0 && rhashOfWord(buckets_[at]) <= rhash; ++at) {
+      if (buckets_[at] == word) return at;
+    }
+    return kNone;
+  }
+  // The first occupied bucket from `at` on, or the end of the array.
+  uint32_t occupiedFrom(uint32_t at) const {
+    while (at < buckets_.size() && buckets_[at] == 0) ++at;
+    return at;
+  }
+  // The slot in bucket `at`, kNone when it is empty or the end of the array.
+  uint32_t slotAt(uint32_t at) const {
+    return at < buckets_.size() && buckets_[at] != 0 ? slotOf(buckets_[at]) : kNone;
+  }
+  // Puts `word` in bucket `at`, the rest of the run one bucket on: each bucket takes the word
+  // carried from the one before, until the empty bucket that ends the run takes the last.
+  void insertAt(uint32_t at, uint64_t word) {
+    for (; word != 0; ++at) std::swap(word, buckets_[at]);
+    keepLastEmpty(at - 1);
+    ++size_;
+  }
+  // Bucket `used` now holds a key: the array goes on past it with an empty bucket.
+  void keepLastEmpty(uint64_t used) {
+    if (used + 1 == buckets_.size()) buckets_.resize(buckets_.size() + kTail, 0);
+  }
   // Doubles the buckets before an insert would fill more than three quarters of them.
   void makeRoomForOne() {
     if (size_ + 1 > numBuckets_ / 4 * 3) rehash(numBuckets_ * 2);
   }
-  static uint64_t wordOf(uint32_t hash, uint32_t slot) {
-    return uint64_t{hash} << 32 | (uint64_t{slot} + 1);
-  }
-  static uint32_t hashOf(uint64_t word) { return uint32_t(word >> 32); }
-  static uint32_t slotOf(uint64_t word) { return uint32_t(word) - 1; }
 
-  void place(uint64_t word) {
-    uint32_t at = hashOf(word) & mask();
-    while (buckets_[at] != 0) at = (at + 1) & mask();
-    buckets_[at] = word;
-  }
   // `n` empty buckets. A large array is a fresh mapping, zero already: writing zeroes over
   // it would fault in every page before the first insert needs it.
-  static std::vector<uint64_t, LargePageAllocator<uint64_t>> emptyBuckets(uint32_t n) {
+  static std::vector<uint64_t, LargePageAllocator<uint64_t>> emptyBuckets(uint64_t n) {
     std::vector<uint64_t, LargePageAllocator<uint64_t>> buckets;
     buckets.resize(n);  // default-initialised (see LargePageAllocator)
     if (!LargePageAllocator<uint64_t>::zeroFilled(n)) std::fill(buckets.begin(), buckets.end(), 0);
     return buckets;
   }
+  // The keys in order into `n` home buckets: each at its home, or right after the key before
+  // it when that one is there already.
   void rehash(uint32_t n) {
-    if (size_ == 0 && n > numBuckets_ && n <= buckets_.capacity()) {
-      buckets_.assign(n, 0);  // emptied (flush): growing again into the memory it had
-      numBuckets_ = n;
+    if (size_ == 0 && n > numBuckets_ && n + kTail <= buckets_.capacity()) {
+      buckets_.assign(n + kTail, 0);  // emptied (clear): growing again into the memory it had
+      bucketsAre(n);
       return;
     }
-    std::vector<uint64_t, LargePageAllocator<uint64_t>> old = emptyBuckets(n);
+    std::vector<uint64_t, LargePageAllocator<uint64_t>> old = emptyBuckets(uint64_t{n} + kTail);
     old.swap(buckets_);
-    numBuckets_ = n;
+    bucketsAre(n);
+    uint64_t at = 0;
     for (uint64_t word : old) {
-      if (word != 0) place(word);
+      if (word == 0) continue;
+      at = std::max<uint64_t>(at, home(rhashOfWord(word)));
+      buckets_[at] = word;
+      keepLastEmpty(at++);
     }
   }
 
+  void bucketsAre(uint32_t n) {
+    numBuckets_ = n;
+    shift_ = 32 - uint32_t(std::countr_zero(n));
+  }
+
   uint32_t numBuckets_ = kMinBuckets;
+  uint32_t shift_ = 32 - std::countr_zero(kMinBuckets);  // home(): the top bits of an rhash
   uint32_t size_ = 0;
   std::vector<uint64_t, LargePageAllocator<uint64_t>> buckets_;
 };

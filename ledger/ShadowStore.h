@@ -91,7 +91,7 @@ class ShadowStore {
  public:
   struct NoDigest {};
   struct Entry {
-    uint32_t hash = 0;
+    uint32_t rhash = 0;
     bool occupied = false;
     Key key{};
     // KeyShadowSlot: digest of the stored bytes (a value shadow compares the bytes).
@@ -118,12 +118,16 @@ class ShadowStore {
     return true;
   }
   bool contains(const Key& key) const { return slotOfKey(key) != kNoSlot; }
-  uint32_t slotOfKey(const Key& key) const { return find(key, OpsT::hash(key)); }
-  uint32_t firstOccupiedFrom(uint32_t slot) const {
-    for (; slot < entries_.size(); ++slot) {
-      if (entries_[slot].occupied) return slot;
-    }
-    return kNoSlot;
+  uint32_t slotOfKey(const Key& key) const { return find(key, rhashOf(key)); }
+  // The shadow's keys in table order, ascending (rhash, key) as in the writer's table: the
+  // slot of the first, and of the one after `key` (held or not); kNoSlot past the last.
+  static_assert(ShadowHashMap::kNone == kNoSlot);
+  uint32_t firstInOrder() const { return map_.first(); }
+  uint32_t afterInOrder(const Key& key) const {
+    uint32_t ahead = kNoSlot;
+    const uint32_t slot = map_.after(rhashOf(key), orderTo(key), &ahead);
+    if (ahead != kNoSlot) prefetchStored(ahead);  // a walk reads it a few steps on
+    return slot;
   }
   void valueAt(uint32_t slot, Value& out) const {
     static_assert(SlotKind::kValues, "a key shadow keeps no values");
@@ -182,7 +186,7 @@ class ShadowStore {
       emit(notifying, key, &scratch_);
       return;
     }
-    take(slotIndex, key, OpsT::hash(key), stored_.data(), notifying);
+    take(slotIndex, key, rhashOf(key), stored_.data(), notifying);
   }
 
   // A sync's walk over slots [first, last): doSlot for each, with the same outcome, but in
@@ -224,8 +228,8 @@ class ShadowStore {
   }
   // A walk over the slots in order (a sync) is at `slotIndex`: fetch ahead what the next
   // slots will need, in the order they need it: the pages of the writer's slots a chunk at a
-  // time, the writer's slot, then the shadow's hash bucket for the key it holds. The key's
-  // hash comes from the slot's rhash, read early and unchecked: a wrong guess only costs a
+  // time, the writer's slot, then the shadow's hash bucket for the key it holds. The
+  // bucket comes from the slot's rhash, read early and unchecked: a wrong guess only costs a
   // useless fetch.
   void prefetchForWalk(uint32_t slotIndex) const {
     const SlotReaderTable& table = reader_.slotTable();
@@ -233,7 +237,7 @@ class ShadowStore {
     if (slotIndex % kPopulateChunk == 0) table.populate(slotIndex + kPopulateChunk, kPopulateChunk);
     if (slotIndex + uint64_t{kAheadSlot} < mapped) table.prefetch(slotIndex + kAheadSlot);
     if (slotIndex + uint64_t{kAheadBucket} < mapped) {
-      map_.prefetch(hashGuessOf(slotIndex + kAheadBucket));
+      map_.prefetch(rhashGuessOf(slotIndex + kAheadBucket));
     }
   }
 
@@ -312,7 +316,7 @@ class ShadowStore {
     const SlotReaderTable& table = reader_.slotTable();
     const uint32_t size = valueSize();
     std::array<uint32_t, kBulkGroup> status;
-    std::array<uint32_t, kBulkGroup> hashes;
+    std::array<uint32_t, kBulkGroup> rhashes;
     std::array<Key, kBulkGroup> keys;
     static_assert(kBulkGroup <= 32, "one bit a slot of the group");
     const bool stream = SlotKind::kValues && !(notifying && notify_.onKey);
@@ -330,8 +334,8 @@ class ShadowStore {
           std::memcpy(copyPlace(slot, first), from, size);
         }
         keys[slot - first] = reader_.ops().storedKey(from);
-        hashes[slot - first] = OpsT::hash(keys[slot - first]);
-        map_.prefetch(hashes[slot - first]);
+        rhashes[slot - first] = rhashOf(keys[slot - first]);
+        map_.prefetch(rhashes[slot - first]);
         bulkCopied_ |= 1u << (slot - first);
       }
     }
@@ -346,7 +350,7 @@ class ShadowStore {
       // since (its entry moved there) was not copied, and one filled since has lost its copy
       // (fill() drops the bit); both are read afresh.
       if (held && (bulkCopied_ >> (slot - first) & 1) && !entries_[slot].occupied) {
-        takeCopied(slot, keys[slot - first], hashes[slot - first], copyPlace(slot, first),
+        takeCopied(slot, keys[slot - first], rhashes[slot - first], copyPlace(slot, first),
                    notifying);
       } else if (!held || (was & kOccupied) || entries_[slot].occupied) {
         doSlot(slot, 0, notifying);
@@ -369,17 +373,16 @@ class ShadowStore {
       return groupCopies_.data() + uint64_t{slot - first} * valueSize();
     }
   }
-  // The value of `slot` copied to `stored` is whole: the slot's key (of `hash`) is taken.
-  void takeCopied(uint32_t slot, const Key& key, uint32_t hash, const uint8_t* stored,
+  // The value of `slot` copied to `stored` is whole: the slot's key (of `rhash`) is taken.
+  void takeCopied(uint32_t slot, const Key& key, uint32_t rhash, const uint8_t* stored,
                   bool notifying) {
     if (notifying && notify_.onKey) reader_.ops().load(stored, scratch_);
-    take(slot, key, hash, stored, notifying);
+    take(slot, key, rhash, stored, notifying);
   }
 
-  // The hash of the key in the writer's slot, from its rhash read unchecked: a guess to fetch by.
-  uint32_t hashGuessOf(uint32_t slot) const {
-    return reverseBitsByShifts(
-        Shm::load(reader_.slotTable().slot(slot).rhash, std::memory_order_relaxed));
+  // The rhash of the key in the writer's slot, read unchecked: a guess to fetch by.
+  uint32_t rhashGuessOf(uint32_t slot) const {
+    return Shm::load(reader_.slotTable().slot(slot).rhash, std::memory_order_relaxed);
   }
 
   // The writer's slot into scratch_ (decoded) and stored_ (its stored bytes): whether it
@@ -392,13 +395,29 @@ class ShadowStore {
     return occupied;
   }
   // The slot that holds `key` in the shadow, or kNoSlot.
-  uint32_t find(const Key& key, uint32_t hash) const {
-    return map_.find(hash, [&](uint32_t slot) { return OpsT::equal(entries_[slot].key, key); });
+  uint32_t find(const Key& key, uint32_t rhash) const { return map_.find(rhash, orderTo(key)); }
+  // The key's place in table order: its hash with the bits reversed.
+  static uint32_t rhashOf(const Key& key) { return reverseBits(OpsT::hash(key)); }
+  // The hash map's comparison: where the key of a slot sorts against `key`.
+  auto orderTo(const Key& key) const {
+    return [this, &key](uint32_t slot) {
+      const Key& held = entries_[slot].key;
+      return OpsT::equal(held, key) ? 0 : OpsT::less(held, key) ? -1 : 1;
+    };
   }
   // The key of `slot` leaves the shadow's map.
   void unlink(uint32_t slot) {
-    map_.erase(slot, entries_[slot].hash);
+    map_.erase(slot, entries_[slot].rhash);
     entries_[slot].occupied = false;
+  }
+  void prefetchStored(uint32_t slot) const {
+    if constexpr (kVariable) {
+      __builtin_prefetch(&blocks_[slot]);
+    } else {
+      const uint8_t* at = storedAt(slot);
+      for (uint32_t offset = 0; offset < valueSize(); offset += 64) __builtin_prefetch(at + offset);
+      __builtin_prefetch(at + valueSize() - 1);
+    }
   }
   const uint8_t* storedAt(uint32_t slot) const {
     if constexpr (kVariable) return blocks_[slot].data();
@@ -495,34 +514,33 @@ class ShadowStore {
     }
   }
 
-  // This slot's new key (of `hash`; the slot is free in the shadow): taken over from another
+  // This slot's new key (of `rhash`; the slot is free in the shadow): taken over from another
   // slot when a shrink moved it here (silently when its value did not change), else a new
   // key. One probe of the hash map either way.
-  void take(uint32_t slot, const Key& key, uint32_t hash, const uint8_t* stored, bool notifying) {
+  void take(uint32_t slot, const Key& key, uint32_t rhash, const uint8_t* stored, bool notifying) {
     bool unchanged = false;
-    const uint32_t moved = map_.findOrInsert(
-        slot, hash, [&](uint32_t other) { return OpsT::equal(entries_[other].key, key); });
+    const uint32_t moved = map_.findOrInsert(slot, rhash, orderTo(key));
     if (moved != ShadowHashMap::kNone) {
       unchanged = sameAs(moved, stored);
       entries_[moved].occupied = false;
-      map_.repoint(hash, moved, slot);
+      map_.repoint(rhash, moved, slot);
     }
-    fill(slot, key, hash, stored);
+    fill(slot, key, rhash, stored);
     if (!unchanged) emit(notifying, key, &scratch_);
   }
 
   void place(uint32_t slot, const Key& key, const uint8_t* stored) {
-    const uint32_t hash = OpsT::hash(key);
-    fill(slot, key, hash, stored);
-    map_.insert(slot, hash);
+    const uint32_t rhash = rhashOf(key);
+    fill(slot, key, rhash, stored);
+    map_.insert(slot, rhash, orderTo(key));
   }
-  // The shadow's slot holds `key` (of `hash`) with `stored`; the hash map is the caller's.
-  void fill(uint32_t slot, const Key& key, uint32_t hash, const uint8_t* stored) {
+  // The shadow's slot holds `key` (of `rhash`) with `stored`; the hash map is the caller's.
+  void fill(uint32_t slot, const Key& key, uint32_t rhash, const uint8_t* stored) {
     if (bulkCopied_ && slot - bulkFirst_ < kBulkGroup) bulkCopied_ &= ~(1u << (slot - bulkFirst_));
     Entry& e = entries_[slot];
     e.occupied = true;
     e.key = key;
-    e.hash = hash;
+    e.rhash = rhash;
     keep(slot, stored);
   }
 

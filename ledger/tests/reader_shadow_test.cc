@@ -168,10 +168,8 @@ TEST_F(ShadowTest, SyncRunsInSlicesWhileWriterChanges) {
   EXPECT_TRUE(log.errors.empty()) << log.errors.front();
 }
 
-// Iterating a shadow: every key once, in the shadow's slot order, also when the key of the
-// step before was deleted meanwhile (the loop ran between two steps and told of it). The
-// deletions here leave the table big enough not to shrink: a shrink moves keys to lower slots,
-// behind a walk spread over several turns of the loop.
+// Iterating a shadow: every key once, also when the key of the step before was deleted
+// meanwhile (the loop ran between two steps and told of it), with a hint or without.
 TEST_F(ShadowTest, IterationGoesOnPastAKeyDeletedBetweenTwoSteps) {
   KickingWriter w(root.path(), "routes", 64, &loop);
   for (uint64_t id = 0; id < 400; ++id) w.writer.write(makeValue(id, 1));
@@ -200,10 +198,51 @@ TEST_F(ShadowTest, IterationGoesOnPastAKeyDeletedBetweenTwoSteps) {
   EXPECT_EQ(walk(1, [&](TestValue& v) { return shadow->next(v.k, v, &hint); }), fewer)
       << "with a hint";
   EXPECT_EQ(shadow->members(), 200u);
-  ASSERT_EQ(w.writer.writerCounters().slotShrinks, 0u);
-  // A key the shadow never held, nor returned last: nowhere to go on from.
+  // From a key the shadow never held, as from any key: the one after it in table order, as
+  // the writer's own walk has it.
+  TestValue v, fromWriter;
+  for (uint64_t id = 100000; id < 100050; ++id) {
+    const bool more = w.writer.next(TestKey{id}, fromWriter);
+    ASSERT_EQ(shadow->next(TestKey{id}, v), more) << "key " << id;
+    if (more) {
+      EXPECT_EQ(v, fromWriter) << "key " << id;
+    }
+  }
+}
+
+// The shadow walks its keys in the writer's table order. A walk spread over turns of the
+// loop sees every key held throughout exactly once, also when the writer shrinks its table
+// between two steps, moving the keys from its upper slots down to the ones freed below.
+TEST_F(ShadowTest, WalksInTableOrderAcrossAShrinkThatMovesKeys) {
+  KickingWriter w(root.path(), "routes", 64, &loop);
+  for (uint64_t id = 0; id < 4000; ++id) w.writer.write(makeValue(id, 1));
+  auto shadow = makeShadow();
+  ASSERT_TRUE(shadow->initialize());
+  ASSERT_TRUE(settle(*shadow));
+  std::vector<uint64_t> writerOrder, shadowOrder;
   TestValue v;
-  EXPECT_FALSE(shadow->next(TestKey{100000}, v));
+  for (bool more = w.writer.first(v); more; more = w.writer.next(v.k, v)) {
+    writerOrder.push_back(v.k.id);
+  }
+  for (bool more = shadow->first(v); more; more = shadow->next(v.k, v)) {
+    shadowOrder.push_back(v.k.id);
+  }
+  EXPECT_EQ(shadowOrder, writerOrder);
+
+  // Keys 3000 and up, in the upper slots, stay; a third of the way in, the rest go.
+  const uint32_t shrinks = w.writer.writerCounters().slotShrinks;
+  std::map<uint64_t, int> seen;
+  size_t steps = 0;
+  for (bool more = shadow->first(v); more; more = shadow->next(v.k, v)) {
+    ++seen[v.k.id];
+    if (++steps != 1000) continue;
+    for (uint64_t id = 0; id < 3000; ++id) w.writer.remove(TestKey{id});
+    ASSERT_TRUE(settle(*shadow));
+  }
+  ASSERT_GT(w.writer.writerCounters().slotShrinks, shrinks) << "the writer moved keys down";
+  for (uint64_t id = 3000; id < 4000; ++id) EXPECT_EQ(seen[id], 1) << "key " << id;
+  EXPECT_EQ(shadowContents(*shadow), w.contents());
+  EXPECT_TRUE(log.errors.empty()) << log.errors.front();
 }
 
 // A sync cut into slices can be asked again, stopped, or meet a broken table between two of

@@ -1,9 +1,14 @@
-// ShadowHashMap against a model: crowded hashes (long probe runs that wrap around the end of
-// the bucket array), erasures from the middle of runs, growth, shrink and reserve.
+// ShadowHashMap against a model: crowded rhashes (long probe runs, some reaching past the last
+// home bucket), erasures from the middle of runs, growth, shrink and reserve, and walks in
+// table order.
 #include <gtest/gtest.h>
 
+#include <bit>
+#include <functional>
 #include <map>
 #include <random>
+#include <set>
+#include <utility>
 
 #include "ledger/ShadowHashMap.h"
 
@@ -11,17 +16,44 @@ namespace {
 
 using Ledger::ShadowHashMap;
 
-// Keys are slot numbers here; `hashes` gives each one its (deliberately colliding) hash.
+// Where key `a` sorts against key `b`, as the map's comparisons answer.
+int order(uint32_t a, uint32_t b) { return a < b ? -1 : a > b ? 1 : 0; }
+
+// Keys are slot numbers unless `keyOf` says otherwise; `rhashes` gives each slot's key its
+// (deliberately colliding) rhash.
 struct Model {
   ShadowHashMap map;
-  std::map<uint32_t, uint32_t> hashes;  // slot -> hash of the slots in the map
+  std::map<uint32_t, uint32_t> rhashes;  // slot -> rhash of the slots in the map
+  std::function<uint32_t(uint32_t)> keyOf = [](uint32_t slot) { return slot; };
 
-  uint32_t find(uint32_t slot, uint32_t hash) const {
-    return map.find(hash, [&](uint32_t s) { return s == slot; });
+  auto cmp(uint32_t slot) const {
+    return [this, key = keyOf(slot)](uint32_t s) { return order(keyOf(s), key); };
+  }
+  uint32_t find(uint32_t slot, uint32_t rhash) const { return map.find(rhash, cmp(slot)); }
+  void insert(uint32_t slot, uint32_t rhash) {
+    map.insert(slot, rhash, cmp(slot));
+    rhashes[slot] = rhash;
+  }
+  // The slots in table order: ascending (rhash, key).
+  std::vector<uint32_t> inOrder() const {
+    std::set<std::pair<uint32_t, uint32_t>> sorted;
+    for (const auto& [slot, rhash] : rhashes) sorted.emplace(rhash, keyOf(slot));
+    std::map<uint32_t, uint32_t> slotOfKey;
+    for (const auto& entry : rhashes) slotOfKey[keyOf(entry.first)] = entry.first;
+    std::vector<uint32_t> slots;
+    for (const auto& entry : sorted) slots.push_back(slotOfKey.at(entry.second));
+    return slots;
   }
   void expectSame() const {
-    ASSERT_EQ(map.size(), hashes.size());
-    for (const auto& [slot, hash] : hashes) ASSERT_EQ(find(slot, hash), slot) << "slot " << slot;
+    ASSERT_EQ(map.size(), rhashes.size());
+    for (const auto& [slot, rhash] : rhashes) ASSERT_EQ(find(slot, rhash), slot) << "slot " << slot;
+    // A walk from first() by after() visits every slot once, in table order.
+    std::vector<uint32_t> walked;
+    for (uint32_t s = map.first(); s != ShadowHashMap::kNone && walked.size() <= rhashes.size();
+         s = map.after(rhashes.at(s), cmp(s))) {
+      walked.push_back(s);
+    }
+    ASSERT_EQ(walked, inOrder());
   }
 };
 
@@ -30,15 +62,14 @@ TEST(ShadowHashMap, CrowdedHashesSurviveInsertEraseGrowAndShrink) {
   Model m;
   for (int round = 0; round < 20000; ++round) {
     const uint32_t slot = rng() % 3000;
-    // Few distinct hashes, many of them in the last buckets: runs wrap around the end.
-    const uint32_t hash = (rng() % 4 == 0) ? 0xfffffff0u | (rng() % 16) : rng() % 64;
-    if (auto it = m.hashes.find(slot); it != m.hashes.end()) {
+    // Few distinct rhashes, many of them homed in the last buckets: runs go past the end.
+    const uint32_t rhash = (rng() % 4 == 0) ? 0xfffffff0u | (rng() % 16) : rng() % 64;
+    if (auto it = m.rhashes.find(slot); it != m.rhashes.end()) {
       m.map.erase(slot, it->second);
-      m.hashes.erase(it);
-      EXPECT_EQ(m.find(slot, hash), ShadowHashMap::kNone);
+      m.rhashes.erase(it);
+      EXPECT_EQ(m.find(slot, rhash), ShadowHashMap::kNone);
     } else {
-      m.map.insert(slot, hash);
-      m.hashes[slot] = hash;
+      m.insert(slot, rhash);
     }
     if (round % 997 == 0) m.map.shrink();
     if (round % 1000 == 0) {
@@ -47,14 +78,14 @@ TEST(ShadowHashMap, CrowdedHashesSurviveInsertEraseGrowAndShrink) {
   }
   ASSERT_NO_FATAL_FAILURE(m.expectSame());
   // Empty it again; shrink brings it back to its smallest.
-  for (const auto& [slot, hash] : m.hashes) m.map.erase(slot, hash);
-  m.hashes.clear();
+  for (const auto& [slot, rhash] : m.rhashes) m.map.erase(slot, rhash);
+  m.rhashes.clear();
   m.map.shrink();
   EXPECT_EQ(m.map.size(), 0u);
   EXPECT_EQ(m.map.numBuckets(), ShadowHashMap::kMinBuckets);
 }
 
-// findOrInsert finds a key that is there (under a crowded hash) and adds one that is not;
+// findOrInsert finds a key that is there (under a crowded rhash) and adds one that is not;
 // repoint moves a key to another slot in place.
 TEST(ShadowHashMap, FindOrInsertAndRepointAgainstAModel) {
   std::mt19937 rng(11);
@@ -62,22 +93,23 @@ TEST(ShadowHashMap, FindOrInsertAndRepointAgainstAModel) {
   std::map<uint32_t, uint32_t> slotOfKey, keyOfSlot;  // keys are 1000 + n; their slots change
   for (int round = 0; round < 20000; ++round) {
     const uint32_t key = 1000 + rng() % 2000;
-    const uint32_t hash = rng() % 4 == 0 ? 0xfffffff8u : key % 48;  // runs wrap, hashes collide
+    const uint32_t rhash = rng() % 4 == 0 ? 0xfffffff8u : key % 48;  // long runs, rhashes collide
     const auto known = slotOfKey.find(key);
     const uint32_t slot = 100000 + round;  // a fresh slot each time
-    auto sameKey = [&](uint32_t s) { return keyOfSlot.at(s) == key; };
+    m.keyOf = [&](uint32_t s) { return keyOfSlot.at(s); };
+    auto sameKey = [&](uint32_t s) { return order(keyOfSlot.at(s), key); };
     if (known != slotOfKey.end()) {
-      const uint32_t at = m.map.findOrInsert(slot, m.hashes.at(known->second), sameKey);
+      const uint32_t at = m.map.findOrInsert(slot, m.rhashes.at(known->second), sameKey);
       ASSERT_EQ(at, known->second) << "key " << key << " is found, not added again";
-      m.map.repoint(m.hashes.at(at), at, slot);
-      m.hashes[slot] = m.hashes.at(at);
-      m.hashes.erase(at);
+      m.map.repoint(m.rhashes.at(at), at, slot);
+      m.rhashes[slot] = m.rhashes.at(at);
+      m.rhashes.erase(at);
       keyOfSlot.erase(at);
       keyOfSlot[slot] = key;
       known->second = slot;
     } else {
-      ASSERT_EQ(m.map.findOrInsert(slot, hash, sameKey), ShadowHashMap::kNone);
-      m.hashes[slot] = hash;
+      ASSERT_EQ(m.map.findOrInsert(slot, rhash, sameKey), ShadowHashMap::kNone);
+      m.rhashes[slot] = rhash;
       slotOfKey[key] = slot;
       keyOfSlot[slot] = key;
     }
@@ -97,33 +129,88 @@ TEST(ShadowHashMap, EmptiedMapGrowsBackIntoItsOwnMemory) {
   map.reserve(100000);
   EXPECT_EQ(map.numBuckets(), grown);
   for (uint32_t slot = 0; slot < 1000; ++slot) {
-    EXPECT_EQ(map.find(slot * 7919u, [](uint32_t) { return true; }), ShadowHashMap::kNone)
+    EXPECT_EQ(map.find(slot * 7919u, [](uint32_t) { return 0; }), ShadowHashMap::kNone)
         << "no bucket kept a word from before";
-    map.insert(slot, slot * 7919u);
+    map.insert(slot, slot * 7919u, [slot](uint32_t s) { return order(s, slot); });
   }
   EXPECT_EQ(map.size(), 1000u);
 }
 
 TEST(ShadowHashMap, ReserveSizesOnceAndKeepsWhatIsThere) {
   Model m;
-  for (uint32_t slot = 0; slot < 10; ++slot) {
-    m.map.insert(slot, slot * 2654435761u);
-    m.hashes[slot] = slot * 2654435761u;
-  }
+  for (uint32_t slot = 0; slot < 10; ++slot) m.insert(slot, slot * 2654435761u);
   m.map.reserve(100000);
   const uint32_t buckets = m.map.numBuckets();
   EXPECT_GE(buckets / 4 * 3, 100000u);
-  for (uint32_t slot = 10; slot < 100000; ++slot) {
-    m.map.insert(slot, slot * 2654435761u);
-    m.hashes[slot] = slot * 2654435761u;
-  }
+  for (uint32_t slot = 10; slot < 100000; ++slot) m.insert(slot, slot * 2654435761u);
   EXPECT_EQ(m.map.numBuckets(), buckets);
   ASSERT_NO_FATAL_FAILURE(m.expectSame());
-  // Same hash, other key: found only by the key's own comparison.
+  // Same rhash, other key: found only by the key's own comparison.
   EXPECT_EQ(m.find(100001, 5 * 2654435761u), ShadowHashMap::kNone);
   // Erasing what is not there changes nothing.
   m.map.erase(100001, 5 * 2654435761u);
   ASSERT_NO_FATAL_FAILURE(m.expectSame());
+}
+
+}  // namespace
+
+namespace {
+
+// A walk from each key to the one after it, with keys coming and going between the steps in
+// numbers that double and halve the buckets, and keys moving to other slots: every key held
+// throughout is seen exactly once, the key a step starts from having gone or not.
+TEST(ShadowHashMap, WalksGoOnAcrossGrowthShrinkAndMoves) {
+  std::mt19937 rng(5);
+  Model m;
+  std::map<uint32_t, uint32_t> slotOfKey, keyOfSlot;
+  m.keyOf = [&](uint32_t s) { return keyOfSlot.at(s); };
+  uint32_t nextSlot = 0;
+  auto add = [&](uint32_t key) {
+    slotOfKey[key] = nextSlot;
+    keyOfSlot[nextSlot] = key;
+    m.insert(nextSlot++, key * 2654435761u);
+  };
+  auto remove = [&](uint32_t key) {
+    if (!slotOfKey.count(key)) return;
+    const uint32_t slot = slotOfKey.at(key);
+    m.map.erase(slot, m.rhashes.at(slot));
+    m.rhashes.erase(slot);
+    keyOfSlot.erase(slot);
+    slotOfKey.erase(key);
+  };
+  constexpr uint32_t kStaying = 3000;
+  for (uint32_t key = 0; key < kStaying; ++key) add(key);
+  std::map<uint32_t, int> seen;
+  uint32_t step = 0;
+  for (uint32_t s = m.map.first(); s != ShadowHashMap::kNone; ++step) {
+    const uint32_t key = keyOfSlot.at(s);
+    ++seen[key];
+    if (step % 500 == 250) {  // many keys come: the buckets double, twice
+      for (uint32_t k = 0; k < 3 * kStaying; ++k) add(100000 + k);
+    } else if (step % 500 == 0 && step > 0) {  // and go again: the buckets halve
+      for (uint32_t k = 0; k < 3 * kStaying; ++k) remove(100000 + k);
+      m.map.shrink();
+    }
+    // A few staying keys move to fresh slots.
+    for (int moves = 0; moves < 3; ++moves) {
+      const uint32_t moving = rng() % kStaying;
+      const uint32_t from = slotOfKey.at(moving);
+      m.map.repoint(m.rhashes.at(from), from, nextSlot);
+      m.rhashes[nextSlot] = m.rhashes.at(from);
+      m.rhashes.erase(from);
+      keyOfSlot.erase(from);
+      keyOfSlot[nextSlot] = moving;
+      slotOfKey[moving] = nextSlot++;
+    }
+    // The step goes on from the key it returned; sometimes that key has gone by then.
+    const uint32_t rhash = key * 2654435761u;
+    const bool leaves = key >= 100000 || rng() % 50 == 0;
+    if (leaves) remove(key);
+    s = m.map.after(rhash, [&](uint32_t other) { return order(keyOfSlot.at(other), key); });
+    if (leaves && key < kStaying) add(key);  // back in another slot: behind the walk
+  }
+  for (uint32_t key = 0; key < kStaying; ++key) EXPECT_EQ(seen[key], 1) << "key " << key;
+  for (const auto& [key, times] : seen) EXPECT_LE(times, 1) << "key " << key;
 }
 
 }  // namespace
