@@ -15,7 +15,8 @@
 //                 and against the least that a reader process has to do to copy them (map the
 //                 file afresh and copy into memory fresh from the kernel: memcpy_cold); the
 //                 same walk into an emptied shadow's own memory (resync); and a cold sync of a
-//                 key shadow (keys and digests of values, what an agent's table binding keeps)
+//                 key shadow (keys and digests of values, what an agent's table binding keeps);
+//                 a walk of a value shadow in step (first, next): shadow_walk_entries_per_s
 //   follow        notifications a shadow consumes per second: of rewrites, and of removals
 //                 (the writer's table shrinking on the way)
 //   wake          commit -> callback latency in another process (idle, its loop blocked with
@@ -134,11 +135,12 @@ double ledgerLookups(ReaderOf<R>& reader, const std::vector<uint32_t>& order) {
 }
 
 // A walk of the whole table (first, then next from each key with its hint): entries per second.
-double ledgerWalk(Reader& reader) {
+template <class Table>
+double ledgerWalk(Table& table) {
   Route r;
   uint32_t hint = Ledger::kNoSlot, n = 0;
   auto start = Clock::now();
-  for (bool more = reader.first(r); more; more = reader.next(r.k, r, &hint)) ++n;
+  for (bool more = table.first(r); more; more = table.next(r.k, r, &hint)) ++n;
   double t = seconds(start);
   sink = n;
   return n / t;
@@ -339,6 +341,16 @@ double resyncSeconds() {
   const double wall = seconds(start);
   syncPerfControl("disable");
   return wall;
+}
+
+// The same walk over a shadow in step: its keys in the same order, its values from its copy.
+double shadowWalk() {
+  Zinc::Loop loop;
+  Shadow shadow(Ledger::ReaderConfig{benchRoot(), "routes"}, loop);
+  shadow.yieldTimeIs(std::chrono::milliseconds(10));
+  shadow.initialize();
+  runUntil(loop, [&] { return shadow.inStep(); });
+  return ledgerWalk(shadow);
 }
 
 // What a reader process must do at the least to copy the table: map the file afresh and copy
@@ -623,7 +635,7 @@ int main() {
 
   // ours, bl, bu: keys hashed by the identity; oursMixed, blMixed, buMixed: as the LFIB's keys.
   Series ours, oursMixed, batched, walk, lm, bl, bu, blMixed, buMixed, st, chase;
-  Series sync, syncCpu, copy, follow, followRemovals, resync, copyCold, keySync;
+  Series sync, syncCpu, copy, follow, followRemovals, resync, copyCold, keySync, shadowWalks;
   Series wakeP50, wakeP99, futexP50, futexP99, epollP50, epollP99, churnP50, churnP99;
   for (int rep = 0; rep < kRepetitions; ++rep) {
     if (lookups) {
@@ -647,6 +659,7 @@ int main() {
       resync.push_back(resyncSeconds());
       copyCold.push_back(memcpyColdSeconds(w));
       keySync.push_back(syncSeconds<KeyShadow>(freshMemoryFor(w)).first);
+      shadowWalks.push_back(shadowWalk());
     }
     if (wanted("follow")) {
       follow.push_back(followRate(w, rep + 2));
@@ -689,6 +702,7 @@ int main() {
   figure("resync_1m_seconds", resync, 4, "s");
   figure("memcpy_cold_seconds", copyCold, 4, "s");
   figure("sync_key_shadow_1m_seconds", keySync, 4, "s");
+  figure("shadow_walk_entries_per_s", shadowWalks, 0, "entries/s");
   figure("follow_events_per_s", follow, 0, "events/s");
   figure("follow_removals_per_s", followRemovals, 0, "events/s");
   figure("wake_p50_us", wakeP50, 1, "us");
