@@ -325,19 +325,26 @@ std::pair<double, double> syncSeconds(size_t freshBytes) {
   return {wall, used};
 }
 
+// A shadow of the table, synced and in step.
+struct ShadowInStep {
+  Zinc::Loop loop;
+  Shadow shadow{Ledger::ReaderConfig{benchRoot(), "routes"}, loop};
+  ShadowInStep() {
+    shadow.yieldTimeIs(std::chrono::milliseconds(10));
+    shadow.initialize();
+    runUntil(loop, [&] { return shadow.inStep(); });
+  }
+};
+
 // A cold sync of a shadow emptied (flush) after a first sync: the same walk, into the memory
 // that the shadow filled before instead of memory fresh from the kernel.
 double resyncSeconds() {
-  Zinc::Loop loop;
-  Shadow shadow(Ledger::ReaderConfig{benchRoot(), "routes"}, loop);
-  shadow.yieldTimeIs(std::chrono::milliseconds(10));
-  shadow.initialize();
-  runUntil(loop, [&] { return shadow.inStep(); });
-  shadow.store().flush();
+  ShadowInStep s;
+  s.shadow.store().flush();
   syncPerfControl("enable");
   auto start = Clock::now();
-  shadow.resync("benchmark");
-  runUntil(loop, [&] { return shadow.inStep(); });
+  s.shadow.resync("benchmark");
+  runUntil(s.loop, [&] { return s.shadow.inStep(); });
   const double wall = seconds(start);
   syncPerfControl("disable");
   return wall;
@@ -345,12 +352,8 @@ double resyncSeconds() {
 
 // The same walk over a shadow in step: its keys in the same order, its values from its copy.
 double shadowWalk() {
-  Zinc::Loop loop;
-  Shadow shadow(Ledger::ReaderConfig{benchRoot(), "routes"}, loop);
-  shadow.yieldTimeIs(std::chrono::milliseconds(10));
-  shadow.initialize();
-  runUntil(loop, [&] { return shadow.inStep(); });
-  return ledgerWalk(shadow);
+  ShadowInStep s;
+  return ledgerWalk(s.shadow);
 }
 
 // What a reader process must do at the least to copy the table: map the file afresh and copy
