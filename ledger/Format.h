@@ -230,6 +230,15 @@ static_assert(nextBucketInOrder(0, 8) == 4 && nextBucketInOrder(4, 8) == 2 &&
               nextBucketInOrder(6, 8) == 1 && nextBucketInOrder(7, 8) == 8 &&
               nextBucketInOrder(0, 1) == 1 && nextBucketInOrder(0, 6) == 6);
 
+// Starts fetching each cache line of the `size` bytes at `at`, from byte `from` on, and the
+// line of the last byte, which bytes that start late in a line reach: a slot or a value
+// spans several lines, and asking for all of them at once overlaps their misses.
+inline void prefetchSpan(const void* at, uint32_t size, uint32_t from = 0) {
+  const auto* bytes = static_cast<const char*>(at);
+  for (uint32_t offset = from; offset < size; offset += 64) __builtin_prefetch(bytes + offset);
+  __builtin_prefetch(bytes + size - 1);
+}
+
 // A link pair as one 64-bit word: generation in the low half, link in the high half.
 constexpr uint64_t packLink(uint32_t generation, uint32_t link) {
   return generation | (static_cast<uint64_t>(link) << 32);

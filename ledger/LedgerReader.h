@@ -586,10 +586,7 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
     if (near >= n) return;
     const uint32_t link = linkOf(Shm::load(buckets_.headWord(near), std::memory_order_relaxed));
     if (link >= slots_.mappedSlots()) return;
-    // The whole slot: a step reads it all (the consistent copy of the value).
-    const auto* bytes = reinterpret_cast<const char*>(&slots_.slot(link));
-    for (uint32_t at = 0; at < slots_.slotSize(); at += 64) __builtin_prefetch(bytes + at);
-    __builtin_prefetch(bytes + slots_.slotSize() - 1);
+    slots_.prefetch(link);  // the whole slot: a step reads it all (the consistent copy)
   }
 
   // The smallest entry of bucket `b`, read consistently; retried while the writer changes it.

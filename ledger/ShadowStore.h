@@ -414,9 +414,7 @@ class ShadowStore {
     if constexpr (kVariable) {
       __builtin_prefetch(&blocks_[slot]);
     } else {
-      const uint8_t* at = storedAt(slot);
-      for (uint32_t offset = 0; offset < valueSize(); offset += 64) __builtin_prefetch(at + offset);
-      __builtin_prefetch(at + valueSize() - 1);
+      prefetchSpan(storedAt(slot), valueSize());
     }
   }
   const uint8_t* storedAt(uint32_t slot) const {

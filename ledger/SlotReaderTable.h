@@ -77,11 +77,7 @@ class SlotReaderTable {
   }
   // Starts fetching every cache line of slot `index` (below mappedSlots()), so that its
   // header, key and value arrive together instead of one miss after another.
-  void prefetch(uint32_t index) const {
-    const uint8_t* at = reinterpret_cast<const uint8_t*>(&slot(index));
-    for (uint32_t offset = 0; offset < slotSize_; offset += 64) __builtin_prefetch(at + offset);
-    __builtin_prefetch(at + slotSize_ - 1);
-  }
+  void prefetch(uint32_t index) const { prefetchSpan(&slot(index), slotSize_); }
 
   // The end of a consistent read done in place: true when the status word of slot `index`
   // (below mappedSlots()) still is `status`, loaded after everything read from the slot

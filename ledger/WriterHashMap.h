@@ -270,10 +270,7 @@ class WriterHashMap {
   // size the ops know (a constant for fixed-size values: the loop unrolls), and its last
   // byte's line is asked for too, which a slot that starts late in a line reaches.
   void prefetchSlotTail(const SlotHeader& s) const {
-    const auto* bytes = reinterpret_cast<const char*>(&s);
-    const uint32_t size = slotSizeFor(ops_.valueSize());
-    for (uint32_t at = 64; at < size; at += 64) __builtin_prefetch(bytes + at);
-    __builtin_prefetch(bytes + size - 1);
+    prefetchSpan(&s, slotSizeFor(ops_.valueSize()), 64);
   }
 
   static const Zinc::Trace& trace() { return hashMapTrace; }
