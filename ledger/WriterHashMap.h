@@ -255,8 +255,7 @@ class WriterHashMap {
     if (near >= n) return;
     const uint32_t link = SlotWriterTable::loadLink(buckets_.head(near));
     if (link >= slots_.numSlots()) return;
-    __builtin_prefetch(&slots_.slot(link));
-    prefetchSlotTail(slots_.slot(link));  // the step copies the value out
+    prefetchSpan(&slots_.slot(link), slotSizeFor(ops_.valueSize()));  // a step copies it out
   }
   void prefetchChain(uint32_t bucket, uint32_t end) {
     if (bucket >= end) return;
