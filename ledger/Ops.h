@@ -24,7 +24,10 @@
 // inside the consistent read), storedLength (bytes of a reader's copy) and kMaxCopySize.
 //
 // The default below serves trivially copyable structs whose first member is the key: the
-// stored form is the struct's bytes.
+// stored form is the struct's bytes, padding included, and values compare by those bytes
+// (sameStored here, the shadows' comparisons in readers). Two equal values whose padding
+// bytes differ are a change that readers are told of: give a value type no padding (name
+// the spare bytes as members) to have an unchanged rewrite reported as none.
 #pragma once
 
 #include <concepts>
