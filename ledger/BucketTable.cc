@@ -42,11 +42,12 @@ bool BucketWriterTable::attach(const std::string& root, const std::string& table
 bool BucketWriterTable::reserve(uint32_t numBuckets) {
   size_t old = file_.size();
   size_t wanted = bucketFileSize(numBuckets);
-  if (wanted <= old) return true;
-  if (!file_.resize(wanted)) {
+  // Within the mapping, the heads that a shrink gave back take their pages again.
+  if (!(wanted <= old ? file_.reserve(wanted) : file_.resize(wanted))) {
     ZTRACE(0, "BucketWriterTable::reserve() failed to resize " << file_.error());
     return false;
   }
+  if (wanted <= old) return true;
   // New heads are empty before any reader can be told that they exist.
   size_t firstNew = old < kBucketTableHeaderSize ? 0 : (old - kBucketTableHeaderSize) / 8;
   for (size_t i = firstNew; i < numBuckets; ++i) heads()[i] = packLink(0, kNoSlot);

@@ -219,6 +219,10 @@ class LedgerWriter : public LedgerBase<Key, Value> {
                                          uint32_t hash);
   // The value into slot `s` under the status protocol (look-aside copy, +2, value, +2|1).
   [[gnu::always_inline]] inline void publish(SlotHeader& s, const Value& value);
+  // Bytes of the largest stored form of out-of-line storage (a reference to the payload).
+  static constexpr uint32_t kMaxInlineStored = 16;
+  template <class Fill>
+  void fillNew(uint32_t slot, Fill fill);
   Value* openDirect(const Key& key, bool create);
   void maybeGrowBuckets();
   void maybeShrinkBuckets();

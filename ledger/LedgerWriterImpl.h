@@ -177,8 +177,32 @@ void LedgerWriter<Key, Value, OpsT>::detach() {
 
 template <class Key, class Value, class OpsT>
 void LedgerWriter<Key, Value, OpsT>::publish(SlotHeader& s, const Value& value) {
-  ops_.store(value, slots_.openSlot(s, ops_.valueSize()));
+  if constexpr (OutOfLineOps<OpsT>) {
+    // The payload first, while the slot is still closed: storage that cannot grow fails
+    // here with nothing changed. The slot then takes the small stored form that refers to it.
+    alignas(8) uint8_t staged[kMaxInlineStored];
+    ZINC_ASSERT(ops_.valueSize() <= sizeof(staged), "an out-of-line stored form is small");
+    ops_.store(value, staged);
+    std::memcpy(slots_.openSlot(s, ops_.valueSize()), staged, ops_.valueSize());
+  } else {
+    ops_.store(value, slots_.openSlot(s, ops_.valueSize()));
+  }
   slots_.closeSlot(s);
+}
+
+// A slot just allocated for a new entry, not reachable yet, is published with `fill` and
+// will be announced: if the queue has no room for that, or `fill` fails, the slot goes back
+// to the free list and the write fails with the table as it was.
+template <class Key, class Value, class OpsT>
+template <class Fill>
+void LedgerWriter<Key, Value, OpsT>::fillNew(uint32_t slot, Fill fill) {
+  try {
+    rally_.reserveFor(slot);
+    fill();
+  } catch (...) {
+    slots_.dealloc(slot);
+    throw;
+  }
 }
 
 // A new slot for a key that `pos` says is missing: linked to its successor and stamped with
@@ -210,6 +234,7 @@ const void* LedgerWriter<Key, Value, OpsT>::write(const Value& value, WriteFlag 
     ++counters_.unchanged;
     return stored;
   }
+  rally_.reserveFor(slot);  // before anything changes: a full queue fails the write here
   const uint8_t* old = keepForRetire(slot);
   publish(s, value);
   retire(old);
@@ -232,7 +257,7 @@ template <class Key, class Value, class OpsT>
 const void* LedgerWriter<Key, Value, OpsT>::insertAt(const Value& value, const ChainPosition& pos,
                                                      uint32_t hash) {
   const uint32_t slot = insertNew(pos, hash);
-  publish(slots_.slot(slot), value);
+  fillNew(slot, [&] { publish(slots_.slot(slot), value); });
   // The one store that makes the complete slot reachable.
   map_.setLink(pos.pred, slot);
   ++counters_.inserts;
@@ -265,6 +290,7 @@ bool LedgerWriter<Key, Value, OpsT>::remove(const Key& key, Value* out) {
   const ChainPosition pos = map_.find(key, OpsT::hash(key), "WriterHashMap::find()");
   if (pos.hit == kNoSlot) return false;
   const uint32_t slot = pos.hit;
+  rally_.reserveFor(slot);  // before anything changes: a full queue fails the remove here
   if (out) ops_.load(slots_.value(slot), *out);
   const uint8_t* old = keepForRetire(slot);
   map_.setLink(pos.pred, SlotWriterTable::loadLink(slots_.slot(slot).linkPair));
@@ -288,12 +314,13 @@ Value* LedgerWriter<Key, Value, OpsT>::openDirect(const Key& key, bool create) {
     const uint32_t hash = OpsT::hash(key);
     const ChainPosition pos = map_.find(key, hash);
     if (pos.hit != kNoSlot) {
-      slots_.openSlot(pos.hit);  // readers take the look-aside copy until directCommit
+      rally_.reserveFor(pos.hit);  // directCommit announces it and must not fail
+      slots_.openSlot(pos.hit);    // readers take the look-aside copy until directCommit
       direct_ = DirectSlot{pos.hit, key, false, pos.pred};
     } else {
       if (!create) return nullptr;
       uint32_t slot = insertNew(pos, hash);
-      ops_.initStored(key, slots_.openSlot(slot));
+      fillNew(slot, [&] { ops_.initStored(key, slots_.openSlot(slot)); });
       direct_ = DirectSlot{slot, key, true, pos.pred};
     }
     return reinterpret_cast<Value*>(slots_.value(direct_->slot));
@@ -386,6 +413,14 @@ void LedgerWriter<Key, Value, OpsT>::doMaybeShrinkSlots() {
   ZTRACE_TO(trace(), 1,
             "LedgerWriter::doMaybeShrinkSlots() at threshold:" << threshold << " occupiedSlots:"
                                                                << slots_.occupiedSlots());
+  // Every move is announced twice, and none of it may fail half-way: room in the queue first,
+  // or no shrink (the table keeps its size; the next removal tries again).
+  try {
+    rally_.reserveFor(n - 1, 2 * slots_.occupiedSlots());
+  } catch (const TableFullException& e) {
+    ZTRACE_TO(trace(), 0, "LedgerWriter::doMaybeShrinkSlots() not shrinking: " << e.what());
+    return;
+  }
   shrinking_ = true;
   rally_.markShrinkStart(target, n);
   slots_.purgeFreeSlots(target);

@@ -97,8 +97,8 @@ bool RallyWriter::adoptQueue() {
   // Positions are checked by the validator; the queue's sequences must at least be sane.
   if (count_ > 0 && entry(count_ - 1).sequence > latestSeq_) return false;
   // Offsets left too little room (or none) for the queue's capacity: the first append that
-  // would not fit swaps.
-  appendLimit_ = appendLimitFor(maxOffset_);
+  // would not fit swaps. Pages are reserved again from the first append on.
+  offsetLimitIs(appendLimitFor(maxOffset_));
   // The writer before may have died with a tail unsettled, or while settling it. A `settled`
   // beyond the count is not to be trusted: the whole queue is settled again.
   settledIs(q->settled <= count_ ? q->settled : 0);
@@ -128,7 +128,7 @@ void RallyWriter::unbindQueue() {
   queue_ = nullptr;
   positions_ = nullptr;
   entries_ = nullptr;
-  count_ = slotCapacity_ = appendLimit_ = 0;
+  count_ = slotCapacity_ = appendLimit_ = offsetLimit_ = reservedEntries_ = 0;
   settledIs(0);
   baseSeq_ = 0;
 }
@@ -150,11 +150,18 @@ void RallyWriter::swapIn(uint32_t slotCapacity, bool keepLive) {
   const uint64_t baseSeq = rallyBaseFor(latestSeq_, capacity, maxOffset);
   EmberFile::unlinkFile(root_, table_, rallyQueueName(generation));  // leftover of a crash
   EmberFile next;
+  // Pages for the live entries (never more than the slots) and a chunk; the rest as it fills.
+  const uint32_t reserved = uint32_t(std::min<uint64_t>(
+      capacity, uint64_t{std::min(slotCapacity, slotCapacity_)} + kReserveChunk));
   if (!next.open(root_, table_, rallyQueueName(generation), EmberFile::Access::ReadWrite, true,
                  perm_) ||
-      !next.resize(rallyFileSize(slotCapacity, capacity))) {
-    throw InitializationException("RallyWriter::swapIn() cannot create queue " + next.path() +
-                                  ": " + next.error());
+      !next.resize(rallyFileSize(slotCapacity, capacity),
+                   rallyEntriesOffset(slotCapacity) + sizeof(uint64_t) * uint64_t{reserved})) {
+    const std::string why = next.error();
+    next.close();
+    EmberFile::unlinkFile(root_, table_, rallyQueueName(generation));
+    throw InitializationException("RallyWriter::swapIn() cannot create queue " +
+                                  rallyQueueName(generation) + ": " + why);
   }
   auto* q = reinterpret_cast<RallyQueueHeader*>(next.base());
   auto* positions = reinterpret_cast<uint32_t*>(next.base() + sizeof(RallyQueueHeader));
@@ -182,7 +189,8 @@ void RallyWriter::swapIn(uint32_t slotCapacity, bool keepLive) {
   queueFile_ = std::move(next);
   bindQueue();
   settledIs(count);
-  appendLimit_ = appendLimitFor(maxOffset);
+  reservedEntries_ = reserved;
+  offsetLimitIs(appendLimitFor(maxOffset));
   EmberFile::unlinkFile(root_, table_, rallyQueueName(oldGeneration));
   ZTRACE(3, "RallyWriter::swapIn() generation:" << generation << " live:" << count
                                                 << " capacity:" << capacity << " base:" << baseSeq);
@@ -262,14 +270,43 @@ void RallyWriter::storeSettled(uint32_t settled) {
   Shm::store(queue_->settled, settled, std::memory_order_release);
 }
 
-void RallyWriter::makeRoomFor(uint32_t slot) {
+void RallyWriter::makeRoomFor(uint32_t slot, uint32_t entries) {
+  const uint64_t wanted = uint64_t{count_} + entries;
+  if (slot < slotCapacity_ && wanted <= offsetLimit_) {
+    if (!reserveEntries(wanted)) {
+      throw TableFullException("RallyWriter::makeRoomFor() no room for the queue's entries: " +
+                               queueFile_.error());
+    }
+    return;
+  }
   settle();  // a compaction keeps live entries: one per slot
-  if (slot >= queue_->slotCapacity) {
-    swapIn(slotCapacityFor(std::max(slot + 1, 2 * queue_->slotCapacity)), true);
-  } else {
-    swapIn(queue_->slotCapacity, true);
+  try {
+    if (slot >= slotCapacity_) {
+      swapIn(slotCapacityFor(std::max(slot + 1, 2 * slotCapacity_)), true);
+    } else {
+      swapIn(slotCapacity_, true);
+    }
+  } catch (const InitializationException& e) {
+    throw TableFullException(std::string("RallyWriter::makeRoomFor() ") + e.what());
   }
   ++compactions_;
+  if (uint64_t{count_} + entries > appendLimit_ && !reserveEntries(uint64_t{count_} + entries)) {
+    throw TableFullException("RallyWriter::makeRoomFor() no room for the queue's entries: " +
+                             queueFile_.error());
+  }
+}
+
+bool RallyWriter::reserveEntries(uint64_t upTo) {
+  // A chunk ahead, or where the file system has less room left, just what is asked for.
+  for (const uint64_t want : {std::max(upTo, uint64_t{reservedEntries_} + kReserveChunk), upTo}) {
+    const uint32_t limit = uint32_t(std::min<uint64_t>(offsetLimit_, want));
+    if (queueFile_.reserve(rallyEntriesOffset(slotCapacity_) + sizeof(uint64_t) * limit)) {
+      reservedEntries_ = std::max(reservedEntries_, limit);
+      offsetLimitIs(offsetLimit_);
+      return true;
+    }
+  }
+  return false;
 }
 
 void RallyWriter::markShrinkStart(uint32_t corralStart, uint32_t corralEnd) {

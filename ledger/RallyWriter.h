@@ -86,6 +86,7 @@
 //    left one, or died in the middle of settling it: settling again changes nothing twice).
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -195,7 +196,7 @@ class RallyWriter {
   // takes the slow path (a swap).
   [[gnu::always_inline]] uint64_t notify(uint32_t slot) {
     if (slot >= slotCapacity_ || count_ == appendLimit_) [[unlikely]] {
-      makeRoomFor(slot);
+      makeRoomFor(slot, 1);
     }
     // Locals: the stores to shared memory below would make the compiler reload every member.
     const uint64_t seq = latestSeq_ + 1;
@@ -216,6 +217,14 @@ class RallyWriter {
     if (pos + 1 == settleAt_) [[unlikely]]
       settle();
     return seq;
+  }
+  // Makes sure that the next `entries` announcements, of slots up to `slot`, need neither a
+  // swap nor new pages: a queue that cannot have them (no space left for its file) fails here
+  // with TableFullException, before the table changes, and never in notify().
+  void reserveFor(uint32_t slot, uint32_t entries = 1) {
+    if (slot >= slotCapacity_ || uint64_t{count_} + entries > appendLimit_) [[unlikely]] {
+      makeRoomFor(slot, entries);
+    }
   }
   // Settles the entries appended since the last settle (see above). Whoever checks positions
   // or needs one live entry per slot (validator, swap, detach) runs it first.
@@ -259,8 +268,20 @@ class RallyWriter {
   static constexpr uint32_t kAppendAhead = 32;  // four lines of entries
   static constexpr uint32_t kSettleAhead = 16;  // entries a settle fetches ahead
 
-  // Swaps in a queue with room for one more entry and a position for `slot`.
-  void makeRoomFor(uint32_t slot);
+  // Entries whose pages a queue takes at a time, as it fills.
+  static constexpr uint32_t kReserveChunk = 8192;
+
+  // Room for `entries` more entries and a position for `slot`: the pages of the next entries,
+  // or a swap. Throws TableFullException when the file system has no room for either.
+  void makeRoomFor(uint32_t slot, uint32_t entries);
+  // Takes the pages of the entries below `upTo` (and a chunk more); false when it cannot.
+  bool reserveEntries(uint64_t upTo);
+  // The entries the queue may take by its capacity and offsets; appends stop short of it
+  // where pages are not reserved yet.
+  void offsetLimitIs(uint32_t limit) {
+    offsetLimit_ = limit;
+    appendLimit_ = std::min(offsetLimit_, reservedEntries_);
+  }
   bool adoptQueue();
   void storeSettled(uint32_t settled);
   void settledIs(uint32_t settled) {
@@ -288,12 +309,14 @@ class RallyWriter {
   uint32_t* positions_ = nullptr;
   uint64_t* entries_ = nullptr;
   // The writer's own copies of what it last stored in the files (it is their only writer),
-  // and what bounds the next append: count_ reaching appendLimit_ forces a swap.
+  // and what bounds the next append: count_ reaching appendLimit_ takes pages or a swap.
   uint64_t latestSeq_ = 0;
   uint64_t baseSeq_ = 0;
   uint32_t count_ = 0;
   uint32_t slotCapacity_ = 0;
   uint32_t appendLimit_ = 0;
+  uint32_t offsetLimit_ = 0;          // appendLimitFor(): what the queue can take without a swap
+  uint32_t reservedEntries_ = 0;      // entries whose pages the file system has given
   uint32_t settled_ = 0;              // the header's `settled`, as this writer last stored it
   uint32_t settleAt_ = kSettleBatch;  // settled_ + kSettleBatch: the count that settles
   uint64_t maxOffset_ = kMaxRallyOffset;

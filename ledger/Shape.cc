@@ -179,7 +179,8 @@ SlabWriter::Attached SlabWriter::attach(const std::string& root, const std::stri
 
 void SlabWriter::format(uint32_t emberId) {
   if (!file_.resize(sizeof(SlabHeader))) {
-    throw Ledger::InitializationException("SlabWriter::format() cannot size " + file_.path());
+    throw Ledger::InitializationException("SlabWriter::format() cannot size " + file_.path() +
+                                          ": " + file_.error());
   }
   SlabHeader& h = mutableHeader();
   std::memset(&h, 0, sizeof(h));
@@ -195,7 +196,8 @@ void SlabWriter::format(uint32_t emberId) {
 
 bool SlabWriter::doResize(uint32_t numEntries) {
   const uint32_t old = header().numEntries;
-  if (!file_.resize(sizeof(SlabHeader) + uint64_t{numEntries} * entrySize_)) {
+  // Pages are taken as entries are handed out (populateThrough), not for the whole file.
+  if (!file_.resize(sizeof(SlabHeader) + uint64_t{numEntries} * entrySize_, populatedEnd_)) {
     ZTRACE(0, "slab." << sizeClass_ << "::doResize() failed to resize from " << old << " to "
                       << numEntries << " entries: " << file_.error());
     return false;
@@ -230,8 +232,9 @@ uint32_t SlabWriter::allocAboveHighWater(uint32_t size) {
                                        "::resize() failed shmem " + file_.path());
     }
   }
-  const uint32_t index = mutableHeader().highWater++;
-  populateThrough(index);
+  const uint32_t index = header().highWater;  // `h` is gone if the resize moved the mapping
+  populateThrough(index);                     // may fail for want of room, with nothing changed
+  ++mutableHeader().highWater;
   auto* e = reinterpret_cast<SlabEntryHeader*>(entry(index));
   e->payloadSize = size;
   ++mutableHeader().numOccupied;
@@ -242,8 +245,16 @@ void SlabWriter::populateThrough(uint32_t index) {
   const uint64_t end = entryOffset(index + 1);
   if (end <= populatedEnd_) return;
   const uint64_t from = std::max(populatedEnd_, entryOffset(index));
-  file_.populate(from, end - from + kPopulateAhead);
-  populatedEnd_ = std::min<uint64_t>(file_.size(), end + kPopulateAhead);
+  // The pages are taken first: a file system with no room left fails the allocation here
+  // rather than the first store to the entry. The last bytes of room still take an entry.
+  uint64_t upTo = std::min<uint64_t>(file_.size(), end + kPopulateAhead);
+  if (!file_.reserve(upTo) && !file_.reserve(upTo = end)) {
+    throw Ledger::TableFullException("slab." + std::to_string(sizeClass_) +
+                                     "::alloc() no room for entry " + std::to_string(index) + ": " +
+                                     file_.error());
+  }
+  file_.populate(from, upTo - from);
+  populatedEnd_ = upTo;
 }
 
 void SlabWriter::free(uint32_t index) {

@@ -121,7 +121,7 @@ uint32_t SlotWriterTable::alloc() {
 void SlotWriterTable::throwFull() const {
   throw TableFullException(
       "SlotWriter::alloc() Ledger table full (occupancy:" + std::to_string(occupiedSlots()) +
-      " numSlots:" + std::to_string(numSlots()) + ")");
+      " numSlots:" + std::to_string(numSlots()) + "): " + growFailure_);
 }
 
 void SlotWriterTable::badFreeSlot(uint32_t index) {
@@ -153,9 +153,13 @@ bool SlotWriterTable::grow() {
   if (config_.fixedSize || wanted <= n) {
     ZTRACE(0, "SlotWriter::grow() the slot table is full but numSlots: "
                   << n << " and occupiedSlots: " << occupiedSlots());
+    growFailure_ = config_.fixedSize ? "the table has a fixed size" : "the table is at its largest";
     return false;
   }
-  if (!resize(wanted)) return false;
+  if (!resize(wanted)) {
+    growFailure_ = "cannot grow to " + std::to_string(wanted) + " slots: " + file_.error();
+    return false;
+  }
   ++growths_;
   return true;
 }
@@ -169,7 +173,10 @@ bool SlotWriterTable::resize(uint32_t newNumSlots) {
     return false;
   }
   uint8_t* oldBase = base_;
-  if (bytes > file_.size() && !file_.resize(bytes)) {
+  // Growth takes the pages of the new slots first: beyond the mapping, or within it those of
+  // a tail that a shrink gave back.
+  const bool grows = newNumSlots > n;
+  if (grows && !(bytes > file_.size() ? file_.resize(bytes) : file_.reserve(bytes))) {
     ZTRACE(0, "SlotWriter::resize() failed to resize " << file_.path() << " " << file_.error());
     return false;
   }

@@ -135,6 +135,7 @@ class SlotWriterTable {
   void updateShrinkThreshold();
   // alloc()'s failures, out of its way.
   [[noreturn, gnu::cold, gnu::noinline]] void throwFull() const;
+  std::string growFailure_;  // why the last growth failed, for throwFull()
   [[noreturn, gnu::cold, gnu::noinline]] void badFreeSlot(uint32_t index);
 
   SlotTableConfig config_;

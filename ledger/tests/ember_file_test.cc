@@ -107,7 +107,7 @@ TEST_F(Ember, PopulateMapsJustTheRangeAskedForWithinTheMapping) {
   constexpr size_t kPage = 4096;
   EmberFile writer;
   ASSERT_TRUE(writer.open(root, "t", "data", EmberFile::Access::ReadWrite, true));
-  ASSERT_TRUE(writer.resize(64 * kPage));
+  ASSERT_TRUE(writer.resize(64 * kPage, 0));  // no pages reserved
   EXPECT_EQ(occupied(writer.path()), 0u);
   // An unaligned range takes the pages it touches: [10 * page - 1, 14 * page + 1) spans six.
   ASSERT_TRUE(writer.populate(10 * kPage - 1, 4 * kPage + 2));
@@ -126,6 +126,29 @@ TEST_F(Ember, PopulateMapsJustTheRangeAskedForWithinTheMapping) {
   EXPECT_EQ(reader.base()[11 * kPage], 7);
   EXPECT_FALSE(reader.populate(0, kPage));  // a reader never allocates a writer's pages
   EXPECT_EQ(occupied(writer.path()), 10 * kPage);
+}
+
+// A writer takes the pages it grows into before it writes there, and takes again those it gave
+// back: a write never meets a page that the file system could still refuse.
+TEST_F(Ember, GrowthReservesPagesAndReserveTakesReleasedOnesAgain) {
+  constexpr size_t kPage = 4096;
+  EmberFile writer;
+  ASSERT_TRUE(writer.open(root, "t", "data", EmberFile::Access::ReadWrite, true));
+  ASSERT_TRUE(writer.resize(16 * kPage));
+  EXPECT_EQ(occupied(writer.path()), 16 * kPage);
+  ASSERT_TRUE(writer.resize(32 * kPage, 20 * kPage));  // the rest as it is needed
+  EXPECT_EQ(occupied(writer.path()), 20 * kPage);
+  EXPECT_EQ(writer.fileSize(), 32 * kPage);
+  ASSERT_TRUE(writer.reserve(24 * kPage));
+  EXPECT_EQ(occupied(writer.path()), 24 * kPage);
+  writer.releaseRange(8 * kPage, 24 * kPage);
+  EXPECT_EQ(occupied(writer.path()), 8 * kPage);
+  ASSERT_TRUE(writer.reserve(12 * kPage));
+  EXPECT_EQ(occupied(writer.path()), 12 * kPage);
+  EmberFile reader;
+  ASSERT_TRUE(reader.open(root, "t", "data", EmberFile::Access::ReadOnly, false));
+  EXPECT_FALSE(reader.reserve(kPage));  // a reader never allocates a writer's pages
+  EXPECT_NE(reader.error().find("not open for writing"), std::string::npos);
 }
 
 }  // namespace

@@ -61,6 +61,7 @@ EmberFile& EmberFile::operator=(EmberFile&& other) noexcept {
     fd_ = std::exchange(other.fd_, -1);
     base_ = std::exchange(other.base_, nullptr);
     size_ = std::exchange(other.size_, 0);
+    reserved_ = std::exchange(other.reserved_, 0);
     writable_ = other.writable_;
     created_ = other.created_;
     emberId_ = other.emberId_;
@@ -115,6 +116,7 @@ void EmberFile::close() {
   if (fd_ >= 0) ::close(fd_);
   base_ = nullptr;
   size_ = 0;
+  reserved_ = 0;
   fd_ = -1;
 }
 
@@ -162,21 +164,44 @@ void EmberFile::unmap() {
   ::munmap(base_, size_);
 }
 
-bool EmberFile::resize(size_t bytes) {
+bool EmberFile::resize(size_t bytes, size_t reserveBytes) {
   if (fd_ < 0) {
     errno = EBADF;
     return fail("resize of closed file");
   }
+  if (!reserve(std::min(bytes, reserveBytes))) return false;
   if (fileSize() < bytes && ::ftruncate(fd_, static_cast<off_t>(bytes)) != 0) {
     return fail("cannot grow to " + std::to_string(bytes) + " bytes:");
   }
   return mapLength(bytes);
 }
 
+bool EmberFile::reserve(size_t bytes) {
+  if (bytes <= reserved_) return true;
+  if (fd_ < 0 || !writable_) {
+    errno = EBADF;
+    return fail("cannot reserve pages of a file not open for writing:");
+  }
+  // Allocates [reserved_, bytes) and extends the file over it when shorter, or does nothing
+  // at all: the file system undoes a partial allocation before it reports the error.
+  if (::fallocate(fd_, 0, static_cast<off_t>(reserved_), static_cast<off_t>(bytes - reserved_)) !=
+      0) {
+    if (errno != EOPNOTSUPP && errno != ENOSYS) {
+      return fail("cannot reserve " + std::to_string(bytes) + " bytes:");
+    }
+    if (fileSize() < bytes && ::ftruncate(fd_, static_cast<off_t>(bytes)) != 0) {
+      return fail("cannot grow to " + std::to_string(bytes) + " bytes:");
+    }
+  }
+  reserved_ = bytes;
+  return true;
+}
+
 bool EmberFile::remap() { return fd_ >= 0 && mapLength(fileSize()); }
 
 void EmberFile::releaseRange(size_t offset, size_t len) {
   if (fd_ < 0 || len == 0) return;
+  reserved_ = std::min(reserved_, offset);
 #ifdef FALLOC_FL_PUNCH_HOLE
   long page = ::sysconf(_SC_PAGESIZE);
   size_t start = (offset + page - 1) / page * page;

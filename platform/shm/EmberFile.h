@@ -5,10 +5,16 @@
 // "/dev/shm/ledger". Table and file names are validated: not empty, no '/', no "..".
 //
 // A file is created with mode 0600 (0640 on request), whatever the umask. It grows with
-// ftruncate and a new mapping, which may move: callers keep offsets, not pointers, across
-// resize(). Shrinking never cuts the file: releaseRange() gives the pages of a tail back to
-// the system (reads there return zeros), so a reader in another process that still maps the
-// old length never faults on a page beyond the end of the file.
+// a new mapping, which may move: callers keep offsets, not pointers, across resize().
+// Shrinking never cuts the file: releaseRange() gives the pages of a tail back to the system
+// (reads there return zeros), so a reader in another process that still maps the old length
+// never faults on a page beyond the end of the file.
+//
+// A writer takes the pages of what it is about to use before it writes there (reserve(), and
+// resize() on growth): a file system that is full (a /dev/shm of a few megabytes in a
+// container) then refuses the growth with an error, and the file stays as it was. A write to
+// a page of a shared mapping that the file system cannot give would kill the writer with
+// SIGBUS instead.
 //
 // The ember id names a generation of a table's files: the writer that formats a table draws a
 // fresh id (freshEmberId) and stamps it into every file of the table; a file stamped with
@@ -57,9 +63,15 @@ class EmberFile {
   size_t size() const { return size_; }  // bytes mapped
   size_t fileSize() const;               // bytes in the file now (another process may grow it)
 
-  // Grows the file to at least `bytes` (never shrinks it) and maps `bytes`; the mapping may
-  // move. On failure the old mapping stays and error() says why.
-  bool resize(size_t bytes);
+  // Grows the file to at least `bytes` (never shrinks it), reserves the first `reserveBytes`
+  // of them (all by default), and maps `bytes`; the mapping may move. On failure the old
+  // mapping stays and error() says why.
+  bool resize(size_t bytes, size_t reserveBytes = SIZE_MAX);
+  // Writable file: gives the first `bytes` of the file pages of their own now, growing it
+  // when shorter, pages released by releaseRange() included. On failure (no space left) the
+  // file keeps its length and pages, and error() says why. Where the file system cannot
+  // reserve ahead, pages come with the writes, as they would without this.
+  bool reserve(size_t bytes);
   // Maps the file's current length (a reader following a writer's growth).
   bool remap();
   // Returns the pages of [offset, offset + len) to the system; the file keeps its length and
@@ -88,6 +100,7 @@ class EmberFile {
   int fd_ = -1;
   uint8_t* base_ = nullptr;
   size_t size_ = 0;
+  size_t reserved_ = 0;  // the first reserved_ bytes have pages of their own
   bool writable_ = false;
   bool created_ = false;
   uint32_t emberId_ = 0;

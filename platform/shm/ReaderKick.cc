@@ -111,6 +111,13 @@ size_t receivedFds(msghdr& msg, int* fds, size_t max) {
 // An epoll event's data: what it is about and the fd.
 uint64_t watchData(uint32_t what, int fd) { return (uint64_t{what} << 32) | uint32_t(fd); }
 
+// The record's page is taken when the file is made: on a file system that is full, an error
+// here rather than SIGBUS at the first store through the mapping.
+bool sizeAckRecord(int fd) {
+  if (::fallocate(fd, 0, 0, sizeof(ReaderAck)) == 0) return true;
+  return (errno == EOPNOTSUPP || errno == ENOSYS) && ::ftruncate(fd, sizeof(ReaderAck)) == 0;
+}
+
 }  // namespace
 
 std::string readersDir(const std::string& tableDir) { return tableDir + "/readers"; }
@@ -158,7 +165,7 @@ void ReaderKickListener::openAckRecord() {
   ::unlink(ackPath_.c_str());
   ackFd_ = ::open(ackPath_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0640);
   void* at = MAP_FAILED;
-  if (ackFd_ >= 0 && ::flock(ackFd_, LOCK_SH) == 0 && ::ftruncate(ackFd_, sizeof(ReaderAck)) == 0) {
+  if (ackFd_ >= 0 && ::flock(ackFd_, LOCK_SH) == 0 && sizeAckRecord(ackFd_)) {
     at = ::mmap(nullptr, sizeof(ReaderAck), PROT_READ | PROT_WRITE, MAP_SHARED, ackFd_, 0);
   }
   if (at == MAP_FAILED) {
