@@ -31,15 +31,28 @@ struct ShadowTest : ::testing::Test {
   bool settle(Shadow& shadow) {
     return until([&] { return shadow.quiesced(); });
   }
+  // The writer takes ids [0, count) at version 1, and a new shadow syncs with it: the shadow
+  // in step, or null (the failure reported) when it does not mount or settle.
+  std::unique_ptr<Shadow> syncedShadow(KickingWriter& w, uint64_t count) {
+    for (uint64_t id = 0; id < count; ++id) w.writer.write(makeValue(id, 1));
+    auto shadow = makeShadow();
+    if (!shadow->initialize()) {
+      ADD_FAILURE() << "the shadow did not mount";
+      return nullptr;
+    }
+    if (!settle(*shadow)) {
+      ADD_FAILURE() << "the shadow did not settle";
+      return nullptr;
+    }
+    return shadow;
+  }
   bool until(const std::function<bool()>& pred) { return runUntil(loop, pred); }
 };
 
 TEST_F(ShadowTest, EventsFollowChangesExactly) {
   KickingWriter w(root.path(), "routes", 64, &loop);
-  for (uint64_t id = 0; id < 50; ++id) w.writer.write(makeValue(id, 1));
-  auto shadow = makeShadow();
-  ASSERT_TRUE(shadow->initialize());
-  ASSERT_TRUE(settle(*shadow));
+  auto shadow = syncedShadow(w, 50);
+  ASSERT_TRUE(shadow);
   EXPECT_EQ(log.adds, 50u) << "the first sync reports every key";
   EXPECT_EQ(shadowContents(*shadow), w.contents());
 
@@ -61,10 +74,8 @@ TEST_F(ShadowTest, EventsFollowChangesExactly) {
 
 TEST_F(ShadowTest, SlotFreedAndReusedBetweenLooksIsDeletionAndAddition) {
   KickingWriter w(root.path(), "routes", 64);  // kicks only on flush()
-  for (uint64_t id = 0; id < 10; ++id) w.writer.write(makeValue(id, 1));
-  auto shadow = makeShadow();
-  ASSERT_TRUE(shadow->initialize());
-  ASSERT_TRUE(settle(*shadow));
+  auto shadow = syncedShadow(w, 10);
+  ASSERT_TRUE(shadow);
   // Remove 3 and add 100 into the slot 3 left, then tell the shadow about that one slot only.
   uint32_t slotOf3 = shadow->store().slotOfKey(TestKey{3});
   w.writer.remove(TestKey{3});
@@ -84,10 +95,8 @@ TEST_F(ShadowTest, SlotFreedAndReusedBetweenLooksIsDeletionAndAddition) {
 
 TEST_F(ShadowTest, ShrinkMovesAreNotReportedAsChanges) {
   KickingWriter w(root.path(), "routes", 64, &loop);
-  for (uint64_t id = 0; id < 2000; ++id) w.writer.write(makeValue(id, 1));
-  auto shadow = makeShadow();
-  ASSERT_TRUE(shadow->initialize());
-  ASSERT_TRUE(settle(*shadow));
+  auto shadow = syncedShadow(w, 2000);
+  ASSERT_TRUE(shadow);
   const uint32_t before = shadow->store().numSlots();
   for (uint64_t id = 0; id < 2000; ++id) {
     if (id % 97) w.writer.remove(TestKey{id});
@@ -106,10 +115,8 @@ TEST_F(ShadowTest, ShrinkMovesAreNotReportedAsChanges) {
 // an emptied shadow syncs again into the memory it had, reporting every key once more.
 TEST_F(ShadowTest, ResyncFollowsMovedKeysAndAnEmptiedShadowSyncsAgain) {
   KickingWriter w(root.path(), "routes", 64);  // kicks only on flush(): the shadow looks away
-  for (uint64_t id = 0; id < 3000; ++id) w.writer.write(makeValue(id, 1));
-  auto shadow = makeShadow();
-  ASSERT_TRUE(shadow->initialize());
-  ASSERT_TRUE(settle(*shadow));
+  auto shadow = syncedShadow(w, 3000);
+  ASSERT_TRUE(shadow);
   for (uint64_t id = 0; id < 3000; ++id) {
     if (id % 89) w.writer.remove(TestKey{id});
   }
@@ -172,10 +179,8 @@ TEST_F(ShadowTest, SyncRunsInSlicesWhileWriterChanges) {
 // meanwhile (the loop ran between two steps and told of it), with a hint or without.
 TEST_F(ShadowTest, IterationGoesOnPastAKeyDeletedBetweenTwoSteps) {
   KickingWriter w(root.path(), "routes", 64, &loop);
-  for (uint64_t id = 0; id < 400; ++id) w.writer.write(makeValue(id, 1));
-  auto shadow = makeShadow();
-  ASSERT_TRUE(shadow->initialize());
-  ASSERT_TRUE(settle(*shadow));
+  auto shadow = syncedShadow(w, 400);
+  ASSERT_TRUE(shadow);
   // Walks the shadow with `step`; after each key whose id % 4 is `doomed`, the writer deletes
   // it and the shadow is told before the step.
   auto walk = [&](int doomed, auto step) {
@@ -215,10 +220,8 @@ TEST_F(ShadowTest, IterationGoesOnPastAKeyDeletedBetweenTwoSteps) {
 // between two steps, moving the keys from its upper slots down to the ones freed below.
 TEST_F(ShadowTest, WalksInTableOrderAcrossAShrinkThatMovesKeys) {
   KickingWriter w(root.path(), "routes", 64, &loop);
-  for (uint64_t id = 0; id < 4000; ++id) w.writer.write(makeValue(id, 1));
-  auto shadow = makeShadow();
-  ASSERT_TRUE(shadow->initialize());
-  ASSERT_TRUE(settle(*shadow));
+  auto shadow = syncedShadow(w, 4000);
+  ASSERT_TRUE(shadow);
   std::vector<uint64_t> writerOrder, shadowOrder;
   TestValue v;
   for (bool more = w.writer.first(v); more; more = w.writer.next(v.k, v)) {
