@@ -185,7 +185,7 @@ bool SlotWriterTable::resize(uint32_t newNumSlots) {
     ZTRACE(3, "SlotWriter::resize() remap base address changed from "
                   << static_cast<void*>(oldBase) << " to " << static_cast<void*>(base_));
   }
-  if (newNumSlots <= n) return true;
+  if (!grows) return true;
   // Slots that come back after a shrink start above every version they had before it (the
   // floor in reservedCounter): a reader that read such a slot's status before the shrink can
   // never see that status again and take a mix of old and new bytes for a whole value.
