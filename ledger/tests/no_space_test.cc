@@ -7,50 +7,19 @@
 //
 // Each case runs in a child process, in a mount namespace of its own with a small tmpfs. Where
 // the system allows no such namespace, the test is skipped.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <string>
 
 #include "ledger/LedgerReader.h"
 #include "ledger/LedgerWriter.h"
 #include "ledger/tests/SlabTestTypes.h"
 #include "ledger/tests/TestTable.h"
-#include "platform/tests/ForkedChild.h"
+#include "platform/tests/SmallTmpfs.h"
 
 namespace {
 
 using namespace LedgerTest;
-
-constexpr int kNoNamespace = 77;
-
-bool writeFile(const char* path, const std::string& text) {
-  const int fd = ::open(path, O_WRONLY | O_CLOEXEC);
-  const bool ok = fd >= 0 && ::write(fd, text.data(), text.size()) == ssize_t(text.size());
-  if (fd >= 0) ::close(fd);
-  return ok;
-}
-
-// Mounts a tmpfs of `size` on `dir`, seen by this process only.
-bool mountSmallTmpfs(const std::string& dir, const std::string& size) {
-  if (::unshare(CLONE_NEWNS) != 0) {
-    // Without the privilege: a user namespace of our own, in which we are root.
-    const uid_t uid = ::getuid();
-    const gid_t gid = ::getgid();
-    if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0 || !writeFile("/proc/self/setgroups", "deny") ||
-        !writeFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
-        !writeFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1")) {
-      return false;
-    }
-  }
-  return ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-         ::mount("none", dir.c_str(), "tmpfs", 0, ("size=" + size).c_str()) == 0;
-}
 
 // Values in the slots.
 struct SlotValues {
@@ -132,37 +101,14 @@ std::string fillUntilFull(const std::string& root) {
   return "";
 }
 
-// Runs `body` on a tmpfs of `size` in a child; what it returned, or why it did not return.
-std::string inSmallTmpfs(const std::string& size, std::string (*body)(const std::string&)) {
-  char dir[] = "/tmp/ledger-no-space-XXXXXX";
-  if (!::mkdtemp(dir)) return "cannot make a folder";
-  TestSupport::ForkedChild child([&](int fd) {
-    if (!mountSmallTmpfs(dir, size)) return kNoNamespace;
-    std::string result;
-    try {
-      result = body(dir);
-    } catch (const std::exception& e) {
-      result = std::string("threw: ") + e.what();
-    }
-    result = result.empty() ? "ok" : result;
-    return ::write(fd, result.data(), result.size()) == ssize_t(result.size()) ? 0 : 1;
-  });
-  const std::string said = child.read(4096, 60000);
-  const int status = child.wait();
-  ::rmdir(dir);
-  if (WIFEXITED(status) && WEXITSTATUS(status) == kNoNamespace) return "skip";
-  if (WIFSIGNALED(status))
-    return said + " (killed by signal " + std::to_string(WTERMSIG(status)) + ")";
-  return said;
-}
-
 // Sizes at which the room runs out in different files first: slots, queue, buckets, slabs (a
 // slab table takes a page for each of its size classes as it attaches).
 template <class T>
 void fillsEverySize(std::initializer_list<const char*> sizes) {
   for (const char* size : sizes) {
-    const std::string result = inSmallTmpfs(size, fillUntilFull<T>);
-    if (result == "skip") GTEST_SKIP() << "no mount namespace for a small tmpfs here";
+    const std::string result = TestSupport::inSmallTmpfs(size, fillUntilFull<T>);
+    if (result == TestSupport::kNoSmallTmpfs)
+      GTEST_SKIP() << "no mount namespace for a small tmpfs here";
     EXPECT_EQ(result, "ok") << "tmpfs of " << size;
   }
 }

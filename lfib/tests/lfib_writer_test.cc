@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "lfib/LfibWriter.h"
+#include "lfib/tests/TestRoutes.h"
 #include "platform/tests/TempDir.h"
 #include "platform/toggle/FeatureToggle.h"
 #include "zinc/Exception.h"
@@ -20,26 +21,8 @@ using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::ThrowsMessage;
-
-LfibMplsVia mplsVia(uint32_t hop, uint32_t label, uint32_t weight = 1) {
-  LfibMplsVia via;
-  via.nextHopIs(Wire::IpGenAddr::ipv4(0x0a000000 + hop));
-  via.labelActionIs(Wire::labelActionSwap_);
-  Wire::MplsLabelOperation op;
-  op.operationIs(Wire::labelActionSwap_);
-  op.labelPush(Wire::MplsLabel(label));
-  via.labelStackIs(op);
-  via.intfIs(Wire::IntfId(hop));
-  via.weightIs(weight);
-  return via;
-}
-
-ConsolidatedLfibRoute route(uint32_t label, uint32_t vias, uint32_t firstHop = 1) {
-  ConsolidatedLfibRoute r(RouteKey(Wire::MplsLabel(label)), LFib::sourceLdp_, FwdEqvClass(),
-                          RouteMetric(), viaTypeMplsIp_, viaSetTypeEcmp_);
-  for (uint32_t i = 0; i < vias; ++i) r.mplsViaIs(mplsVia(firstHop + i, 1000 + i));
-  return r;
-}
+using TestRoutes::mplsVia;
+using TestRoutes::route;
 
 // The order in which LfibStatus reported changes, with the key's index.
 class WriteLog : public LfibStatus::NotifieeConst {
