@@ -7,15 +7,23 @@
 // vias, each only when it changed, so that a reader never follows a route to a missing via
 // set or via.
 //
+// A write that finds no room in shared memory (Ledger::TableFullException) puts back what it
+// had changed, newest first, and throws: the old route stays whole, or there is none, and no
+// via or via set it had added stays behind. Removals need a little room too (each is queued
+// for readers); one that finds none, of a key that nothing refers to any more, keeps the key
+// in a list and is tried again before the next write or removal.
+//
 // With the feature toggle "InPlaceMplsAdjacencyUpdate" on, a rewrite keeps the route's via set
 // key (same source, via type and via set type) and the keys of vias whose content is
 // unchanged; with it off, every rewrite takes fresh keys and then drops all the old ones.
 #pragma once
 
 #include <array>
+#include <deque>
 #include <memory>
 #include <span>
 #include <unordered_map>
+#include <variant>
 #include <vector>
 
 #include "lfib/ConsolidatedLfibRoute.h"
@@ -52,9 +60,14 @@ class LfibWriter : public Zinc::PtrInterface {
   void lfibRouteDelAll();
   void lfibViaDel(const LfibViaKey& key);
 
+  // Via sets and vias that no route refers to any more, whose removal found no room yet.
+  size_t pendingRemovals() const { return unreferenced_.size(); }
+
  private:
   struct OldRoute;
+  struct Undo;
   class ViaSetLease;
+  using UnreferencedKey = std::variant<LfibViaSetKey, LfibViaKey>;
   static constexpr uint32_t kPrefetchedVias = 8;
   // How many routes ahead lfibRoutesIs fetches a route's bucket head, and its first slot.
   static constexpr size_t kRouteBucketAhead = 4, kRouteChainAhead = 2;
@@ -74,9 +87,18 @@ class LfibWriter : public Zinc::PtrInterface {
   void writeRoute(const ConsolidatedLfibRoute& route);
   // indexAllocator(source), remembered for the next route of the same source.
   LfibViaIndexAllocator& allocatorFor(LFib::Source source);
+  OldRoute readOldRoute(const RouteKey& key) const;
+  // Writes the route's vias (the writeVias of its via type); the keys it added go to `added`.
+  void writeViasOfType(const ConsolidatedLfibRoute& route, OldRoute& old, LfibViaSet& viaSet,
+                       LfibViaIndexAllocator& allocator, std::vector<LfibViaKey>& added);
   template <class Via>
   void writeVias(const ConsolidatedLfibRoute& route, OldRoute& old, LfibViaSet& viaSet,
-                 LfibViaIndexAllocator& allocator);
+                 LfibViaIndexAllocator& allocator, std::vector<LfibViaKey>& added);
+  // Puts back what a route's write had changed when one of its steps found no room.
+  void undo(const Undo& undo, const OldRoute& old, const LfibViaSetKey& viaSetKey);
+  // Removes the keys in unreferenced_, in order (a via set before its vias); what finds no
+  // room stays there for the next try.
+  void removeUnreferenced();
   LfibViaSetKey chooseViaSetKey(const ConsolidatedLfibRoute& route, const OldRoute& old,
                                 LfibViaIndexAllocator& allocator);
 
@@ -87,6 +109,8 @@ class LfibWriter : public Zinc::PtrInterface {
   LFib::Source lastSource_ = LFib::sourceUnknown_;
   std::vector<std::unique_ptr<LfibViaSet>> spareViaSets_;  // see ViaSetLease
   PrefetchPipeline prefetched_;
+  std::deque<UnreferencedKey> unreferenced_;
+  std::vector<LfibViaKey> addedVias_;  // by the route being written: absent before
 };
 
 Zinc::Ptr<LfibWriter> lfibWriterFactory(const Zinc::Ptr<LfibStatus>& lfib);

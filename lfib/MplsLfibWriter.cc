@@ -2,7 +2,9 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <variant>
 
+#include "ledger/Exceptions.h"
 #include "lfib/LfibWriter.h"
 #include "platform/toggle/FeatureToggle.h"
 #include "zinc/Exception.h"
@@ -99,7 +101,7 @@ LfibViaSetKey LfibWriter::chooseViaSetKey(const ConsolidatedLfibRoute& route, co
 // Writes the route's vias of record type Via and places their keys in the new via set.
 template <class Via>
 void LfibWriter::writeVias(const ConsolidatedLfibRoute& route, OldRoute& old, LfibViaSet& viaSet,
-                           LfibViaIndexAllocator& allocator) {
+                           LfibViaIndexAllocator& allocator, std::vector<LfibViaKey>& added) {
   // The old route's vias of this type, by content (the record with its key unset).
   std::map<Via, LfibViaKey> oldByContent;
   if (inPlaceAdjacencyUpdateSupported_ && !old.viaKeys.empty()) {
@@ -126,7 +128,11 @@ void LfibWriter::writeVias(const ConsolidatedLfibRoute& route, OldRoute& old, Lf
     via.keyIs(key);  // the weight travels in the record (LfibMplsVia::weight)
     // A fresh key was just probed absent; a reused one is compared with what is stored.
     Via stored;
-    if (!reused || !lfib_->elementLookup(key, stored) || !(stored == via)) lfib_->elementIs(via);
+    const bool present = reused && lfib_->elementLookup(key, stored);
+    if (!present || !(stored == via)) {
+      lfib_->elementIs(via);
+      if (!present) added.push_back(key);
+    }
     viaSet.viaKeyIs(LfibViaIndexRange(position), key);
     if (position == maxVias - 1) {
       ZTRACE(0, "Reached via index limit (" << position << "), ignoring extra vias");
@@ -189,58 +195,116 @@ void LfibWriter::lfibRouteIs(const ConsolidatedLfibRoute& route) {
   writeRoute(route);
 }
 
+// What one route's write has changed so far, besides the vias it added (addedVias_).
+struct LfibWriter::Undo {
+  enum class ViaSet { untouched, added, rewritten } viaSet = ViaSet::untouched;
+};
+
+LfibWriter::OldRoute LfibWriter::readOldRoute(const RouteKey& key) const {
+  OldRoute old;
+  LfibRoute stored;
+  if (!lfib_->elementLookup(key, stored)) return old;
+  ZTRACE(7, key << ": found old lfib route");
+  old.route = stored;
+  auto oldViaSet = std::make_unique<LfibViaSet>();
+  if (!lfib_->elementLookup(stored.viaSetKey(), *oldViaSet)) oldViaSet.reset();
+  ZINC_ASSERT(!!oldViaSet, "the via set of an lfib route is missing");
+  for (uint32_t i = 0; i < oldViaSet->viaKeys(); ++i) {
+    old.viaKeys.push_back(oldViaSet->viaKey(LfibViaIndexRange(i)));
+  }
+  old.viaSet = std::move(oldViaSet);
+  return old;
+}
+
+void LfibWriter::writeViasOfType(const ConsolidatedLfibRoute& route, OldRoute& old,
+                                 LfibViaSet& viaSet, LfibViaIndexAllocator& allocator,
+                                 std::vector<LfibViaKey>& added) {
+  switch (route.viaType()) {
+    case viaTypeMplsIp_:
+      return writeVias<LfibMplsVia>(route, old, viaSet, allocator, added);
+    case viaTypeMplsPseudowire_:
+      return writeVias<LfibPwVia>(route, old, viaSet, allocator, added);
+    case viaTypeIpLookup_:
+      return writeVias<LfibIpLookupVia>(route, old, viaSet, allocator, added);
+    case viaTypeExternalFec_:
+      return writeVias<LfibExtFecVia>(route, old, viaSet, allocator, added);
+    default:
+      return;  // VLAN and EVPN vias are written by their producers
+  }
+}
+
 void LfibWriter::writeRoute(const ConsolidatedLfibRoute& route) {
   ZTRACE(8, "void Mpls::LfibWriter::lfibRouteIs(const Mpls::ConsolidatedLfibRoute&)");
   ZINC_ASSERT(route.viaType() != viaTypeMplsUnknown_ && route.viaType() != viaTypeMax_,
               "invalid viaType");
+  if (!unreferenced_.empty()) removeUnreferenced();
   LfibViaIndexAllocator& allocator = allocatorFor(route.source());
   prefetchFor(route, allocator);
-  OldRoute old;
-  LfibRoute stored;
-  if (lfib_->elementLookup(route.key(), stored)) {
-    ZTRACE(7, route.key() << ": found old lfib route");
-    old.route = stored;
-    auto oldViaSet = std::make_unique<LfibViaSet>();
-    if (!lfib_->elementLookup(stored.viaSetKey(), *oldViaSet)) oldViaSet.reset();
-    ZINC_ASSERT(!!oldViaSet, "the via set of an lfib route is missing");
-    for (uint32_t i = 0; i < oldViaSet->viaKeys(); ++i) {
-      old.viaKeys.push_back(oldViaSet->viaKey(LfibViaIndexRange(i)));
-    }
-    old.viaSet = std::move(oldViaSet);
-  }
+  OldRoute old = readOldRoute(route.key());
   const LfibViaSetKey viaSetKey = chooseViaSetKey(route, old, allocator);
   ViaSetLease lease(*this);
   LfibViaSet& viaSet = *lease;
   viaSet.keyIs(viaSetKey);
-  switch (route.viaType()) {
-    case viaTypeMplsIp_:
-      writeVias<LfibMplsVia>(route, old, viaSet, allocator);
-      break;
-    case viaTypeMplsPseudowire_:
-      writeVias<LfibPwVia>(route, old, viaSet, allocator);
-      break;
-    case viaTypeIpLookup_:
-      writeVias<LfibIpLookupVia>(route, old, viaSet, allocator);
-      break;
-    case viaTypeExternalFec_:
-      writeVias<LfibExtFecVia>(route, old, viaSet, allocator);
-      break;
-    default:
-      break;  // VLAN and EVPN vias are written by their producers
-  }
   // The stored via set under the chosen key: the old route's when the key is kept; none when
   // the key is new (the allocator has just probed it absent, and only via tables were
   // written since).
   const bool sameViaSetKey = old.route && old.route->viaSetKey() == viaSetKey;
-  const bool viaSetUnchanged = sameViaSetKey && old.viaSet && *old.viaSet == viaSet;
-  if (!viaSetUnchanged) lfib_->viaSetIs(viaSet);
-  LfibRoute newRoute(route.key(), viaSetKey, route.source(), route.fec(), route.metric());
-  if (!old.route || !(*old.route == newRoute)) {
-    ZTRACE(1, "lfibRouteIs " << newRoute.ledgerString());
-    lfib_->lfibRouteIs(newRoute);
+  Undo done;
+  addedVias_.clear();
+  try {
+    writeViasOfType(route, old, viaSet, allocator, addedVias_);
+    if (!sameViaSetKey || !old.viaSet || !(*old.viaSet == viaSet)) {
+      lfib_->viaSetIs(viaSet);
+      done.viaSet = sameViaSetKey ? Undo::ViaSet::rewritten : Undo::ViaSet::added;
+    }
+    LfibRoute newRoute(route.key(), viaSetKey, route.source(), route.fec(), route.metric());
+    if (!old.route || !(*old.route == newRoute)) {
+      ZTRACE(1, "lfibRouteIs " << newRoute.ledgerString());
+      lfib_->lfibRouteIs(newRoute);
+    }
+  } catch (const Ledger::TableFullException& e) {
+    ZTRACE(0, route.key() << ": no room to write the route, putting back what it changed: "
+                          << e.what());
+    undo(done, old, viaSetKey);
+    throw;
   }
-  if (old.route && !sameViaSetKey) lfib_->viaSetDel(old.route->viaSetKey());
-  for (const LfibViaKey& k : old.viaKeys) lfibViaDel(k);
+  if (old.route && !sameViaSetKey) unreferenced_.emplace_back(old.route->viaSetKey());
+  unreferenced_.insert(unreferenced_.end(), old.viaKeys.begin(), old.viaKeys.end());
+  if (!unreferenced_.empty()) removeUnreferenced();
+}
+
+// Newest first: the via set as it was (or none), then the vias this write added. When the old
+// via set cannot be put back, the route refers to the new one and its vias, which stay; the
+// old vias that it no longer holds go instead.
+void LfibWriter::undo(const Undo& done, const OldRoute& old, const LfibViaSetKey& viaSetKey) {
+  if (done.viaSet == Undo::ViaSet::rewritten) {
+    try {
+      lfib_->viaSetIs(*old.viaSet);
+    } catch (const Ledger::TableFullException& e) {
+      ZTRACE(0,
+             viaSetKey << ": no room to put the via set back, keeping the new one: " << e.what());
+      unreferenced_.insert(unreferenced_.end(), old.viaKeys.begin(), old.viaKeys.end());
+      return removeUnreferenced();
+    }
+  }
+  if (done.viaSet == Undo::ViaSet::added) unreferenced_.emplace_back(viaSetKey);
+  unreferenced_.insert(unreferenced_.end(), addedVias_.begin(), addedVias_.end());
+  removeUnreferenced();
+}
+
+void LfibWriter::removeUnreferenced() {
+  try {
+    for (; !unreferenced_.empty(); unreferenced_.pop_front()) {
+      if (auto* set = std::get_if<LfibViaSetKey>(&unreferenced_.front())) {
+        lfib_->viaSetDel(*set);
+      } else {
+        lfibViaDel(std::get<LfibViaKey>(unreferenced_.front()));
+      }
+    }
+  } catch (const Ledger::TableFullException& e) {
+    ZTRACE(0, "no room to remove " << unreferenced_.size()
+                                   << " unreferenced via sets and vias yet: " << e.what());
+  }
 }
 
 void LfibWriter::lfibRoutesIs(std::span<const ConsolidatedLfibRoute> routes) {
@@ -267,15 +331,17 @@ void LfibWriter::lfibRoutesIs(std::span<const ConsolidatedLfibRoute> routes) {
 void LfibWriter::lfibRouteDel(const RouteKey& key) {
   ZTRACE(1, "lfibRouteDel"
                 << " routeKey:" << key);
+  if (!unreferenced_.empty()) removeUnreferenced();
   LfibRoute route;
   if (!lfib_->elementLookup(key, route)) return;
   lfib_->lfibRouteDel(key);
   LfibViaSet viaSet;
   if (!lfib_->elementLookup(route.viaSetKey(), viaSet)) return;
-  lfib_->viaSetDel(route.viaSetKey());
+  unreferenced_.emplace_back(route.viaSetKey());
   for (uint32_t i = 0; i < viaSet.viaKeys() && i < maxVias; ++i) {
-    lfibViaDel(viaSet.viaKey(LfibViaIndexRange(i)));
+    unreferenced_.emplace_back(viaSet.viaKey(LfibViaIndexRange(i)));
   }
+  removeUnreferenced();
 }
 
 void LfibWriter::lfibRouteDelAll() {
