@@ -169,11 +169,12 @@ bool EmberFile::resize(size_t bytes, size_t reserveBytes) {
     errno = EBADF;
     return fail("resize of closed file");
   }
-  if (!reserve(std::min(bytes, reserveBytes))) return false;
-  if (fileSize() < bytes && ::ftruncate(fd_, static_cast<off_t>(bytes)) != 0) {
-    return fail("cannot grow to " + std::to_string(bytes) + " bytes:");
-  }
-  return mapLength(bytes);
+  return reserve(std::min(bytes, reserveBytes)) && extendTo(bytes) && mapLength(bytes);
+}
+
+bool EmberFile::extendTo(size_t bytes) {
+  if (fileSize() >= bytes || ::ftruncate(fd_, static_cast<off_t>(bytes)) == 0) return true;
+  return fail("cannot grow to " + std::to_string(bytes) + " bytes:");
 }
 
 bool EmberFile::reserve(size_t bytes) {
@@ -189,9 +190,7 @@ bool EmberFile::reserve(size_t bytes) {
     if (errno != EOPNOTSUPP && errno != ENOSYS) {
       return fail("cannot reserve " + std::to_string(bytes) + " bytes:");
     }
-    if (fileSize() < bytes && ::ftruncate(fd_, static_cast<off_t>(bytes)) != 0) {
-      return fail("cannot grow to " + std::to_string(bytes) + " bytes:");
-    }
+    if (!extendTo(bytes)) return false;
   }
   reserved_ = bytes;
   return true;

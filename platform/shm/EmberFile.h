@@ -95,6 +95,8 @@ class EmberFile {
  private:
   void unmap();
   bool mapLength(size_t bytes);
+  // Makes the file at least `bytes` long (ftruncate; the pages come when touched).
+  bool extendTo(size_t bytes);
   bool fail(const std::string& what);
 
   int fd_ = -1;
