@@ -11,7 +11,9 @@
 // had changed, newest first, and throws: the old route stays whole, or there is none, and no
 // via or via set it had added stays behind. Removals need a little room too (each is queued
 // for readers); one that finds none, of a key that nothing refers to any more, keeps the key
-// in a list and is tried again before the next write or removal.
+// in a list and is tried again before the next write or removal. The list lives in this
+// process only: keys still on it when the writer restarts stay in shared memory, referred to
+// by nothing (readers see them as entries no route uses).
 //
 // With the feature toggle "InPlaceMplsAdjacencyUpdate" on, a rewrite keeps the route's via set
 // key (same source, via type and via set type) and the keys of vias whose content is
