@@ -188,6 +188,10 @@ class LedgerMap {
     if (refusedReadOnly("remove")) return false;
     return guarded("remove", [&] { return table_->remove(key, out); });
   }
+  // Writer mode: LedgerWriter::reserveChanges; the other modes have nothing to reserve.
+  void reserveChanges(uint32_t count) {
+    if (writer_) writer_->reserveChanges(count);
+  }
   // Writes that may come at any time, also while no table is attached ("no man's land"
   // between a detach and the next attach): dropped with a trace instead of refused loudly.
   bool safeWrite(const Value& value) {

@@ -127,6 +127,14 @@ class LedgerWriter : public LedgerBase<Key, Value> {
       if (slot < slots_.numSlots()) ops_.prefetchStored(slots_.value(slot));
     }
   }
+  // Makes room in the change queue for `count` more changes (each write or remove announces
+  // one), so that none of them fails for want of queue room, unless it needs a slot beyond
+  // what the table has grown to. Throws TableFullException when there is no room; the table
+  // is unchanged either way. A caller that may have to undo some writes reserves for the undo
+  // before it starts.
+  void reserveChanges(uint32_t count) {
+    if (attached()) rally_.reserveFor(0, count);
+  }
   bool first(Value& out) override;
   bool next(const Key& prev, Value& out, uint32_t* hint = nullptr) override;
 

@@ -282,6 +282,9 @@ class ZincLedgerMap {
     if (!map_) return noMansLand("safeRemove");
     return map_->safeRemove(key);
   }
+  void reserveChanges(uint32_t count) {
+    if (map_) map_->reserveChanges(count);
+  }
   void corruptionDetected(const std::string& reason) {
     if (map_) map_->corruptionDetected(reason);
   }

@@ -195,6 +195,8 @@ using ViaSetLedger = Ledger::ZincLedgerMap<E, LfibViaSet, LfibViaSetKey,
   bool elementLookup(const K& k, V& out) const { return attr##_->lookup(k, out); }         \
   void elementIs(const V& v) { attr##Is(v); }                                              \
   void elementDel(const K& k, const V*) { attr##Del(k); }                                  \
+  /* Room for `count` more changes of the collection (LedgerWriter::reserveChanges). */    \
+  void elementReserve(const V*, uint32_t count) { attr##_->reserveChanges(count); }        \
   const ::Mpls::CollectionCounters& attr##Counters() const { return attr##Counters_; }     \
                                                                                            \
  private:                                                                                  \

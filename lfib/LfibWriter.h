@@ -9,9 +9,12 @@
 //
 // A write that finds no room in shared memory (Ledger::TableFullException) puts back what it
 // had changed, newest first, and throws: the old route stays whole, or there is none, and no
-// via or via set it had added stays behind. Removals need a little room too (each is queued
-// for readers); one that finds none, of a key that nothing refers to any more, keeps the key
-// in a list and is tried again before the next write or removal. The list lives in this
+// via or via set it had added stays behind. Every change is announced in its table's change
+// queue, so a write first makes room there for all its changes and their undo: a queue
+// without room fails it before anything changed, and the undo of a write that found no room
+// for a new slot or slab entry cannot fail for want of queue room. A removal of a key that
+// nothing refers to any more that still finds none (old vias of another via type) keeps the
+// key in a list, and it is tried again before the next write or removal. The list lives in this
 // process only: keys still on it when the writer restarts stay in shared memory, referred to
 // by nothing (readers see them as entries no route uses).
 //

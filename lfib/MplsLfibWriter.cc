@@ -115,8 +115,14 @@ void LfibWriter::writeVias(const ConsolidatedLfibRoute& route, OldRoute& old, Lf
       oldByContent.emplace(stored, k);
     }
   }
+  // Queue room for each via's write and its undo, and for the removal of the old vias.
+  const auto& vias = route.vias(static_cast<const Via*>(nullptr));
+  const bool oldOfThisType = old.route && old.route->viaSetKey().viaType() == route.viaType();
+  lfib_->elementReserve(static_cast<const Via*>(nullptr),
+                        2 * std::min<uint32_t>(uint32_t(vias.size()), maxVias) +
+                            (oldOfThisType ? uint32_t(old.viaKeys.size()) : 0));
   uint32_t position = 0;
-  for (Via via : route.vias(static_cast<const Via*>(nullptr))) {
+  for (Via via : vias) {
     auto reuse = oldByContent.empty() ? oldByContent.end() : oldByContent.find(via);
     LfibViaKey key;
     const bool reused = reuse != oldByContent.end() && old.takeViaKey(reuse->second);
@@ -252,6 +258,11 @@ void LfibWriter::writeRoute(const ConsolidatedLfibRoute& route) {
   Undo done;
   addedVias_.clear();
   try {
+    // Queue room first for every change below and its undo: a want of it fails the write
+    // here, before anything changed. The via set: its write, the undo of that, the old via
+    // set's removal; the route: its write.
+    lfib_->viaSetLedger().reserveChanges(3);
+    lfib_->lfibRouteLedger().reserveChanges(1);
     writeViasOfType(route, old, viaSet, allocator, addedVias_);
     if (!sameViaSetKey || !old.viaSet || !(*old.viaSet == viaSet)) {
       lfib_->viaSetIs(viaSet);
