@@ -183,17 +183,23 @@ bool EmberFile::reserve(size_t bytes) {
     errno = EBADF;
     return fail("cannot reserve pages of a file not open for writing:");
   }
-  // Allocates [reserved_, bytes) and extends the file over it when shorter, or does nothing
-  // at all: the file system undoes a partial allocation before it reports the error.
-  if (::fallocate(fd_, 0, static_cast<off_t>(reserved_), static_cast<off_t>(bytes - reserved_)) !=
-      0) {
-    if (errno != EOPNOTSUPP && errno != ENOSYS) {
-      return fail("cannot reserve " + std::to_string(bytes) + " bytes:");
-    }
-    if (!extendTo(bytes)) return false;
+  if (!takePages(fd_, reserved_, bytes)) {
+    return fail("cannot reserve " + std::to_string(bytes) + " bytes:");
   }
   reserved_ = bytes;
   return true;
+}
+
+// Allocates [from, to) and extends the file over it when shorter, or does nothing at all: the
+// file system undoes a partial allocation before it reports the error.
+bool EmberFile::takePages(int fd, size_t from, size_t to) {
+  if (::fallocate(fd, 0, static_cast<off_t>(from), static_cast<off_t>(to - from)) == 0) {
+    return true;
+  }
+  if (errno != EOPNOTSUPP && errno != ENOSYS) return false;
+  struct stat st;
+  return ::fstat(fd, &st) == 0 &&
+         (size_t(st.st_size) >= to || ::ftruncate(fd, static_cast<off_t>(to)) == 0);
 }
 
 bool EmberFile::remap() { return fd_ >= 0 && mapLength(fileSize()); }

@@ -91,6 +91,10 @@ class EmberFile {
   static bool unlinkFile(std::string_view root, std::string_view table, std::string_view name);
   static bool removeTable(std::string_view root, std::string_view table);
   static bool exists(std::string_view root, std::string_view table, std::string_view name);
+  // Takes the pages of bytes [from, to) of the open file `fd`, lengthening it to `to` when
+  // shorter; where the file system cannot allocate ahead, only lengthens it. False (errno
+  // set) when there is no room.
+  static bool takePages(int fd, size_t from, size_t to);
 
  private:
   void unmap();

@@ -20,6 +20,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "platform/shm/EmberFile.h"
 #include "zinc/Exception.h"
 #include "zinc/Loop.h"
 #include "zinc/Trace.h"
@@ -113,10 +114,7 @@ uint64_t watchData(uint32_t what, int fd) { return (uint64_t{what} << 32) | uint
 
 // The record's page is taken when the file is made: on a file system that is full, an error
 // here rather than SIGBUS at the first store through the mapping.
-bool sizeAckRecord(int fd) {
-  if (::fallocate(fd, 0, 0, sizeof(ReaderAck)) == 0) return true;
-  return (errno == EOPNOTSUPP || errno == ENOSYS) && ::ftruncate(fd, sizeof(ReaderAck)) == 0;
-}
+bool sizeAckRecord(int fd) { return SharedMem::EmberFile::takePages(fd, 0, sizeof(ReaderAck)); }
 
 }  // namespace
 
