@@ -17,6 +17,8 @@
 // Every figure is the median of kRepetitions runs, the systems interleaved in each round.
 // Output ends with "figure <name> <value> <unit>" and "ratio <name> <value>" lines (ours
 // over the peer's: higher is better).
+// To profile the updates alone: BENCH_PERF_FIFO=F perf record -D -1 --control fifo:F ...
+// --only ledger (perf samples only the timed updates of this table).
 #include <lmdb.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -30,6 +32,7 @@
 #include <boost/unordered_map.hpp>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <functional>
@@ -84,6 +87,12 @@ double batchUpdateSeconds(Ledger::LedgerWriter<typename R::Key, R>& w,
   return seconds(start);
 }
 
+// The profiler named by $BENCH_PERF_FIFO (if set) samples only this table's timed updates.
+void updatePerfControl(const char* command) {
+  const char* fifo = std::getenv("BENCH_PERF_FIFO");
+  Bench::perfControl(fifo ? fifo : "", command);
+}
+
 // R: the record, whose key type says how labels hash.
 template <class R>
 PhaseTimes runLedger(const std::vector<uint32_t>& order) {
@@ -101,10 +110,12 @@ PhaseTimes runLedger(const std::vector<uint32_t>& order) {
     for (uint32_t label = 0; label < kEntries; ++label) w.write(makeRoute<R>(label, 1));
     w.rally().settle();
     t.insert = seconds(start);
+    updatePerfControl("enable");
     start = Clock::now();
     for (uint32_t label : order) w.write(makeRoute<R>(label, 2));
     w.rally().settle();
     t.update = seconds(start);
+    updatePerfControl("disable");
     t.batchUpdate = batchUpdateSeconds<R>(w, order);
     start = Clock::now();
     for (uint32_t label : order) w.remove(typename R::Key{label});
