@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -84,6 +85,12 @@ inline void perfControl(const std::string& fifo, const char* command) {
     std::fprintf(f, "%s\n", command);
     std::fclose(f);
   }
+}
+
+// The same, for the profiler named by $BENCH_PERF_FIFO, if that is set.
+inline void perfControlFromEnv(const char* command) {
+  const char* fifo = std::getenv("BENCH_PERF_FIFO");
+  perfControl(fifo ? fifo : "", command);
 }
 
 }  // namespace Bench

@@ -290,12 +290,6 @@ bool runUntil(Zinc::Loop& loop, const std::function<bool()>& pred) {
   return true;
 }
 
-// The profiler named by $BENCH_PERF_FIFO (if set) samples only the timed syncs.
-void syncPerfControl(const char* command) {
-  const char* fifo = std::getenv("BENCH_PERF_FIFO");
-  perfControl(fifo ? fifo : "", command);
-}
-
 // Touches `bytes` of fresh memory, mapped as a shadow maps its arrays, and gives it back: the
 // kernel hands the same pages, backed by the host, to whatever allocates next (see above).
 void touchFreshMemory(size_t bytes) {
@@ -308,20 +302,21 @@ void touchFreshMemory(size_t bytes) {
 size_t freshMemoryFor(Writer& w) { return 2 * w.slotTable().mappedSize(); }
 
 // Wall-clock and processor seconds of one cold sync (the second is steadier on a busy box).
+// The profiler named by $BENCH_PERF_FIFO (if set) samples only the timed syncs and resyncs.
 template <class S = Shadow>
 std::pair<double, double> syncSeconds(size_t freshBytes) {
   touchFreshMemory(freshBytes);
   Zinc::Loop loop;
   S shadow(Ledger::ReaderConfig{benchRoot(), "routes"}, loop);
   shadow.yieldTimeIs(std::chrono::milliseconds(10));
-  syncPerfControl("enable");
+  Bench::perfControlFromEnv("enable");
   const int64_t cpu = cpuNs();
   auto start = Clock::now();
   shadow.initialize();
   runUntil(loop, [&] { return shadow.inStep(); });
   const double wall = seconds(start);
   const double used = double(cpuNs() - cpu) / 1e9;
-  syncPerfControl("disable");
+  Bench::perfControlFromEnv("disable");
   return {wall, used};
 }
 
@@ -341,12 +336,12 @@ struct ShadowInStep {
 double resyncSeconds() {
   ShadowInStep s;
   s.shadow.store().flush();
-  syncPerfControl("enable");
+  Bench::perfControlFromEnv("enable");
   auto start = Clock::now();
   s.shadow.resync("benchmark");
   runUntil(s.loop, [&] { return s.shadow.inStep(); });
   const double wall = seconds(start);
-  syncPerfControl("disable");
+  Bench::perfControlFromEnv("disable");
   return wall;
 }
 

@@ -32,7 +32,6 @@
 #include <boost/unordered_map.hpp>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <functional>
@@ -87,12 +86,6 @@ double batchUpdateSeconds(Ledger::LedgerWriter<typename R::Key, R>& w,
   return seconds(start);
 }
 
-// The profiler named by $BENCH_PERF_FIFO (if set) samples only this table's timed updates.
-void updatePerfControl(const char* command) {
-  const char* fifo = std::getenv("BENCH_PERF_FIFO");
-  Bench::perfControl(fifo ? fifo : "", command);
-}
-
 // R: the record, whose key type says how labels hash.
 template <class R>
 PhaseTimes runLedger(const std::vector<uint32_t>& order) {
@@ -110,12 +103,13 @@ PhaseTimes runLedger(const std::vector<uint32_t>& order) {
     for (uint32_t label = 0; label < kEntries; ++label) w.write(makeRoute<R>(label, 1));
     w.rally().settle();
     t.insert = seconds(start);
-    updatePerfControl("enable");
+    // The profiler named by $BENCH_PERF_FIFO (if set) samples only the timed updates.
+    Bench::perfControlFromEnv("enable");
     start = Clock::now();
     for (uint32_t label : order) w.write(makeRoute<R>(label, 2));
     w.rally().settle();
     t.update = seconds(start);
-    updatePerfControl("disable");
+    Bench::perfControlFromEnv("disable");
     t.batchUpdate = batchUpdateSeconds<R>(w, order);
     start = Clock::now();
     for (uint32_t label : order) w.remove(typename R::Key{label});
