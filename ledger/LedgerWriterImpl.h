@@ -29,6 +29,7 @@ AttachResult LedgerWriter<Key, Value, OpsT>::attach() {
   }
   lock_.acquire(config_.root, config_.table, config_.perm);
   auto slotResult = slots_.attach(slotConfig());
+  map_.sizeIndex();  // recovery relinks before the index is built
   const bool existing = slotResult == SlotWriterTable::Attached::Existing;
   attachStorage();
   uint32_t minBuckets = std::max(config_.minBuckets, 1u);
@@ -62,6 +63,7 @@ AttachResult LedgerWriter<Key, Value, OpsT>::attach() {
       ZTRACE_TO(trace(), 0, "SlotWriter::attach() re-formatted " << config_.table);
     }
   }
+  map_.reindex();
   maybeGrowBuckets();
   map_.forgetMiss();  // recovery and re-formatting walked and changed chains
   return result;
@@ -172,6 +174,7 @@ void LedgerWriter<Key, Value, OpsT>::detach() {
   if constexpr (HasStorage<OpsT>) ops_.detachStorage();
   buckets_.detach();
   slots_.detach();
+  map_.dropIndex();
   lock_.release();
 }
 
@@ -210,10 +213,7 @@ void LedgerWriter<Key, Value, OpsT>::fillNew(uint32_t slot, Fill fill) {
 template <class Key, class Value, class OpsT>
 uint32_t LedgerWriter<Key, Value, OpsT>::insertNew(const ChainPosition& pos, uint32_t hash) {
   uint32_t slot = slots_.alloc();
-  SlotWriterTable::storeLink(slots_.slot(slot).linkPair, pos.next);
-  // Relaxed: the slot is unreachable and not OCCUPIED; readers ignore what it holds until
-  // the final status store (release) of its publication.
-  Shm::store(slots_.slot(slot).rhash, reverseBits(hash), std::memory_order_relaxed);
+  map_.initSlot(slot, reverseBits(hash), pos.next);
   return slot;
 }
 
@@ -449,10 +449,8 @@ void LedgerWriter<Key, Value, OpsT>::moveSlot(uint32_t from) {
               "SlotWriter::move() should always move entries to lower section "
               "fromSlotId:" +
                   std::to_string(from) + " toSlotId:" + std::to_string(to));
-  SlotWriterTable::storeLink(slots_.slot(to).linkPair,
-                             SlotWriterTable::loadLink(slots_.slot(from).linkPair));
+  map_.initSlot(to, slots_.slot(from).rhash, SlotWriterTable::loadLink(slots_.slot(from).linkPair));
   uint8_t* stored = slots_.openSlot(to);
-  Shm::store(slots_.slot(to).rhash, slots_.slot(from).rhash, std::memory_order_relaxed);
   std::memcpy(stored, slots_.value(from), ops_.valueSize());
   slots_.closeSlot(to);
   map_.setLink(pos.pred, to);  // the copy replaces the original in one store
@@ -490,6 +488,11 @@ bool LedgerWriter<Key, Value, OpsT>::validate(uint32_t emberId) {
   auto v = validator();
   bool ok = v.validate(emberId);
   validationError_ = v.error();
+  if (const uint32_t slot = ok ? map_.indexMismatch() : kNoSlot; slot != kNoSlot) {
+    validationError_ =
+        "LedgerWriter::validate() walk index differs from slot: " + std::to_string(slot);
+    return false;
+  }
   return ok;
 }
 

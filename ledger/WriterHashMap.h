@@ -5,16 +5,27 @@
 // shrink cheap: doubling splits each chain into two chains that keep their order, halving
 // merges two chains whose rhashes never tie.
 //
-// Every walk is bounded by numSlots and checks each slot it meets (in range, OCCUPIED, key
+// Every walk is bounded by numSlots and checks each slot it reads (in range, OCCUPIED, key
 // hashing to this bucket and matching the stored rhash): shared memory may hold anything.
+//
+// The walk index: this writer keeps, for every slot, the rhash and the link it last stored
+// there (8 bytes a slot, in its own memory). A look-up passes the slots of its chain that
+// sort before its key, and stops at one that sorts after it, on the index alone: in a table
+// of a million entries each slot read is a cache and TLB miss, while the index, a fraction
+// of the file's size on large pages, is mostly in cache. Only the slot whose rhash equals
+// the key's is read from the file. The index is built from the file when the writer
+// attaches (after the file has been validated) and changes with every link or rhash that
+// the writer stores; nothing else stores either.
 #pragma once
 
 #include <algorithm>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "ledger/BucketTable.h"
 #include "ledger/Exceptions.h"
+#include "ledger/LargePageAllocator.h"
 #include "ledger/SlotWriterTable.h"
 #include "zinc/Trace.h"
 
@@ -68,7 +79,14 @@ class WriterHashMap {
         badWalk(who, link, count);
       }
       const SlotHeader& s = slots_.slot(link);
-      prefetchSlotTail(s);
+      prefetchSlotTail(s);  // the slot is read unless the index passes it
+      const uint64_t indexed = index_[link];
+      if (rhashOf(indexed) < rhash) {
+        pos.pred = LinkRef{link, false};
+        link = nextOf(indexed);
+        continue;
+      }
+      if (rhashOf(indexed) > rhash) break;
       const Key stored = ops_.storedKey(slots_.value(link));
       const bool sameRhash = s.rhash == rhash;
       if (sameRhash && (s.status & kOccupied) && OpsT::equal(stored, key)) {
@@ -162,13 +180,49 @@ class WriterHashMap {
   void setLink(LinkRef ref, uint32_t link) {
     ++linkEpoch_;
     SlotWriterTable::storeLink(pair(ref), link);
+    if (!ref.isBucket) index_[ref.index] = entryOf(rhashOf(index_[ref.index]), link);
   }
+  // A slot taken for an entry, still unreachable: its rhash and its link to `next`.
+  void initSlot(uint32_t slot, uint32_t rhash, uint32_t next) {
+    SlotWriterTable::storeLink(slots_.slot(slot).linkPair, next);
+    // Relaxed: the slot is unreachable and not OCCUPIED; readers ignore what it holds until
+    // the final status store (release) of its publication.
+    Shm::store(slots_.slot(slot).rhash, rhash, std::memory_order_relaxed);
+    if (slot >= index_.size()) index_.resize(slots_.numSlots());
+    index_[slot] = entryOf(rhash, next);
+  }
+  // The index from the file's slots, every one below numSlots: after attach, recovery or a
+  // re-format, once the chains are sound.
+  void reindex() {
+    const uint32_t n = slots_.numSlots();
+    index_.resize(n);
+    for (uint32_t i = 0; i < n; ++i) {
+      const SlotHeader& s = slots_.slot(i);
+      index_[i] = entryOf(s.rhash, SlotWriterTable::loadLink(s.linkPair));
+    }
+  }
+  // The first OCCUPIED slot whose rhash or link differs from what the index holds for it,
+  // or kNoSlot: a writer that stored one without the other, or a file changed behind it.
+  uint32_t indexMismatch() {
+    for (uint32_t i = 0; i < slots_.numSlots(); ++i) {
+      const SlotHeader& s = slots_.slot(i);
+      if ((s.status & kOccupied) &&
+          (i >= index_.size() ||
+           index_[i] != entryOf(s.rhash, SlotWriterTable::loadLink(s.linkPair)))) {
+        return i;
+      }
+    }
+    return kNoSlot;
+  }
+  void sizeIndex() { index_.resize(slots_.numSlots()); }
+  void dropIndex() { decltype(index_)().swap(index_); }
   void prefetchBucket(uint32_t hash) { __builtin_prefetch(&buckets_.head(bucketOf(hash))); }
   // Fetches the chain's first slot as far as a walk reads it before deciding: the header and
   // what follows it (the key, or a slab table's offset), which may start the next line.
   void prefetchFirstSlot(uint32_t hash) {
     uint32_t link = firstSlot(hash);
     if (link >= slots_.numSlots()) return;
+    __builtin_prefetch(&index_[link]);
     const auto* bytes = reinterpret_cast<const char*>(&slots_.slot(link));
     __builtin_prefetch(bytes);
     __builtin_prefetch(bytes + std::min<uint32_t>(slots_.slotSize(), kWalkReach) - 1);
@@ -192,12 +246,11 @@ class WriterHashMap {
       uint32_t link = SlotWriterTable::loadLink(buckets_.head(b));
       for (uint32_t count = 0; !isEndOfChain(link);) {
         boundWalk(link, ++count, "WriterHashMap::growBuckets()");
-        SlotHeader& s = slots_.slot(link);
-        uint32_t following = SlotWriterTable::loadLink(s.linkPair);
-        LinkRef& tail = (reverseBits(s.rhash) & n) ? high : low;
+        const uint64_t indexed = index_[link];
+        LinkRef& tail = (reverseBits(rhashOf(indexed)) & n) ? high : low;
         setLink(tail, link);
         tail = LinkRef{link, false};
-        link = following;
+        link = nextOf(indexed);
       }
       setLink(low, kEndOfChain | kNoSlot);
       setLink(high, kEndOfChain | kNoSlot);
@@ -222,10 +275,10 @@ class WriterHashMap {
         if (!isEndOfChain(a)) boundWalk(a, count + 1, "WriterHashMap::shrinkBuckets()");
         if (!isEndOfChain(c)) boundWalk(c, count + 1, "WriterHashMap::shrinkBuckets()");
         bool takeA =
-            isEndOfChain(c) || (!isEndOfChain(a) && slots_.slot(a).rhash < slots_.slot(c).rhash);
+            isEndOfChain(c) || (!isEndOfChain(a) && rhashOf(index_[a]) < rhashOf(index_[c]));
         uint32_t& taken = takeA ? a : c;
         ++count;
-        uint32_t following = SlotWriterTable::loadLink(slots_.slot(taken).linkPair);
+        uint32_t following = nextOf(index_[taken]);
         setLink(tail, taken);
         tail = LinkRef{taken, false};
         taken = following;
@@ -260,7 +313,9 @@ class WriterHashMap {
   void prefetchChain(uint32_t bucket, uint32_t end) {
     if (bucket >= end) return;
     uint32_t link = SlotWriterTable::loadLink(buckets_.head(bucket));
-    if (link < slots_.numSlots()) __builtin_prefetch(&slots_.slot(link));
+    if (link >= slots_.numSlots()) return;
+    __builtin_prefetch(&index_[link]);
+    __builtin_prefetch(&slots_.slot(link), 1);  // its link pair is stored
   }
 
   // A slot spans several cache lines; a hit copies all of them (look-aside copy, value).
@@ -326,6 +381,10 @@ class WriterHashMap {
     return kNoSlot;
   }
 
+  static uint64_t entryOf(uint32_t rhash, uint32_t link) { return uint64_t{rhash} << 32 | link; }
+  static uint32_t rhashOf(uint64_t entry) { return static_cast<uint32_t>(entry >> 32); }
+  static uint32_t nextOf(uint64_t entry) { return static_cast<uint32_t>(entry); }
+
   struct Miss {
     Key key{};
     uint32_t hash = 0;
@@ -338,6 +397,8 @@ class WriterHashMap {
   const OpsT& ops_;
   uint64_t linkEpoch_ = 1;
   Miss miss_;
+  // Per slot: entryOf(rhash, link), as this writer last stored them (see the top).
+  std::vector<uint64_t, LargePageAllocator<uint64_t>> index_;
 };
 
 }  // namespace Ledger

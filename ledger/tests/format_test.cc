@@ -487,11 +487,10 @@ TEST_F(Recovery, UnlinkedAndDuplicatedSlotsAreResolved) {
     // An occupied slot that no chain reaches (a remove cut short after the unlink) and a
     // second copy of a key (a move cut short after the copy).
     uint32_t slot = slotOf(w, 11);
-    auto pos =
-        WriterHashMap<TestKey, Ops<TestKey, TestValue>>(w.slotTable(), w.bucketTable(), w.ops())
-            .find(TestKey{11}, TestKey{11}.hash());
-    WriterHashMap<TestKey, Ops<TestKey, TestValue>>(w.slotTable(), w.bucketTable(), w.ops())
-        .setLink(pos.pred, linkOf(w.slotTable().slot(slot).linkPair));
+    WriterHashMap<TestKey, Ops<TestKey, TestValue>> chains(w.slotTable(), w.bucketTable(), w.ops());
+    chains.reindex();
+    auto pos = chains.find(TestKey{11}, TestKey{11}.hash());
+    chains.setLink(pos.pred, linkOf(w.slotTable().slot(slot).linkPair));
     uint32_t copy = w.slotTable().alloc();
     std::memcpy(&w.slotTable().slot(copy).status, &w.slotTable().slot(slotOf(w, 12)).status,
                 w.slotTable().slotSize() - 8);
