@@ -56,6 +56,8 @@ int64_t nowNs() {
       .count();
 }
 double seconds(int64_t ns) { return double(ns) / 1e9; }
+// How long the reader waits for its shadows to equal the writer's tables after a phase.
+constexpr int64_t kInStepDeadlineNs = int64_t{60} * 1000 * 1000 * 1000;
 
 // ---- what the LFIB holds, the same on both sides ----
 
@@ -256,7 +258,8 @@ class WriterAgent {
     sendLine(toReader_, "census " + c.line());
     sendLine(toMain_, "phase " + name + " " + std::to_string(changes) + " " +
                           std::to_string(end - start) + " " + c.line());
-    readLine(fromReader_);  // the reader is in step: go on
+    // The reader is in step: go on. It answers nothing when it gave up waiting for that.
+    if (!readLine(fromReader_)) throw std::runtime_error("the reader agent is gone");
   }
 
   Options o_;
@@ -285,7 +288,7 @@ class ReaderAgent : public Mpls::LfibStatus::NotifieeConst {
     // The tables' shadows use the loop: they go before it does.
     notifierIs(Mpls::LfibStatus::PtrConst());
     status_ = nullptr;
-    return 0;
+    return gaveUp_ ? 1 : 0;
   }
   void onLfibRoute(const Mpls::RouteKey&) override { ++notifications_; }
 
@@ -305,12 +308,14 @@ class ReaderAgent : public Mpls::LfibStatus::NotifieeConst {
       in >> targetPhase_ >> targetEndNs_ >> targetRoutes_;
       inStepAt_ = 0;
       waiting_ = true;
+      waitingSince_ = nowNs();
     } else {
       target_ = Census::parse(in);
     }
   }
   void checkInStep() {
     if (!waiting_) return;
+    if (nowNs() - waitingSince_ > kInStepDeadlineNs) return giveUp();
     if (!inStepAt_) {
       if (!status_->ledgerInStep() || status_->lfibRouteCount() != targetRoutes_) return;
       inStepAt_ = nowNs();  // in step; the census below is the demo's own check of equality
@@ -327,6 +332,14 @@ class ReaderAgent : public Mpls::LfibStatus::NotifieeConst {
     sendLine(toWriter_, "ack");
     if (writerDone_) loop_.stop();
   }
+  // The shadows never came to equal the writer's tables: says so, with both censuses, and
+  // stops instead of waiting for ever.
+  void giveUp() {
+    sendLine(toMain_, "stuck " + targetPhase_ + " " + censusOf(*status_).line() + " / " +
+                          (target_ ? target_->line() : std::string("no census yet")));
+    gaveUp_ = true;
+    loop_.stop();
+  }
 
   Options o_;
   int fromWriter_, toMain_, toWriter_;
@@ -340,6 +353,8 @@ class ReaderAgent : public Mpls::LfibStatus::NotifieeConst {
   bool waiting_ = false;
   uint64_t notifications_ = 0;
   bool writerDone_ = false;
+  int64_t waitingSince_ = 0;
+  bool gaveUp_ = false;
 };
 
 // ---- the orchestrating process ----
@@ -474,6 +489,15 @@ void follow(int fromWriter, int fromReader, Report& r) {
       }
       std::istringstream in(*line);
       std::string word, name;
+      if (line->starts_with("stuck ")) {
+        in >> word >> name;
+        std::string censuses;
+        std::getline(in >> std::ws, censuses);
+        std::printf("  reader: NOT in step %.0f s after %s (census read / written: %s)\n",
+                    seconds(kInStepDeadlineNs), name.c_str(), censuses.c_str());
+        r.allInStep = false;
+        continue;
+      }
       int64_t ns;
       uint64_t notes;
       in >> word >> name >> ns >> notes;
@@ -517,7 +541,8 @@ int main(int argc, char** argv) {
   ::waitpid(writer, &writerStatus, 0);
   ::waitpid(reader, &readerStatus, 0);
   bool ok = WIFEXITED(writerStatus) && WEXITSTATUS(writerStatus) == 0 && WIFEXITED(readerStatus) &&
-            WEXITSTATUS(readerStatus) == 0 && report.failed == 0 && report.tables > 0;
+            WEXITSTATUS(readerStatus) == 0 && report.failed == 0 && report.tables > 0 &&
+            report.allInStep;
 
   // The tables as any other process sees them: `ledger validate` on each, read-only.
   const std::string base = o.root + "/lfib/demo";
