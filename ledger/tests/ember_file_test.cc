@@ -2,14 +2,19 @@
 // process that maps the same file.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/utsname.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 
 #include "ledger/tests/TestTable.h"
 #include "platform/shm/EmberFile.h"
 #include "platform/tests/ForkedChild.h"
+#include "platform/tests/SmallTmpfs.h"
 
 namespace {
 
@@ -149,6 +154,93 @@ TEST_F(Ember, GrowthReservesPagesAndReserveTakesReleasedOnesAgain) {
   ASSERT_TRUE(reader.open(root, "t", "data", EmberFile::Access::ReadOnly, false));
   EXPECT_FALSE(reader.reserve(kPage));  // a reader never allocates a writer's pages
   EXPECT_NE(reader.error().find("not open for writing"), std::string::npos);
+}
+
+constexpr size_t kMiB = size_t{1} << 20;
+
+// Kilobytes of this process's mapping at `base` that huge pages of a shared file back.
+size_t hugeMappedKiB(const uint8_t* base) {
+  std::ifstream maps("/proc/self/smaps");
+  std::ostringstream start;
+  start << std::hex << reinterpret_cast<uintptr_t>(base) << '-';
+  bool inMapping = false;
+  for (std::string line; std::getline(maps, line);) {
+    if (line.rfind(start.str(), 0) == 0) inMapping = true;
+    if (inMapping && line.rfind("ShmemPmdMapped:", 0) == 0) return std::stoul(line.substr(15));
+  }
+  return 0;
+}
+
+// Linux 6.1 or later, with huge pages of 2 MiB, not denied to shared memory.
+bool kernelBuildsSharedHugePages() {
+  utsname name;
+  unsigned major = 0, minor = 0;
+  std::ifstream size("/sys/kernel/mm/transparent_hugepage/hpage_pmd_size");
+  std::ifstream shmem("/sys/kernel/mm/transparent_hugepage/shmem_enabled");
+  size_t bytes = 0;
+  std::string modes;
+  return ::uname(&name) == 0 && std::sscanf(name.release, "%u.%u", &major, &minor) == 2 &&
+         (major > 6 || (major == 6 && minor >= 1)) && (size >> bytes) && bytes == 2 * kMiB &&
+         std::getline(shmem, modes) && modes.find("[deny]") == std::string::npos;
+}
+
+bool holds(const uint8_t* at, size_t len, uint8_t byte) {
+  for (size_t i = 0; i < len; ++i)
+    if (at[i] != byte) return false;
+  return true;
+}
+
+// A large growth comes in huge pages, where the kernel builds them for shared memory: the
+// bytes written before it stay (the huge page they fall in is built from them), the new ones
+// read zero, and a reader in another process maps the same huge pages.
+TEST_F(Ember, LargeGrowthComesInHugePagesThatReadersShare) {
+  EmberFile writer;
+  ASSERT_TRUE(writer.open(root, "t", "data", EmberFile::Access::ReadWrite, true));
+  ASSERT_TRUE(writer.resize(3 * kMiB / 2));
+  std::memset(writer.base(), 5, 3 * kMiB / 2);
+  ASSERT_TRUE(writer.resize(9 * kMiB + 4096));
+  EXPECT_TRUE(holds(writer.base(), 3 * kMiB / 2, 5));
+  EXPECT_TRUE(holds(writer.base() + 3 * kMiB / 2, 15 * kMiB / 2 + 4096, 0));
+  EXPECT_EQ(occupied(writer.path()), 9 * kMiB + 4096);  // every page reserved, none more
+  if (!kernelBuildsSharedHugePages()) GTEST_SKIP() << "no huge pages for shared memory here";
+  EXPECT_EQ(hugeMappedKiB(writer.base()), 8 * 1024u);  // all but the last, partial, huge page
+  writer.base()[9 * kMiB] = 6;
+  TestSupport::ForkedChild child([&](int toParent) {
+    EmberFile reader;
+    bool ok = reader.open(root, "t", "data", EmberFile::Access::ReadOnly, false) &&
+              holds(reader.base(), 3 * kMiB / 2, 5) &&
+              holds(reader.base() + 3 * kMiB / 2, 15 * kMiB / 2, 0) && reader.base()[9 * kMiB] == 6;
+    const std::string said = ok ? std::to_string(hugeMappedKiB(reader.base())) : "bad bytes";
+    return ::write(toParent, said.data(), said.size()) == ssize_t(said.size()) ? 0 : 1;
+  });
+  EXPECT_EQ(child.read(64), "8192");
+  EXPECT_EQ(child.wait(), 0);
+}
+
+// A large growth that finds no room leaves the file as it was: its length, its mapping, its
+// bytes; a smaller one then still goes through.
+TEST(EmberNoSpace, FailedLargeGrowthLeavesTheFileAsItWas) {
+  const std::string result = TestSupport::inSmallTmpfs("3m", [](const std::string& root) {
+    EmberFile writer;
+    if (!writer.open(root, "t", "data", EmberFile::Access::ReadWrite, true) ||
+        !writer.resize(kMiB)) {
+      return "cannot start: " + writer.error();
+    }
+    std::memset(writer.base(), 7, kMiB);
+    if (writer.resize(8 * kMiB)) return std::string("grew beyond the file system");
+    if (writer.error().find("No space left on device") == std::string::npos) {
+      return "unclear error: " + writer.error();
+    }
+    if (writer.fileSize() != kMiB || writer.size() != kMiB) return std::string("length changed");
+    if (!holds(writer.base(), kMiB, 7)) return std::string("bytes changed");
+    if (!writer.resize(5 * kMiB / 2)) return "cannot grow into the room left: " + writer.error();
+    if (!holds(writer.base(), kMiB, 7) || !holds(writer.base() + kMiB, 3 * kMiB / 2, 0)) {
+      return std::string("bytes changed in the growth");
+    }
+    return std::string();
+  });
+  if (result == TestSupport::kNoSmallTmpfs) GTEST_SKIP() << "no mount namespace for a tmpfs here";
+  EXPECT_EQ(result, "ok");
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <random>
@@ -19,6 +20,12 @@
 #include "zinc/Trace.h"
 
 ZINC_TRACE_FILE("EmberFile")
+
+// Linux's advice to build huge pages over a range now (from 6.1; older kernels refuse it with
+// EINVAL). Libraries older than that kernel do not name it.
+#ifndef MADV_COLLAPSE
+#define MADV_COLLAPSE 25
+#endif
 
 namespace SharedMem {
 
@@ -39,6 +46,39 @@ bool makeDirs(const std::string& dir, mode_t mode) {
   }
   return true;
 }
+
+// The size of a huge page, as the kernel says (2 MiB where it says nothing).
+size_t hugePageSize() {
+  static const size_t size = [] {
+    size_t bytes = 0;
+    if (FILE* f = std::fopen("/sys/kernel/mm/transparent_hugepage/hpage_pmd_size", "r")) {
+      if (std::fscanf(f, "%zu", &bytes) != 1) bytes = 0;
+      std::fclose(f);
+    }
+    return bytes >= 4096 && (bytes & (bytes - 1)) == 0 ? bytes : size_t{2} << 20;
+  }();
+  return size;
+}
+
+// An address range of `bytes` that starts on a huge page, reserved (no access, no memory) for a
+// mapping to be placed over it: a file's huge pages map only at such an address. nullptr when
+// there is no room.
+void* reserveAligned(size_t bytes) {
+  const size_t huge = hugePageSize();
+  const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+  const size_t span = (bytes + page - 1) / page * page;
+  void* area =
+      ::mmap(nullptr, span + huge, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (area == MAP_FAILED) return nullptr;
+  const uintptr_t start = reinterpret_cast<uintptr_t>(area);
+  const uintptr_t aligned = (start + huge - 1) / huge * huge;
+  if (aligned > start) ::munmap(area, aligned - start);
+  ::munmap(reinterpret_cast<void*>(aligned + span), start + huge - aligned);
+  return reinterpret_cast<void*>(aligned);
+}
+
+// True when [from, to) reaches into a huge page beyond the one that `from` falls in.
+bool spansHugePage(size_t from, size_t to) { return to / hugePageSize() > from / hugePageSize(); }
 
 }  // namespace
 
@@ -133,7 +173,7 @@ bool EmberFile::mapLength(size_t bytes) {
   // fresh mapping would fault each of them in again on its next touch. A failure keeps the
   // old mapping.
   if (base_ && bytes > 0) {
-    void* p = ::mremap(base_, size_, bytes, MREMAP_MAYMOVE);
+    void* p = remapTo(bytes);
     if (p == MAP_FAILED) return fail("cannot map " + std::to_string(bytes) + " bytes of");
     if (!writable_) MappingGuard::forget(base_);
     base_ = static_cast<uint8_t*>(p);
@@ -144,9 +184,13 @@ bool EmberFile::mapLength(size_t bytes) {
 #endif
   uint8_t* mapped = nullptr;
   if (bytes > 0) {
-    int prot = PROT_READ | (writable_ ? PROT_WRITE : 0);
-    void* p = ::mmap(nullptr, bytes, prot, MAP_SHARED, fd_, 0);
-    if (p == MAP_FAILED) return fail("cannot map " + std::to_string(bytes) + " bytes of");
+    const int prot = PROT_READ | (writable_ ? PROT_WRITE : 0);
+    void* at = bytes >= hugePageSize() ? reserveAligned(bytes) : nullptr;
+    void* p = ::mmap(at, bytes, prot, MAP_SHARED | (at ? MAP_FIXED : 0), fd_, 0);
+    if (p == MAP_FAILED) {
+      if (at) ::munmap(at, bytes);
+      return fail("cannot map " + std::to_string(bytes) + " bytes of");
+    }
     mapped = static_cast<uint8_t*>(p);
   }
   // The new mapping is complete before the old one goes: a failure above keeps the old.
@@ -156,6 +200,25 @@ bool EmberFile::mapLength(size_t bytes) {
   if (!writable_) MappingGuard::watch(base_, size_);
   return true;
 }
+
+#ifdef MREMAP_MAYMOVE
+// The mapping at `bytes`: in place where it can stay (aligned to a huge page, or too small
+// for one), else moved to an aligned range, else anywhere. MAP_FAILED when it cannot.
+void* EmberFile::remapTo(size_t bytes) {
+  const size_t huge = hugePageSize();
+  void* p = MAP_FAILED;
+  if (bytes < huge || reinterpret_cast<uintptr_t>(base_) % huge == 0) {
+    p = ::mremap(base_, size_, bytes, 0);
+  }
+  if (p == MAP_FAILED && bytes >= huge) {
+    if (void* at = reserveAligned(bytes)) {
+      p = ::mremap(base_, size_, bytes, MREMAP_MAYMOVE | MREMAP_FIXED, at);
+      if (p == MAP_FAILED) ::munmap(at, bytes);
+    }
+  }
+  return p != MAP_FAILED ? p : ::mremap(base_, size_, bytes, MREMAP_MAYMOVE);
+}
+#endif
 
 // A read-only mapping is guarded against the file being cut under it (MappingGuard.h); a
 // writable one is the writer's own, whose files nobody else shortens.
@@ -169,7 +232,26 @@ bool EmberFile::resize(size_t bytes, size_t reserveBytes) {
     errno = EBADF;
     return fail("resize of closed file");
   }
-  return reserve(std::min(bytes, reserveBytes)) && extendTo(bytes) && mapLength(bytes);
+  const size_t wanted = std::min(bytes, reserveBytes);
+  if (!spansHugePage(reserved_, wanted)) {
+    return reserve(wanted) && extendTo(bytes) && mapLength(bytes);
+  }
+  // Extended and mapped first, so that reserve() can take the new range in huge pages; a
+  // failure gives the length and the mapping back.
+  const size_t oldFile = fileSize(), oldMapped = size_;
+  if (extendTo(bytes) && mapLength(bytes) && reserve(wanted)) return true;
+  undoGrowth(oldFile, oldMapped);
+  return false;
+}
+
+void EmberFile::undoGrowth(size_t fileBytes, size_t mappedBytes) {
+  const std::string why = error_;
+  if (size_ != mappedBytes) mapLength(mappedBytes);
+  if (fileSize() > fileBytes && ::ftruncate(fd_, static_cast<off_t>(fileBytes)) != 0) {
+    ZTRACE(0, "EmberFile::undoGrowth() cannot cut " << path_ << " back to " << fileBytes
+                                                    << " bytes: " << std::strerror(errno));
+  }
+  error_ = why;
 }
 
 bool EmberFile::extendTo(size_t bytes) {
@@ -183,11 +265,28 @@ bool EmberFile::reserve(size_t bytes) {
     errno = EBADF;
     return fail("cannot reserve pages of a file not open for writing:");
   }
+  takeHugePages(reserved_, bytes);
   if (!takePages(fd_, reserved_, bytes)) {
     return fail("cannot reserve " + std::to_string(bytes) + " bytes:");
   }
   reserved_ = bytes;
   return true;
+}
+
+// A huge page is built from the base pages already in its range and zeros for the rest, and
+// the kernel builds none over a range that has no page at all: one base page written in each
+// (nothing changes where there is one) gives it a start. Pages are zero-filled, not copied,
+// except where some were there before (the huge page that `from` falls in).
+void EmberFile::takeHugePages(size_t from, size_t to) {
+  const size_t huge = hugePageSize();
+  const size_t start = from / huge * huge, end = std::min(to, size_) / huge * huge;
+  // A huge page maps only where the mapping's addresses and the file's offsets align alike.
+  if (start >= end || reinterpret_cast<uintptr_t>(base_) % huge != 0) return;
+  const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+  for (size_t at = start; at < end; at += huge) ::madvise(base_ + at, page, MADV_POPULATE_WRITE);
+  if (::madvise(base_ + start, end - start, MADV_COLLAPSE) != 0) {
+    ZTRACE(3, "EmberFile::takeHugePages() " << path_ << ": " << std::strerror(errno));
+  }
 }
 
 // Allocates [from, to) and extends the file over it when shorter, or does nothing at all: the
