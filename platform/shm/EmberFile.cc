@@ -77,8 +77,16 @@ void* reserveAligned(size_t bytes) {
   return reinterpret_cast<void*>(aligned);
 }
 
-// True when [from, to) reaches into a huge page beyond the one that `from` falls in.
-bool spansHugePage(size_t from, size_t to) { return to / hugePageSize() > from / hugePageSize(); }
+// The offsets [first, second) of the whole huge pages that reserving [from, to) builds: those
+// within it, and the one that `from` falls in when the range is a huge page long or more.
+// That one is built from the base pages already there, copying them: a growth by a huge page
+// or more pays that once, a short reservation (a chunk of a queue, say) does not.
+std::pair<size_t, size_t> hugePagesOf(size_t from, size_t to) {
+  const size_t huge = hugePageSize();
+  if (to <= from) return {0, 0};
+  const size_t start = (to - from >= huge ? from / huge : (from + huge - 1) / huge) * huge;
+  return {start, std::max(start, to / huge * huge)};
+}
 
 }  // namespace
 
@@ -233,7 +241,7 @@ bool EmberFile::resize(size_t bytes, size_t reserveBytes) {
     return fail("resize of closed file");
   }
   const size_t wanted = std::min(bytes, reserveBytes);
-  if (!spansHugePage(reserved_, wanted)) {
+  if (const auto [first, end] = hugePagesOf(reserved_, wanted); first == end) {
     return reserve(wanted) && extendTo(bytes) && mapLength(bytes);
   }
   // Extended and mapped first, so that reserve() can take the new range in huge pages; a
@@ -275,13 +283,12 @@ bool EmberFile::reserve(size_t bytes) {
 
 // A huge page is built from the base pages already in its range and zeros for the rest, and
 // the kernel builds none over a range that has no page at all: one base page written in each
-// (nothing changes where there is one) gives it a start. Pages are zero-filled, not copied,
-// except where some were there before (the huge page that `from` falls in).
+// (nothing changes where there is one) gives it a start.
 void EmberFile::takeHugePages(size_t from, size_t to) {
   const size_t huge = hugePageSize();
-  const size_t start = from / huge * huge, end = std::min(to, size_) / huge * huge;
+  const auto [start, end] = hugePagesOf(from, std::min(to, size_));
   // A huge page maps only where the mapping's addresses and the file's offsets align alike.
-  if (start >= end || reinterpret_cast<uintptr_t>(base_) % huge != 0) return;
+  if (start == end || reinterpret_cast<uintptr_t>(base_) % huge != 0) return;
   const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
   for (size_t at = start; at < end; at += huge) ::madvise(base_ + at, page, MADV_POPULATE_WRITE);
   if (::madvise(base_ + start, end - start, MADV_COLLAPSE) != 0) {

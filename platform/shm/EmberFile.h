@@ -109,8 +109,7 @@ class EmberFile {
   void* remapTo(size_t bytes);
   // Makes the file at least `bytes` long (ftruncate; the pages come when touched).
   bool extendTo(size_t bytes);
-  // Backs the huge pages within [from, to) of the mapping, and the one that `from` falls in,
-  // with huge pages where the kernel can; see above.
+  // Builds the huge pages of [from, to) within the mapping where the kernel can; see above.
   void takeHugePages(size_t from, size_t to);
   // A growth that failed after extending and mapping: back to `fileBytes` and `mappedBytes`.
   void undoGrowth(size_t fileBytes, size_t mappedBytes);
