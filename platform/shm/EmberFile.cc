@@ -60,6 +60,10 @@ size_t hugePageSize() {
   return size;
 }
 
+// Whether `at` starts a huge page: a file's huge pages map only at such addresses (the file's
+// offset 0 being mapped there).
+bool onHugePage(const void* at) { return reinterpret_cast<uintptr_t>(at) % hugePageSize() == 0; }
+
 // An address range of `bytes` that starts on a huge page, reserved (no access, no memory) for a
 // mapping to be placed over it: a file's huge pages map only at such an address. nullptr when
 // there is no room.
@@ -215,7 +219,7 @@ bool EmberFile::mapLength(size_t bytes) {
 void* EmberFile::remapTo(size_t bytes) {
   const size_t huge = hugePageSize();
   void* p = MAP_FAILED;
-  if (bytes < huge || reinterpret_cast<uintptr_t>(base_) % huge == 0) {
+  if (bytes < huge || onHugePage(base_)) {
     p = ::mremap(base_, size_, bytes, 0);
   }
   if (p == MAP_FAILED && bytes >= huge) {
@@ -285,10 +289,9 @@ bool EmberFile::reserve(size_t bytes) {
 // the kernel builds none over a range that has no page at all: one base page written in each
 // (nothing changes where there is one) gives it a start.
 void EmberFile::takeHugePages(size_t from, size_t to) {
-  const size_t huge = hugePageSize();
   const auto [start, end] = hugePagesOf(from, std::min(to, size_));
-  // A huge page maps only where the mapping's addresses and the file's offsets align alike.
-  if (start == end || reinterpret_cast<uintptr_t>(base_) % huge != 0) return;
+  if (start == end || !onHugePage(base_)) return;
+  const size_t huge = hugePageSize();
   const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
   for (size_t at = start; at < end; at += huge) ::madvise(base_ + at, page, MADV_POPULATE_WRITE);
   if (::madvise(base_ + start, end - start, MADV_COLLAPSE) != 0) {
