@@ -1,10 +1,11 @@
-// EmberFile: the root directory and name rules, file modes, and growth seen from another
-// process that maps the same file.
+// EmberFile: the root directory and name rules, file modes, growth seen from another process
+// that maps the same file, huge pages, and growth that finds no room.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -185,9 +186,7 @@ bool kernelBuildsSharedHugePages() {
 }
 
 bool holds(const uint8_t* at, size_t len, uint8_t byte) {
-  for (size_t i = 0; i < len; ++i)
-    if (at[i] != byte) return false;
-  return true;
+  return std::all_of(at, at + len, [byte](uint8_t b) { return b == byte; });
 }
 
 // A large growth comes in huge pages, where the kernel builds them for shared memory: the

@@ -47,6 +47,11 @@ bool makeDirs(const std::string& dir, mode_t mode) {
   return true;
 }
 
+size_t pageSize() {
+  static const size_t size = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+  return size;
+}
+
 // The size of a huge page, as the kernel says (2 MiB where it says nothing).
 size_t hugePageSize() {
   static const size_t size = [] {
@@ -69,7 +74,7 @@ bool onHugePage(const void* at) { return reinterpret_cast<uintptr_t>(at) % hugeP
 // there is no room.
 void* reserveAligned(size_t bytes) {
   const size_t huge = hugePageSize();
-  const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+  const size_t page = pageSize();
   const size_t span = (bytes + page - 1) / page * page;
   void* area =
       ::mmap(nullptr, span + huge, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
@@ -292,7 +297,7 @@ void EmberFile::takeHugePages(size_t from, size_t to) {
   const auto [start, end] = hugePagesOf(from, std::min(to, size_));
   if (start == end || !onHugePage(base_)) return;
   const size_t huge = hugePageSize();
-  const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+  const size_t page = pageSize();
   for (size_t at = start; at < end; at += huge) ::madvise(base_ + at, page, MADV_POPULATE_WRITE);
   if (::madvise(base_ + start, end - start, MADV_COLLAPSE) != 0) {
     ZTRACE(3, "EmberFile::takeHugePages() " << path_ << ": " << std::strerror(errno));
@@ -317,7 +322,7 @@ void EmberFile::releaseRange(size_t offset, size_t len) {
   if (fd_ < 0 || len == 0) return;
   reserved_ = std::min(reserved_, offset);
 #ifdef FALLOC_FL_PUNCH_HOLE
-  long page = ::sysconf(_SC_PAGESIZE);
+  const size_t page = pageSize();
   size_t start = (offset + page - 1) / page * page;
   size_t end = offset + len;
   if (end <= start) return;
@@ -333,7 +338,7 @@ void EmberFile::releaseRange(size_t offset, size_t len) {
 
 bool EmberFile::populate(size_t offset, size_t len) {
   if (!base_ || !writable_ || offset >= size_) return false;
-  const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+  const size_t page = pageSize();
   const size_t start = offset / page * page;
   const size_t end = std::min(size_, offset + len);
   if (end <= offset) return false;
