@@ -76,7 +76,6 @@
 // or numBuckets is beyond it) and every walk is bounded.
 #pragma once
 
-#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -181,25 +180,15 @@ constexpr uint32_t slotSizeFor(uint32_t valueSize) {
 static_assert(slotSizeFor(116) == 136);
 static_assert(slotSizeFor(8) == 24);
 
-// Each 16-bit value with its bits reversed: two look-ups reverse a 32-bit word in a few
-// instructions, where shifting and masking takes twenty (the write path reverses one or two
-// hashes per write).
-extern const std::array<uint16_t, 65536> kReversedHalfWords;
-
-// The same by swapping bytes, then shifting and masking: for compile time, and for a walk that
-// streams through far more memory than the cache holds, where the table's lines would miss.
-constexpr uint32_t reverseBitsByShifts(uint32_t x) {
+// A 32-bit word with its bits reversed: bytes swapped, then nibbles, pairs and bits by
+// shifting and masking. A dozen register operations and no memory: every walk of the table
+// (writes, look-ups, syncs) reverses a hash per key while it misses the cache on slots and
+// buckets, and a look-up table for this would be one more thing those misses evict.
+constexpr uint32_t reverseBits(uint32_t x) {
   x = __builtin_bswap32(x);
   x = ((x >> 4) & 0x0f0f0f0fu) | ((x & 0x0f0f0f0fu) << 4);
   x = ((x >> 2) & 0x33333333u) | ((x & 0x33333333u) << 2);
   return ((x >> 1) & 0x55555555u) | ((x & 0x55555555u) << 1);
-}
-
-constexpr uint32_t reverseBits(uint32_t x) {
-  if (!std::is_constant_evaluated()) {
-    return uint32_t{kReversedHalfWords[x & 0xffffu]} << 16 | kReversedHalfWords[x >> 16];
-  }
-  return reverseBitsByShifts(x);
 }
 static_assert(reverseBits(1) == 0x80000000u && reverseBits(0x12345678u) == 0x1e6a2c48u);
 

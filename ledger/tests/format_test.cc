@@ -41,9 +41,8 @@ std::vector<uint8_t> formattedFile(uint32_t numSlots, uint32_t ember = 42) {
   return file;
 }
 
-// reverseBits takes a table at run time and shifts at compile time, and the shadow's walk
-// shifts at run time: all must give the bits of a word in reverse order, each bit moved on
-// its own.
+// reverseBits must give the bits of a word in reverse order, each bit moved on its own, at run
+// time as at compile time.
 TEST(SlotTableFormat, RhashReversesEveryBitAtRunTimeAsAtCompileTime) {
   auto bitByBit = [](uint32_t x) {
     uint32_t r = 0;
@@ -56,7 +55,6 @@ TEST(SlotTableFormat, RhashReversesEveryBitAtRunTimeAsAtCompileTime) {
   for (uint32_t low = 0; low < 0x10000; ++low) words.push_back(low | (~low << 16));
   for (volatile uint32_t x : words) {
     ASSERT_EQ(reverseBits(x), bitByBit(x)) << std::hex << x;
-    ASSERT_EQ(reverseBitsByShifts(x), bitByBit(x)) << std::hex << x;
   }
   static_assert(reverseBits(0x00000001u) == 0x80000000u && reverseBits(0x0000ff00u) == 0x00ff0000u);
 }
