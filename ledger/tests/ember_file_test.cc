@@ -216,6 +216,25 @@ TEST_F(Ember, LargeGrowthComesInHugePagesThatReadersShare) {
   EXPECT_EQ(child.wait(), 0);
 }
 
+// A file that grows by small steps (a queue's chunks, a table doubling from a few pages) ends
+// up in huge pages too, from its start: each one built, from the bytes already there, by the
+// step that completes it.
+TEST_F(Ember, SmallStepsEndInHugePagesFromTheStart) {
+  EmberFile writer;
+  ASSERT_TRUE(writer.open(root, "t", "data", EmberFile::Access::ReadWrite, true));
+  constexpr size_t kStep = 64 * 1024;
+  size_t size = 0;
+  for (uint8_t step = 1; size < 4 * kMiB + kStep; ++step, size += kStep) {
+    ASSERT_TRUE(writer.resize(size + kStep));
+    std::memset(writer.base() + size, step, kStep);
+  }
+  for (size_t at = 0; at < size; at += kStep) {
+    ASSERT_TRUE(holds(writer.base() + at, kStep, uint8_t(at / kStep + 1))) << at;
+  }
+  if (!kernelBuildsSharedHugePages()) GTEST_SKIP() << "no huge pages for shared memory here";
+  EXPECT_EQ(hugeMappedKiB(writer.base()), 4 * 1024u);  // both whole huge pages, not the tail
+}
+
 // A large growth that finds no room leaves the file as it was: its length, its mapping, its
 // bytes; a smaller one then still goes through.
 TEST(EmberNoSpace, FailedLargeGrowthLeavesTheFileAsItWas) {

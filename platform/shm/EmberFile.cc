@@ -86,14 +86,16 @@ void* reserveAligned(size_t bytes) {
   return reinterpret_cast<void*>(aligned);
 }
 
-// The offsets [first, second) of the whole huge pages that reserving [from, to) builds: those
-// within it, and the one that `from` falls in when the range is a huge page long or more.
-// That one is built from the base pages already there, copying them: a growth by a huge page
-// or more pays that once, a short reservation (a chunk of a queue, say) does not.
+// The offsets [first, second) of the huge pages that reserving [from, to) completes: every
+// whole one within it, and the one that `from` falls in when the range reaches its end. That
+// one is built from the base pages already there, copying them: at most one huge page a
+// reservation, and each huge page once, by the reservation that completes it. A file that
+// grows by small steps (a queue's chunks, a table doubling from a few pages) thus ends up in
+// huge pages from its start, as one that grows by a huge page at a time does.
 std::pair<size_t, size_t> hugePagesOf(size_t from, size_t to) {
   const size_t huge = hugePageSize();
   if (to <= from) return {0, 0};
-  const size_t start = (to - from >= huge ? from / huge : (from + huge - 1) / huge) * huge;
+  const size_t start = from / huge * huge;
   return {start, std::max(start, to / huge * huge)};
 }
 

@@ -17,8 +17,8 @@
 // SIGBUS instead.
 //
 // Where the kernel allows it, a writer's file comes in huge pages (2 MiB on x86-64): every
-// whole huge page of a range that reserve() takes, within the mapping, is collapsed into one
-// (takeHugePages), and resize() maps a growth before it reserves it so that this applies.
+// huge page of the mapping that a reserve() completes is collapsed into one (takeHugePages),
+// and resize() maps a growth before it reserves it so that this applies.
 // Readers that map the file then share those pages: a table of a million entries spans
 // hundreds of megabytes, and on 4 KiB pages nearly every random look-up also misses the TLB.
 // It is advice: where the kernel refuses, pages come in the base size, as without it.
