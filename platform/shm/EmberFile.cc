@@ -86,15 +86,14 @@ void* reserveAligned(size_t bytes) {
   return reinterpret_cast<void*>(aligned);
 }
 
-// The offsets [first, second) of the huge pages that reserving [from, to) completes: every
-// whole one within it, and the one that `from` falls in when the range reaches its end. That
-// one is built from the base pages already there, copying them: at most one huge page a
-// reservation, and each huge page once, by the reservation that completes it. A file that
-// grows by small steps (a queue's chunks, a table doubling from a few pages) thus ends up in
-// huge pages from its start, as one that grows by a huge page at a time does.
+// The offsets [first, second) of the huge pages that reserving [from, to) completes (none when
+// first == second): every whole one within it, and the one that `from` falls in when the range
+// reaches its end. Only that one is built from base pages already there, by copying them; each
+// huge page is built once, by the reservation that completes it. A file that grows by small
+// steps (a queue's chunks, a table doubling from a few pages) thus ends up in huge pages from
+// its start, as one that grows by a huge page at a time does.
 std::pair<size_t, size_t> hugePagesOf(size_t from, size_t to) {
   const size_t huge = hugePageSize();
-  if (to <= from) return {0, 0};
   const size_t start = from / huge * huge;
   return {start, std::max(start, to / huge * huge)};
 }
