@@ -551,16 +551,22 @@ bool ReaderKickSm::kick(Registration& reader) {
     if (::write(reader.eventFd, &one, sizeof(one)) == sizeof(one) || errno == EAGAIN) return true;
     closeHandover(reader);
   }
+  int why = 0;
   for (int attempt = 0; attempt < 2; ++attempt) {
     if (reader.fd < 0) reader.fd = connectTo(reader.path);
-    if (reader.fd < 0) break;
+    if (reader.fd < 0) {
+      why = errno;
+      break;
+    }
     if (::send(reader.fd, "", 0, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0 || errno == EAGAIN ||
         errno == EWOULDBLOCK || errno == ENOBUFS) {
       return true;
     }
-    closeIfOpen(reader.fd);
+    why = errno;
+    // Out of the poll set too: a child forked since may hold the same socket open.
+    unwatchAndClose(reader.fd);
   }
-  ZTRACE(1, "ReaderKickSm::kick() nobody listens at " << reader.path << ": " << errnoText(errno));
+  ZTRACE(1, "ReaderKickSm::kick() nobody listens at " << reader.path << ": " << errnoText(why));
   return false;
 }
 
