@@ -7,16 +7,19 @@
 #include <signal.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <set>
 #include <thread>
+#include <vector>
 
 #include "platform/tests/ForkedChild.h"
 #include "platform/tests/TempDir.h"
@@ -240,6 +243,52 @@ TEST_F(ReaderKick, ReaderThatExitsAfterHandoverIsDroppedAtTheNextFlush) {
   writer.commitNotify();
   EXPECT_EQ(writer.flush(), 0u);
   EXPECT_EQ(writer.readersDropped(), 1u);
+}
+
+// Every entry of this process's epoll sets whose descriptor is no longer open here, or now
+// names another file: "tfd" lines of /proc/self/fdinfo read against fstat.
+std::vector<std::string> staleWatches() {
+  std::vector<std::string> stale;
+  for (auto& fd : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
+    std::ifstream info(fd.path());
+    for (std::string line; std::getline(info, line);) {
+      int target;
+      unsigned long inode;
+      const auto at = line.find("ino:");
+      if (std::sscanf(line.c_str(), "tfd: %d", &target) != 1 || at == std::string::npos ||
+          std::sscanf(line.c_str() + at, "ino:%lx", &inode) != 1) {
+        continue;
+      }
+      struct stat st;
+      if (::fstat(target, &st) != 0 || st.st_ino != inode) stale.push_back(line);
+    }
+  }
+  return stale;
+}
+
+// A reader that never answered (still kicked by datagram) dies while another process, forked
+// from the writer since, holds the writer's connection to it open: the failed kick drops the
+// reader and takes the connection out of the writer's poll set as well.
+TEST_F(ReaderKick, FailedKickLeavesNothingWatched) {
+  TestSupport::ForkedChild mute([&](int out) {
+    ReaderKickListener listener(table);  // never drained: no handover
+    (void)!::write(out, "r", 1);
+    ::pause();
+    return 0;
+  });
+  ASSERT_EQ(mute.read(1), "r");
+  ReaderKickSm writer(table);
+  writer.commitNotify();
+  ASSERT_EQ(writer.flush(), 1u);
+  TestSupport::ForkedChild holder([](int) {
+    ::pause();
+    return 0;
+  });
+  mute.kill();
+  writer.commitNotify();
+  EXPECT_EQ(writer.flush(), 0u);
+  EXPECT_EQ(writer.readersDropped(), 1u);
+  EXPECT_EQ(staleWatches(), std::vector<std::string>{});
 }
 
 // A registration whose owner answers the first kick with descriptors that are not an eventfd
