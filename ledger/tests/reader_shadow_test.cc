@@ -255,7 +255,9 @@ struct InterruptedSyncTest : ShadowTest {
     for (uint64_t id = 0; id < 20000; ++id) w.writer.write(makeValue(id, 1));
     Ledger::ShadowOptions options;
     options.yieldTime = 1us;
-    options.mountRetry = 10ms;
+    // Long enough that no loaded machine retries a broken table before the test has looked at
+    // the shadow waiting to.
+    options.mountRetry = 500ms;
     shadow = makeShadow(options);
     ASSERT_TRUE(shadow->initialize());
     loop.runOnce(0ms);  // the first slice
