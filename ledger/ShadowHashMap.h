@@ -28,6 +28,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstdint>
+#include <new>
 #include <vector>
 
 #include "ledger/Format.h"
@@ -119,13 +120,26 @@ class ShadowHashMap {
   }
   // Starts fetching the home bucket of `rhash`.
   void prefetch(uint32_t rhash) const { __builtin_prefetch(&buckets_[home(rhash)], 1); }
-  // Halves the bucket array while it is less than a quarter full.
+  // Halves the bucket array while it is less than a quarter full. Giving memory back is
+  // optional: when the smaller array cannot be had, the map keeps the one it has, unchanged.
   void shrink() {
     uint32_t n = numBuckets_;
     while (n > kMinBuckets && size_ < n / 4) n /= 2;
     if (n == numBuckets_) return;
-    rehash(n);
+    const void* was = buckets_.data();
+    try {
+      rehash(n);
+    } catch (const std::bad_alloc&) {
+      ZTRACE_TO(ShadowDetail::trace(), 1,
+                "ShadowHashMap::shrink() failed to resize " << numBuckets_ << " buckets to " << n
+                                                            << ", keeping them");
+      return;
+    }
     ZTRACE_TO(ShadowDetail::trace(), 5, "ShadowHashMap::shrink() shrunk to numBuckets_:" << n);
+    // Buckets name slots by number: nothing points into the array, so nothing follows it.
+    ZTRACE_TO(
+        ShadowDetail::trace(), 7,
+        "ShadowHashMap::shrink() base address moved from " << was << " to " << buckets_.data());
   }
   void clear() {
     buckets_.assign(kMinBuckets + kTail, 0);
@@ -203,28 +217,31 @@ class ShadowHashMap {
     return buckets;
   }
   // The keys in order into `n` home buckets: each at its home, or right after the key before
-  // it when that one is there already.
+  // it when that one is there already. Built aside and swapped in whole: a failure to
+  // allocate leaves the map as it was.
   void rehash(uint32_t n) {
     if (size_ == 0 && n > numBuckets_ && n + kTail <= buckets_.capacity()) {
       buckets_.assign(n + kTail, 0);  // emptied (clear): growing again into the memory it had
       bucketsAre(n);
       return;
     }
-    std::vector<uint64_t, LargePageAllocator<uint64_t>> old = emptyBuckets(uint64_t{n} + kTail);
-    old.swap(buckets_);
-    bucketsAre(n);
+    std::vector<uint64_t, LargePageAllocator<uint64_t>> fresh = emptyBuckets(uint64_t{n} + kTail);
+    const uint32_t shift = shiftFor(n);
     uint64_t at = 0;
-    for (uint64_t word : old) {
+    for (uint64_t word : buckets_) {
       if (word == 0) continue;
-      at = std::max<uint64_t>(at, home(rhashOfWord(word)));
-      buckets_[at] = word;
-      keepLastEmpty(at++);
+      at = std::max<uint64_t>(at, uint64_t{rhashOfWord(word)} >> shift);
+      fresh[at] = word;
+      if (++at == fresh.size()) fresh.resize(fresh.size() + kTail, 0);  // one empty bucket last
     }
+    buckets_.swap(fresh);
+    bucketsAre(n);
   }
 
+  static uint32_t shiftFor(uint32_t n) { return 32 - uint32_t(std::countr_zero(n)); }
   void bucketsAre(uint32_t n) {
     numBuckets_ = n;
-    shift_ = 32 - uint32_t(std::countr_zero(n));
+    shift_ = shiftFor(n);
   }
 
   uint32_t numBuckets_ = kMinBuckets;

@@ -2,8 +2,12 @@
 // home bucket), erasures from the middle of runs, growth, shrink and reserve, and walks in
 // table order.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <bit>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <random>
@@ -211,6 +215,53 @@ TEST(ShadowHashMap, WalksGoOnAcrossGrowthShrinkAndMoves) {
   }
   for (uint32_t key = 0; key < kStaying; ++key) EXPECT_EQ(seen[key], 1) << "key " << key;
   for (const auto& [key, times] : seen) EXPECT_LE(times, 1) << "key " << key;
+}
+
+// Shrinking gives memory back only when it can. With no address space left for the smaller
+// array, shrink() keeps the map as it was, every key still found; with memory again, it
+// shrinks. In a child process: the limit is its own. Exit status 0, or which check failed.
+int shrinkWithNoAddressSpaceLeft() {
+  constexpr uint32_t kKeys = 1100000, kKept = 300000;  // 2M buckets, then room for 1M
+  auto rhashOf = [](uint32_t slot) { return slot * 0x9e3779b9u; };
+  auto cmp = [](uint32_t key) { return [key](uint32_t s) { return order(s, key); }; };
+  auto whole = [&](const ShadowHashMap& map) {
+    for (uint32_t s = 0; s < kKept; ++s) {
+      if (map.find(rhashOf(s), cmp(s)) != s) return false;
+    }
+    return map.size() == kKept;
+  };
+  ShadowHashMap map;
+  for (uint32_t s = 0; s < kKeys; ++s) map.insert(s, rhashOf(s), cmp(s));
+  for (uint32_t s = kKept; s < kKeys; ++s) map.erase(s, rhashOf(s));
+  const uint32_t buckets = map.numBuckets();
+  uint64_t pages = 0;
+  std::ifstream("/proc/self/statm") >> pages;
+  rlimit limit{};
+  if (pages == 0 || ::getrlimit(RLIMIT_AS, &limit) != 0) return 10;
+  const rlim_t unlimited = limit.rlim_cur;
+  limit.rlim_cur = pages * uint64_t(::sysconf(_SC_PAGESIZE));  // no new mapping from here on
+  if (::setrlimit(RLIMIT_AS, &limit) != 0) return 11;
+  map.shrink();
+  const bool kept = map.numBuckets() == buckets && whole(map);
+  limit.rlim_cur = unlimited;
+  if (::setrlimit(RLIMIT_AS, &limit) != 0) return 12;
+  if (!kept) return 1;
+  map.shrink();
+  if (map.numBuckets() >= buckets) return 2;
+  return whole(map) ? 0 : 3;
+}
+
+TEST(ShadowHashMap, ShrinkWithoutMemoryKeepsTheMapWhole) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "an address-space limit starves the sanitizer's own allocations";
+#endif
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) ::_exit(shrinkWithNoAddressSpaceLeft());
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status)) << "the child died of signal " << WTERMSIG(status);
+  EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 }  // namespace
