@@ -59,16 +59,25 @@ void BucketWriterTable::reset(uint32_t numBuckets) {
     throw InitializationException("BucketWriterTable::reset() failed to resize " + file_.error());
   }
   BucketTableHeader& h = mutableHeader();
+  // Readers may be walking the chains about to be emptied, of a table whose entries the
+  // writer links again next: a resize bracket, odd and unlike any value they saw before (a
+  // dead writer's odd one included), makes them trust no miss until endRebuild() closes it.
+  const uint32_t seq = Shm::load(h.resizeSeq, std::memory_order_relaxed);
+  Shm::store(h.resizeSeq, seq + 1 + (seq & 1), std::memory_order_relaxed);
+  std::atomic_thread_fence(std::memory_order_release);
   std::memset(h.magic, 0, 8);
   for (uint32_t i = 0; i < numBuckets; ++i) heads()[i] = packLink(0, kNoSlot);
   h.version = kBucketVersion;
   h.emberId = emberId_;
   h.numBuckets = numBuckets;
-  h.resizeSeq = 0;
   std::memset(h.reserved, 0, sizeof(h.reserved));
   std::atomic_thread_fence(std::memory_order_release);
   std::memcpy(h.magic, kBucketMagic, 8);
   numBuckets_ = numBuckets;
+}
+
+void BucketWriterTable::endRebuild() {
+  if (Shm::load(header().resizeSeq, std::memory_order_relaxed) & 1) endResize(numBuckets_);
 }
 
 void BucketWriterTable::beginResize() {

@@ -26,8 +26,10 @@ class BucketWriterTable {
 
   // Makes the file hold at least `numBuckets` heads (the new ones empty); the mapping may move.
   bool reserve(uint32_t numBuckets);
-  // Formats every bucket empty with `numBuckets` buckets.
+  // Formats every bucket empty with `numBuckets` buckets, inside a resize bracket left open
+  // for the writer to link the table's entries again; endRebuild() closes it.
   void reset(uint32_t numBuckets);
+  void endRebuild();
   // Brackets a redistribution of the chains (see Format.h): readers retry a miss that
   // overlapped it.
   void beginResize();

@@ -63,6 +63,8 @@ AttachResult LedgerWriter<Key, Value, OpsT>::attach() {
       ZTRACE_TO(trace(), 0, "SlotWriter::attach() re-formatted " << config_.table);
     }
   }
+  // Chains emptied and linked again above were rebuilt inside a resize bracket.
+  buckets_.endRebuild();
   map_.reindex();
   maybeGrowBuckets();
   map_.forgetMiss();  // recovery and re-formatting walked and changed chains

@@ -13,8 +13,11 @@
 #include <cstdlib>
 #include <map>
 #include <random>
+#include <string>
+#include <thread>
 #include <vector>
 
+#include "ledger/LedgerReader.h"
 #include "ledger/LedgerWriter.h"
 #include "ledger/tests/SlabTestTypes.h"
 #include "ledger/tests/TestTable.h"
@@ -244,6 +247,54 @@ TYPED_TEST(Crash, KilledWritersLoseNothingAcknowledged) {
   }
   // How many kills left the table half-changed.
   this->RecordProperty("recovered", this->recovered);
+}
+
+// A new writer that repairs a table empties its chains and links every entry again, while
+// readers in other processes go on looking keys up. None of them may answer "absent" for a key
+// that the table holds all along: a walk that overlapped the rebuild is walked again.
+TEST(Relink, ReadersMissNoKeyWhileANewWriterRelinksTheTable) {
+  using Writer = Ledger::LedgerWriter<TestKey, TestValue>;
+  using Reader = Ledger::LedgerReader<TestKey, TestValue>;
+  constexpr uint64_t kKeys = 100000;
+  TempRoot root;
+  {
+    Writer w(tableConfig(root.path(), "relink"));
+    w.attach();
+    for (uint64_t id = 0; id < kKeys; ++id) w.write(makeValue(id, id));
+    // The count a writer killed between two of its stores leaves behind: the next attach
+    // finds the table invalid and recovers it.
+    w.slotTable().header().occupiedSlots += 1;
+  }
+  TestSupport::ForkedChild reader([&](int out, int in) {
+    Ledger::ReaderConfig config{root.path(), "relink"};
+    config.resizeWait = std::chrono::minutes(1);  // a slow build's recovery is no corruption
+    Reader r(config);
+    r.attach();
+    ::fcntl(in, F_SETFL, O_NONBLOCK);
+    std::mt19937_64 rng(5);
+    uint64_t misses = 0, reports = 0;
+    char stop = 0;
+    for (uint64_t n = 0;; ++n) {
+      if (n == 1000 && ::write(out, "r", 1) != 1) return 10;  // looking keys up by now
+      if (n % 64 == 0 && ::read(in, &stop, 1) == 1) break;
+      TestValue v;
+      try {
+        misses += !r.lookup(TestKey{rng() % kKeys}, v);
+      } catch (const Ledger::CorruptionException&) {
+        ++reports;
+      }
+    }
+    const std::string said = std::to_string(misses) + " " + std::to_string(reports) + "\n";
+    return ::write(out, said.data(), said.size()) == ssize_t(said.size()) ? 0 : 11;
+  });
+  ASSERT_EQ(reader.read(1), "r");
+  Writer w(tableConfig(root.path(), "relink"));
+  EXPECT_EQ(w.attach(), Ledger::AttachResult::recovered);
+  EXPECT_EQ(w.members(), kKeys);
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  ASSERT_TRUE(reader.tell('s'));
+  EXPECT_EQ(reader.readAll(), "0 0\n") << "misses and corruption reports of the reader";
+  EXPECT_EQ(reader.wait(), 0);
 }
 
 }  // namespace
