@@ -208,6 +208,9 @@ class LedgerWriter : public LedgerBase<Key, Value> {
     rally_.settle();
     return Validator<Key, OpsT>(slots_, buckets_, rally_, ops_, config_.table);
   }
+  AttachResult attachFiles();
+  // Lets go of every file and the lock, whatever was attached of them.
+  void releaseFiles();
   void resetFresh();
   void attachStorage();
   bool storedValid(uint32_t slot) const {

@@ -23,10 +23,24 @@ template <class Key, class Value, class OpsT>
 AttachResult LedgerWriter<Key, Value, OpsT>::attach() {
   detach();
   map_.forgetMiss();
+  // A shrink cut short by an exception ends with its attachment: the table it left behind
+  // (corral open) is recovered below.
+  shrinking_ = false;
   if (!SharedMem::validName(config_.table)) {
     throw InitializationException("SlotWriter::attach() cannot attach to shmem, bad table name: " +
                                   config_.table);
   }
+  // All or nothing: a writer that could not attach every file holds none of them.
+  try {
+    return attachFiles();
+  } catch (...) {
+    releaseFiles();
+    throw;
+  }
+}
+
+template <class Key, class Value, class OpsT>
+AttachResult LedgerWriter<Key, Value, OpsT>::attachFiles() {
   lock_.acquire(config_.root, config_.table, config_.perm);
   auto slotResult = slots_.attach(slotConfig());
   map_.sizeIndex();  // recovery relinks before the index is built
@@ -172,6 +186,11 @@ void LedgerWriter<Key, Value, OpsT>::detach() {
     direct_.reset();  // left with LOOKASIDE set: the next writer's attach restores the slot
   }
   rally_.commit();
+  releaseFiles();
+}
+
+template <class Key, class Value, class OpsT>
+void LedgerWriter<Key, Value, OpsT>::releaseFiles() {
   rally_.detach();
   if constexpr (HasStorage<OpsT>) ops_.detachStorage();
   buckets_.detach();

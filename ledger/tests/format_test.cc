@@ -462,6 +462,33 @@ class Recovery : public WriterFormat {
   uint32_t slotOf(Writer& w, uint64_t id) { return slotIndexOf(w, w.write(makeValue(id, id))); }
 };
 
+// A shrink that meets a corrupt slot half-way throws, and ends with the writer's attachment:
+// the writer attached again recovers the table and shrinks it as its entries go.
+TEST_F(Recovery, AShrinkCutShortByCorruptionLeavesLaterShrinksAlone) {
+  Writer w(config());
+  w.attach();
+  fill(w, 1024);
+  // Another key in the top slot: the shrink's move finds it in no chain.
+  auto* top = reinterpret_cast<TestValue*>(w.slotTable().value(slotOf(w, 1023)));
+  top->k.id = 5000;
+  bool thrown = false;
+  for (uint64_t id = 0; id < 1023 && !thrown; ++id) {
+    try {
+      w.remove(TestKey{id});
+    } catch (const CorruptionException& e) {
+      EXPECT_THAT(e.what(), HasSubstr("is not in its chain"));
+      thrown = true;
+    }
+  }
+  ASSERT_TRUE(thrown);
+  EXPECT_EQ(w.attach(), AttachResult::recovered);
+  const uint32_t slots = w.capacity();
+  for (uint64_t id = 0; id < 1023; ++id) w.remove(TestKey{id});
+  EXPECT_LT(w.capacity(), slots);
+  EXPECT_EQ(w.members(), 0u);
+  EXPECT_TRUE(w.validate()) << w.validationError();
+}
+
 TEST_F(Recovery, StuckLookasideGetsItsCopyBack) {
   {
     Writer w(config());
