@@ -118,16 +118,16 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
   // Re-maps when the index lies beyond the mapping, and once more on a corruption.
   bool getValue(uint32_t slotIndex, Value& out, Key* key = nullptr) {
     return withRemap([&] {
-      SlotReaderTable::Read r = slots_.read(slotIndex, buffer_.data());
-      if (r == SlotReaderTable::Read::unmapped) {
-        mapSlot(slotIndex);
-        r = slots_.read(slotIndex, buffer_.data());
-      }
-      if (r != SlotReaderTable::Read::occupied) return false;
+      if (!readOnce(slotIndex)) return false;
       ops_.load(buffer_.data(), out);
       if (key) *key = ops_.storedKey(buffer_.data());
       return true;
     });
+  }
+  // getValue() without the decoding: true when the slot holds an entry, its stored bytes
+  // (whole) then in slotBuffer(), for the caller to decode.
+  bool readStored(uint32_t slotIndex) {
+    return withRemap([&] { return readOnce(slotIndex); });
   }
 
   // The slot that holds `key` now (its stored bytes left in slotBuffer()), or kNoSlot.
@@ -138,7 +138,7 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
           OpsT::hash(key), "LedgerReader::doLookup()",
           [&](uint32_t slot, bool& more) {
             more = false;
-            if (!OpsT::equal(ops_.storedKey(buffer_.data()), key)) return false;
+            if (!holds(buffer_.data(), key)) return false;
             found = slot;
             return true;
           },
@@ -183,7 +183,8 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
   }
 
   // lookup() of a key whose hash is known. The quick walk runs unguarded (it neither throws
-  // nor calls out); whatever it cannot settle goes to the full walk under the guard.
+  // nor calls a handler: bytes it cannot decode only send the lookup on); whatever it cannot
+  // settle goes to the full walk under the guard.
   bool lookupHashed(const Key& key, Value& out, uint32_t hash) {
     if constexpr (!OutOfLineOps<OpsT>) {
       if (attached() && buckets_.attached()) [[likely]] {
@@ -277,6 +278,36 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
   const OpsT& ops() const { return ops_; }
 
  private:
+  // One consistent read of slot `slotIndex` into buffer_, mapping the slot in first when it
+  // lies beyond the mapping: whether it holds an entry.
+  bool readOnce(uint32_t slotIndex) {
+    SlotReaderTable::Read r = slots_.read(slotIndex, buffer_.data());
+    if (r == SlotReaderTable::Read::unmapped) {
+      mapSlot(slotIndex);
+      r = slots_.read(slotIndex, buffer_.data());
+    }
+    return r == SlotReaderTable::Read::occupied;
+  }
+  // Whether the stored bytes `stored`, read whole, are `key`'s entry. An entry that does not
+  // decode holds no key here: whoever reads its slot for itself reports it.
+  bool holds(const uint8_t* stored, const Key& key) const {
+    try {
+      return OpsT::equal(ops_.storedKey(stored), key);
+    } catch (const CorruptionException&) {
+      return false;
+    }
+  }
+  // Whether the key of slot `link`, read in place and not yet confirmed, sorts after `key`:
+  // where a walk may stop early. Bytes that do not decode (a rewrite may be tearing them) stop
+  // nothing: the slot's consistent read settles it.
+  bool sortsAfter(const Key& key, uint32_t link) const {
+    try {
+      return OpsT::less(key, ops_.storedKey(slots_.value(link)));
+    } catch (const CorruptionException&) {
+      return false;
+    }
+  }
+
   void unmapAll() {
     slots_.detach();
     buckets_.detach();
@@ -389,9 +420,16 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
       return OpsT::less(key, stored) ? Walk::miss : Walk::onward;
     } else {
       const uint8_t* bytes = slots_.value(link);
-      const Key stored = ops_.storedKey(bytes);
-      const bool equal = OpsT::equal(stored, key);
-      if (equal) ops_.load(bytes, out);
+      Key stored{};
+      bool equal = false;
+      try {
+        stored = ops_.storedKey(bytes);
+        equal = OpsT::equal(stored, key);
+        if (equal) ops_.load(bytes, out);
+      } catch (const CorruptionException&) {
+        // Torn by a rewrite, or corrupt: only the full walk's consistent read can tell.
+        return Walk::again;
+      }
       if (!slots_.unchangedSince(link, status)) return Walk::again;
       if (equal) return Walk::found;
       return OpsT::less(key, stored) ? Walk::miss : Walk::onward;
@@ -539,7 +577,7 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
       if (srh == rhash) {
         // An out-of-line key is only known after the slot's consistent read: no early stop.
         if constexpr (!OutOfLineOps<OpsT>) {
-          if (key && OpsT::less(*key, ops_.storedKey(slots_.value(link)))) break;
+          if (key && sortsAfter(*key, link)) break;
         }
         uint32_t readRhash = 0;
         auto r = slots_.read(link, buffer_.data(), &readRhash);

@@ -60,6 +60,11 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
     rally_.ackHookIs([this](uint64_t consumed) {
       if (kick_) kick_->acknowledge(consumed);
     });
+    // An entry that does not decode is reported and passed over as if absent; no resync,
+    // which would only meet it again.
+    store_.corruptionHookIs([this](const std::string& why) {
+      if (onCorruption_) onCorruption_(why);
+    });
   }
   ~LedgerShadow() override {
     *alive_ = false;
@@ -288,6 +293,9 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
         },
         options_.rallySlice);
     if (store_.notifications() != before) batch();
+    // The notifiee detached the shadow (or mounted it anew, or asked for a resync): what this
+    // walk left is not ours to act on any more.
+    if (result == RallyReader::Result::interrupted || state_ != ShadowState::inStep) return;
     if (result == RallyReader::Result::resync) {
       resync("rally queue");
     } else if (result == RallyReader::Result::more && !rallyScheduled_) {
@@ -306,10 +314,11 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
 
   void corruptionDetected(const std::string& why) {
     ZTRACE_TO(ShadowDetail::trace(), 0, "LedgerShadow::corruptionDetected() " << why);
-    if (onCorruption_) onCorruption_(why);
-    // Try again a little later rather than spinning on a broken table.
+    // Try again a little later rather than spinning on a broken table; the handler, told
+    // last, may detach the shadow instead (the retry then finds it so).
     state_ = ShadowState::attached;
     if (kick_) kick_->acknowledge(Mem::kNotInStep);
+    if (onCorruption_) onCorruption_(why);
     loop_.timerAfter(options_.mountRetry, [this, alive = alive_] {
       if (*alive && state_ == ShadowState::attached) resync("after corruption");
     });

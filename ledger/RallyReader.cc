@@ -42,6 +42,7 @@ void RallyReader::attach(const std::string& root, const std::string& table, uint
 }
 
 void RallyReader::detach() {
+  ++placeEpoch_;
   queueFile_.close();
   controlFile_.close();
   control_ = nullptr;
@@ -141,6 +142,7 @@ void RallyReader::prefetch() const {
 
 void RallyReader::skipToEnd() {
   if (!attached()) throw CorruptionException("RallyReader::skipToEnd() no queue mapped");
+  ++placeEpoch_;
   // The sequence first: entries counted later but announced before it are above it anyway.
   lastSeq_ = writerSeq();
   followSwap();
@@ -209,6 +211,7 @@ RallyReader::Result RallyReader::rally(const SlotFn& doSlot, uint32_t maxEntries
 }
 
 RallyReader::Result RallyReader::doRally(const SlotFn& doSlot, uint32_t maxEntries) {
+  const uint64_t epoch = placeEpoch_;
   if (incarnationChanged()) return Result::resync;
   if (swapped() || !queue_) {
     followSwap();
@@ -234,6 +237,10 @@ RallyReader::Result RallyReader::doRally(const SlotFn& doSlot, uint32_t maxEntri
     }
     if (!(word & kTombstone)) {
       doSlot(word, seq);
+      if (placeEpoch_ != epoch) {
+        ZTRACE(5, "RallyReader::doRally() reader detached or moved during doSlot() seq:" << seq);
+        return Result::interrupted;
+      }
       ++done;
       if (swapped()) {
         ZTRACE(5, "RallyReader::doRally() rally queue was swapped during doSlot() seq:" << seq);
@@ -257,12 +264,16 @@ RallyReader::Result RallyReader::doRally(const SlotFn& doSlot, uint32_t maxEntri
 
 RallyReader::Result RallyReader::handleAck(const SlotFn& doSlot, uint32_t maxEntries) {
   if (!attached()) return Result::resync;
+  const uint64_t epoch = placeEpoch_;
   try {
     ZTRACE(9, "RallyReader::handleAck() minSeq:" << lastSeq_ + 1);
     const Result result = rally(doSlot, maxEntries);
-    if (result != Result::resync && ackHook_) ackHook_(lastSeq_);
+    const bool walked = result == Result::ok || result == Result::more;
+    if (walked && ackHook_) ackHook_(lastSeq_);
     return result;
   } catch (const CorruptionException& e) {
+    // What doSlot met in files that it unmapped itself is no corruption of the queue.
+    if (placeEpoch_ != epoch) return Result::interrupted;
     ZTRACE(0, "RallyReader::handleAck() corruption detected: " << e.what());
     return Result::resync;
   }

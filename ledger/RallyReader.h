@@ -25,7 +25,9 @@ namespace Ledger {
 class RallyReader {
  public:
   using SlotFn = std::function<void(uint32_t slot, uint64_t sequence)>;
-  enum class Result { ok, more, resync };
+  // interrupted: doSlot detached the reader, or moved it (attach, skipToEnd); the walk stopped
+  // right after that call, reading nothing more, and acknowledged nothing.
+  enum class Result { ok, more, resync, interrupted };
 
   // Maps the control block and the current queue of <root>/<table>, which must belong to
   // `emberId`. Throws InitializationException. The reader starts at the queue's end.
@@ -36,7 +38,8 @@ class RallyReader {
   // Takes everything announced so far as seen (a full sync covers it).
   void skipToEnd();
   // Walks the queue from the reader's position, at most `maxEntries` notifications.
-  // ok: caught up; more: stopped at maxEntries; resync: the shadow must be rebuilt.
+  // ok: caught up; more: stopped at maxEntries; resync: the shadow must be rebuilt;
+  // interrupted: see Result.
   Result rally(const SlotFn& doSlot, uint32_t maxEntries = UINT32_MAX);
   // A kick from the writer's side: walks, and turns a corruption into a resync request. After
   // a walk it acknowledges the last sequence consumed through the ack hook (the reader's
@@ -117,6 +120,9 @@ class RallyReader {
   uint32_t pos_ = 0;
   uint64_t lastSeq_ = 0;
   uint64_t consumed_ = 0;
+  // Advances whenever the reader is detached (attach detaches first) or skips to the end: a
+  // walk that sees it move across a call of doSlot stops there.
+  uint64_t placeEpoch_ = 0;
   std::function<void(uint64_t)> ackHook_;
 };
 

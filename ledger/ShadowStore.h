@@ -22,9 +22,11 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <string>
 #include <type_traits>
 #include <vector>
 
+#include "ledger/Exceptions.h"
 #include "ledger/LargePageAllocator.h"
 #include "ledger/LedgerReader.h"
 #include "ledger/ShadowHashMap.h"
@@ -98,6 +100,7 @@ class ShadowStore {
     [[no_unique_address]] std::conditional_t<SlotKind::kValues, NoDigest, uint64_t> digest{};
   };
   using Reader = LedgerReader<Key, Value, OpsT>;
+  using CorruptionHook = std::function<void(const std::string& why)>;
   static constexpr bool kVariable = OutOfLineOps<OpsT>;
 
   ShadowStore(Reader& reader, Notify<Key, Value> notify)
@@ -108,6 +111,10 @@ class ShadowStore {
   void notifyIs(Notify<Key, Value> notify) { notify_ = std::move(notify); }
   const Notify<Key, Value>& notify() const { return notify_; }
   uint64_t notifications() const { return notifications_; }
+  // Where a slot whose entry, read whole, does not decode is reported. The slot counts as
+  // holding nothing, and everything else goes on.
+  void corruptionHookIs(CorruptionHook hook) { onCorruption_ = std::move(hook); }
+  uint64_t corruptSlotsSeen() const { return corruptSlotsSeen_; }
 
   // The shadow's value of `key` (ValueShadowSlot only).
   bool lookup(const Key& key, Value& out) const {
@@ -151,35 +158,41 @@ class ShadowStore {
   // The writer's slot `slotIndex` changed (or may have): compare and notify.
   //  1. grow the shadow to cover the index (indexes beyond the writer's table hold nothing;
   //     one beyond the writer's file is corruption, never a size to grow to);
-  //  2. read the writer's slot consistently;
+  //  2. read the writer's slot consistently (an entry that does not decode is reported, and
+  //     the slot counts as holding nothing);
   //  3. a shadow key that is no longer there (slot freed or holding another key) leaves the
   //     shadow and is notified as gone;
   //  4. an unchanged value ends it, silently;
   //  5. otherwise the shadow takes the new key and value, and the key is notified.
   // An entry that a shrink moved to this slot from another one is taken over without a
-  // notification when its value did not change.
+  // notification when its value did not change. A notifiee may detach the reader from its
+  // callback: nothing of the writer's table is read after that.
   void doSlot(uint32_t slotIndex, uint64_t sequence, bool notifying = true) {
     (void)sequence;
+    if (!reader_.attached()) return;
     if (slotIndex >= entries_.size()) {
       if (slotIndex >= reader_.slotTable().numSlots()) return;
       reader_.mapSlot(slotIndex);
       grow(slotIndex + 1);
     }
     Key key{};
-    bool occupied = readSlot(slotIndex, key);
+    SlotRead read = readSlot(slotIndex, key);
     Entry* e = &entries_[slotIndex];
-    if (e->occupied && (!occupied || !OpsT::equal(e->key, key))) {
+    if (e->occupied && (read != SlotRead::held || !OpsT::equal(e->key, key))) {
       leave(slotIndex, notifying);
-      e = &entries_[slotIndex];  // leave() may have grown the shadow
+      if (!reader_.attached()) return;  // detached by the notifiee
+      e = &entries_[slotIndex];         // leave() may have grown the shadow
       // leave() read the writer's table again and found this slot's new key here: what it
       // took is newer than our read, which must not overwrite it.
       if (e->occupied) return;
+      // A corrupt slot, reported, is not read again.
+      if (read == SlotRead::corrupt) return;
       // leave() may also have followed this slot's new key to where the writer moved it
       // since our read, and kept that newer copy there: read the slot again, so that
       // nothing older than what the shadow holds is taken.
-      occupied = readSlot(slotIndex, key);
+      read = readSlot(slotIndex, key);
     }
-    if (!occupied) return;
+    if (read != SlotRead::held) return;
     if (e->occupied) {
       if (sameAs(slotIndex, stored_.data())) return;
       keep(slotIndex, stored_.data());
@@ -290,10 +303,12 @@ class ShadowStore {
       return first;
     }
   }
-  // Whether the walk must stop: a notifiee ran since `before` and `stop()` says so.
+  // Whether the walk must stop: a notifiee ran since `before` and `stop()` says so, or it
+  // detached the reader.
   template <class Stop>
   bool halted(uint64_t before, bool notifying, Stop& stop) const {
-    return notifications_ != before && notifying && notify_.onKey && stop();
+    return notifications_ != before &&
+           (!reader_.attached() || (notifying && notify_.onKey && stop()));
   }
   // Slots [first, end) of the writer's table (below its numSlots and the mapping) into the
   // shadow (below its numSlots): status words, copies of the values the shadow does not hold, a
@@ -333,7 +348,7 @@ class ShadowStore {
         } else {
           std::memcpy(copyPlace(slot, first), from, size);
         }
-        keys[slot - first] = reader_.ops().storedKey(from);
+        if (!keyOfUnconfirmed(from, keys[slot - first])) continue;  // doSlot reads it again
         rhashes[slot - first] = rhashOf(keys[slot - first]);
         map_.prefetch(rhashes[slot - first]);
         bulkCopied_ |= 1u << (slot - first);
@@ -364,6 +379,17 @@ class ShadowStore {
     return end;
   }
   static bool settled(uint32_t status) { return (status & (kOccupied | kLookaside)) == kOccupied; }
+  // The key of bytes copied before their status word was checked again: false when they do
+  // not decode, which may be a rewrite tearing them as well as corruption (doSlot's
+  // consistent read tells which).
+  bool keyOfUnconfirmed(const uint8_t* from, Key& key) const {
+    try {
+      key = reader_.ops().storedKey(from);
+      return true;
+    } catch (const CorruptionException&) {
+      return false;
+    }
+  }
   // Where a bulk group from `first` copies the value of `slot`.
   uint8_t* copyPlace(uint32_t slot, uint32_t first) {
     if constexpr (SlotKind::kValues) {
@@ -374,9 +400,17 @@ class ShadowStore {
     }
   }
   // The value of `slot` copied to `stored` is whole: the slot's key (of `rhash`) is taken.
+  // A value that does not decode takes doSlot, which reports it.
   void takeCopied(uint32_t slot, const Key& key, uint32_t rhash, const uint8_t* stored,
                   bool notifying) {
-    if (notifying && notify_.onKey) reader_.ops().load(stored, scratch_);
+    if (notifying && notify_.onKey) {
+      try {
+        reader_.ops().load(stored, scratch_);
+      } catch (const CorruptionException&) {
+        doSlot(slot, 0, notifying);
+        return;
+      }
+    }
     take(slot, key, rhash, stored, notifying);
   }
 
@@ -385,14 +419,34 @@ class ShadowStore {
     return Shm::load(reader_.slotTable().slot(slot).rhash, std::memory_order_relaxed);
   }
 
+  enum class SlotRead { free, held, corrupt };
   // The writer's slot into scratch_ (decoded) and stored_ (its stored bytes): whether it
-  // holds an entry, and that entry's key.
-  bool readSlot(uint32_t slotIndex, Key& key) {
-    const bool occupied = reader_.getValue(slotIndex, scratch_, &key);
-    if (occupied) {
-      stored_.assign(reader_.slotBuffer(), reader_.slotBuffer() + lengthOf(reader_.slotBuffer()));
+  // holds an entry, and that entry's key. An entry that does not decode is reported.
+  SlotRead readSlot(uint32_t slotIndex, Key& key) {
+    if (!reader_.readStored(slotIndex)) return SlotRead::free;
+    const uint8_t* bytes = reader_.slotBuffer();
+    if (!decoded(slotIndex, bytes, key, scratch_)) return SlotRead::corrupt;
+    stored_.assign(bytes, bytes + lengthOf(bytes));
+    return SlotRead::held;
+  }
+  // The key and value of `stored`, read whole from the writer's `slot`; false, reported, when
+  // they do not decode: those bytes are no entry.
+  bool decoded(uint32_t slot, const uint8_t* stored, Key& key, Value& value) {
+    try {
+      reader_.ops().load(stored, value);
+      key = reader_.ops().storedKey(stored);
+      return true;
+    } catch (const CorruptionException& e) {
+      reportCorrupt(slot, e.what());
+      return false;
     }
-    return occupied;
+  }
+  [[gnu::noinline]] void reportCorrupt(uint32_t slot, const char* why) {
+    ++corruptSlotsSeen_;
+    const std::string what = "ShadowStore: slot " + std::to_string(slot) +
+                             " holds an entry that does not decode: " + why;
+    ZTRACE_TO(ShadowDetail::trace(), 0, what);
+    if (onCorruption_) onCorruption_(what);
   }
   // The slot that holds `key` in the shadow, or kNoSlot.
   uint32_t find(const Key& key, uint32_t rhash) const { return map_.find(rhash, orderTo(key)); }
@@ -470,7 +524,8 @@ class ShadowStore {
     line.push_back(takeOut(slot));
     for (uint64_t steps = 0; !line.empty(); ++steps) {
       const Leaving& top = line.back();
-      const uint32_t at = reader_.findSlot(top.key);
+      // A notifiee that detached the reader left no table to look in: the rest are gone.
+      const uint32_t at = reader_.attached() ? reader_.findSlot(top.key) : kNoSlot;
       const bool held = at != kNoSlot && at < reader_.slotTable().numSlots();
       if (held && at >= entries_.size()) grow(at + 1);
       if (held && entries_[at].occupied && steps < 2 * uint64_t{entries_.size()}) {
@@ -498,18 +553,19 @@ class ShadowStore {
   }
   // `leaving` found by findSlot() in the free shadow slot `slot`: the stored bytes that
   // findSlot() read go there, and the key is reported only when they differ from what it had.
+  // Bytes that do not decode are no entry: the key is gone.
   void arrive(uint32_t slot, const Leaving& leaving, bool notifying) {
     const uint8_t* now = reader_.slotBuffer();
     const uint32_t n = lengthOf(now);
     const bool unchanged = SlotKind::kValues ? leaving.kept.size() == n &&
                                                    std::memcmp(leaving.kept.data(), now, n) == 0
                                              : leaving.keptDigest == digest(now);
+    if (unchanged) return place(slot, leaving.key, now);
+    Key key{};
+    Value value{};
+    if (!decoded(slot, now, key, value)) return emit(notifying, leaving.key, nullptr);
     place(slot, leaving.key, now);
-    if (!unchanged) {
-      Value value{};
-      reader_.ops().load(now, value);
-      emit(notifying, leaving.key, &value);
-    }
+    emit(notifying, leaving.key, &value);
   }
 
   // This slot's new key (of `rhash`; the slot is free in the shadow): taken over from another
@@ -585,6 +641,8 @@ class ShadowStore {
   std::vector<uint8_t> stored_;
   std::vector<uint8_t> groupCopies_;  // a key shadow's bulk copies of one group
   uint64_t notifications_ = 0;
+  CorruptionHook onCorruption_;
+  uint64_t corruptSlotsSeen_ = 0;
   uint32_t lastTold_ = kNoSlot;  // prefetchForRun's previous slot
   // The bulk group being walked: its first slot, and a bit for each of its slots whose copy
   // (in place, for a value shadow) is still to be taken.

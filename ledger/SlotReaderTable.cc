@@ -103,12 +103,25 @@ SlotTableHeader SlotReaderTable::checkedHeader(uint32_t emberId) {
   }
 }
 
-void SlotReaderTable::bind() {
-  base_ = file_.base();
+namespace {
+
+// What a reader sees of a table whose file became too short to hold a header and the
+// look-aside slot: a header of zeros (no slots, no ember), in place of the file's.
+alignas(64) constexpr uint8_t kNoTable[kSlotTableHeaderSize] = {};
+
+}  // namespace
+
+bool SlotReaderTable::bind() {
   populatedFrom_ = populatedTo_ = 0;
-  uint64_t slots = (file_.size() - kSlotTableHeaderSize) / slotSize_;
-  slots = slots == 0 ? 0 : slots - 1;  // the look-aside slot
-  mappedSlots_ = uint32_t(std::min<uint64_t>(slots, kMaxSlots));
+  const uint64_t fixed = kSlotTableHeaderSize + uint64_t{slotSize_};  // with the look-aside slot
+  if (file_.base() == nullptr || file_.size() < fixed) {
+    base_ = kNoTable;
+    mappedSlots_ = 0;
+    return false;
+  }
+  base_ = file_.base();
+  mappedSlots_ = uint32_t(std::min<uint64_t>((file_.size() - fixed) / slotSize_, kMaxSlots));
+  return true;
 }
 
 void SlotReaderTable::detach() {
@@ -117,15 +130,15 @@ void SlotReaderTable::detach() {
   mappedSlots_ = 0;
 }
 
+// A file cut shorter than its header and look-aside slot leaves the reader on kNoTable: it
+// then holds no slot and no ember, and every walk over it reports corruption, until a
+// re-map finds the table whole again or the reader attaches anew.
 bool SlotReaderTable::doResize() {
   if (!attached()) return false;
   const uint8_t* oldBase = base_;
-  if (!file_.remap()) {
-    ZTRACE(0, "SlotReader::doResize() failed to resize " << file_.path() << ": " << file_.error());
-    return false;
-  }
-  bind();
+  if (!file_.remap()) return resizeFailed(file_.error());
   ++remaps_;
+  if (!bind()) return resizeFailed("file cut to " + std::to_string(file_.size()) + " bytes");
   if (base_ != oldBase) {
     ZTRACE(3, "SlotReader::doResize() changed base address mapping from "
                   << static_cast<const void*>(oldBase) << " to "
@@ -139,6 +152,11 @@ bool SlotReaderTable::doResize() {
   }
   ZTRACE(5, "SlotReader::doResize() successful, slots:" << mappedSlots_);
   return true;
+}
+
+bool SlotReaderTable::resizeFailed(const std::string& why) const {
+  ZTRACE(0, "SlotReader::doResize() failed to resize " << file_.path() << ": " << why);
+  return false;
 }
 
 void SlotReaderTable::populate(uint32_t first, uint32_t count) const {

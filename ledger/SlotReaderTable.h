@@ -47,7 +47,8 @@ class SlotReaderTable {
   bool attached() const { return base_ != nullptr; }
 
   // Maps the file's current length again (the writer grew it); false when that fails or the
-  // header no longer validates. The mapping may move.
+  // header no longer validates. The mapping may move. A file cut too short for its header
+  // leaves a table of no slots (mappedSlots() and numSlots() 0, ember 0) until one succeeds.
   bool doResize();
 
   const SlotTableHeader& header() const { return *reinterpret_cast<const SlotTableHeader*>(base_); }
@@ -61,7 +62,8 @@ class SlotReaderTable {
   uint32_t occupiedSlots() const {
     return Shm::load(header().occupiedSlots, std::memory_order_relaxed);
   }
-  size_t mappedSize() const { return file_.size(); }
+  // Bytes of the file at base(): none while it is cut too short (see doResize).
+  size_t mappedSize() const { return base_ == file_.base() ? file_.size() : 0; }
   const uint8_t* base() const { return base_; }
   const std::string& path() const { return file_.path(); }
   // Inode and device of the mapped file, to notice that a table was removed and re-made.
@@ -108,7 +110,9 @@ class SlotReaderTable {
 
  private:
   SlotTableHeader checkedHeader(uint32_t emberId);
-  void bind();
+  // Takes the slots that the mapping holds; false (and no slots) when it is too short.
+  bool bind();
+  bool resizeFailed(const std::string& why) const;
 
   std::string root_;
   std::string table_;

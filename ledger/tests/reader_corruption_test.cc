@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "ledger/tests/DecodingOps.h"
 #include "ledger/tests/RallyFiles.h"
 #include "ledger/tests/ShadowHarness.h"
 #include "platform/shm/MappingGuard.h"
@@ -238,4 +239,101 @@ TEST(CutFile, ASlotFileCutShortUnderAReaderReadsAsEmptied) {
   EXPECT_GT(SharedMem::MappingGuard::pagesZeroed(), before);
 }
 
+// The slot file cut inside its header, inside the look-aside slot, or in the middle of a slot
+// of the array. The reader's re-map after the corruption it meets keeps only what the new
+// length holds whole (nothing at all when the header is cut): each lookup reports corruption
+// or misses, none crashes or reads past the file. Once a writer makes the table anew, the
+// reader mounts it again and finds every key.
+TEST(CutFile, ASlotFileCutInsideItsHeaderOrASlotLeavesNothingBeyondTheCutMapped) {
+  constexpr uint64_t kKeys = 2000;
+  auto fill = [](const std::string& root) {
+    Writer w(tableConfig(root, "routes", 4096));
+    w.attach();
+    for (uint64_t id = 0; id < kKeys; ++id) w.write(makeValue(id, 1));
+  };
+  const uint64_t slot = Ledger::slotSizeFor(sizeof(TestValue));
+  const uint64_t header = Ledger::kSlotTableHeaderSize;
+  const uint64_t wholeSlots = 500;
+  for (const uint64_t length : {uint64_t{0}, uint64_t{100}, header + slot / 2,
+                                header + (wholeSlots + 1) * slot + slot / 2}) {
+    SCOPED_TRACE("cut to " + std::to_string(length) + " bytes");
+    TempRoot root;
+    ZincTest::TraceCapture trace{"SlotReaderTable/0"};
+    fill(root.path());
+    Ledger::LedgerReader<TestKey, TestValue> reader(Ledger::ReaderConfig{root.path(), "routes"});
+    uint32_t reported = 0;
+    reader.corruptionHandlerIs([&](const std::string&) { ++reported; });
+    ASSERT_TRUE(reader.initialize());
+    ASSERT_EQ(reader.slotTable().slotSize(), slot);
+    ASSERT_EQ(::truncate(root.file("routes", "slots").c_str(), off_t(length)), 0);
+    const Ledger::SlotReaderTable& table = reader.slotTable();
+    for (int round = 1; round <= 2; ++round) {
+      uint32_t found = 0;
+      TestValue v;
+      for (uint64_t id = 0; id < kKeys; ++id) found += reader.lookup(TestKey{id}, v);
+      EXPECT_LE(found, wholeSlots) << "round " << round;
+      EXPECT_GT(reported, 0u) << "round " << round;
+      EXPECT_LE(header + (table.mappedSlots() + uint64_t{1}) * slot,
+                std::max(length, header + slot))
+          << "slots mapped beyond the file, round " << round;
+    }
+    if (length < header + slot) {
+      EXPECT_TRUE(trace.has("SlotReader::doResize() failed to resize " +
+                            root.file("routes", "slots") + ": file cut to " +
+                            std::to_string(length) + " bytes"));
+      EXPECT_EQ(table.mappedSlots(), 0u);
+      EXPECT_EQ(table.numSlots(), 0u);
+      EXPECT_EQ(table.occupiedSlots(), 0u);
+      EXPECT_EQ(table.mappedSize(), 0u);
+      EXPECT_EQ(table.header().emberId, 0u) << "no longer the table it attached to";
+    } else {
+      EXPECT_EQ(table.mappedSlots(), wholeSlots);
+    }
+    ASSERT_TRUE(EmberFile::removeTable(root.path(), "routes"));
+    fill(root.path());
+    ASSERT_TRUE(reader.initialize());
+    uint32_t found = 0;
+    TestValue v;
+    for (uint64_t id = 0; id < kKeys; ++id) found += reader.lookup(TestKey{id}, v);
+    EXPECT_EQ(found, kKeys) << "mounted again on the new table";
+  }
+}
+
+// A lookup decodes a slot in place, before it checks that the slot held still. Bytes that a
+// rewrite tore on the way may not decode: the lookup reads the slot again and finds the new
+// value, with no report. Bytes that held still and do not decode are reported, and the key
+// reads as absent; the keys around it read as ever.
+TEST(UndecodableEntry, OnlyBytesThatHeldStillAreReported) {
+  TempRoot root;
+  Writer w(tableConfig(root.path(), "routes", 64));
+  w.attach();
+  for (uint64_t id = 0; id < 20; ++id) w.write(makeValue(id, 1));
+  Ledger::LedgerReader<TestKey, TestValue, DecodingOps> reader(
+      Ledger::ReaderConfig{root.path(), "routes"});
+  ASSERT_TRUE(reader.initialize());
+  std::vector<std::string> reported;
+  reader.corruptionHandlerIs([&](const std::string& why) { reported.push_back(why); });
+  TestValue v;
+  for (uint64_t id : {3u, 11u}) {
+    nextTear() = {reader.slotTable().value(reader.findSlot(TestKey{id})),
+                  [&w, id] { w.write(makeValue(id, 2)); }};
+    EXPECT_TRUE(reader.lookup(TestKey{id}, v)) << "key " << id;
+    EXPECT_FALSE(nextTear().rewrite) << "key " << id << ": the lookup met the rewrite";
+    EXPECT_EQ(v, makeValue(id, 2));
+  }
+  nextTear() = {};
+  EXPECT_TRUE(reported.empty()) << reported.front();
+
+  const uint32_t slot = reader.findSlot(TestKey{5});
+  ASSERT_NE(slot, Ledger::kNoSlot);
+  spoil(w.slotTable().value(slot));
+  EXPECT_FALSE(reader.lookup(TestKey{5}, v));
+  ASSERT_EQ(reported.size(), 1u);
+  EXPECT_THAT(reported.front(), ::testing::HasSubstr("DecodingOps: no such version"));
+  EXPECT_EQ(reader.findSlot(TestKey{5}), Ledger::kNoSlot) << "an entry that does not decode";
+  for (uint64_t id : {4u, 6u}) {
+    EXPECT_TRUE(reader.lookup(TestKey{id}, v)) << "key " << id;
+    EXPECT_EQ(v, makeValue(id, 1));
+  }
+}
 }  // namespace

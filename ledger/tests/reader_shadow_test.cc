@@ -1,5 +1,6 @@
 // Shadows following a writer on the real notification loop: per-key events exactly as the
 // writer's changes make them, sync in slices, mounting before the writer exists.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <poll.h>
@@ -9,6 +10,7 @@
 #include <array>
 #include <random>
 
+#include "ledger/tests/DecodingOps.h"
 #include "ledger/tests/ShadowHarness.h"
 #include "platform/tests/ForkedChild.h"
 #include "zinc/tests/TestSupport.h"
@@ -323,6 +325,28 @@ TEST_F(InterruptedSyncTest, CorruptionMidwayIsReportedAndTheSyncTriedAgain) {
                 "routes: after corruption"));
 }
 
+// The corruption handler may detach the shadow: no retry runs on the unmapped files after it
+// (the retry's timer goes by without one), and mounted again the shadow syncs to the table.
+TEST_F(InterruptedSyncTest, ACorruptionHandlerThatDetachesIsNotRetriedOn) {
+  uint32_t reported = 0;
+  shadow->corruptionHandlerIs([&](const std::string&) {
+    ++reported;
+    shadow->detach();
+  });
+  uint32_t& numSlots = w.writer.slotTable().header().numSlots;
+  const uint32_t whole = numSlots;
+  numSlots = whole + 4096;
+  ASSERT_TRUE(until([&] { return reported > 0; }));
+  EXPECT_EQ(shadow->state(), ShadowState::detached);
+  loop.runFor(600ms);  // past the retry's 500 ms
+  EXPECT_EQ(shadow->state(), ShadowState::detached);
+  EXPECT_EQ(reported, 1u);
+  numSlots = whole;
+  shadow->corruptionHandlerIs({});
+  ASSERT_TRUE(shadow->initialize());
+  expectEqualToTheWriter();
+}
+
 // A writer in another process churns (rewrites, removes, re-adds) with no pause while
 // shadows sync cold, a value shadow and a key shadow side by side: their bulk copies race real
 // stores. Every value must come out whole, and once the writer stops the last shadows must
@@ -441,6 +465,73 @@ TEST_F(ShadowTest, DetachTwiceAndDummyNotifier) {
     quiet.detach();
     EXPECT_EQ(quiet.state(), ShadowState::detached) << "detach " << time;
   }
+}
+
+// A notifiee detaches its own shadow from inside a notification: the walk that told it, of the
+// change queue or of a sync, stops there without reading the files it no longer maps, tells
+// nothing more, and the shadow is detached. Mounted again, it syncs to the writer's table.
+struct DetachFromCallbackTest : ShadowTest {
+  std::unique_ptr<Shadow> makeDetachingShadow(Ledger::ShadowOptions options = {}) {
+    Ledger::Notify<TestKey, TestValue> n = log.notifier();
+    n.onKey = [this](const TestKey& k, const TestValue* v) {
+      log.onKey(k, v);
+      if (!armed) return;
+      ++toldWhileArmed;
+      armed = false;
+      shadow->detach();
+    };
+    return std::make_unique<Shadow>(Ledger::ReaderConfig{root.path(), "routes"}, loop, n,
+                                    Ledger::Ops<TestKey, TestValue>(), options);
+  }
+  // Runs the loop a while after the detach: nothing more is told, nothing mounts.
+  void expectDetachedAndSilent() {
+    ASSERT_TRUE(until([&] { return shadow->state() == ShadowState::detached; }));
+    const uint64_t events = log.adds + log.changes + log.deletes;
+    for (int i = 0; i < 20; ++i) loop.runOnce(1ms);
+    EXPECT_EQ(toldWhileArmed, 1u);
+    EXPECT_EQ(log.adds + log.changes + log.deletes, events) << "told after the detach";
+    EXPECT_EQ(shadow->state(), ShadowState::detached);
+    EXPECT_EQ(shadow->mountStatus(), Ledger::MountStatus::unmounted);
+  }
+  void expectRemountedAndEqual() {
+    w.writer.write(makeValue(5000, 1));
+    ASSERT_TRUE(shadow->initialize());
+    ASSERT_TRUE(settle(*shadow));
+    EXPECT_EQ(shadowContents(*shadow), w.contents());
+    EXPECT_EQ(log.present, w.contents());
+    EXPECT_TRUE(log.errors.empty()) << log.errors.front();
+  }
+
+  KickingWriter w{root.path(), "routes", 64, &loop};
+  std::unique_ptr<Shadow> shadow;
+  bool armed = false;
+  uint64_t toldWhileArmed = 0;
+};
+
+// In step: the change queue holds several notifications after the one whose key detaches.
+TEST_F(DetachFromCallbackTest, InStepTheQueueWalkStopsAtTheDetach) {
+  for (uint64_t id = 0; id < 50; ++id) w.writer.write(makeValue(id, 1));
+  shadow = makeDetachingShadow();
+  ASSERT_TRUE(shadow->initialize());
+  ASSERT_TRUE(settle(*shadow));
+  armed = true;
+  for (uint64_t id = 0; id < 10; ++id) w.writer.write(makeValue(id, 2));
+  w.writer.write(makeValue(100, 1));  // an addition among the changes
+  expectDetachedAndSilent();
+  expectRemountedAndEqual();
+}
+
+// During the first sync, in slices: the walk stops at the key whose notification detached.
+TEST_F(DetachFromCallbackTest, ASyncStopsAtTheDetach) {
+  for (uint64_t id = 0; id < 5000; ++id) w.writer.write(makeValue(id, 1));
+  Ledger::ShadowOptions options;
+  options.yieldTime = 1us;
+  shadow = makeDetachingShadow(options);
+  armed = true;
+  ASSERT_TRUE(shadow->initialize());
+  expectDetachedAndSilent();
+  EXPECT_EQ(log.adds, 1u);
+  expectRemountedAndEqual();
 }
 
 // A shadow store over a writer's table of keys 0..n-1 (version 1), fed by hand.
@@ -580,5 +671,154 @@ TEST_F(ShadowStoreTest, AQuietBulkWalkKeepsEveryValueAsTheWriterHasIt) {
   for (uint64_t id = 1; id < 1000; id += 7) w->writer.remove(TestKey{id});
   for (uint64_t id = 1000; id < 1100; ++id) w->writer.write(makeValue(id, 1));
   ASSERT_NO_FATAL_FAILURE(walkAndCompare("second walk"));
+}
+
+// A notifiee that detaches the shadow when it is told of a deletion, from inside the callback,
+// in the middle of a sync's walk: the walk reads nothing more of the unmapped table, and the
+// shadow, mounted again, syncs to the writer's table.
+TEST_F(ShadowTest, ANotifieeThatDetachesOnADeletionEndsTheWalk) {
+  KickingWriter w(root.path(), "routes", 64);  // kicks only on flush()
+  auto shadow = syncedShadow(w, 40);
+  ASSERT_TRUE(shadow);
+  Ledger::Notify<TestKey, TestValue> detaching = log.notifier();
+  detaching.onKey = [&](const TestKey& k, const TestValue* v) {
+    log.onKey(k, v);
+    if (!v && shadow->state() != ShadowState::detached) shadow->detach();
+  };
+  shadow->notifyIs(detaching);
+  w.writer.remove(TestKey{17});
+  shadow->resync("test");  // the walk finds key 17 gone
+  ASSERT_TRUE(until([&] { return shadow->state() == ShadowState::detached; }));
+  EXPECT_EQ(log.deletes, 1u);
+  loop.runFor(20ms);
+  shadow->notifyIs(log.notifier());
+  ASSERT_TRUE(shadow->initialize());
+  ASSERT_TRUE(settle(*shadow));
+  EXPECT_EQ(shadowContents(*shadow), w.contents());
+  EXPECT_EQ(log.present, w.contents());
+  EXPECT_TRUE(log.errors.empty()) << log.errors.front();
+}
+
+// A table of typed values, one of whose entries stops decoding (its bytes whole, but no value
+// of the type). Whichever way the shadow meets it, it reports the entry once, holds it as
+// absent, and follows the writer in every other key, without starting over again and again.
+struct CorruptEntryTest : ShadowTest {
+  using DecodingShadow = Ledger::LedgerShadow<TestKey, TestValue, DecodingOps>;
+  static constexpr uint64_t kKeys = 200, kBad = 77;
+
+  void SetUp() override {
+    for (uint64_t id = 0; id < kKeys; ++id) w.writer.write(makeValue(id, 1));
+  }
+  void mount() {
+    shadow = std::make_unique<DecodingShadow>(Ledger::ReaderConfig{root.path(), "routes"}, loop,
+                                              log.notifier());
+    shadow->store().corruptionHookIs([&](const std::string& why) { reported.push_back(why); });
+    ASSERT_TRUE(shadow->initialize());
+  }
+  bool inStep() {
+    return runUntil(
+        loop, [&] { return shadow->quiesced(); }, std::chrono::seconds(3));
+  }
+  void spoilKey(uint64_t id) {
+    auto& slots = w.writer.slotTable();
+    for (uint32_t i = 0; i < slots.numSlots(); ++i) {
+      if ((slots.slot(i).status & Ledger::kOccupied) &&
+          reinterpret_cast<const TestValue*>(slots.value(i))->k.id == id) {
+        return spoil(slots.value(i));
+      }
+    }
+    FAIL() << "no slot holds key " << id;
+  }
+  std::map<uint64_t, uint64_t> goodKeys() {
+    std::map<uint64_t, uint64_t> all;
+    auto& slots = w.writer.slotTable();
+    for (uint32_t i = 0; i < slots.numSlots(); ++i) {
+      const auto* v = reinterpret_cast<const TestValue*>(slots.value(i));
+      if ((slots.slot(i).status & Ledger::kOccupied) && v->version != kUndecodable) {
+        all[v->k.id] = v->version;
+      }
+    }
+    return all;
+  }
+  // Whatever the shadow does over half a second of loop time, after it got in step.
+  void expectSettledFor500ms(uint64_t resyncs) {
+    loop.runFor(500ms);
+    EXPECT_TRUE(shadow->inStep());
+    EXPECT_EQ(shadow->resyncs(), resyncs) << "no walk started over";
+    ASSERT_EQ(reported.size(), 1u) << "reported once";
+    EXPECT_THAT(reported.front(), ::testing::HasSubstr("DecodingOps: no such version"));
+    EXPECT_EQ(log.present, goodKeys());
+    EXPECT_TRUE(log.errors.empty()) << log.errors.front();
+  }
+
+  KickingWriter w{root.path(), "routes", 256};  // kicks only on flush()
+  std::unique_ptr<DecodingShadow> shadow;
+  std::vector<std::string> reported;
+};
+
+// Met by the first sync, the entry is skipped, and the shadow gets in step with the rest.
+TEST_F(CorruptEntryTest, TheFirstSyncSkipsIt) {
+  spoilKey(kBad);
+  ASSERT_NO_FATAL_FAILURE(mount());
+  ASSERT_TRUE(inStep());
+  EXPECT_EQ(log.present.size(), kKeys - 1);
+  EXPECT_EQ(log.present.count(kBad), 0u);
+  expectSettledFor500ms(0);
+}
+
+// The shadow held the key: a sync that finds its entry spoilt tells it gone.
+TEST_F(CorruptEntryTest, AResyncTellsAKeyWhoseEntrySpoiltGone) {
+  ASSERT_NO_FATAL_FAILURE(mount());
+  ASSERT_TRUE(inStep());
+  ASSERT_EQ(log.present.size(), kKeys);
+  spoilKey(kBad);
+  shadow->resync("test");
+  ASSERT_TRUE(inStep());
+  EXPECT_EQ(log.deletes, 1u);
+  expectSettledFor500ms(1);
+}
+
+// A change that the shadow follows through the writer's queue finds the entry spoilt since:
+// the key is told gone; written again, it is back.
+TEST_F(CorruptEntryTest, AChangeThatFindsItSpoiltTellsTheKeyGone) {
+  ASSERT_NO_FATAL_FAILURE(mount());
+  ASSERT_TRUE(inStep());
+  w.writer.write(makeValue(kBad, 2));
+  spoilKey(kBad);
+  w.flush();
+  ASSERT_TRUE(runUntil(
+      loop, [&] { return log.deletes == 1; }, std::chrono::seconds(3)));
+  ASSERT_TRUE(inStep());
+  expectSettledFor500ms(0);
+  w.writer.write(makeValue(kBad, 3));
+  w.flush();
+  ASSERT_TRUE(runUntil(loop, [&] { return log.present.count(kBad) == 1; }));
+  EXPECT_EQ(log.present[kBad], 3u);
+  EXPECT_EQ(log.present, w.contents());
+}
+
+// A sync's bulk copy decodes each key before the slot's status word is checked again. A
+// rewrite may tear those bytes: the slot is read again, consistently, and nothing reported.
+TEST(TornBulkCopy, IsReadAgainAndNotReported) {
+  TempRoot root;
+  KickingWriter w(root.path(), "routes", 64);
+  for (uint64_t id = 0; id < 10; ++id) w.writer.write(makeValue(id, 1));
+  Ledger::LedgerReader<TestKey, TestValue, DecodingOps> reader(
+      Ledger::ReaderConfig{root.path(), "routes"});
+  ASSERT_TRUE(reader.initialize());
+  EventLog log;
+  Ledger::ShadowStore<TestKey, TestValue, DecodingOps> store(reader, log.notifier());
+  std::vector<std::string> reported;
+  store.corruptionHookIs([&](const std::string& why) { reported.push_back(why); });
+  nextTear() = {reader.slotTable().value(reader.findSlot(TestKey{3})),
+                [&] { w.writer.write(makeValue(3, 2)); }};
+  store.reserve();
+  store.syncSlots(0, reader.slotTable().numSlots(), true, [] { return false; });
+  EXPECT_FALSE(nextTear().rewrite) << "the copy met the rewrite";
+  nextTear() = {};
+  EXPECT_TRUE(reported.empty()) << reported.front();
+  EXPECT_EQ(log.present, w.contents());
+  EXPECT_EQ(log.present[3], 2u);
+  EXPECT_TRUE(log.errors.empty()) << log.errors.front();
 }
 }  // namespace

@@ -1,0 +1,58 @@
+// Test helper: Ops of TestValues whose decoding checks what it reads, as a typed record's
+// does. A stored value with version kUndecodable is refused (CorruptionException). A test can
+// also have the next decode of one place in a slot file meet a rewrite under way: the writer's
+// rewrite runs, and the bytes read (torn) do not decode.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+
+#include "ledger/Exceptions.h"
+#include "ledger/Ops.h"
+#include "ledger/tests/TestTable.h"
+
+namespace LedgerTest {
+
+inline constexpr uint64_t kUndecodable = ~uint64_t{0};
+
+// The rewrite that the next decode of the bytes at `at` meets (once).
+struct Tear {
+  const uint8_t* at = nullptr;
+  std::function<void()> rewrite;
+};
+inline Tear& nextTear() {
+  static Tear tear;
+  return tear;
+}
+
+struct DecodingOps : Ledger::Ops<TestKey, TestValue> {
+  TestKey storedKey(const uint8_t* stored) const {
+    check(stored);
+    return Ops::storedKey(stored);
+  }
+  void load(const uint8_t* stored, TestValue& out) const {
+    check(stored);
+    Ops::load(stored, out);
+  }
+  static void check(const uint8_t* stored) {
+    Tear& tear = nextTear();
+    if (tear.rewrite && stored == tear.at) {
+      const std::function<void()> rewrite = std::move(tear.rewrite);
+      tear = {};
+      rewrite();
+      throw Ledger::CorruptionException("DecodingOps: bytes torn by a rewrite");
+    }
+    uint64_t version;
+    std::memcpy(&version, stored + offsetof(TestValue, version), sizeof version);
+    if (version == kUndecodable) throw Ledger::CorruptionException("DecodingOps: no such version");
+  }
+};
+
+// Makes the entry stored at `stored` (a writer's slot value) undecodable, its key unchanged.
+inline void spoil(uint8_t* stored) {
+  std::memcpy(stored + offsetof(TestValue, version), &kUndecodable, sizeof kUndecodable);
+}
+
+}  // namespace LedgerTest
