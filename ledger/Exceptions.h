@@ -13,6 +13,18 @@ class CorruptionException : public Zinc::Exception {
   using Zinc::Exception::Exception;
 };
 
+// Runs `decode`, which decodes stored bytes: false when they are no value of their type (it
+// threw CorruptionException). For bytes that may yet prove torn, or that are passed over.
+template <class Fn>
+bool decodes(Fn&& decode) {
+  try {
+    decode();
+    return true;
+  } catch (const CorruptionException&) {
+    return false;
+  }
+}
+
 // A table cannot be set up as asked (bad type name, unreachable file, refused capacity).
 class InitializationException : public Zinc::Exception {
  public:

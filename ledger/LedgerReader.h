@@ -291,21 +291,15 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
   // Whether the stored bytes `stored`, read whole, are `key`'s entry. An entry that does not
   // decode holds no key here: whoever reads its slot for itself reports it.
   bool holds(const uint8_t* stored, const Key& key) const {
-    try {
-      return OpsT::equal(ops_.storedKey(stored), key);
-    } catch (const CorruptionException&) {
-      return false;
-    }
+    bool same = false;
+    return decodes([&] { same = OpsT::equal(ops_.storedKey(stored), key); }) && same;
   }
   // Whether the key of slot `link`, read in place and not yet confirmed, sorts after `key`:
   // where a walk may stop early. Bytes that do not decode (a rewrite may be tearing them) stop
   // nothing: the slot's consistent read settles it.
   bool sortsAfter(const Key& key, uint32_t link) const {
-    try {
-      return OpsT::less(key, ops_.storedKey(slots_.value(link)));
-    } catch (const CorruptionException&) {
-      return false;
-    }
+    bool after = false;
+    return decodes([&] { after = OpsT::less(key, ops_.storedKey(slots_.value(link))); }) && after;
   }
 
   void unmapAll() {
@@ -422,12 +416,13 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
       const uint8_t* bytes = slots_.value(link);
       Key stored{};
       bool equal = false;
-      try {
-        stored = ops_.storedKey(bytes);
-        equal = OpsT::equal(stored, key);
-        if (equal) ops_.load(bytes, out);
-      } catch (const CorruptionException&) {
-        // Torn by a rewrite, or corrupt: only the full walk's consistent read can tell.
+      // Bytes that do not decode are torn by a rewrite, or corrupt: only the full walk's
+      // consistent read can tell.
+      if (!decodes([&] {
+            stored = ops_.storedKey(bytes);
+            equal = OpsT::equal(stored, key);
+            if (equal) ops_.load(bytes, out);
+          })) {
         return Walk::again;
       }
       if (!slots_.unchangedSince(link, status)) return Walk::again;

@@ -114,7 +114,6 @@ class ShadowStore {
   // Where a slot whose entry, read whole, does not decode is reported. The slot counts as
   // holding nothing, and everything else goes on.
   void corruptionHookIs(CorruptionHook hook) { onCorruption_ = std::move(hook); }
-  uint64_t corruptSlotsSeen() const { return corruptSlotsSeen_; }
 
   // The shadow's value of `key` (ValueShadowSlot only).
   bool lookup(const Key& key, Value& out) const {
@@ -383,12 +382,7 @@ class ShadowStore {
   // not decode, which may be a rewrite tearing them as well as corruption (doSlot's
   // consistent read tells which).
   bool keyOfUnconfirmed(const uint8_t* from, Key& key) const {
-    try {
-      key = reader_.ops().storedKey(from);
-      return true;
-    } catch (const CorruptionException&) {
-      return false;
-    }
+    return decodes([&] { key = reader_.ops().storedKey(from); });
   }
   // Where a bulk group from `first` copies the value of `slot`.
   uint8_t* copyPlace(uint32_t slot, uint32_t first) {
@@ -403,13 +397,8 @@ class ShadowStore {
   // A value that does not decode takes doSlot, which reports it.
   void takeCopied(uint32_t slot, const Key& key, uint32_t rhash, const uint8_t* stored,
                   bool notifying) {
-    if (notifying && notify_.onKey) {
-      try {
-        reader_.ops().load(stored, scratch_);
-      } catch (const CorruptionException&) {
-        doSlot(slot, 0, notifying);
-        return;
-      }
+    if (notifying && notify_.onKey && !decodes([&] { reader_.ops().load(stored, scratch_); })) {
+      return doSlot(slot, 0, notifying);
     }
     take(slot, key, rhash, stored, notifying);
   }
@@ -442,7 +431,6 @@ class ShadowStore {
     }
   }
   [[gnu::noinline]] void reportCorrupt(uint32_t slot, const char* why) {
-    ++corruptSlotsSeen_;
     const std::string what = "ShadowStore: slot " + std::to_string(slot) +
                              " holds an entry that does not decode: " + why;
     ZTRACE_TO(ShadowDetail::trace(), 0, what);
@@ -642,7 +630,6 @@ class ShadowStore {
   std::vector<uint8_t> groupCopies_;  // a key shadow's bulk copies of one group
   uint64_t notifications_ = 0;
   CorruptionHook onCorruption_;
-  uint64_t corruptSlotsSeen_ = 0;
   uint32_t lastTold_ = kNoSlot;  // prefetchForRun's previous slot
   // The bulk group being walked: its first slot, and a bit for each of its slots whose copy
   // (in place, for a value shadow) is still to be taken.
