@@ -260,6 +260,9 @@ struct InterruptedSyncTest : ShadowTest {
     // Long enough that no loaded machine retries a broken table before the test has looked at
     // the shadow waiting to.
     options.mountRetry = 500ms;
+    // The health check would resync a shadow left waiting as well; on a slow machine it could
+    // come first and hide whether the retry after corruption does its work.
+    options.healthCheck = 1h;
     shadow = makeShadow(options);
     ASSERT_TRUE(shadow->initialize());
     loop.runOnce(0ms);  // the first slice
