@@ -367,10 +367,11 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
     if (writerChanged() || state_ == ShadowState::attached) resync("health check");
   }
 
-  // The value of the shadow's slot `at` into `out`; false for kNoSlot (the walk ended).
+  // The value of the shadow's slot `at`, or of the first after it that decodes, into `out`;
+  // false when the walk ended.
   bool fromSlot(uint32_t at, Value& out, uint32_t* hint) {
+    at = store_.valueFrom(at, out);
     if (at == kNoSlot) return false;
-    store_.valueAt(at, out);
     if (hint) *hint = at;
     return true;
   }

@@ -115,13 +115,12 @@ class ShadowStore {
   // holding nothing, and everything else goes on.
   void corruptionHookIs(CorruptionHook hook) { onCorruption_ = std::move(hook); }
 
-  // The shadow's value of `key` (ValueShadowSlot only).
-  bool lookup(const Key& key, Value& out) const {
-    static_assert(SlotKind::kValues, "a key shadow keeps no values");
+  // The shadow's value of `key` (ValueShadowSlot only). A shadow that tells nobody copies
+  // values in bulk without decoding them: one that turns out not to decode is reported here,
+  // once, and its key leaves the shadow (it reads as absent until the writer's slot changes).
+  bool lookup(const Key& key, Value& out) {
     const uint32_t slot = slotOfKey(key);
-    if (slot == kNoSlot) return false;
-    reader_.ops().load(storedAt(slot), out);
-    return true;
+    return slot != kNoSlot && valueAt(slot, out);
   }
   bool contains(const Key& key) const { return slotOfKey(key) != kNoSlot; }
   uint32_t slotOfKey(const Key& key) const { return find(key, rhashOf(key)); }
@@ -135,19 +134,33 @@ class ShadowStore {
     if (ahead != kNoSlot) prefetchStored(ahead);  // a walk reads it a few steps on
     return slot;
   }
-  void valueAt(uint32_t slot, Value& out) const {
+  // The value of the shadow's `slot`, held; false when it does not decode (as lookup()).
+  bool valueAt(uint32_t slot, Value& out) {
     static_assert(SlotKind::kValues, "a key shadow keeps no values");
-    reader_.ops().load(storedAt(slot), out);
+    try {
+      reader_.ops().load(storedAt(slot), out);
+      return true;
+    } catch (const CorruptionException& e) {
+      reportCorrupt(slot, e.what());
+      unlink(slot);
+      return false;
+    }
   }
-  // Every key in the shadow with its value (ValueShadowSlot) or null.
+  // From the slot `at` of a walk in table order on, the first whose value decodes, that value
+  // in `out`; kNoSlot past the last.
+  uint32_t valueFrom(uint32_t at, Value& out) {
+    while (at != kNoSlot && !valueAt(at, out)) at = afterInOrder(entries_[at].key);
+    return at;
+  }
+  // Every key in the shadow with its value (ValueShadowSlot) or null; a value that does not
+  // decode is passed over (as lookup()).
   template <class Fn>
-  void forEach(Fn fn) const {
+  void forEach(Fn fn) {
     Value v{};
     for (uint32_t i = 0; i < entries_.size(); ++i) {
       if (!entries_[i].occupied) continue;
       if constexpr (SlotKind::kValues) {
-        reader_.ops().load(storedAt(i), v);
-        fn(entries_[i].key, &v);
+        if (valueAt(i, v)) fn(entries_[i].key, &v);
       } else {
         fn(entries_[i].key, static_cast<const Value*>(nullptr));
       }
@@ -178,7 +191,8 @@ class ShadowStore {
     SlotRead read = readSlot(slotIndex, key);
     Entry* e = &entries_[slotIndex];
     if (e->occupied && (read != SlotRead::held || !OpsT::equal(e->key, key))) {
-      leave(slotIndex, notifying);
+      // A corrupt slot (reported) holds no key for the leaving ones to be found in.
+      leave(slotIndex, notifying, read == SlotRead::corrupt ? slotIndex : kNoSlot);
       if (!reader_.attached()) return;  // detached by the notifiee
       e = &entries_[slotIndex];         // leave() may have grown the shadow
       // leave() read the writer's table again and found this slot's new key here: what it
@@ -505,8 +519,9 @@ class ShadowStore {
   // from a stack, each key's slot looked up afresh when its turn comes (the writer may have
   // moved it meanwhile). Every step either empties a shadow slot or fills one, so the walk
   // ends; the bound only guards against a writer that keeps moving keys under it, and a key
-  // still unplaced then is reported gone (and added again when its slot is told of).
-  void leave(uint32_t slot, bool notifying) {
+  // still unplaced then is reported gone (and added again when its slot is told of). A key
+  // found in `corruptSlot`, whose entry was read whole and does not decode, is gone too.
+  void leave(uint32_t slot, bool notifying, uint32_t corruptSlot = kNoSlot) {
     std::vector<Leaving>& line = leaving_;
     line.clear();
     line.push_back(takeOut(slot));
@@ -514,7 +529,7 @@ class ShadowStore {
       const Leaving& top = line.back();
       // A notifiee that detached the reader left no table to look in: the rest are gone.
       const uint32_t at = reader_.attached() ? reader_.findSlot(top.key) : kNoSlot;
-      const bool held = at != kNoSlot && at < reader_.slotTable().numSlots();
+      const bool held = at != kNoSlot && at != corruptSlot && at < reader_.slotTable().numSlots();
       if (held && at >= entries_.size()) grow(at + 1);
       if (held && entries_[at].occupied && steps < 2 * uint64_t{entries_.size()}) {
         line.push_back(takeOut(at));  // its key leaves first

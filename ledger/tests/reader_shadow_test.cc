@@ -712,9 +712,11 @@ struct CorruptEntryTest : ShadowTest {
   void SetUp() override {
     for (uint64_t id = 0; id < kKeys; ++id) w.writer.write(makeValue(id, 1));
   }
-  void mount() {
-    shadow = std::make_unique<DecodingShadow>(Ledger::ReaderConfig{root.path(), "routes"}, loop,
-                                              log.notifier());
+  // A quiet shadow tells nobody of its keys.
+  void mount(bool quiet = false) {
+    shadow = std::make_unique<DecodingShadow>(
+        Ledger::ReaderConfig{root.path(), "routes"}, loop,
+        quiet ? Ledger::Notify<TestKey, TestValue>(Ledger::DummyShadowNotifier()) : log.notifier());
     shadow->store().corruptionHookIs([&](const std::string& why) { reported.push_back(why); });
     ASSERT_TRUE(shadow->initialize());
   }
@@ -798,6 +800,36 @@ TEST_F(CorruptEntryTest, AChangeThatFindsItSpoiltTellsTheKeyGone) {
   ASSERT_TRUE(runUntil(loop, [&] { return log.present.count(kBad) == 1; }));
   EXPECT_EQ(log.present[kBad], 3u);
   EXPECT_EQ(log.present, w.contents());
+}
+
+// A quiet shadow copies values without decoding them, so it keeps the spoilt one. Reading it
+// reports it, once, and passes over it: lookups, walks and forEach see the other keys, and
+// the key is back when the writer writes it again.
+TEST_F(CorruptEntryTest, AQuietShadowPassesOverItWhenRead) {
+  spoilKey(kBad);
+  ASSERT_NO_FATAL_FAILURE(mount(true));
+  ASSERT_TRUE(inStep());
+  EXPECT_TRUE(reported.empty()) << reported.front();
+  TestValue v;
+  EXPECT_FALSE(shadow->lookup(TestKey{kBad}, v));
+  EXPECT_FALSE(shadow->lookup(TestKey{kBad}, v));
+  ASSERT_TRUE(shadow->lookup(TestKey{kBad + 1}, v));
+  EXPECT_EQ(v, makeValue(kBad + 1, 1));
+  std::map<uint64_t, uint64_t> walked;
+  for (bool more = shadow->first(v); more; more = shadow->next(v.k, v)) walked[v.k.id] = v.version;
+  EXPECT_EQ(walked, goodKeys());
+  std::map<uint64_t, uint64_t> each;
+  shadow->store().forEach(
+      [&](const TestKey& k, const TestValue* value) { each[k.id] = value->version; });
+  EXPECT_EQ(each, goodKeys());
+  ASSERT_EQ(reported.size(), 1u) << "reported once";
+  EXPECT_THAT(reported.front(), ::testing::HasSubstr("DecodingOps: no such version"));
+
+  w.writer.write(makeValue(kBad, 2));
+  w.flush();
+  ASSERT_TRUE(runUntil(loop, [&] { return shadow->lookup(TestKey{kBad}, v); }));
+  EXPECT_EQ(v, makeValue(kBad, 2));
+  EXPECT_EQ(shadow->members(), kKeys);
 }
 
 // A sync's bulk copy decodes each key before the slot's status word is checked again. A
