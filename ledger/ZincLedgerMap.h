@@ -362,7 +362,9 @@ class ZincLedgerMap {
     notify.onKey = [this](const Key& key, const Value*) { keyChanged(key); };
     auto shadow = std::make_unique<Shadow>(ReaderConfig{root, table_}, loop, notify, ops_);
     shadow_ = shadow.get();
-    shadow->corruptionHandlerIs([this](const std::string&) { collectionChanged(); });
+    // Counted and traced by the map, whose own handler tells the entity.
+    shadow->corruptionHandlerIs(
+        [map = map_.get()](const std::string& why) { map->corruptionDetected(why); });
     shadow->initialize();
     map_->tableIs(std::move(shadow));
   }

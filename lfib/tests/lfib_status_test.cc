@@ -236,6 +236,36 @@ TEST_F(LfibStatusTest, ReaderIsToldOfChangedKeysOnly) {
   reader->ledgerUnmount();
 }
 
+// A reader's shadow that finds its table broken (the header counts slots that the file does
+// not hold) reports it to its table, which counts it; once the table is whole again the
+// shadow gets back in step.
+TEST_F(LfibStatusTest, ReaderCorruptionIsCountedByItsTable) {
+  Zinc::Loop loop;
+  LfibStatus::Ptr reader = lfibStatusFactory("status");
+  reader->ledgerMountIs(Ledger::LedgerMode::readOnly, root.path(), 64, &loop);
+  auto settle = [&] {
+    status->ledgerFlushKicks();
+    return loop.runUntil([&] { return reader->ledgerInStep(); }, std::chrono::seconds(10));
+  };
+  const LfibRoute route = routeTo(20, viaSetKey(viaTypeMplsIp_, 1), 0);
+  status->lfibRouteIs(route);
+  ASSERT_TRUE(settle());
+  auto& writer = dynamic_cast<
+      Ledger::LedgerWriter<RouteKey, LfibRoute, Ledger::ZincOps<RouteKey, LfibRoute>>&>(
+      status->lfibRouteLedger().ledgerMap().table());
+  uint32_t& numSlots = writer.slotTable().header().numSlots;
+  const uint32_t whole = numSlots;
+  numSlots = whole + 4096;
+  auto& routes = reader->lfibRouteLedger();
+  routes.shadow()->resync("test");
+  ASSERT_TRUE(loop.runUntil([&] { return routes.ledgerMap().corruptions() > 0; },
+                            std::chrono::seconds(10)));
+  numSlots = whole;
+  ASSERT_TRUE(settle());
+  EXPECT_EQ(reader->lfibRoute(route.key()), route);
+  reader->ledgerUnmount();
+}
+
 TEST(LfibStatusUnmounted, WritesAreDroppedInNoMansLand) {
   LfibStatus::Ptr status = lfibStatusFactory("unmounted");
   LfibRoute route = routeTo(20, viaSetKey(viaTypeMplsIp_, 1), 0);
