@@ -99,7 +99,8 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
   bool attached() const { return slots_.attached(); }
   const std::string& error() const { return error_; }
   // Without a handler corruption is thrown to the caller; with one it is reported there and
-  // the entry reads as absent.
+  // the entry reads as absent. A walk (first, next) passes over an entry whose key decodes but
+  // whose value does not, reported, and goes on after it.
   void corruptionHandlerIs(CorruptionHandler handler) { onCorruption_ = std::move(handler); }
 
   // True with `key`'s value in `out`; `out` is unspecified when it answers false (a copy
@@ -107,11 +108,9 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
   bool lookup(const Key& key, Value& out) override {
     return lookupHashed(key, out, OpsT::hash(key));
   }
-  bool first(Value& out) override {
-    return guarded([&] { return doFirst(out, nullptr); });
-  }
+  bool first(Value& out) override { return walkStep(nullptr, out, nullptr); }
   bool next(const Key& prev, Value& out, uint32_t* hint = nullptr) override {
-    return guarded([&] { return doNext(prev, out, hint); });
+    return walkStep(&prev, out, hint);
   }
 
   // The consistent read of one slot by index: true when it holds an entry (copied out).
@@ -131,9 +130,11 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
   }
 
   // The slot that holds `key` now (its stored bytes left in slotBuffer()), or kNoSlot.
+  // Corruption is thrown, handler or not: the caller (a shadow's walk) acts on it.
   uint32_t findSlot(const Key& key) {
     uint32_t found = kNoSlot;
-    guarded([&] {
+    if (!attached()) return found;
+    withRemap([&] {
       return walkUntil(
           OpsT::hash(key), "LedgerReader::doLookup()",
           [&](uint32_t slot, bool& more) {
@@ -440,6 +441,48 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
 
   void refuse(const char* what) const override { ZTRACE_TO(ReaderDetail::trace(), 0, what); }
 
+  // A walk's entry that was read whole, and whose key `key` decoded, but whose value does not.
+  struct UndecodableEntry : CorruptionException {
+    UndecodableEntry(const std::string& why, const Key& k, uint32_t at)
+        : CorruptionException(why), key(k), slot(at) {}
+    Key key;
+    uint32_t slot;
+  };
+  // The value of the walk's entry in buffer_ (of `key`, in `slot`) into `out`.
+  void loadEntry(const Key& key, uint32_t slot, Value& out) {
+    try {
+      ops_.load(buffer_.data(), out);
+    } catch (const CorruptionException& e) {
+      throw UndecodableEntry("LedgerReader: slot " + std::to_string(slot) +
+                                 " holds an entry that does not decode: " + e.what(),
+                             key, slot);
+    }
+  }
+  // first() (`prev` null) or next(): an entry that does not decode is reported and the walk
+  // goes on after its key. Each one passed over lies further on in table order, so a table
+  // holds fewer of them than it has slots.
+  bool walkStep(const Key* prev, Value& out, uint32_t* hint) {
+    if (!attached()) return false;
+    Key from{};
+    if (prev) from = *prev;
+    for (uint32_t passed = 0;; ++passed) {
+      try {
+        return withRemap([&] { return prev ? doNext(from, out, hint) : doFirst(out, hint); });
+      } catch (const UndecodableEntry& e) {
+        if (!onCorruption_) throw;
+        onCorruption_(e.what());
+        if (passed >= slots_.mappedSlots()) return false;
+        from = e.key;
+        prev = &from;
+        if (hint) *hint = e.slot;
+      } catch (const CorruptionException& e) {
+        if (!onCorruption_) throw;
+        onCorruption_(e.what());
+        return false;
+      }
+    }
+  }
+
   template <class Fn>
   bool guarded(Fn fn) {
     if (!attached()) return false;
@@ -637,7 +680,7 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
       if (slots_.read(link, buffer_.data(), &rhash) != SlotReaderTable::Read::occupied) continue;
       Key k = ops_.storedKey(buffer_.data());
       if ((OpsT::hash(k) & (buckets_.numBuckets() - 1)) != b) continue;
-      ops_.load(buffer_.data(), out);
+      loadEntry(k, link, out);
       if (hint) *hint = link;
       return true;
     }
@@ -684,7 +727,7 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
     const Key k = ops_.storedKey(buffer_.data());
     const uint32_t h = OpsT::hash(k);
     if ((h & (n - 1)) != (hash & (n - 1)) || !after(h, k, hash, prev)) return false;
-    ops_.load(buffer_.data(), out);
+    loadEntry(k, link, out);
     *hint = link;
     return true;
   }
@@ -727,7 +770,7 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
             if (!sawPrev) {
               ZTRACE_TO(ReaderDetail::trace(), 7, "LedgerReader::doNext() slow-path slot:" << link);
             }
-            ops_.load(buffer_.data(), out);
+            loadEntry(k, link, out);
             if (hint) *hint = link;
             return true;
           } else {

@@ -95,7 +95,10 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
   // Per-key notifications off: a shadow in step keeps following the writer, silently; a sync
   // waits until they are on again, so that every key it finds is told.
   void notifying(bool on) override { notifying_ = on; }
-  void corruptionHandlerIs(CorruptionHandler handler) { onCorruption_ = std::move(handler); }
+  void corruptionHandlerIs(CorruptionHandler handler) {
+    reader_.corruptionHandlerIs(handler);  // a key shadow's reads of the writer's table
+    onCorruption_ = std::move(handler);
+  }
   // Runs once, when the first sync has filled the shadow and it follows the writer: the
   // moment to advertise the bound collection as ready (LedgerMap::advertiseCollectionReady).
   void readyHookIs(std::function<void()> hook) { onReady_ = std::move(hook); }
@@ -121,6 +124,9 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
   }
 
   // A value shadow answers from its copy; a key shadow reads the writer's table directly.
+  // Either way an entry that does not decode, or a broken table, goes to the corruption
+  // handler and reads as absent (a walk passes over the entry); without a handler a key
+  // shadow throws it, as LedgerReader does.
   bool lookup(const Key& key, Value& out) override {
     if constexpr (SlotKind::kValues) {
       return store_.lookup(key, out);

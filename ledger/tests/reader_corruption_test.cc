@@ -336,4 +336,47 @@ TEST(UndecodableEntry, OnlyBytesThatHeldStillAreReported) {
     EXPECT_EQ(v, makeValue(id, 1));
   }
 }
+
+// A walk passes over an entry that does not decode: reported once, and the walk goes on after
+// it, with a hint or without. Without a handler the walk throws it instead.
+TEST(UndecodableEntry, AWalkPassesOverIt) {
+  TempRoot root;
+  Writer w(tableConfig(root.path(), "routes", 64));
+  w.attach();
+  for (uint64_t id = 0; id < 20; ++id) w.write(makeValue(id, 1));
+  Ledger::LedgerReader<TestKey, TestValue, DecodingOps> reader(
+      Ledger::ReaderConfig{root.path(), "routes"});
+  ASSERT_TRUE(reader.initialize());
+  TestValue v;
+  std::vector<uint64_t> order;
+  for (bool more = reader.first(v); more; more = reader.next(v.k, v)) order.push_back(v.k.id);
+  ASSERT_EQ(order.size(), 20u);
+  for (uint64_t bad : {order.front(), order[7], order.back()}) {
+    spoil(w.slotTable().value(reader.findSlot(TestKey{bad})));
+  }
+  EXPECT_THAT(ZincTest::failureOf([&] {
+                for (bool more = reader.first(v); more; more = reader.next(v.k, v)) {
+                }
+              }),
+              ::testing::HasSubstr("holds an entry that does not decode"));
+
+  std::vector<std::string> reported;
+  reader.corruptionHandlerIs([&](const std::string& why) { reported.push_back(why); });
+  std::vector<uint64_t> expected = order;
+  std::erase_if(expected, [&](uint64_t id) {
+    return id == order.front() || id == order[7] || id == order.back();
+  });
+  for (bool hinted : {false, true}) {
+    reported.clear();
+    std::vector<uint64_t> walked;
+    uint32_t hint = Ledger::kNoSlot;
+    for (bool more = reader.first(v); more; more = reader.next(v.k, v, hinted ? &hint : nullptr)) {
+      walked.push_back(v.k.id);
+    }
+    EXPECT_EQ(walked, expected) << (hinted ? "with a hint" : "without a hint");
+    ASSERT_EQ(reported.size(), 3u);
+    EXPECT_THAT(reported.front(), ::testing::HasSubstr("DecodingOps: no such version"));
+  }
+}
+
 }  // namespace

@@ -832,6 +832,28 @@ TEST_F(CorruptEntryTest, AQuietShadowPassesOverItWhenRead) {
   EXPECT_EQ(shadow->members(), kKeys);
 }
 
+// A key shadow reads values from the writer's table: the spoilt one is reported to the
+// shadow's corruption handler and reads as absent, and a walk passes over it.
+TEST_F(CorruptEntryTest, AKeyShadowReportsItWhenRead) {
+  spoilKey(kBad);
+  Ledger::LedgerShadow<TestKey, TestValue, DecodingOps, Ledger::KeyShadowSlot> keys(
+      Ledger::ReaderConfig{root.path(), "routes"}, loop);
+  std::vector<std::string> told;
+  keys.corruptionHandlerIs([&](const std::string& why) { told.push_back(why); });
+  ASSERT_TRUE(keys.initialize());
+  ASSERT_TRUE(runUntil(loop, [&] { return keys.quiesced(); }));
+  const size_t bySync = told.size();
+  TestValue v;
+  EXPECT_FALSE(keys.lookup(TestKey{kBad}, v));
+  ASSERT_EQ(told.size(), bySync + 1);
+  EXPECT_THAT(told.back(), ::testing::HasSubstr("DecodingOps: no such version"));
+  ASSERT_TRUE(keys.lookup(TestKey{kBad + 1}, v));
+  EXPECT_EQ(v, makeValue(kBad + 1, 1));
+  std::map<uint64_t, uint64_t> walked;
+  for (bool more = keys.first(v); more; more = keys.next(v.k, v)) walked[v.k.id] = v.version;
+  EXPECT_EQ(walked, goodKeys());
+}
+
 // A sync's bulk copy decodes each key before the slot's status word is checked again. A
 // rewrite may tear those bytes: the slot is read again, consistently, and nothing reported.
 TEST(TornBulkCopy, IsReadAgainAndNotReported) {
