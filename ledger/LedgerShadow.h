@@ -302,7 +302,9 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
     // The notifiee detached the shadow (or mounted it anew, or asked for a resync): what this
     // walk left is not ours to act on any more.
     if (result == RallyReader::Result::interrupted || state_ != ShadowState::inStep) return;
-    if (result == RallyReader::Result::resync) {
+    if (result == RallyReader::Result::corrupt) {
+      corruptionDetected(rally_.corruption());
+    } else if (result == RallyReader::Result::resync) {
       resync("rally queue");
     } else if (result == RallyReader::Result::more && !rallyScheduled_) {
       rallyScheduled_ = true;

@@ -275,7 +275,8 @@ RallyReader::Result RallyReader::handleAck(const SlotFn& doSlot, uint32_t maxEnt
     // What doSlot met in files that it unmapped itself is no corruption of the queue.
     if (placeEpoch_ != epoch) return Result::interrupted;
     ZTRACE(0, "RallyReader::handleAck() corruption detected: " << e.what());
-    return Result::resync;
+    corruption_ = e.what();
+    return Result::corrupt;
   }
 }
 

@@ -26,8 +26,10 @@ class RallyReader {
  public:
   using SlotFn = std::function<void(uint32_t slot, uint64_t sequence)>;
   // interrupted: doSlot detached the reader, or moved it (attach, skipToEnd); the walk stopped
-  // right after that call, reading nothing more, and acknowledged nothing.
-  enum class Result { ok, more, resync, interrupted };
+  // right after that call, reading nothing more, and acknowledged nothing. corrupt (from
+  // handleAck): the walk met corruption, in the queue or in what doSlot read (corruption()
+  // says what); the shadow must be rebuilt once the files are whole.
+  enum class Result { ok, more, resync, interrupted, corrupt };
 
   // Maps the control block and the current queue of <root>/<table>, which must belong to
   // `emberId`. Throws InitializationException. The reader starts at the queue's end.
@@ -41,11 +43,13 @@ class RallyReader {
   // ok: caught up; more: stopped at maxEntries; resync: the shadow must be rebuilt;
   // interrupted: see Result.
   Result rally(const SlotFn& doSlot, uint32_t maxEntries = UINT32_MAX);
-  // A kick from the writer's side: walks, and turns a corruption into a resync request. After
+  // A kick from the writer's side: walks, and reports a corruption as Result::corrupt. After
   // a walk it acknowledges the last sequence consumed through the ack hook (the reader's
   // record that the writer reads, see LedgerWriter::clientQuiesced).
   Result handleAck(const SlotFn& doSlot, uint32_t maxEntries = UINT32_MAX);
   void ackHookIs(std::function<void(uint64_t consumed)> hook) { ackHook_ = std::move(hook); }
+  // What the last walk that answered Result::corrupt met.
+  const std::string& corruption() const { return corruption_; }
   // Starts fetching what the next walk reads first: the control block, the queue's header and
   // the entries around the reader's position. A kick wakes a reader whose caches went cold
   // while it slept; these lines come from the writer's core, and fetched together their
@@ -106,6 +110,7 @@ class RallyReader {
 
   std::string root_;
   std::string table_;
+  std::string corruption_;
   uint32_t emberId_ = 0;
   SharedMem::EmberFile controlFile_;
   SharedMem::EmberFile queueFile_;

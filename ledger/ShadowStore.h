@@ -521,10 +521,24 @@ class ShadowStore {
   // ends; the bound only guards against a writer that keeps moving keys under it, and a key
   // still unplaced then is reported gone (and added again when its slot is told of). A key
   // found in `corruptSlot`, whose entry was read whole and does not decode, is gone too.
+  //
+  // A table that cannot be looked in (corruption, thrown on to the walk that reports it) leaves
+  // the keys still on their way out no longer in the shadow: they are told gone, so that the
+  // notifiee holds what the shadow holds, and told again when a later sync finds them.
   void leave(uint32_t slot, bool notifying, uint32_t corruptSlot = kNoSlot) {
+    leaving_.clear();
+    leaving_.push_back(takeOut(slot));
+    try {
+      followLine(notifying, corruptSlot);
+    } catch (const CorruptionException&) {
+      std::vector<Leaving> lost;
+      lost.swap(leaving_);
+      for (const Leaving& l : lost) emit(notifying, l.key, nullptr);
+      throw;
+    }
+  }
+  void followLine(bool notifying, uint32_t corruptSlot) {
     std::vector<Leaving>& line = leaving_;
-    line.clear();
-    line.push_back(takeOut(slot));
     for (uint64_t steps = 0; !line.empty(); ++steps) {
       const Leaving& top = line.back();
       // A notifiee that detached the reader left no table to look in: the rest are gone.

@@ -95,13 +95,59 @@ TEST_F(LiveCorruption, AnEntryWhoseSequenceWentBackMakesItResync) {
   expectResyncedAndEqual("RallyReader::doRally() unexpected sequence in generation:");
 }
 
-// A count beyond the queue's capacity would have the reader walk off the end of the file.
+// A count beyond the queue's capacity would have the reader walk off the end of the file. It
+// is corruption, told to the shadow's handler.
 TEST_F(LiveCorruption, ACountBeyondTheCapacityIsCorruptionNotARead) {
+  std::vector<std::string> reported;
+  shadow->corruptionHandlerIs([&](const std::string& why) { reported.push_back(why); });
   rally.queue().count = rally.queue().capacity + 1;
   kick();
+  ASSERT_TRUE(runUntil(loop, [&] { return !reported.empty(); }));
+  EXPECT_THAT(reported.front(),
+              ::testing::HasSubstr("RallyReader::doRally() unexpected position in queue count:"));
   expectResyncedAndEqual(
       "RallyReader::handleAck() corruption detected: RallyReader::doRally() "
       "unexpected position in queue count:");
+}
+
+// A key leaves its slot while the chain it would be found in loops: the shadow cannot follow
+// it, and no longer holds it. It is told gone, and once the chain is whole again the shadow
+// and what its notifiee was told end equal to the writer's table.
+TEST_F(LiveCorruption, AKeyThatCannotBeFollowedIsToldGone) {
+  const uint32_t buckets = w.writer.numBuckets();
+  auto hash = [](uint64_t id) { return Ledger::Ops<TestKey, TestValue>::hash(TestKey{id}); };
+  auto order = [&](uint64_t id) { return std::pair(Ledger::reverseBits(hash(id)), id); };
+  // `gone` shares its bucket with `first`, which comes before it in the chain.
+  uint64_t gone = 0, first = 0;
+  bool paired = false;
+  for (uint64_t a = 0; a < 40 && !paired; ++a) {
+    for (uint64_t b = 0; b < 40 && !paired; ++b) {
+      paired =
+          a != b && (hash(a) & (buckets - 1)) == (hash(b) & (buckets - 1)) && order(a) < order(b);
+      if (paired) first = a, gone = b;
+    }
+  }
+  ASSERT_TRUE(paired) << "two of 40 keys share one of " << buckets << " buckets";
+  w.writer.remove(TestKey{gone});
+  auto& slots = w.writer.slotTable();
+  uint32_t at = 0;
+  while (at < slots.numSlots() &&
+         !((slots.slot(at).status & Ledger::kOccupied) &&
+           reinterpret_cast<const TestValue*>(slots.value(at))->k.id == first)) {
+    ++at;
+  }
+  ASSERT_LT(at, slots.numSlots());
+  uint64_t& link = slots.slot(at).linkPair;
+  const uint64_t whole = link;
+  link = Ledger::packLink(Ledger::generationOf(whole) + 4, at);  // the chain loops at `first`
+  w.flush();
+  ASSERT_TRUE(runUntil(loop, [&] { return log.deletes == 1; })) << "key " << gone << " told gone";
+  EXPECT_TRUE(trace.has("hash chain cycle detected"));
+  link = Ledger::packLink(Ledger::generationOf(whole) + 8, Ledger::linkOf(whole));
+  ASSERT_TRUE(runUntil(loop, [&] { return shadow->quiesced() && shadow->resyncs() > 0; }));
+  EXPECT_EQ(shadowContents(*shadow), w.contents());
+  EXPECT_EQ(log.present, w.contents());
+  EXPECT_TRUE(log.errors.empty()) << log.errors.front();
 }
 
 // The control block names a queue generation that has no file. Named as by a swap, the reader

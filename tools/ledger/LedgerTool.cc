@@ -744,9 +744,11 @@ class Watcher {
          << t_.rally.lastSeq() << std::endl;
     Zinc::Loop loop;
     auto follow = [&] {
-      if (t_.rally.handleAck([&](uint32_t slot, uint64_t) { look(slot, true); }) ==
-          RallyReader::Result::resync) {
-        resync();
+      const auto result = t_.rally.handleAck([&](uint32_t slot, uint64_t) { look(slot, true); });
+      if (result == RallyReader::Result::resync) {
+        resync(t_.rally.incarnationChanged() ? "writer re-attached" : "queue out of step");
+      } else if (result == RallyReader::Result::corrupt) {
+        resync("corruption: " + t_.rally.corruption());
       }
       out_.flush();
       if (done()) loop.stop();
@@ -769,8 +771,8 @@ class Watcher {
 
   bool done() const { return o_.count && lines_ >= o_.count; }
 
-  void resync() {
-    out_ << "resync (writer re-attached)\n";
+  void resync(const std::string& why) {
+    out_ << "resync (" << why << ")\n";
     try {
       t_.slots.attach(o_.root, o_.table);
       attachSlabs(o_, t_);

@@ -289,6 +289,38 @@ TEST(LedgerTool, WatchOutlivesASlotFarBeyondTheFile) {
   EXPECT_TRUE(contains(out, "\nchanged slot ")) << out;
 }
 
+// The queue's count goes beyond its capacity under `watch`: it says that the queue is corrupt
+// as it reads the table again, and follows the writer once the queue is whole.
+TEST(LedgerTool, WatchSaysWhyItReadsTheTableAgain) {
+  TempRoot root;
+  KickingWriter w(root.path(), "routes");
+  for (uint64_t id = 0; id < 10; ++id) w.writer.write(makeValue(id, 1));
+  Watcher watcher(root, "1");
+  watcher.waitFor("watching routes");
+  const std::string queue = Ledger::rallyQueueName(w.writer.rally().generation());
+  uint32_t count = 0;
+  patch(root, queue.c_str(), [&](uint8_t* base) {
+    auto& header = *reinterpret_cast<Ledger::RallyQueueHeader*>(base);
+    count = header.count;
+    header.count = header.capacity + 1;
+  });
+  w.kicker->commitNotify();
+  w.flush();
+  const std::string said = watcher.waitFor("resync (");
+  EXPECT_TRUE(contains(said,
+                       "resync (corruption: RallyReader::doRally() unexpected position in "
+                       "queue count:"))
+      << said;
+  patch(root, queue.c_str(),
+        [&](uint8_t* base) { reinterpret_cast<Ledger::RallyQueueHeader*>(base)->count = count; });
+  w.writer.write(makeValue(4, 2));
+  w.flush();
+  const std::string out = watcher.waitFor("\nchanged ");
+  const int status = watcher.wait();
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
+  EXPECT_TRUE(contains(out, "\nchanged ")) << out;
+}
+
 // The via sets of a published LFIB live in slabs: the tool reads them through the slot's
 // references, prints them typed, counts slab files in the sizes and checks the references.
 TEST(LedgerTool, ViaSetsInSlabs) {
