@@ -149,6 +149,7 @@ SlotTableHeader SlotTable::validate(const uint8_t* base, size_t fileSize,
 
 bool SlotTable::matches(const SlotTableHeader& h, const TableShape& shape) {
   return h.valueSize == shape.valueSize && h.slotSize == shape.slotSize() &&
+         h.tableParameter == shape.tableParameter &&
          typeName(h.valueTypeName) == shape.valueTypeName &&
          typeName(h.classTypeName) == shape.classTypeName;
 }

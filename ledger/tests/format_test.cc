@@ -428,6 +428,29 @@ TEST_F(WriterFormat, BadHeaderIsReformattedWithANewEmber) {
   EXPECT_TRUE(w.validate()) << w.validationError();
 }
 
+// A writer configured with another table parameter does not adopt the table: its entries
+// were written under the other configuration.
+TEST_F(WriterFormat, AnotherTableParameterIsReformatted) {
+  LedgerConfig c = config();
+  c.tableParameter = 7;
+  {
+    Writer w(c);
+    EXPECT_EQ(w.attach(), AttachResult::newFile);
+    w.write(makeValue(1, 1));
+  }
+  {
+    Writer w(c);
+    EXPECT_EQ(w.attach(), AttachResult::existing);
+    EXPECT_EQ(w.members(), 1u);
+  }
+  c.tableParameter = 8;
+  Writer w(c);
+  EXPECT_EQ(w.attach(), AttachResult::reformatted);
+  EXPECT_EQ(w.slotTable().header().tableParameter, 8u);
+  EXPECT_EQ(w.members(), 0u);
+  EXPECT_TRUE(w.validate()) << w.validationError();
+}
+
 TEST_F(WriterFormat, FilesAreOwnerOnlyAndNamesAreChecked) {
   Writer w(config());
   w.attach();
