@@ -14,6 +14,10 @@ namespace {
 uint64_t bucketFileSize(uint64_t numBuckets) { return kBucketTableHeaderSize + 8 * numBuckets; }
 bool powerOfTwo(uint32_t n) { return n != 0 && (n & (n - 1)) == 0; }
 
+// What a reader sees of a bucket file cut shorter than its header: a header of zeros (no
+// buckets), in place of the file's.
+alignas(64) constexpr uint8_t kNoBuckets[kBucketTableHeaderSize] = {};
+
 }  // namespace
 
 void BucketReader::attach(const std::string& root, const std::string& table, uint32_t emberId) {
@@ -53,9 +57,24 @@ void BucketReader::bind(uint32_t numBuckets) {
   rhashBits_ = numBuckets == 0 ? 0 : reverseBits(numBuckets - 1);
 }
 
+// After a re-map, which may have moved the mapping or found the file cut: the buckets in use
+// stay in use only while the mapping still holds them.
+void BucketReader::rebind() {
+  if (file_.base() == nullptr || file_.size() < kBucketTableHeaderSize) {
+    base_ = kNoBuckets;
+    numBuckets_ = rhashBits_ = 0;
+    return;
+  }
+  base_ = file_.base();
+  if (file_.size() < bucketFileSize(numBuckets_)) numBuckets_ = rhashBits_ = 0;
+}
+
+// A count of 0 is never in use: every walk comes here and reports the header, and a reader
+// left on kNoBuckets by a cut file maps the file again first, to find it whole.
 void BucketReader::checkResize() {
-  uint32_t n = headerNumBuckets();
-  if (n == numBuckets_) return;
+  if (base_ == kNoBuckets && file_.remap()) rebind();
+  const uint32_t n = headerNumBuckets();
+  if (n == numBuckets_ && n != 0) return;
   if (numBuckets_ != 0) {
     ZTRACE(3, "BucketReader::checkResize() found mismatch, local " << numBuckets_
                                                                    << " header numBuckets:" << n);
@@ -64,9 +83,12 @@ void BucketReader::checkResize() {
     throw CorruptionException("BucketReader::checkResize() bad header numBuckets:" +
                               std::to_string(n));
   }
-  if (file_.size() < bucketFileSize(n) && !file_.remap()) {
-    throw CorruptionException("BucketReader::checkResize() failed to resize " + file_.path() +
-                              ": " + file_.error());
+  if (file_.size() < bucketFileSize(n)) {
+    if (!file_.remap()) {
+      throw CorruptionException("BucketReader::checkResize() failed to resize " + file_.path() +
+                                ": " + file_.error());
+    }
+    rebind();
   }
   if (file_.size() < bucketFileSize(n)) {
     throw CorruptionException("BucketReader::checkResize() header numBuckets:" + std::to_string(n) +

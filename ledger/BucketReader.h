@@ -29,6 +29,11 @@ class BucketReader {
   // Compares the mapped bucket count with the header's and re-maps on a mismatch. Throws
   // CorruptionException when the header's count is not usable.
   void checkResize();
+  // checkResize() when the header's count is not the one in use, or none is in use: after it
+  // returns, numBuckets() is the header's count, and not 0.
+  void followResize() {
+    if (numBuckets_ == 0 || headerNumBuckets() != numBuckets_) checkResize();
+  }
 
   // Even resizeSeq to walk under, or an odd one when a redistribution is in progress.
   uint32_t seqBegin() const { return Shm::load(header().resizeSeq, std::memory_order_acquire); }
@@ -52,6 +57,7 @@ class BucketReader {
     return reinterpret_cast<const uint64_t*>(base_ + kBucketTableHeaderSize);
   }
   void bind(uint32_t numBuckets);
+  void rebind();
 
   SharedMem::EmberFile file_;
   const uint8_t* base_ = nullptr;

@@ -562,7 +562,7 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
       const uint32_t seq = buckets_.seqBegin();
       if ((seq & 1) && seq == stuckResizeSeq_) throw CorruptionException(resizeStuck(who, seq));
       if (!(seq & 1)) {
-        if (buckets_.headerNumBuckets() != buckets_.numBuckets()) buckets_.checkResize();
+        buckets_.followResize();
         const bool found = step();
         if (buckets_.seqUnchanged(seq)) return found;
       }
@@ -575,7 +575,7 @@ class LedgerReader final : public ReadOnlyLedger<Key, Value> {
   Walk walkOnce(uint32_t hash, uint32_t rhash, const char* who, Visit& visit, const Key* key,
                 std::string& oddity) {
     const uint32_t seq = buckets_.seqBegin();
-    if (buckets_.headerNumBuckets() != buckets_.numBuckets()) buckets_.checkResize();
+    buckets_.followResize();
     const uint32_t n = buckets_.numBuckets();
     const uint32_t bucket = hash & (n - 1);
     path_.clear();

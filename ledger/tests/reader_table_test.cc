@@ -1,5 +1,6 @@
 // The direct reader against a real writer's files: lookups, iteration, re-mapping on growth,
 // the look-aside read of a slot caught mid-rewrite, and corrupt files.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/mman.h>
@@ -7,6 +8,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <optional>
@@ -421,6 +423,71 @@ TEST_F(ReaderTable, BatchedLookupReportsCorruptionPerKey) {
   reader.corruptionHandlerIs({});
   EXPECT_THROW(reader.lookupBatch(keys, values, std::span(found.get(), keys.size())),
                CorruptionException);
+}
+
+// A bucket header that counts no buckets is corruption, at attach and under an attached
+// reader alike; nothing is read through a count of 0.
+TEST_F(ReaderTable, ABucketCountOfZeroIsReportedNotRead) {
+  startWriter(64, 20);
+  uint32_t count = 0;
+  auto countIs = [&](uint32_t n) {
+    patchFile("buckets", [&](uint8_t* base) {
+      auto& header = *reinterpret_cast<BucketTableHeader*>(base);
+      if (count == 0) count = header.numBuckets;
+      header.numBuckets = n;
+    });
+  };
+  countIs(0);
+  Reader early(ReaderConfig{root_.path(), "routes"});
+  EXPECT_FALSE(early.initialize());
+  EXPECT_THAT(early.error(), ::testing::HasSubstr("bad header numBuckets:0"));
+
+  countIs(count);
+  Reader& reader = attachReader();
+  std::vector<std::string> reports;
+  reader.corruptionHandlerIs([&](const std::string& why) { reports.push_back(why); });
+  countIs(0);
+  TestValue v;
+  for (uint64_t id = 0; id < 20; ++id) EXPECT_FALSE(reader.lookup(TestKey{id}, v));
+  EXPECT_FALSE(reader.first(v));
+  ASSERT_FALSE(reports.empty());
+  EXPECT_THAT(reports.front(), ::testing::HasSubstr("bad header numBuckets:0"));
+  countIs(count);
+  for (uint64_t id = 0; id < 20; ++id) EXPECT_TRUE(reader.lookup(TestKey{id}, v)) << id;
+}
+
+// The bucket file is cut to one bucket while its header claims twice the buckets in use: the
+// reader's re-map finds it short, and its mapping with it. A header that then claims the old
+// count again is not read through the old bounds. Once the file is whole, it reads as ever.
+TEST_F(ReaderTable, ABucketFileCutUnderAReaderIsNotReadBeyondItsMapping) {
+  startWriter(4096, 3000);
+  Reader& reader = attachReader();
+  const uint32_t count = reader.bucketTable().numBuckets();
+  ASSERT_GE(count, 2048u) << "the buckets span several pages";
+  const std::string path = root_.path() + "/routes/buckets";
+  std::string whole;
+  {
+    std::ifstream in(path, std::ios::binary);
+    whole.assign(std::istreambuf_iterator<char>(in), {});
+  }
+  ASSERT_EQ(::truncate(path.c_str(), kBucketTableHeaderSize + 8), 0);
+  auto countIs = [&](uint32_t n) {
+    patchFile("buckets",
+              [&](uint8_t* base) { reinterpret_cast<BucketTableHeader*>(base)->numBuckets = n; });
+  };
+  std::vector<std::string> reports;
+  reader.corruptionHandlerIs([&](const std::string& why) { reports.push_back(why); });
+  TestValue v;
+  countIs(2 * count);
+  EXPECT_FALSE(reader.lookup(TestKey{1}, v));
+  countIs(count);
+  for (uint64_t id = 0; id < 3000; id += 7) EXPECT_FALSE(reader.lookup(TestKey{id}, v));
+  EXPECT_FALSE(reader.first(v));
+  ASSERT_FALSE(reports.empty());
+  EXPECT_THAT(reports.back(), ::testing::HasSubstr("beyond file size"));
+
+  std::ofstream(path, std::ios::binary | std::ios::trunc).write(whole.data(), whole.size());
+  for (uint64_t id = 0; id < 3000; id += 7) EXPECT_TRUE(reader.lookup(TestKey{id}, v)) << id;
 }
 
 }  // namespace
