@@ -349,20 +349,26 @@ TEST(CutFile, ASlotFileCutInsideItsHeaderOrASlotLeavesNothingBeyondTheCutMapped)
 // rewrite tore on the way may not decode: the lookup reads the slot again and finds the new
 // value, with no report. Bytes that held still and do not decode are reported, and the key
 // reads as absent; the keys around it read as ever.
-TEST(UndecodableEntry, OnlyBytesThatHeldStillAreReported) {
+// A writer of keys [0, 20) and a reader whose decoding checks what it reads.
+struct UndecodableEntry : ::testing::Test {
+  void SetUp() override {
+    w.attach();
+    for (uint64_t id = 0; id < 20; ++id) w.write(makeValue(id, 1));
+    ASSERT_TRUE(reader.initialize());
+  }
   TempRoot root;
-  Writer w(tableConfig(root.path(), "routes", 64));
-  w.attach();
-  for (uint64_t id = 0; id < 20; ++id) w.write(makeValue(id, 1));
-  Ledger::LedgerReader<TestKey, TestValue, DecodingOps> reader(
-      Ledger::ReaderConfig{root.path(), "routes"});
-  ASSERT_TRUE(reader.initialize());
+  Writer w{tableConfig(root.path(), "routes", 64)};
+  Ledger::LedgerReader<TestKey, TestValue, DecodingOps> reader{
+      Ledger::ReaderConfig{root.path(), "routes"}};
+};
+
+TEST_F(UndecodableEntry, OnlyBytesThatHeldStillAreReported) {
   std::vector<std::string> reported;
   reader.corruptionHandlerIs([&](const std::string& why) { reported.push_back(why); });
   TestValue v;
   for (uint64_t id : {3u, 11u}) {
     nextTear() = {reader.slotTable().value(reader.findSlot(TestKey{id})),
-                  [&w, id] { w.write(makeValue(id, 2)); }};
+                  [this, id] { w.write(makeValue(id, 2)); }};
     EXPECT_TRUE(reader.lookup(TestKey{id}, v)) << "key " << id;
     EXPECT_FALSE(nextTear().rewrite) << "key " << id << ": the lookup met the rewrite";
     EXPECT_EQ(v, makeValue(id, 2));
@@ -385,14 +391,7 @@ TEST(UndecodableEntry, OnlyBytesThatHeldStillAreReported) {
 
 // A walk passes over an entry that does not decode: reported once, and the walk goes on after
 // it, with a hint or without. Without a handler the walk throws it instead.
-TEST(UndecodableEntry, AWalkPassesOverIt) {
-  TempRoot root;
-  Writer w(tableConfig(root.path(), "routes", 64));
-  w.attach();
-  for (uint64_t id = 0; id < 20; ++id) w.write(makeValue(id, 1));
-  Ledger::LedgerReader<TestKey, TestValue, DecodingOps> reader(
-      Ledger::ReaderConfig{root.path(), "routes"});
-  ASSERT_TRUE(reader.initialize());
+TEST_F(UndecodableEntry, AWalkPassesOverIt) {
   TestValue v;
   std::vector<uint64_t> order;
   for (bool more = reader.first(v); more; more = reader.next(v.k, v)) order.push_back(v.k.id);

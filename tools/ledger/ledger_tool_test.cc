@@ -261,12 +261,27 @@ TEST(LedgerTool, WatchPrintsEachChangeAsItHappens) {
 // While `watch` follows a table, its header comes to count two billion slots and the queue
 // names one of them, far beyond the file: the watcher reads that slot as free (instead of
 // sizing its memory by it) and goes on to the next change.
-TEST(LedgerTool, WatchOutlivesASlotFarBeyondTheFile) {
+// A table of keys [0, 10) that `watch` follows until it has seen one change.
+struct WatchedTable : ::testing::Test {
   TempRoot root;
-  KickingWriter w(root.path(), "routes");
-  for (uint64_t id = 0; id < 10; ++id) w.writer.write(makeValue(id, 1));
-  Watcher watcher(root, "1");
-  watcher.waitFor("watching routes");
+  KickingWriter w{root.path(), "routes"};
+  const bool filled = [this] {
+    for (uint64_t id = 0; id < 10; ++id) w.writer.write(makeValue(id, 1));
+    return true;
+  }();
+  Watcher watcher{root, "1"};
+
+  void SetUp() override { watcher.waitFor("watching routes"); }
+  // The watcher printed `line` and ended well.
+  void expectSeen(const std::string& line) {
+    const std::string out = watcher.waitFor(line);
+    const int status = watcher.wait();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
+    EXPECT_TRUE(contains(out, line)) << out;
+  }
+};
+
+TEST_F(WatchedTable, WatchOutlivesASlotFarBeyondTheFile) {
   patch(root, "slots", [](uint8_t* base) {
     auto& header = *reinterpret_cast<Ledger::SlotTableHeader*>(base);
     header.numSlots = header.mostSlots = 0x7fffffffu;
@@ -283,20 +298,12 @@ TEST(LedgerTool, WatchOutlivesASlotFarBeyondTheFile) {
   w.flush();
   w.writer.write(makeValue(2, 2));
   w.flush();
-  const std::string out = watcher.waitFor("\nchanged slot ");
-  const int status = watcher.wait();
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
-  EXPECT_TRUE(contains(out, "\nchanged slot ")) << out;
+  expectSeen("\nchanged slot ");
 }
 
 // The queue's count goes beyond its capacity under `watch`: it says that the queue is corrupt
 // as it reads the table again, and follows the writer once the queue is whole.
-TEST(LedgerTool, WatchSaysWhyItReadsTheTableAgain) {
-  TempRoot root;
-  KickingWriter w(root.path(), "routes");
-  for (uint64_t id = 0; id < 10; ++id) w.writer.write(makeValue(id, 1));
-  Watcher watcher(root, "1");
-  watcher.waitFor("watching routes");
+TEST_F(WatchedTable, WatchSaysWhyItReadsTheTableAgain) {
   const std::string queue = Ledger::rallyQueueName(w.writer.rally().generation());
   uint32_t count = 0;
   patch(root, queue.c_str(), [&](uint8_t* base) {
@@ -315,10 +322,7 @@ TEST(LedgerTool, WatchSaysWhyItReadsTheTableAgain) {
         [&](uint8_t* base) { reinterpret_cast<Ledger::RallyQueueHeader*>(base)->count = count; });
   w.writer.write(makeValue(4, 2));
   w.flush();
-  const std::string out = watcher.waitFor("\nchanged ");
-  const int status = watcher.wait();
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
-  EXPECT_TRUE(contains(out, "\nchanged ")) << out;
+  expectSeen("\nchanged ");
 }
 
 // The via sets of a published LFIB live in slabs: the tool reads them through the slot's
