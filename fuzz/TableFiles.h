@@ -73,16 +73,20 @@ inline uint32_t writeSlots(const std::string& dir, Input& in, bool raw, bool sla
   return ember;
 }
 
+// A well-formed bucket header of the table `ember`: mostly a small power of two of buckets,
+// now and then the count as it came (0, not a power of two, beyond the file).
+inline void shapeBuckets(Ledger::BucketTableHeader& h, uint32_t ember) {
+  std::memcpy(h.magic, Ledger::kBucketMagic, 8);
+  h.version = Ledger::kBucketVersion;
+  h.emberId = ember;
+  h.numBuckets = (h.numBuckets & 0x100) ? h.numBuckets >> 9 : 1u << (h.numBuckets % 8);
+  h.resizeSeq &= 2;
+}
+
 inline void writeOthers(const std::string& dir, Input& in, bool wellFormed, uint32_t ember) {
-  writeFile(dir + "/buckets",
-            withHeader<Ledger::BucketTableHeader>(in.take(in.word() % 1024), wellFormed,
-                                                  [&](Ledger::BucketTableHeader& h) {
-                                                    std::memcpy(h.magic, Ledger::kBucketMagic, 8);
-                                                    h.version = Ledger::kBucketVersion;
-                                                    h.emberId = ember;
-                                                    h.numBuckets = 1u << (h.numBuckets % 8);
-                                                    h.resizeSeq &= 2;
-                                                  }));
+  writeFile(dir + "/buckets", withHeader<Ledger::BucketTableHeader>(
+                                  in.take(in.word() % 1024), wellFormed,
+                                  [&](Ledger::BucketTableHeader& h) { shapeBuckets(h, ember); }));
   uint32_t generation = 0;
   uint64_t latestSeq = 0;
   writeFile(dir + "/rally", withHeader<Ledger::RallyControl>(
