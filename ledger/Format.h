@@ -31,8 +31,9 @@
 //     uint32_t mostSlots;              // 176    4   high-water mark of numSlots
 //     uint32_t reserved;               // 180    4   never written
 //     uint32_t reservedCounter;        // 184    4   version floor: slots added by growth
-//                                      //            start with this version, above any
-//                                      //            version a slot cut by a shrink had
+//                                      //            start with this version (and link
+//                                      //            generation 4 * floor), above any a
+//                                      //            slot cut by a shrink had
 //     uint32_t numSlots;               // 188    4
 //   };                                 // 192
 //   SlotHeader lookaside + value       // 192  slotSize

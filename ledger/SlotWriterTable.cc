@@ -186,13 +186,16 @@ bool SlotWriterTable::resize(uint32_t newNumSlots) {
                   << static_cast<void*>(oldBase) << " to " << static_cast<void*>(base_));
   }
   if (!grows) return true;
-  // Slots that come back after a shrink start above every version they had before it (the
-  // floor in reservedCounter): a reader that read such a slot's status before the shrink can
-  // never see that status again and take a mix of old and new bytes for a whole value.
-  const uint32_t floorStatus = header().reservedCounter * kVersionStep;
+  // Slots that come back after a shrink start above every version and link generation they
+  // had before it (the floor in reservedCounter). A reader that read such a slot's status
+  // before the shrink can never see that status again and take a mix of old and new bytes for
+  // a whole value; one that read its link pair can never see that pair again and take a chain
+  // changed under it for the chain it walked.
+  const uint32_t floor = header().reservedCounter * kVersionStep;
   for (uint32_t i = n; i < newNumSlots; ++i) {
     SlotTable::formatSlot(reinterpret_cast<uint8_t*>(&slot(i)), slotSize_);
-    slot(i).status = floorStatus;
+    slot(i).status = floor;
+    slot(i).linkPair = packLink(floor, kNoSlot);
   }
   Shm::store(header().mostSlots, std::max(header().mostSlots, newNumSlots),
              std::memory_order_relaxed);
@@ -263,9 +266,12 @@ void SlotWriterTable::updateShrinkThreshold() {
 
 void SlotWriterTable::cut(uint32_t newNumSlots) {
   ZTRACE(1, "SlotWriter::shrink() newNumSlots:" << newNumSlots << " from:" << numSlots());
+  // Versions and link generations both step by 4: one floor, in steps, clears them both.
   uint32_t floor = header().reservedCounter;
   for (uint32_t i = newNumSlots; i < numSlots(); ++i) {
-    floor = std::max(floor, slot(i).status / kVersionStep + 1);
+    const uint32_t generation =
+        generationOf(Shm::load(slot(i).linkPair, std::memory_order_relaxed));
+    floor = std::max({floor, slot(i).status / kVersionStep + 1, generation / kVersionStep + 1});
   }
   Shm::store(header().reservedCounter, floor, std::memory_order_relaxed);
   setNumSlots(newNumSlots);

@@ -323,6 +323,41 @@ TEST_F(WriterFormat, RewriteKeepsLinksAndAdvancesTheVersionByOne) {
   EXPECT_EQ(w.write(makeValue(3, 4)), stored);
 }
 
+// Slots that a shrink cut and growth brings back start above every version and link
+// generation they had: a reader that looked at one of them before the cut cannot take what it
+// holds now for what it saw then.
+TEST_F(WriterFormat, SlotsBroughtBackAfterAShrinkStartAboveTheirOldVersionsAndLinks) {
+  auto c = config();
+  c.minSize = 0;
+  Writer w(c);
+  w.attach();
+  for (uint64_t id = 0; id < 16; ++id) w.write(makeValue(id, 1));
+  ASSERT_EQ(w.capacity(), 16u);
+  for (uint64_t round = 0; round < 50; ++round) {
+    for (uint64_t id = 8; id < 16; ++id) {
+      w.remove(TestKey{id});
+      w.write(makeValue(id, round));
+    }
+  }
+  auto& slots = w.slotTable();
+  const auto steps = [&](uint32_t i) {
+    return std::pair{slots.slot(i).status / kVersionStep,
+                     generationOf(slots.slot(i).linkPair) / kVersionStep};
+  };
+  uint32_t highest = 0;
+  for (uint32_t i = 8; i < 16; ++i) highest = std::max({highest, steps(i).first, steps(i).second});
+  ASSERT_GT(highest, 50u);
+  for (uint64_t id = 0; id < 14; ++id) w.remove(TestKey{id});
+  ASSERT_EQ(w.capacity(), 8u);
+  for (uint64_t id = 0; id < 14; ++id) w.write(makeValue(id, 2));
+  ASSERT_EQ(w.capacity(), 16u);
+  for (uint32_t i = 8; i < 16; ++i) {
+    EXPECT_GT(steps(i).first, highest) << "status of slot " << i;
+    EXPECT_GT(steps(i).second, highest) << "link generation of slot " << i;
+  }
+  EXPECT_TRUE(w.validate()) << w.validationError();
+}
+
 TEST_F(WriterFormat, DirectModeRefusesEverythingElseUntilCommitted) {
   Writer w(config());
   w.attach();
