@@ -73,13 +73,20 @@ inline uint32_t writeSlots(const std::string& dir, Input& in, bool raw, bool sla
   return ember;
 }
 
-// A well-formed bucket header of the table `ember`: mostly a small power of two of buckets,
-// now and then the count as it came (0, not a power of two, beyond the file).
+// A count or number in a header made well-formed: mostly `shaped`, a value that lets the
+// reader in; one time in four the word as it came (clear of the two bits that chose), so that
+// readers also meet 0, huge and mismatched counts in a header that is whole otherwise.
+inline uint32_t shapedOrAsItCame(uint32_t raw, uint32_t shaped) {
+  return (raw & 0x300) == 0x300 ? raw >> 10 : shaped;
+}
+
+// A well-formed bucket header of the table `ember`: a small power of two of buckets, or now
+// and then the count as it came (0, not a power of two, beyond the file).
 inline void shapeBuckets(Ledger::BucketTableHeader& h, uint32_t ember) {
   std::memcpy(h.magic, Ledger::kBucketMagic, 8);
   h.version = Ledger::kBucketVersion;
   h.emberId = ember;
-  h.numBuckets = (h.numBuckets & 0x100) ? h.numBuckets >> 9 : 1u << (h.numBuckets % 8);
+  h.numBuckets = shapedOrAsItCame(h.numBuckets, 1u << (h.numBuckets % 8));
   h.resizeSeq &= 2;
 }
 
@@ -94,7 +101,7 @@ inline void writeOthers(const std::string& dir, Input& in, bool wellFormed, uint
                                   std::memcpy(c.magic, Ledger::kRallyControlMagic, 8);
                                   c.version = Ledger::kRallyControlVersion;
                                   c.emberId = ember;
-                                  c.generation %= 4;
+                                  c.generation = shapedOrAsItCame(c.generation, c.generation % 4);
                                   generation = c.generation;
                                   latestSeq = c.latestSeq;
                                 }));
@@ -106,10 +113,10 @@ inline void writeOthers(const std::string& dir, Input& in, bool wellFormed, uint
                   std::memcpy(q.magic, Ledger::kRallyQueueMagic, 8);
                   q.version = Ledger::kRallyQueueVersion;
                   q.emberId = ember;
-                  q.generation = generation;
+                  q.generation = shapedOrAsItCame(q.generation, generation);
                   q.baseSeq = latestSeq - std::min<uint64_t>(latestSeq, q.baseSeq % 4096);
-                  q.slotCapacity %= 256;
-                  q.capacity %= 256;
+                  q.slotCapacity = shapedOrAsItCame(q.slotCapacity, q.slotCapacity % 256);
+                  q.capacity = shapedOrAsItCame(q.capacity, q.capacity % 256);
                 }));
 }
 
