@@ -163,6 +163,29 @@ TEST_F(LiveCorruption, AGenerationWithoutAFileIsReportedAndOutlived) {
   expectRemountedOnceWhole([&] { rally.control().generation = generation; });
 }
 
+// A queue generation whose file is shorter than its header says (a writer makes a file whole
+// before it names it): the reader reads none of it, reports it, and re-synchronises once the
+// control block names a whole queue again.
+TEST_F(LiveCorruption, AQueueFileShorterThanItsHeaderSaysIsReportedNotRead) {
+  std::vector<std::string> reported;
+  shadow->corruptionHandlerIs([&](const std::string& why) { reported.push_back(why); });
+  const uint32_t generation = rally.control().generation;
+  EmberFile next;
+  ASSERT_TRUE(next.open(root.path(), "routes", Ledger::rallyQueueName(generation + 1),
+                        EmberFile::Access::ReadWrite, true));
+  ASSERT_TRUE(next.resize(4096));
+  auto& header = *reinterpret_cast<Ledger::RallyQueueHeader*>(next.base());
+  header = rally.queue();
+  header.generation = generation + 1;
+  header.capacity = 1u << 20;  // 8 MB of entries in a 4 KB file
+  rally.control().generation = generation + 1;
+  kick();
+  ASSERT_TRUE(runUntil(loop, [&] { return !reported.empty(); }));
+  EXPECT_THAT(reported.front(), ::testing::HasSubstr("RallyReader::doResize() failed to resize "));
+  rally.control().generation = generation;
+  expectResyncedAndEqual("LedgerShadow::resync()");
+}
+
 // A new writer's slot or bucket file whose header does not validate: the shadow maps none of
 // the table's files (not the slots without the buckets), and mounts again once they are whole.
 TEST_F(LiveCorruption, FilesThatCannotBeMappedAgainAreWaitedOut) {
