@@ -154,6 +154,20 @@ TEST(SlotTableFormat, HeaderChecksRunInOrderWithTheirMessages) {
   }
 }
 
+// A slot size too small for the value, or not a multiple of 8, under a checksum made to match
+// it: refused, since every slot and value bound would follow from it.
+TEST(SlotTableFormat, ASlotSizeThatCannotHoldTheValueIsRefusedWhateverTheChecksum) {
+  for (auto [valueSize, slotSize] : {std::pair{120u, 8u}, {120u, 128u}, {100u, 132u}}) {
+    auto file = formattedFile(4);
+    headerOf(file).valueSize = valueSize;
+    headerOf(file).slotSize = slotSize;
+    headerOf(file).checksum = SlotTable::checksum(headerOf(file));
+    EXPECT_THAT(validationError(file), StartsWith("SlotTable::Header::validate() bad slotSize: " +
+                                                  std::to_string(slotSize) + " for valueSize: "))
+        << slotSize;
+  }
+}
+
 TEST(SlotTableFormat, ShortFilesFailOnTheirSizeEvenWithAGoodMagic) {
   auto file = formattedFile(1);
   file.resize(100);  // not even the header: nothing is read from it
@@ -596,6 +610,15 @@ TEST_F(Recovery, ACorruptedFreeListAndCountsAreRebuilt) {
     EXPECT_FALSE(w.validate());
     EXPECT_THAT(w.validationError(),
                 StartsWith("Validator::walkFreeSlots() corrupted free slot not marked as empty: "));
+    // Allocation follows the list into the occupied slot and refuses to hand it out.
+    w.write(makeValue(100, 100));
+    EXPECT_THAT([&] { w.write(makeValue(101, 101)); },
+                ThrowsMessage<CorruptionException>(StartsWith("SlotWriter::alloc() free slot " +
+                                                              std::to_string(occupiedSlot) +
+                                                              " is not free, status: ")));
+    TestValue v;
+    EXPECT_TRUE(w.lookup(TestKey{9}, v));
+    EXPECT_EQ(v, makeValue(9, 9));
   }
   expectRecovered(40, {5, 6});
 }
