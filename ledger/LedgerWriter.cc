@@ -20,7 +20,7 @@ void WriterLock::acquire(const std::string& root, const std::string& table,
     throw InitializationException("SlotWriter::attach() cannot attach to shmem " + probe.path() +
                                   ": " + probe.error());
   }
-  fd_ = ::open(probe.path().c_str(), O_RDWR | O_CLOEXEC);
+  fd_ = ::open(probe.path().c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
   if (fd_ < 0 || ::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
     std::string why = std::strerror(errno);
     release();

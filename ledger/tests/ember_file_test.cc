@@ -70,6 +70,22 @@ TEST_F(Ember, CreatesFilesWithRestrictiveModesUnderTheRoot) {
   EXPECT_FALSE(EmberFile::exists(root, "t", "a"));
 }
 
+// A table file that is a FIFO is refused at once, for reading and for writing: a process that
+// opened it to look would otherwise wait for another one at its far end.
+TEST_F(Ember, AFifoInPlaceOfAFileIsRefusedWithoutWaiting) {
+  ASSERT_EQ(::mkdir((root + "/t").c_str(), 0700), 0);
+  ASSERT_EQ(::mkfifo((root + "/t/slots").c_str(), 0600), 0);
+  TestSupport::ForkedChild child([&](int fd) {
+    for (auto access : {EmberFile::Access::ReadOnly, EmberFile::Access::ReadWrite}) {
+      EmberFile f;
+      if (f.open(root, "t", "slots", access, true)) return 1;
+      if (f.error().find("not a regular file:") == std::string::npos) return 2;
+    }
+    return ::write(fd, "r", 1) == 1 ? 0 : 3;
+  });
+  EXPECT_EQ(child.read(1, 5000), "r") << "open() waited on the FIFO, or did not refuse it";
+}
+
 TEST_F(Ember, GrowthIsSeenByAnotherProcessAndReleasedPagesReadZero) {
   EmberFile writer;
   ASSERT_TRUE(writer.open(root, "t", "data", EmberFile::Access::ReadWrite, true));

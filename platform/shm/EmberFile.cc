@@ -151,7 +151,10 @@ bool EmberFile::open(std::string_view root, std::string_view table, std::string_
   if (create && !makeDirs(joinPath(rootDir, table), mode | 0100 | (mode & 040 ? 010 : 0))) {
     return fail("cannot create folder for");
   }
-  int flags = (writable_ ? O_RDWR : O_RDONLY) | O_CLOEXEC | O_NOFOLLOW;
+  // O_NONBLOCK: whatever sits at the path, opening it does not wait (a FIFO would, for a
+  // process at its far end); what is no regular file is refused below. It changes nothing
+  // for a regular file.
+  int flags = (writable_ ? O_RDWR : O_RDONLY) | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
   fd_ = ::open(path_.c_str(), flags);
   created_ = false;
   if (fd_ < 0 && errno == ENOENT && create && writable_) {
