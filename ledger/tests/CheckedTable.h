@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <sstream>
 #include <string>
@@ -111,13 +113,16 @@ class CheckedTable {
   std::vector<uint32_t> tombstones;  // queue positions of the rewritten keys' first entries
 };
 
+// Who can make a finding: the writer's validator judges by the writer's own state and key
+// type, `ledger validate` from outside by what the files say.
+enum class SeenBy { both, writerOnly, toolOnly };
+
 // One way of breaking a checked table: `apply` breaks it and returns what the validator must
-// report, word for word. `writerOnly`: a finding that only the writer, with its own state and
-// the key type at hand, can make.
+// report, word for word.
 struct Breakage {
   const char* name;
   std::function<std::string(CheckedTable&)> apply;
-  bool writerOnly = false;
+  SeenBy seenBy = SeenBy::both;
 };
 
 inline std::vector<Breakage> breakages() {
@@ -150,7 +155,7 @@ inline std::vector<Breakage> breakages() {
          const_cast<BucketTableHeader&>(t.w.bucketTable().header()).numBuckets = n;
          return "Validator::walkOccupiedSlots() bad numBuckets:" + to_string(n);
        },
-       true},
+       SeenBy::writerOnly},
       {"a chain leads out of the table",
        [](CheckedTable& t) {
          const uint32_t b = t.firstNonEmptyBucket();
@@ -250,7 +255,7 @@ inline std::vector<Breakage> breakages() {
                 " latestSeq:" + latest + " differ from the writer's count:" + to_string(count) +
                 " base:" + base + " latestSeq:" + latest;
        },
-       true},
+       SeenBy::writerOnly},
       {"an entry sits at the queue's base",
        [](CheckedTable& t) {
          const uint32_t pos = t.tombstones[0];
@@ -297,6 +302,38 @@ inline std::vector<Breakage> breakages() {
          return "Validator::doValidate() occupied slot:" + to_string(unused) +
                 " rally pos:" + to_string(pos) + " not its live notification";
        }},
+      {"a slot's rhash puts it in another bucket than its chain's",
+       [](CheckedTable& t) {
+         const uint32_t b = t.firstNonEmptyBucket(), s = t.chain(b).front();
+         t.slot(s).rhash ^= 0x80000000u;  // the lowest bit of its bucket
+         return "Validator::walkOccupiedSlots() corrupt rhash detected, slot: " + to_string(s) +
+                " bucket: " + to_string(b);
+       },
+       SeenBy::toolOnly},
+      {"the queue is settled beyond its count",
+       [](CheckedTable& t) {
+         const uint32_t count = t.w.rally().count();
+         t.files.queue().settled = count + 1;
+         return "Validator::doValidate() rally settled:" + to_string(count + 1) +
+                " count:" + to_string(count);
+       },
+       SeenBy::toolOnly},
+      {"the queue's positions cover fewer slots than the chains hold",
+       [](CheckedTable& t) {
+         uint32_t highest = 0;
+         for (uint32_t b = 0; b < t.w.numBuckets(); ++b) {
+           for (uint32_t s : t.chain(b)) highest = std::max(highest, s);
+         }
+         // The entries move down to where a queue of `highest` positions keeps them.
+         auto& q = t.files.queue();
+         auto* base = reinterpret_cast<uint8_t*>(&q);
+         std::memmove(base + rallyEntriesOffset(highest), base + rallyEntriesOffset(q.slotCapacity),
+                      8 * size_t{q.count});
+         q.slotCapacity = highest;
+         return "Validator::markOccupied() slot: " + to_string(highest) +
+                " has out of range rally slot: " + to_string(highest);
+       },
+       SeenBy::toolOnly},
   };
 }
 

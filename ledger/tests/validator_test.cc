@@ -15,6 +15,7 @@ using namespace LedgerTest;
 // Each breakage on a table of its own: the validator's first finding is the one it caused.
 TEST(ValidatorCheck, EveryFindingIsReportedInItsOwnWords) {
   for (const Breakage& b : breakages()) {
+    if (b.seenBy == SeenBy::toolOnly) continue;
     CheckedTable t;
     const std::string expected = b.apply(t);
     EXPECT_EQ(t.report(), expected) << b.name;
