@@ -84,6 +84,11 @@ class ReaderTable : public ::testing::Test {
         f.open(root_.path(), "routes", name, SharedMem::EmberFile::Access::ReadWrite, false));
     fn(f.base());
   }
+  // The bucket header's count, as such a process would set it.
+  void bucketCountIs(uint32_t n) {
+    patchFile("buckets",
+              [&](uint8_t* base) { reinterpret_cast<BucketTableHeader*>(base)->numBuckets = n; });
+  }
 
   TempRoot root_;
   std::optional<Writer> writer_;
@@ -429,30 +434,23 @@ TEST_F(ReaderTable, BatchedLookupReportsCorruptionPerKey) {
 // reader alike; nothing is read through a count of 0.
 TEST_F(ReaderTable, ABucketCountOfZeroIsReportedNotRead) {
   startWriter(64, 20);
-  uint32_t count = 0;
-  auto countIs = [&](uint32_t n) {
-    patchFile("buckets", [&](uint8_t* base) {
-      auto& header = *reinterpret_cast<BucketTableHeader*>(base);
-      if (count == 0) count = header.numBuckets;
-      header.numBuckets = n;
-    });
-  };
-  countIs(0);
+  const uint32_t count = writer_->numBuckets();
+  bucketCountIs(0);
   Reader early(ReaderConfig{root_.path(), "routes"});
   EXPECT_FALSE(early.initialize());
   EXPECT_THAT(early.error(), ::testing::HasSubstr("bad header numBuckets:0"));
 
-  countIs(count);
+  bucketCountIs(count);
   Reader& reader = attachReader();
   std::vector<std::string> reports;
   reader.corruptionHandlerIs([&](const std::string& why) { reports.push_back(why); });
-  countIs(0);
+  bucketCountIs(0);
   TestValue v;
   for (uint64_t id = 0; id < 20; ++id) EXPECT_FALSE(reader.lookup(TestKey{id}, v));
   EXPECT_FALSE(reader.first(v));
   ASSERT_FALSE(reports.empty());
   EXPECT_THAT(reports.front(), ::testing::HasSubstr("bad header numBuckets:0"));
-  countIs(count);
+  bucketCountIs(count);
   for (uint64_t id = 0; id < 20; ++id) EXPECT_TRUE(reader.lookup(TestKey{id}, v)) << id;
 }
 
@@ -471,16 +469,12 @@ TEST_F(ReaderTable, ABucketFileCutUnderAReaderIsNotReadBeyondItsMapping) {
     whole.assign(std::istreambuf_iterator<char>(in), {});
   }
   ASSERT_EQ(::truncate(path.c_str(), kBucketTableHeaderSize + 8), 0);
-  auto countIs = [&](uint32_t n) {
-    patchFile("buckets",
-              [&](uint8_t* base) { reinterpret_cast<BucketTableHeader*>(base)->numBuckets = n; });
-  };
   std::vector<std::string> reports;
   reader.corruptionHandlerIs([&](const std::string& why) { reports.push_back(why); });
   TestValue v;
-  countIs(2 * count);
+  bucketCountIs(2 * count);
   EXPECT_FALSE(reader.lookup(TestKey{1}, v));
-  countIs(count);
+  bucketCountIs(count);
   for (uint64_t id = 0; id < 3000; id += 7) EXPECT_FALSE(reader.lookup(TestKey{id}, v));
   EXPECT_FALSE(reader.first(v));
   ASSERT_FALSE(reports.empty());
