@@ -28,9 +28,15 @@ struct LiveCorruption : ::testing::Test {
 
   void SetUp() override {
     for (uint64_t id = 0; id < 40; ++id) w.writer.write(makeValue(id, 1));
+    mountShadow(std::chrono::milliseconds(5));
+  }
+  // A new shadow in step with the table, looking at its files every `healthCheck`.
+  void mountShadow(std::chrono::milliseconds healthCheck) {
     Ledger::ShadowOptions options;
     options.mountRetry = std::chrono::milliseconds(5);
-    options.healthCheck = std::chrono::milliseconds(5);
+    options.healthCheck = healthCheck;
+    shadow.reset();
+    log = EventLog();
     shadow = std::make_unique<Shadow>(Ledger::ReaderConfig{root.path(), "routes"}, loop,
                                       log.notifier(), Ledger::Ops<TestKey, TestValue>(), options);
     ASSERT_TRUE(shadow->initialize());
@@ -53,6 +59,25 @@ struct LiveCorruption : ::testing::Test {
     ASSERT_TRUE(
         runUntil(loop, [&] { return trace.has("LedgerShadow::initialize() attached routes"); }));
     expectEqualAfterChanges();
+  }
+  // The control block names a next queue generation whose file `shape` made: it is not that
+  // generation's whole queue. The reader reads none of it and reports `report`; once the
+  // control block names a whole queue again, the shadow re-synchronises.
+  template <class Shape>
+  void expectForgedQueueRefused(const std::string& report, Shape shape) {
+    std::vector<std::string> reported;
+    shadow->corruptionHandlerIs([&](const std::string& why) { reported.push_back(why); });
+    const uint32_t generation = rally.control().generation;
+    EmberFile next;
+    ASSERT_TRUE(next.open(root.path(), "routes", Ledger::rallyQueueName(generation + 1),
+                          EmberFile::Access::ReadWrite, true));
+    shape(next, generation + 1);
+    rally.control().generation = generation + 1;
+    kick();
+    ASSERT_TRUE(runUntil(loop, [&] { return !reported.empty(); }));
+    EXPECT_THAT(reported.front(), ::testing::HasSubstr(report));
+    rally.control().generation = generation;
+    expectResyncedAndEqual("LedgerShadow::resync()");
   }
   // Tells the shadow that something was committed, without a change.
   void kick() {
@@ -85,14 +110,53 @@ TEST_F(LiveCorruption, ACountBelowTheReadersPlaceMakesItResync) {
   expectResyncedAndEqual("RallyReader::doRally() unexpected position in generation:");
 }
 
-// An entry ahead of the shadow carries a sequence it has passed already.
+// The entry just behind the shadow's place now carries a sequence the shadow never consumed:
+// the queue under it is not the one it walked.
+TEST_F(LiveCorruption, AnEntryBehindTheReadersPlaceThatChangedMakesItResync) {
+  uint64_t& word = rally.entries()[w.writer.rally().count() - 1];
+  const uint64_t whole = word;
+  word = Ledger::RallyEntry::wordOf(Ledger::RallyEntry::offsetOf(whole) + 5, uint32_t(whole));
+  kick();
+  ASSERT_TRUE(runUntil(loop, [&] {
+    return trace.has("RallyReader::doRally() unexpected position in generation:") &&
+           shadow->resyncs() > 0;
+  }));
+  word = whole;
+  expectEqualAfterChanges();
+}
+
+// An entry ahead of the shadow carries a sequence it has passed already (the first one), or
+// the very one it consumed last.
 TEST_F(LiveCorruption, AnEntryWhoseSequenceWentBackMakesItResync) {
-  w.writer.write(makeValue(5, 2));
-  const uint32_t pos = w.writer.rally().count() - 1;
-  uint64_t& word = rally.entries()[pos];
-  word = Ledger::RallyEntry::wordOf(1, uint32_t(word));  // offset 1: the first sequence
-  w.flush();
-  expectResyncedAndEqual("RallyReader::doRally() unexpected sequence in generation:");
+  for (const bool repeatLast : {false, true}) {
+    SCOPED_TRACE(repeatLast ? "the last sequence consumed" : "the first sequence");
+    const uint64_t consumed =
+        Ledger::RallyEntry::offsetOf(rally.entries()[w.writer.rally().count() - 1]);
+    const uint64_t resyncs = shadow->resyncs();
+    trace.clear();
+    w.writer.write(makeValue(5, repeatLast ? 3 : 2));
+    uint64_t& word = rally.entries()[w.writer.rally().count() - 1];
+    word = Ledger::RallyEntry::wordOf(repeatLast ? consumed : 1, uint32_t(word));
+    w.flush();
+    ASSERT_TRUE(runUntil(loop, [&] {
+      return trace.has("RallyReader::doRally() unexpected sequence in generation:") &&
+             shadow->resyncs() > resyncs;
+    }));
+    expectEqualAfterChanges();
+  }
+}
+
+// A new writer took the table over (a new incarnation) and may have repaired slots without
+// telling of them: the shadow is not quiesced, and its next kick, before any look at the
+// files, has it synchronise again.
+TEST_F(LiveCorruption, ANewWriterIncarnationIsSeenOnTheNextKick) {
+  mountShadow(std::chrono::hours(1));
+  ++rally.control().incarnation;
+  EXPECT_FALSE(shadow->quiesced());
+  kick();
+  ASSERT_TRUE(runUntil(loop, [&] { return shadow->resyncs() > 0; }));
+  EXPECT_TRUE(trace.has("re-synchronizing local shadow routes: rally queue"));
+  expectEqualAfterChanges();
 }
 
 // A count beyond the queue's capacity would have the reader walk off the end of the file. It
@@ -163,27 +227,31 @@ TEST_F(LiveCorruption, AGenerationWithoutAFileIsReportedAndOutlived) {
   expectRemountedOnceWhole([&] { rally.control().generation = generation; });
 }
 
-// A queue generation whose file is shorter than its header says (a writer makes a file whole
-// before it names it): the reader reads none of it, reports it, and re-synchronises once the
-// control block names a whole queue again.
+// A file shorter than its header says (a writer makes a file whole before it names it).
 TEST_F(LiveCorruption, AQueueFileShorterThanItsHeaderSaysIsReportedNotRead) {
-  std::vector<std::string> reported;
-  shadow->corruptionHandlerIs([&](const std::string& why) { reported.push_back(why); });
-  const uint32_t generation = rally.control().generation;
-  EmberFile next;
-  ASSERT_TRUE(next.open(root.path(), "routes", Ledger::rallyQueueName(generation + 1),
-                        EmberFile::Access::ReadWrite, true));
-  ASSERT_TRUE(next.resize(4096));
-  auto& header = *reinterpret_cast<Ledger::RallyQueueHeader*>(next.base());
-  header = rally.queue();
-  header.generation = generation + 1;
-  header.capacity = 1u << 20;  // 8 MB of entries in a 4 KB file
-  rally.control().generation = generation + 1;
-  kick();
-  ASSERT_TRUE(runUntil(loop, [&] { return !reported.empty(); }));
-  EXPECT_THAT(reported.front(), ::testing::HasSubstr("RallyReader::doResize() failed to resize "));
-  rally.control().generation = generation;
-  expectResyncedAndEqual("LedgerShadow::resync()");
+  expectForgedQueueRefused(
+      "RallyReader::doResize() failed to resize ", [&](EmberFile& next, uint32_t generation) {
+        ASSERT_TRUE(next.resize(4096));
+        auto& header = *reinterpret_cast<Ledger::RallyQueueHeader*>(next.base());
+        header = rally.queue();
+        header.generation = generation;
+        header.capacity = 1u << 20;  // 8 MB of entries in a 4 KB file
+      });
+}
+
+// A whole copy of the current queue, its header still naming its own generation: a stale or
+// stray file under the new name is not taken for the named queue.
+TEST_F(LiveCorruption, AQueueFileOfAnotherGenerationIsNotTaken) {
+  expectForgedQueueRefused(
+      "RallyReader::findPosition() rallySwapped again, generation:",
+      [&](EmberFile& next, uint32_t) {
+        EmberFile current;
+        ASSERT_TRUE(current.open(root.path(), "routes",
+                                 Ledger::rallyQueueName(rally.control().generation),
+                                 EmberFile::Access::ReadOnly, false));
+        ASSERT_TRUE(next.resize(current.size()));
+        std::memcpy(next.base(), current.base(), current.size());
+      });
 }
 
 // A new writer's slot or bucket file whose header does not validate: the shadow maps none of
