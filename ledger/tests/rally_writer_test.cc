@@ -308,14 +308,25 @@ TEST_F(RallyWriterQueue, TheValidatorReportsCorruptEntriesAndBase) {
             "rally pos:0 has out of range slot: 5000");
   corrupted([&] { header.baseSeq += 7; }, "differ from the writer's count:");
   corrupted([&] { header.count -= 1; }, "differ from the writer's count:");
-  // On attach: a base beyond the newest sequence is not adopted.
-  writer->detach();
-  header.baseSeq = files.control().latestSeq + 1;
-  EXPECT_EQ(writer->attach(), Ledger::AttachResult::recovered);
-  lastSeq.clear();
-  expectOneLiveEntryPerSlot();
-  TestValue v;
-  for (uint64_t id = 0; id < 10; ++id) EXPECT_TRUE(writer->lookup(TestKey{id}, v)) << id;
+  // On attach: a queue whose base, or whose newest entry, is beyond the newest sequence is
+  // not adopted (sequences going on from there would run back).
+  auto notAdopted = [&](auto damage) {
+    writer->detach();
+    RallyFiles now = rallyFiles();
+    damage(now);
+    EXPECT_EQ(writer->attach(), Ledger::AttachResult::recovered);
+    EXPECT_FALSE(rally().adopted());
+    lastSeq.clear();
+    expectOneLiveEntryPerSlot();
+    TestValue v;
+    for (uint64_t id = 0; id < 10; ++id) EXPECT_TRUE(writer->lookup(TestKey{id}, v)) << id;
+  };
+  notAdopted([](RallyFiles& f) { f.queue().baseSeq = f.control().latestSeq + 1; });
+  notAdopted([](RallyFiles& f) {
+    const uint64_t newest =
+        f.queue().baseSeq + RallyEntry::offsetOf(f.entries()[f.queue().count - 1]);
+    f.control().latestSeq = newest - 1;
+  });
 }
 
 // Live entries older than a new queue's base are announced again with fresh sequences. A
