@@ -21,6 +21,7 @@
 #include "ledger/RallyReader.h"
 #include "ledger/tests/TestTable.h"
 #include "platform/tests/ForkedChild.h"
+#include "zinc/tests/TestSupport.h"
 
 namespace {
 
@@ -261,6 +262,23 @@ TEST_F(ReaderTable, SlotBeyondMappingMakesItRemap) {
   ASSERT_TRUE(reader.getValue(high, v, &key));
   EXPECT_EQ(v, makeValue(key.id, 1));
   EXPECT_GE(reader.slotTable().mappedSlots(), writer.capacity());
+}
+
+// A new writer made the table anew (a new ember, the same slot size) under an attached reader,
+// and grew it past the reader's mapping. The re-map that the slot asks for finds another
+// table: it is refused, and the new table's slots are not read as the old one's.
+TEST_F(ReaderTable, ARemapOntoATableMadeAnewIsRefused) {
+  startWriter(4, 3);
+  Reader& reader = attachReader();
+  const uint32_t mapped = reader.slotTable().mappedSlots();
+  writer_->slotTable().header().version = 11;  // the next writer re-formats
+  writer_.reset();
+  Writer& anew = startWriter(4, 100);
+  ASSERT_GT(anew.capacity(), mapped);
+  TestValue v;
+  EXPECT_THAT(
+      ZincTest::failureOf<CorruptionException>([&] { reader.getValue(anew.capacity() - 1, v); }),
+      ::testing::HasSubstr("LedgerReader::doResize() failed to re-map"));
 }
 
 TEST_F(ReaderTable, SlotMidRewriteReadsWholeOldValueThenNew) {
