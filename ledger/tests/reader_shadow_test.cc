@@ -252,6 +252,31 @@ TEST_F(ShadowTest, WalksInTableOrderAcrossAShrinkThatMovesKeys) {
 
 // A sync cut into slices can be asked again, stopped, or meet a broken table between two of
 // them. Each case begins with a shadow one slice into its first sync of 20,000 keys.
+// A slot that the writer is rewriting while a shadow syncs (a direct update open): the sync
+// takes the whole old value from the look-aside copy, never the half-written bytes in the
+// slot, and the new value once it is committed.
+TEST_F(ShadowTest, ASyncTakesASlotMidRewriteFromItsLookAsideCopy) {
+  KickingWriter w{root.path(), "routes", 64};
+  for (uint64_t id = 0; id < 40; ++id) w.writer.write(makeValue(id, 1));
+  TestValue* open = w.writer.directUpdate(TestKey{5});
+  ASSERT_NE(open, nullptr);
+  open->version = 2;  // half-written: payload and check still old
+  auto shadow = makeShadow();
+  ASSERT_TRUE(shadow->initialize());
+  ASSERT_TRUE(until([&] { return shadow->inStep(); }));
+  TestValue v;
+  ASSERT_TRUE(shadow->lookup(TestKey{5}, v));
+  EXPECT_EQ(v, makeValue(5, 1));
+  EXPECT_EQ(log.present[5], 1u);
+  *open = makeValue(5, 2);
+  w.writer.directCommit();
+  w.flush();
+  ASSERT_TRUE(settle(*shadow));
+  ASSERT_TRUE(shadow->lookup(TestKey{5}, v));
+  EXPECT_EQ(v, makeValue(5, 2));
+  EXPECT_EQ(log.present[5], 2u);
+}
+
 struct InterruptedSyncTest : ShadowTest {
   void SetUp() override {
     for (uint64_t id = 0; id < 20000; ++id) w.writer.write(makeValue(id, 1));
