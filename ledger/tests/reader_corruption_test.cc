@@ -480,6 +480,27 @@ TEST_F(UndecodableEntry, OnlyBytesThatHeldStillAreReported) {
   }
 }
 
+// A rewrite that begins while a lookup reads the slot in place (LOOKASIDE set, the value half
+// written) and decodes fine: the lookup sees the slot's status move and reads it again,
+// from the look-aside copy, instead of answering with the half-written bytes.
+TEST_F(UndecodableEntry, ALookupThatReadASlotMidRewriteReadsItAgain) {
+  TestValue* open = nullptr;
+  nextTear() = {reader.slotTable().value(reader.findSlot(TestKey{7})),
+                [&] {
+                  open = w.directUpdate(TestKey{7});
+                  open->version = 2;  // half-written: payload and check still old
+                },
+                false};
+  TestValue v;
+  ASSERT_TRUE(reader.lookup(TestKey{7}, v));
+  ASSERT_NE(open, nullptr) << "the lookup met the rewrite";
+  EXPECT_EQ(v, makeValue(7, 1));
+  *open = makeValue(7, 2);
+  w.directCommit();
+  ASSERT_TRUE(reader.lookup(TestKey{7}, v));
+  EXPECT_EQ(v, makeValue(7, 2));
+}
+
 // A walk passes over an entry that does not decode: reported once, and the walk goes on after
 // it, with a hint or without. Without a handler the walk throws it instead.
 TEST_F(UndecodableEntry, AWalkPassesOverIt) {
