@@ -453,6 +453,25 @@ TEST_F(WriterFormat, FixedSizeTablesRefuseAnotherCapacityAndFillUp) {
                         "file has capacity:4")));
 }
 
+// A reader trusts a miss only where every link pair it followed is still the pair it read.
+// Each store into a pair (linking a new slot in, unlinking one, a rewrite leaves it alone)
+// advances its generation by 4, so a pair that got its old link back is still a new pair.
+TEST_F(WriterFormat, EveryLinkStoreAdvancesItsGeneration) {
+  Writer w(config());
+  w.attach();
+  const uint32_t bucket = Ops<TestKey, TestValue>::hash(TestKey{1}) & (w.numBuckets() - 1);
+  const uint64_t& head = w.bucketTable().head(bucket);
+  const uint64_t empty = head;
+  w.write(makeValue(1, 1));
+  const uint64_t linked = head;
+  EXPECT_EQ(generationOf(linked), generationOf(empty) + 4);
+  w.write(makeValue(1, 2));
+  EXPECT_EQ(head, linked) << "a rewrite changes no link";
+  w.remove(TestKey{1});
+  EXPECT_EQ(linkOf(head), linkOf(empty));
+  EXPECT_EQ(generationOf(head), generationOf(empty) + 8);
+}
+
 TEST_F(WriterFormat, OneWriterAtATime) {
   Writer a(config()), b(config());
   a.attach();
