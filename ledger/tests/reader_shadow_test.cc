@@ -250,8 +250,6 @@ TEST_F(ShadowTest, WalksInTableOrderAcrossAShrinkThatMovesKeys) {
   EXPECT_TRUE(log.errors.empty()) << log.errors.front();
 }
 
-// A sync cut into slices can be asked again, stopped, or meet a broken table between two of
-// them. Each case begins with a shadow one slice into its first sync of 20,000 keys.
 // A slot that the writer is rewriting while a shadow syncs (a direct update open): the sync
 // takes the whole old value from the look-aside copy, never the half-written bytes in the
 // slot, and the new value once it is committed.
@@ -277,6 +275,8 @@ TEST_F(ShadowTest, ASyncTakesASlotMidRewriteFromItsLookAsideCopy) {
   EXPECT_EQ(log.present[5], 2u);
 }
 
+// A sync cut into slices can be asked again, stopped, or meet a broken table between two of
+// them. Each case begins with a shadow one slice into its first sync of 20,000 keys.
 struct InterruptedSyncTest : ShadowTest {
   void SetUp() override {
     for (uint64_t id = 0; id < 20000; ++id) w.writer.write(makeValue(id, 1));
