@@ -17,6 +17,7 @@ namespace {
 
 [[noreturn]] void corrupt(const std::string& text) { throw CorruptionException(text); }
 
+// The largest power of two below n, and 1 for n == 1: a one-slot table keeps its slot.
 uint32_t largestPowerOfTwoBelow(uint32_t n) {
   uint32_t p = 1;
   while (p * 2 < n && p < 0x80000000u) p *= 2;
@@ -260,7 +261,7 @@ void SlotWriterTable::updateShrinkThreshold() {
   if (!config_.shrinkEnabled || config_.fixedSize || n <= config_.minSlots) {
     shrinkThreshold_ = 0;
   } else {
-    shrinkThreshold_ = n == 1 ? 1 : largestPowerOfTwoBelow(n);
+    shrinkThreshold_ = largestPowerOfTwoBelow(n);
   }
 }
 
