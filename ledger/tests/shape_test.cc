@@ -53,6 +53,8 @@ TEST(SlabHeaderChecks, InOrderWithTheirMessages) {
       {"SlabHeader::validate() bad shmem size: ", [](auto&, auto& s, auto&) { s -= 1; }},
       {"SlabHeader::validate() bad ember:", [](auto&, auto&, auto& e) { e = 78; }},
       {"SlabHeader::validate() bad highWater: ", [](auto& h, auto&, auto&) { h.highWater = 17; }},
+      {"SlabHeader::validate() bad highWater: ",  // more entries in use than were ever taken
+       [](auto& h, auto&, auto&) { h.numOccupied = h.highWater + 1; }},
       {"SlabHeader::validate() bad freeList: ", [](auto& h, auto&, auto&) { h.freeList = 1; }},
   };
   for (size_t k = 0; k < breaks.size(); ++k) {

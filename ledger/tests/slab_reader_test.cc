@@ -446,6 +446,11 @@ TEST_F(LyingSlabs, TheValidatorFindsAFreeListThatLies) {
   EXPECT_THAT(
       w.writer.validationError(),
       HasSubstr("slab.1 free list entry " + std::to_string(two.index()) + " holds a payload"));
+  // Nor does the writer hand that entry out again: the write fails, and changes nothing.
+  EXPECT_THAT(
+      [&] { w.writer.write(makeViaSet(9, 2, 1)); },
+      ::testing::ThrowsMessage<Ledger::CorruptionException>(
+          "WriterAllocator::alloc() corrupt free list at entry " + std::to_string(two.index())));
   patchValue<uint32_t>(slab(1), entryAt(two), 0);
   ASSERT_TRUE(w.writer.validate()) << w.writer.validationError();
   const uint32_t highWater = w.writer.ops().allocator().slab(1).header().highWater;
