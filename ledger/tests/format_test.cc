@@ -295,6 +295,33 @@ TEST_F(WriterFormat, ForeignKeyInAChainIsReported) {
               StartsWith("Validator::walkOccupiedSlots() corrupt key in slot: "));
 }
 
+// A chain member that is not what its chain says: a key of another bucket stored with that
+// key's own rhash, or a slot that is no longer OCCUPIED. Writes find either before they
+// would change anything.
+TEST_F(WriterFormat, ChainMembersOfAnotherBucketOrNotOccupiedAreReported) {
+  using H = Ops<TestKey, TestValue>;
+  for (const bool occupied : {true, false}) {
+    Writer w(config(occupied ? "foreign" : "vacated"));
+    w.attach();
+    const uint32_t slot = slotIndexOf(w, w.write(makeValue(1, 1)));
+    const uint32_t mask = w.numBuckets() - 1;
+    SlotHeader& s = w.slotTable().slot(slot);
+    if (occupied) {
+      uint64_t other = 2;
+      while ((H::hash(TestKey{other}) & mask) == (H::hash(TestKey{1}) & mask)) ++other;
+      reinterpret_cast<TestValue*>(w.slotTable().value(slot))->k.id = other;
+      s.rhash = reverseBits(H::hash(TestKey{other}));
+    } else {
+      s.status &= ~kOccupied;
+    }
+    EXPECT_THAT([&] { w.write(makeValue(1, 2)); },
+                ThrowsMessage<CorruptionException>(StartsWith(
+                    "WriterHashMap::find() corrupt key detected, slot: " + std::to_string(slot) +
+                    " bucket: ")))
+        << (occupied ? "a key of another bucket" : "a slot not OCCUPIED");
+  }
+}
+
 TEST_F(WriterFormat, BucketsDoubleAboveTheCountAndHalveBelowAQuarter) {
   Writer w(config());
   w.attach();
