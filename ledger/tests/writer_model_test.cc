@@ -154,6 +154,28 @@ TEST_F(WriterModel, BatchWritesEqualOneWriteAtATime) {
   ASSERT_NO_FATAL_FAILURE(checkAll());
 }
 
+// A walk that removes each entry it reaches and writes a new key in its place: the next step's
+// hint then names a slot that holds another key, and the walk must go on from where the
+// removed key was. Every key that was there from the start is reached exactly once.
+TEST_F(WriterModel, AWalkGoesOnWhenItsHintedSlotHoldsAnotherKey) {
+  for (uint64_t id = 0; id < 300; ++id) writer->write(makeValue(id, 1));
+  std::map<uint64_t, int> reached;
+  uint64_t fresh = 1000;
+  TestValue v;
+  uint32_t hint = Ledger::kNoSlot;
+  for (bool more = writer->first(v); more; more = writer->next(v.k, v, &hint)) {
+    if (v.k.id >= 1000) continue;
+    ++reached[v.k.id];
+    ASSERT_TRUE(writer->remove(v.k));
+    const void* stored = writer->write(makeValue(fresh++, 1));
+    if (hint != Ledger::kNoSlot) {
+      ASSERT_EQ(stored, writer->slotTable().value(hint)) << "the new key takes the freed slot";
+    }
+  }
+  ASSERT_EQ(reached.size(), 300u);
+  for (const auto& [id, times] : reached) EXPECT_EQ(times, 1) << "key " << id;
+}
+
 // Keys whose hashes take three values: chains of equal rhashes ordered by key, walked by every
 // rewrite, reshaped as entries are removed, re-added and moved by shrinks. A rewrite must
 // land in its own key's slot.
