@@ -322,6 +322,32 @@ TEST_F(WriterFormat, ChainMembersOfAnotherBucketOrNotOccupiedAreReported) {
   }
 }
 
+// A successor that sorts before the entry it follows (here: a chain's second slot linked back
+// to its first) would walk the table in circles: the step that meets it reports it.
+TEST_F(WriterFormat, AWalkStepThatWouldGoBackInItsChainIsReported) {
+  using H = Ops<TestKey, TestValue>;
+  Writer w(config());
+  w.attach();
+  w.write(makeValue(1, 1));
+  const uint32_t mask = w.numBuckets() - 1, bucket = H::hash(TestKey{1}) & mask;
+  uint64_t other = 2;
+  while ((H::hash(TestKey{other}) & mask) != bucket ||
+         H::hash(TestKey{other}) == H::hash(TestKey{1})) {
+    ++other;
+  }
+  w.write(makeValue(other, 1));
+  ASSERT_EQ(w.numBuckets() - 1, mask);
+  auto& slots = w.slotTable();
+  const uint32_t first = linkOf(w.bucketTable().head(bucket));
+  const uint32_t second = linkOf(slots.slot(first).linkPair);
+  slots.slot(second).linkPair = packLink(0, first);
+  const TestKey last = reinterpret_cast<const TestValue*>(slots.value(second))->k;
+  TestValue v;
+  EXPECT_THAT([&] { w.next(last, v); },
+              ThrowsMessage<CorruptionException>(
+                  "WriterHashMap::next() corrupt rhash detected, slot: " + std::to_string(first)));
+}
+
 TEST_F(WriterFormat, BucketsDoubleAboveTheCountAndHalveBelowAQuarter) {
   Writer w(config());
   w.attach();
