@@ -369,6 +369,36 @@ TEST_F(WriterFormat, BucketsDoubleAboveTheCountAndHalveBelowAQuarter) {
   EXPECT_TRUE(w.validate()) << w.validationError();
 }
 
+// A resize walks every chain from its bucket head: a head that names no slot of the table
+// is reported by the resize, which never indexes anything with it.
+TEST_F(WriterFormat, ABucketHeadBeyondTheSlotsStopsAResize) {
+  using H = Ops<TestKey, TestValue>;
+  const auto bucketOf = [](uint64_t id, uint32_t n) { return H::hash(TestKey{id}) & (n - 1); };
+  Writer w(config());
+  w.attach();
+  for (uint64_t id = 0; id < 4; ++id) w.write(makeValue(id, 1));
+  ASSERT_EQ(w.numBuckets(), 4u);
+  const uint32_t bad = bucketOf(0, 4);
+  uint64_t fifth = 4;
+  while (bucketOf(fifth, 4) == bad) ++fifth;
+  w.bucketTable().head(bad) = packLink(0, 1000);
+  EXPECT_THAT([&] { w.write(makeValue(fifth, 1)); },  // the fifth entry doubles the buckets
+              ThrowsMessage<CorruptionException>(
+                  "WriterHashMap::growBuckets() corrupt link detected, slot: 1000"));
+
+  Writer v(config("shrinking"));
+  v.attach();
+  for (uint64_t id = 0; id < 5; ++id) v.write(makeValue(id, 1));
+  ASSERT_EQ(v.numBuckets(), 8u);
+  for (uint64_t id = 0; id < 3; ++id) v.remove(TestKey{id});
+  uint32_t upper = 4;  // a bucket of the upper half that the last removal does not walk
+  while (upper == bucketOf(3, 8)) ++upper;
+  v.bucketTable().head(upper) = packLink(0, 1000);
+  EXPECT_THAT([&] { v.remove(TestKey{3}); },  // one entry left: below a quarter of 8
+              ThrowsMessage<CorruptionException>(
+                  "WriterHashMap::shrinkBuckets() corrupt link detected, slot: 1000"));
+}
+
 TEST_F(WriterFormat, RewriteKeepsLinksAndAdvancesTheVersionByOne) {
   Writer w(config());
   w.attach();
