@@ -399,6 +399,22 @@ TEST_F(WriterFormat, ABucketHeadBeyondTheSlotsStopsAResize) {
                   "WriterHashMap::shrinkBuckets() corrupt link detected, slot: 1000"));
 }
 
+// The writer's walk index must say what the file says. A link changed behind the writer (here
+// a chain's end stored with another value) leaves every chain in the file sound, and only
+// the comparison with the index finds it.
+TEST_F(WriterFormat, ALinkThatDiffersFromTheWalkIndexFailsValidation) {
+  Writer w(config());
+  w.attach();
+  const uint32_t slot = slotIndexOf(w, w.write(makeValue(1, 1)));
+  ASSERT_TRUE(w.validate()) << w.validationError();
+  uint64_t& pair = w.slotTable().slot(slot).linkPair;
+  ASSERT_TRUE(isEndOfChain(linkOf(pair)));
+  pair = packLink(generationOf(pair), kEndOfChain | 7);
+  EXPECT_FALSE(w.validate());
+  EXPECT_EQ(w.validationError(),
+            "LedgerWriter::validate() walk index differs from slot: " + std::to_string(slot));
+}
+
 TEST_F(WriterFormat, RewriteKeepsLinksAndAdvancesTheVersionByOne) {
   Writer w(config());
   w.attach();
