@@ -23,6 +23,7 @@ using namespace LedgerTest;
 
 // Values in the slots.
 struct SlotValues {
+  static constexpr bool kDirect = true;
   using Value = TestValue;
   using Writer = Ledger::LedgerWriter<TestKey, TestValue>;
   using Reader = Ledger::LedgerReader<TestKey, TestValue>;
@@ -32,6 +33,7 @@ struct SlotValues {
 
 // Values of changing sizes in slabs.
 struct SlabValues {
+  static constexpr bool kDirect = false;  // a slab table has no direct mode
   using Value = ViaSet;
   using Writer = Ledger::LedgerWriter<ViaSetKey, ViaSet, ViaOps>;
   using Reader = Ledger::LedgerReader<ViaSetKey, ViaSet, ViaOps>;
@@ -47,6 +49,36 @@ bool holds(Table& table, uint64_t id, uint64_t version) {
   typename T::Value got{};
   const bool found = table.lookup(T::key(id), got);
   return version == 0 ? !found : found && got == T::value(id, version);
+}
+
+// Direct updates of ids 1..last, round after round, until one finds no room left for its
+// announcement: that one must fail as it opens the slot and change nothing (once a slot is
+// open, its commit cannot fail). Returns "" when all is as it should be, else what is not.
+template <class T>
+std::string updateDirectlyUntilFull(typename T::Writer& w, uint64_t last) {
+  for (uint64_t version = 3; version < 200; ++version) {
+    for (uint64_t id = 1; id <= last; ++id) {
+      typename T::Value before{};
+      if (!w.lookup(T::key(id), before)) return "lost " + std::to_string(id);
+      try {
+        typename T::Value* open = w.directUpdate(T::key(id));
+        *open = T::value(id, version);
+        w.directCommit();
+      } catch (const Ledger::TableFullException&) {
+        typename T::Value after{};
+        if (!w.lookup(T::key(id), after) || !(after == before)) {
+          return "a failed direct update changed " + std::to_string(id);
+        }
+        try {
+          w.directCommit();  // nothing is open: refused
+        } catch (const Zinc::InternalException&) {
+          return "";
+        }
+        return "a failed direct update left the writer in direct mode";
+      }
+    }
+  }
+  return "";
 }
 
 // Writes ids 1, 2, ... until the file system is full; then checks the table and carries on
@@ -97,6 +129,11 @@ std::string fillUntilFull(const std::string& root) {
     }
   }
   if (rewritten == 0) return "no rewrite went through";
+  if constexpr (T::kDirect) {
+    if (std::string problem = updateDirectlyUntilFull<T>(w, acked / 4); !problem.empty()) {
+      return problem;
+    }
+  }
   if (!w.validate()) return "invalid after removals and rewrites";
   return "";
 }
