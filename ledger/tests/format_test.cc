@@ -369,6 +369,19 @@ TEST_F(WriterFormat, BucketsDoubleAboveTheCountAndHalveBelowAQuarter) {
   EXPECT_TRUE(w.validate()) << w.validationError();
 }
 
+// Entries added in direct mode count as any others: the commit that takes the table past
+// its bucket count doubles it.
+TEST_F(WriterFormat, DirectInsertsDoubleTheBucketsAsWritesDo) {
+  Writer w(config());
+  w.attach();
+  for (uint64_t id = 0; id < 5; ++id) {
+    *w.directWrite(TestKey{id}) = makeValue(id, 1);
+    w.directCommit();
+  }
+  EXPECT_EQ(w.numBuckets(), 8u);
+  EXPECT_TRUE(w.validate()) << w.validationError();
+}
+
 // A resize walks every chain from its bucket head: a head that names no slot of the table
 // is reported by the resize, which never indexes anything with it.
 TEST_F(WriterFormat, ABucketHeadBeyondTheSlotsStopsAResize) {
