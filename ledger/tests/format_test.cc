@@ -235,6 +235,14 @@ TEST_F(WriterFormat, EqualRhashKeysAreChainedInKeyOrder) {
   EXPECT_TRUE(w.lookup(CollidingKey{90}, v));
   EXPECT_EQ(v.data, 90u);
   EXPECT_FALSE(w.lookup(CollidingKey{91 * 3 + 300}, v));
+  // Two equal-rhash keys the wrong way round are a chain out of order.
+  const uint32_t first = linkOf(w.bucketTable().head(0));
+  const uint32_t second = linkOf(slots.slot(first).linkPair);
+  std::swap(reinterpret_cast<CollidingValue*>(slots.value(first))->k,
+            reinterpret_cast<CollidingValue*>(slots.value(second))->k);
+  EXPECT_FALSE(w.validate());
+  EXPECT_EQ(w.validationError(), "Validator::walkOccupiedSlots() chain out of order at slot: " +
+                                     std::to_string(second) + " bucket: 0");
 }
 
 // A writer used before it is attached, or after it detached, says so: nothing is mapped to
