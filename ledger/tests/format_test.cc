@@ -190,6 +190,10 @@ class WriterFormat : public ::testing::Test {
   LedgerConfig config(const std::string& table = "t") {
     return tableConfig(root.path(), table, 8, 4);
   }
+  static uint32_t hashOf(uint64_t id) { return Ops<TestKey, TestValue>::hash(TestKey{id}); }
+  static uint32_t bucketOf(uint64_t id, uint32_t numBuckets) {
+    return hashOf(id) & (numBuckets - 1);
+  }
   TempRoot root;
 };
 
@@ -307,18 +311,17 @@ TEST_F(WriterFormat, ForeignKeyInAChainIsReported) {
 // key's own rhash, or a slot that is no longer OCCUPIED. Writes find either before they
 // would change anything.
 TEST_F(WriterFormat, ChainMembersOfAnotherBucketOrNotOccupiedAreReported) {
-  using H = Ops<TestKey, TestValue>;
   for (const bool occupied : {true, false}) {
     Writer w(config(occupied ? "foreign" : "vacated"));
     w.attach();
     const uint32_t slot = slotIndexOf(w, w.write(makeValue(1, 1)));
-    const uint32_t mask = w.numBuckets() - 1;
+    const uint32_t n = w.numBuckets();
     SlotHeader& s = w.slotTable().slot(slot);
     if (occupied) {
       uint64_t other = 2;
-      while ((H::hash(TestKey{other}) & mask) == (H::hash(TestKey{1}) & mask)) ++other;
+      while (bucketOf(other, n) == bucketOf(1, n)) ++other;
       reinterpret_cast<TestValue*>(w.slotTable().value(slot))->k.id = other;
-      s.rhash = reverseBits(H::hash(TestKey{other}));
+      s.rhash = reverseBits(hashOf(other));
     } else {
       s.status &= ~kOccupied;
     }
@@ -333,18 +336,14 @@ TEST_F(WriterFormat, ChainMembersOfAnotherBucketOrNotOccupiedAreReported) {
 // A successor that sorts before the entry it follows (here: a chain's second slot linked back
 // to its first) would walk the table in circles: the step that meets it reports it.
 TEST_F(WriterFormat, AWalkStepThatWouldGoBackInItsChainIsReported) {
-  using H = Ops<TestKey, TestValue>;
   Writer w(config());
   w.attach();
   w.write(makeValue(1, 1));
-  const uint32_t mask = w.numBuckets() - 1, bucket = H::hash(TestKey{1}) & mask;
+  const uint32_t n = w.numBuckets(), bucket = bucketOf(1, n);
   uint64_t other = 2;
-  while ((H::hash(TestKey{other}) & mask) != bucket ||
-         H::hash(TestKey{other}) == H::hash(TestKey{1})) {
-    ++other;
-  }
+  while (bucketOf(other, n) != bucket || hashOf(other) == hashOf(1)) ++other;
   w.write(makeValue(other, 1));
-  ASSERT_EQ(w.numBuckets() - 1, mask);
+  ASSERT_EQ(w.numBuckets(), n);
   auto& slots = w.slotTable();
   const uint32_t first = linkOf(w.bucketTable().head(bucket));
   const uint32_t second = linkOf(slots.slot(first).linkPair);
@@ -393,8 +392,6 @@ TEST_F(WriterFormat, DirectInsertsDoubleTheBucketsAsWritesDo) {
 // A resize walks every chain from its bucket head: a head that names no slot of the table
 // is reported by the resize, which never indexes anything with it.
 TEST_F(WriterFormat, ABucketHeadBeyondTheSlotsStopsAResize) {
-  using H = Ops<TestKey, TestValue>;
-  const auto bucketOf = [](uint64_t id, uint32_t n) { return H::hash(TestKey{id}) & (n - 1); };
   Writer w(config());
   w.attach();
   for (uint64_t id = 0; id < 4; ++id) w.write(makeValue(id, 1));
@@ -600,7 +597,7 @@ TEST_F(WriterFormat, FixedSizeTablesRefuseAnotherCapacityAndFillUp) {
 TEST_F(WriterFormat, EveryLinkStoreAdvancesItsGeneration) {
   Writer w(config());
   w.attach();
-  const uint32_t bucket = Ops<TestKey, TestValue>::hash(TestKey{1}) & (w.numBuckets() - 1);
+  const uint32_t bucket = bucketOf(1, w.numBuckets());
   const uint64_t& head = w.bucketTable().head(bucket);
   const uint64_t empty = head;
   w.write(makeValue(1, 1));

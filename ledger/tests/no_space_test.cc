@@ -23,7 +23,7 @@ using namespace LedgerTest;
 
 // Values in the slots.
 struct SlotValues {
-  static constexpr bool kDirect = true;
+  static constexpr bool kDirect = Ledger::Ops<TestKey, TestValue>::kDirect;
   using Value = TestValue;
   using Writer = Ledger::LedgerWriter<TestKey, TestValue>;
   using Reader = Ledger::LedgerReader<TestKey, TestValue>;
@@ -33,7 +33,7 @@ struct SlotValues {
 
 // Values of changing sizes in slabs.
 struct SlabValues {
-  static constexpr bool kDirect = false;  // a slab table has no direct mode
+  static constexpr bool kDirect = ViaOps::kDirect;
   using Value = ViaSet;
   using Writer = Ledger::LedgerWriter<ViaSetKey, ViaSet, ViaOps>;
   using Reader = Ledger::LedgerReader<ViaSetKey, ViaSet, ViaOps>;
@@ -51,9 +51,10 @@ bool holds(Table& table, uint64_t id, uint64_t version) {
   return version == 0 ? !found : found && got == T::value(id, version);
 }
 
-// Direct updates of ids 1..last, round after round, until one finds no room left for its
-// announcement: that one must fail as it opens the slot and change nothing (once a slot is
-// open, its commit cannot fail). Returns "" when all is as it should be, else what is not.
+// Direct updates of ids 1..last, round after round (200 at most: where removals gave back
+// enough room they never run out), until one finds no room left for its announcement: that
+// one must fail as it opens the slot and change nothing (once a slot is open, its commit
+// cannot fail). Returns "" when all is as it should be, else what is not.
 template <class T>
 std::string updateDirectlyUntilFull(typename T::Writer& w, uint64_t last) {
   for (uint64_t version = 3; version < 200; ++version) {
