@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <utility>
 
 #include "ledger/Exceptions.h"
 #include "ledger/Ops.h"
@@ -43,11 +44,9 @@ struct DecodingOps : Ledger::Ops<TestKey, TestValue> {
   static void checkTear(const uint8_t* stored) {
     Tear& tear = nextTear();
     if (tear.rewrite && stored == tear.at) {
-      const std::function<void()> rewrite = std::move(tear.rewrite);
-      const bool torn = tear.torn;
-      tear = {};
-      rewrite();
-      if (torn) throw Ledger::CorruptionException("DecodingOps: bytes torn by a rewrite");
+      const Tear met = std::exchange(tear, {});  // once: cleared before the rewrite runs
+      met.rewrite();
+      if (met.torn) throw Ledger::CorruptionException("DecodingOps: bytes torn by a rewrite");
     }
   }
   static void checkVersion(const uint8_t* stored) {
