@@ -434,8 +434,69 @@ struct Report {
   bool allInStep = true;
 };
 
+// One line of the writer agent's: progress, a phase's census, a table's validation, or the
+// bytes its tables take.
+void onWriterLine(const std::string& line, Report& r) {
+  std::istringstream in(line);
+  std::string word, name;
+  in >> word;
+  if (word == "progress") {
+    uint64_t n;
+    in >> name >> n;
+    std::printf("  writer: %s %lu routes\n", name.c_str(), (unsigned long)n);
+  } else if (word == "phase") {
+    uint64_t changes;
+    int64_t ns;
+    in >> name >> changes >> ns;
+    Census c = Census::parse(in);
+    char text[256];
+    std::snprintf(text, sizeof(text),
+                  "%-8s %9lu changes in %.3f s (%.0f/s): %lu routes, %lu via sets, %lu vias",
+                  name.c_str(), (unsigned long)changes, seconds(ns),
+                  ns ? double(changes) / seconds(ns) : 0.0, (unsigned long)c.routes,
+                  (unsigned long)c.viaSets, (unsigned long)c.vias);
+    std::printf("  writer: %s\n", text);
+    r.phases.push_back(text);
+  } else if (word == "validate") {
+    std::string table, verdict;
+    in >> table >> verdict;
+    ++r.tables;
+    if (verdict != "ok") {
+      ++r.failed;
+      std::printf("  validation FAILED: %s\n", table.c_str());
+    }
+  } else if (word == "bytes") {
+    in >> r.bytes;
+  }
+}
+
+// One line of the reader agent's: in step after a phase, or stuck.
+void onReaderLine(const std::string& line, Report& r) {
+  std::istringstream in(line);
+  std::string word, name;
+  if (line.starts_with("stuck ")) {
+    in >> word >> name;
+    std::string censuses;
+    std::getline(in >> std::ws, censuses);
+    std::printf("  reader: NOT in step %.0f s after %s (census read / written: %s)\n",
+                seconds(kInStepDeadlineNs), name.c_str(), censuses.c_str());
+    r.allInStep = false;
+    return;
+  }
+  int64_t ns;
+  uint64_t notes;
+  in >> word >> name >> ns >> notes;
+  char text[160];
+  std::snprintf(text, sizeof(text),
+                "reader in step and equal after %s, %.4f s after the "
+                "last write (%lu route notifications so far)",
+                name.c_str(), seconds(ns), (unsigned long)notes);
+  std::printf("  reader: %s\n", text);
+  r.phases.push_back(text);
+}
+
+// Prints what both agents report, as they report it, until both have closed their pipes.
 void follow(int fromWriter, int fromReader, Report& r) {
-  std::map<std::string, std::string> pending;  // phase -> writer's line, until the reader's
   bool writerOpen = true, readerOpen = true;
   while (writerOpen || readerOpen) {
     fd_set fds;
@@ -444,72 +505,63 @@ void follow(int fromWriter, int fromReader, Report& r) {
     if (readerOpen) FD_SET(fromReader, &fds);
     if (::select(std::max(fromWriter, fromReader) + 1, &fds, nullptr, nullptr, nullptr) < 0) break;
     if (writerOpen && FD_ISSET(fromWriter, &fds)) {
-      auto line = readLine(fromWriter);
-      if (!line) {
+      if (auto line = readLine(fromWriter)) {
+        onWriterLine(*line, r);
+      } else {
         writerOpen = false;
-        continue;
-      }
-      std::istringstream in(*line);
-      std::string word, name;
-      in >> word;
-      if (word == "progress") {
-        uint64_t n;
-        in >> name >> n;
-        std::printf("  writer: %s %lu routes\n", name.c_str(), (unsigned long)n);
-      } else if (word == "phase") {
-        uint64_t changes;
-        int64_t ns;
-        in >> name >> changes >> ns;
-        Census c = Census::parse(in);
-        char text[256];
-        std::snprintf(text, sizeof(text),
-                      "%-8s %9lu changes in %.3f s (%.0f/s): %lu routes, %lu via sets, %lu vias",
-                      name.c_str(), (unsigned long)changes, seconds(ns),
-                      ns ? double(changes) / seconds(ns) : 0.0, (unsigned long)c.routes,
-                      (unsigned long)c.viaSets, (unsigned long)c.vias);
-        std::printf("  writer: %s\n", text);
-        r.phases.push_back(text);
-      } else if (word == "validate") {
-        std::string table, verdict;
-        in >> table >> verdict;
-        ++r.tables;
-        if (verdict != "ok") {
-          ++r.failed;
-          std::printf("  validation FAILED: %s\n", table.c_str());
-        }
-      } else if (word == "bytes") {
-        in >> r.bytes;
       }
     }
     if (readerOpen && FD_ISSET(fromReader, &fds)) {
-      auto line = readLine(fromReader);
-      if (!line) {
+      if (auto line = readLine(fromReader)) {
+        onReaderLine(*line, r);
+      } else {
         readerOpen = false;
-        continue;
       }
-      std::istringstream in(*line);
-      std::string word, name;
-      if (line->starts_with("stuck ")) {
-        in >> word >> name;
-        std::string censuses;
-        std::getline(in >> std::ws, censuses);
-        std::printf("  reader: NOT in step %.0f s after %s (census read / written: %s)\n",
-                    seconds(kInStepDeadlineNs), name.c_str(), censuses.c_str());
-        r.allInStep = false;
-        continue;
-      }
-      int64_t ns;
-      uint64_t notes;
-      in >> word >> name >> ns >> notes;
-      char text[160];
-      std::snprintf(text, sizeof(text),
-                    "reader in step and equal after %s, %.4f s after the "
-                    "last write (%lu route notifications so far)",
-                    name.c_str(), seconds(ns), (unsigned long)notes);
-      std::printf("  reader: %s\n", text);
-      r.phases.push_back(text);
     }
     std::fflush(stdout);
+  }
+}
+
+// The tables as any other process sees them: `ledger validate` on each, read-only. Returns
+// the number that failed; `checked` counts them all.
+uint32_t validateTables(const std::string& base, uint32_t& checked) {
+  uint32_t invalid = 0;
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator(base, ec)) {
+    if (!entry.is_directory()) continue;
+    std::ostringstream out, err;
+    int rc =
+        LedgerTool::run({"--root", base, "validate", entry.path().filename().string()}, out, err);
+    ++checked;
+    if (rc != 0) {
+      ++invalid;
+      std::printf("  ledger validate %s: %s%s", entry.path().filename().c_str(), out.str().c_str(),
+                  err.str().c_str());
+    }
+  }
+  return invalid;
+}
+
+void printSummary(const Report& r, uint32_t checked, uint32_t invalid) {
+  std::printf("\nsummary\n");
+  for (const auto& p : r.phases) std::printf("  %s\n", p.c_str());
+  std::printf("  shared memory: %.1f MB (%lu bytes)\n", double(r.bytes) / 1e6,
+              (unsigned long)r.bytes);
+  std::printf("  validation by the writer: %u tables, %u failed\n", r.tables, r.failed);
+  std::printf("  ledger validate: %u tables, %u failed\n", checked, invalid);
+}
+
+// Keeps the tables for a look with the `ledger` tool (--keep), or removes them.
+void keepOrRemove(const Options& o) {
+  if (o.keep) {
+    std::printf("  tables kept under %s; look at them with:\n", o.root.c_str());
+    std::printf("    build/tools/ledger/ledger --root %s ls\n", o.root.c_str());
+    std::printf("    build/tools/ledger/ledger --root %s dump lfib/demo/lfibRoute\n",
+                o.root.c_str());
+  } else {
+    std::error_code ec;
+    std::filesystem::remove_all(o.root, ec);
+    std::printf("  tables removed (--keep keeps them)\n");
   }
 }
 
@@ -544,40 +596,11 @@ int main(int argc, char** argv) {
             WEXITSTATUS(readerStatus) == 0 && report.failed == 0 && report.tables > 0 &&
             report.allInStep;
 
-  // The tables as any other process sees them: `ledger validate` on each, read-only.
-  const std::string base = o.root + "/lfib/demo";
-  uint32_t checked = 0, invalid = 0;
-  std::error_code ec;
-  for (const auto& entry : std::filesystem::directory_iterator(base, ec)) {
-    if (!entry.is_directory()) continue;
-    std::ostringstream out, err;
-    int rc =
-        LedgerTool::run({"--root", base, "validate", entry.path().filename().string()}, out, err);
-    ++checked;
-    if (rc != 0) {
-      ++invalid;
-      std::printf("  ledger validate %s: %s%s", entry.path().filename().c_str(), out.str().c_str(),
-                  err.str().c_str());
-    }
-  }
+  uint32_t checked = 0;
+  const uint32_t invalid = validateTables(o.root + "/lfib/demo", checked);
   ok = ok && checked > 0 && invalid == 0;
-
-  std::printf("\nsummary\n");
-  for (const auto& p : report.phases) std::printf("  %s\n", p.c_str());
-  std::printf("  shared memory: %.1f MB (%lu bytes)\n", double(report.bytes) / 1e6,
-              (unsigned long)report.bytes);
-  std::printf("  validation by the writer: %u tables, %u failed\n", report.tables, report.failed);
-  std::printf("  ledger validate: %u tables, %u failed\n", checked, invalid);
-  if (o.keep) {
-    std::printf("  tables kept under %s; look at them with:\n", o.root.c_str());
-    std::printf("    build/tools/ledger/ledger --root %s ls\n", o.root.c_str());
-    std::printf("    build/tools/ledger/ledger --root %s dump lfib/demo/lfibRoute\n",
-                o.root.c_str());
-  } else {
-    std::error_code ec;
-    std::filesystem::remove_all(o.root, ec);
-    std::printf("  tables removed (--keep keeps them)\n");
-  }
+  printSummary(report, checked, invalid);
+  keepOrRemove(o);
   if (!ok) {
     std::printf("  writer agent exit %d, reader agent exit %d\n", writerStatus, readerStatus);
   }
