@@ -87,44 +87,20 @@ class Syncer {
       ZTRACE_TO(ShadowDetail::trace(), 0, "Syncer unexpectedly stopped syncing");
       return;
     }
-    if (hooks_.notificationsEnabled && !hooks_.notificationsEnabled()) {
-      // The walk waits, looking again every 10 ms, so that what it finds is told once
-      // notifications are back. Said once per wait.
-      if (!waiting_) {
-        ZTRACE_TO(ShadowDetail::trace(), 3, "Syncer::doSync() notifications temporarily disabled");
-      }
-      waiting_ = true;
-      retryTimer_ =
-          loop_.timerAfter(std::chrono::milliseconds(10), [this, alive = alive_, epoch = epoch_] {
-            if (*alive && epoch == epoch_) doSync();
-          });
-      return;
-    }
-    waiting_ = false;
+    if (waitsForNotifications()) return;
     if (currentSlot_ == 0) {
       ZTRACE_TO(ShadowDetail::trace(), 3, "Syncer::doSync() Syncing, resync:" << resync_);
     }
     ++slices_;
-    const auto deadline = std::chrono::steady_clock::now() + yieldTime_;
-    const uint64_t epoch = epoch_;
     try {
-      uint32_t end = hooks_.slotsToWalk();
-      while (currentSlot_ < end) {
-        const uint32_t upTo = std::min(end, (currentSlot_ | (kStride - 1)) + 1);
-        const uint32_t reached = hooks_.doSlots(currentSlot_, upTo);
-        if (epoch != epoch_) return;  // restarted or interrupted from a notification
-        currentSlot_ = reached;
-        if (std::chrono::steady_clock::now() >= deadline) break;
-        end = hooks_.slotsToWalk();
-      }
-      if (currentSlot_ < end) {
-        std::chrono::duration<double> took = std::chrono::steady_clock::now() - started_;
-        ZTRACE_TO(ShadowDetail::trace(), 7,
-                  "Syncer::doSync() Synced " << took.count()
-                                             << " seconds, currentSlot:" << currentSlot_ << " ("
-                                             << end - currentSlot_ << " slots remaining)");
-        schedule();
-        return;
+      switch (walkSlice()) {
+        case Slice::stopped:
+          return;
+        case Slice::more:
+          schedule();
+          return;
+        case Slice::done:
+          break;
       }
     } catch (const CorruptionException& e) {
       ZTRACE_TO(ShadowDetail::trace(), 0, "Syncer::doSync() corruption detected: " << e.what());
@@ -134,6 +110,47 @@ class Syncer {
     }
     syncing_ = false;
     hooks_.done();
+  }
+
+  // While notifications are disabled the walk waits, looking again every 10 ms, so that what
+  // it finds is told once they are back. Said once per wait.
+  bool waitsForNotifications() {
+    if (!hooks_.notificationsEnabled || hooks_.notificationsEnabled()) {
+      waiting_ = false;
+      return false;
+    }
+    if (!waiting_) {
+      ZTRACE_TO(ShadowDetail::trace(), 3, "Syncer::doSync() notifications temporarily disabled");
+    }
+    waiting_ = true;
+    retryTimer_ =
+        loop_.timerAfter(std::chrono::milliseconds(10), [this, alive = alive_, epoch = epoch_] {
+          if (*alive && epoch == epoch_) doSync();
+        });
+    return true;
+  }
+
+  enum class Slice { done, more, stopped };
+  // Walks slots in strides until the table's end or the yield time: `more` when slots are
+  // left for the next slice, `stopped` when a notification restarted or interrupted the walk.
+  Slice walkSlice() {
+    const auto deadline = std::chrono::steady_clock::now() + yieldTime_;
+    const uint64_t epoch = epoch_;
+    uint32_t end = hooks_.slotsToWalk();
+    while (currentSlot_ < end) {
+      const uint32_t upTo = std::min(end, (currentSlot_ | (kStride - 1)) + 1);
+      const uint32_t reached = hooks_.doSlots(currentSlot_, upTo);
+      if (epoch != epoch_) return Slice::stopped;
+      currentSlot_ = reached;
+      if (std::chrono::steady_clock::now() >= deadline) break;
+      end = hooks_.slotsToWalk();
+    }
+    if (currentSlot_ >= end) return Slice::done;
+    std::chrono::duration<double> took = std::chrono::steady_clock::now() - started_;
+    ZTRACE_TO(ShadowDetail::trace(), 7,
+              "Syncer::doSync() Synced " << took.count() << " seconds, currentSlot:" << currentSlot_
+                                         << " (" << end - currentSlot_ << " slots remaining)");
+    return Slice::more;
   }
 
   Zinc::Loop& loop_;
