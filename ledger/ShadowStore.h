@@ -341,54 +341,66 @@ class ShadowStore {
   // they fill, and evict the hash map for it.
   template <class Stop>
   uint32_t syncGroup(uint32_t first, uint32_t end, bool notifying, Stop& stop) {
-    const SlotReaderTable& table = reader_.slotTable();
-    const uint32_t size = valueSize();
-    std::array<uint32_t, kBulkGroup> status;
-    std::array<uint32_t, kBulkGroup> rhashes;
-    std::array<Key, kBulkGroup> keys;
     static_assert(kBulkGroup <= 32, "one bit a slot of the group");
+    BulkGroup group;
     const bool stream = SlotKind::kValues && !(notifying && notify_.onKey);
     bulkFirst_ = first;
     bulkCopied_ = 0;
-    if constexpr (!SlotKind::kValues) groupCopies_.resize(uint64_t{kBulkGroup} * size);
-    for (uint32_t slot = first; slot < end; ++slot) {
-      if (slot % kPopulateChunk == 0) table.populate(slot + kPopulateChunk, kPopulateChunk);
-      status[slot - first] = Shm::load(table.slot(slot).status, std::memory_order_acquire);
-      if (settled(status[slot - first]) && !entries_[slot].occupied) {
-        const uint8_t* from = table.value(slot);
-        if (stream) {
-          streamCopy(copyPlace(slot, first), from, size);
-        } else {
-          std::memcpy(copyPlace(slot, first), from, size);
-        }
-        if (!keyOfUnconfirmed(from, keys[slot - first])) continue;  // doSlot reads it again
-        rhashes[slot - first] = rhashOf(keys[slot - first]);
-        map_.prefetch(rhashes[slot - first]);
-        bulkCopied_ |= 1u << (slot - first);
-      }
-    }
+    if constexpr (!SlotKind::kValues) groupCopies_.resize(uint64_t{kBulkGroup} * valueSize());
+    copyGroup(first, end, stream, group);
     if (stream) streamFence();
     // Acquire fence: the copies above are ordered before the status words' second loads.
     std::atomic_thread_fence(std::memory_order_acquire);
+    const uint32_t reached = takeGroup(first, end, notifying, stop, group);
+    bulkCopied_ = 0;
+    return reached;
+  }
+  struct BulkGroup {
+    std::array<uint32_t, kBulkGroup> status;   // each slot's status word, as first loaded
+    std::array<uint32_t, kBulkGroup> rhashes;  // of the keys copied (bulkCopied_)
+    std::array<Key, kBulkGroup> keys;
+  };
+  // syncGroup's first pass: each slot's status word and, for a settled slot that the shadow
+  // does not hold, a copy of its value, its key and the fetch of that key's bucket.
+  void copyGroup(uint32_t first, uint32_t end, bool stream, BulkGroup& group) {
+    const SlotReaderTable& table = reader_.slotTable();
+    const uint32_t size = valueSize();
     for (uint32_t slot = first; slot < end; ++slot) {
-      const uint32_t was = status[slot - first];
+      const uint32_t at = slot - first;
+      if (slot % kPopulateChunk == 0) table.populate(slot + kPopulateChunk, kPopulateChunk);
+      group.status[at] = Shm::load(table.slot(slot).status, std::memory_order_acquire);
+      if (!settled(group.status[at]) || entries_[slot].occupied) continue;
+      const uint8_t* from = table.value(slot);
+      if (stream) {
+        streamCopy(copyPlace(slot, first), from, size);
+      } else {
+        std::memcpy(copyPlace(slot, first), from, size);
+      }
+      if (!keyOfUnconfirmed(from, group.keys[at])) continue;  // doSlot reads it again
+      group.rhashes[at] = rhashOf(group.keys[at]);
+      map_.prefetch(group.rhashes[at]);
+      bulkCopied_ |= 1u << at;
+    }
+  }
+  // syncGroup's second pass: the status words again. Returns the slot after the last one done.
+  template <class Stop>
+  uint32_t takeGroup(uint32_t first, uint32_t end, bool notifying, Stop& stop,
+                     const BulkGroup& group) {
+    const SlotReaderTable& table = reader_.slotTable();
+    for (uint32_t slot = first; slot < end; ++slot) {
+      const uint32_t at = slot - first, was = group.status[at];
       const bool held = Shm::load(table.slot(slot).status, std::memory_order_relaxed) == was;
       const uint64_t before = notifications_;
       // Only a copy still whole is taken: a slot that an earlier slot of the group vacated
       // since (its entry moved there) was not copied, and one filled since has lost its copy
       // (fill() drops the bit); both are read afresh.
-      if (held && (bulkCopied_ >> (slot - first) & 1) && !entries_[slot].occupied) {
-        takeCopied(slot, keys[slot - first], rhashes[slot - first], copyPlace(slot, first),
-                   notifying);
+      if (held && (bulkCopied_ >> at & 1) && !entries_[slot].occupied) {
+        takeCopied(slot, group.keys[at], group.rhashes[at], copyPlace(slot, first), notifying);
       } else if (!held || (was & kOccupied) || entries_[slot].occupied) {
         doSlot(slot, 0, notifying);
       }  // else free in both: nothing to do
-      if (halted(before, notifying, stop)) {
-        bulkCopied_ = 0;
-        return slot + 1;
-      }
+      if (halted(before, notifying, stop)) return slot + 1;
     }
-    bulkCopied_ = 0;
     return end;
   }
   static bool settled(uint32_t status) { return (status & (kOccupied | kLookaside)) == kOccupied; }
