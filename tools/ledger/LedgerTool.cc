@@ -683,6 +683,24 @@ std::string jsonEscaped(const std::string& text) {
   return out;
 }
 
+// One entry of `ledger dump`: typed when its record type is known (lfib/LfibStoredText.h),
+// as hex otherwise; `first` for the first of a JSON list.
+void printEntry(const Options& o, std::ostream& out, const Table& t, uint32_t slot, uint32_t status,
+                uint32_t rhash, const std::vector<uint8_t>& stored, bool first) {
+  const auto [bytes, size] = t.valueOf(stored);
+  std::optional<std::string> text =
+      Mpls::storedValueText(SlotTable::typeName(t.slots.header().valueTypeName), bytes, size);
+  if (o.json) {
+    out << (first ? "\n" : ",\n") << "  {\"slot\": " << slot << ", \"version\": " << (status >> 2)
+        << ", \"rhash\": \"" << hex32(rhash) << "\", \"value\": \"" << hex(bytes, size) << "\"";
+    if (text) out << ", \"text\": \"" << jsonEscaped(*text) << "\"";
+    out << "}";
+  } else {
+    out << "slot " << slot << " version " << (status >> 2) << " rhash " << hex32(rhash) << " "
+        << (text ? *text : hex(bytes, size)) << "\n";
+  }
+}
+
 int dump(const Options& o, std::ostream& out, std::ostream& err) {
   Table t;
   if (int rc = open(o, t, err)) return rc;
@@ -703,21 +721,7 @@ int dump(const Options& o, std::ostream& out, std::ostream& err) {
       err << "ledger dump: slot " << i << ": " << e.what() << "\n";
       continue;
     }
-    // Records of a known type print typed (lfib/LfibStoredText.h), others as hex.
-    const auto [bytes, size] = t.valueOf(stored);
-    std::optional<std::string> text =
-        Mpls::storedValueText(SlotTable::typeName(t.slots.header().valueTypeName), bytes, size);
-    if (o.json) {
-      out << (shown == 0 ? "\n" : ",\n") << "  {\"slot\": " << i
-          << ", \"version\": " << (status >> 2) << ", \"rhash\": \"" << hex32(rhash)
-          << "\", \"value\": \"" << hex(bytes, size) << "\"";
-      if (text) out << ", \"text\": \"" << jsonEscaped(*text) << "\"";
-      out << "}";
-    } else {
-      out << "slot " << i << " version " << (status >> 2) << " rhash " << hex32(rhash) << " "
-          << (text ? *text : hex(bytes, size)) << "\n";
-    }
-    ++shown;
+    printEntry(o, out, t, i, status, rhash, stored, shown++ == 0);
   }
   if (o.json) out << (shown == 0 ? "" : "\n") << "]}\n";
   // Slots read one at a time may disagree with the header while a writer works; otherwise
