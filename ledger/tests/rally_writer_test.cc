@@ -76,6 +76,20 @@ class RallyWriterQueue : public SmallTable {
       EXPECT_EQ(rally().entry(rally().position(slot)).sequence, seq) << "slot " << slot;
     }
   }
+  // Ten keys whose entries keep their sequences (base 0), adopted by the writer after the
+  // newest sequence has moved on to `headroom` short of the last offset, as if that many
+  // notifications had gone to other slots since.
+  void adoptWithOffsetsNearlyUsedUp(uint64_t headroom) {
+    for (uint64_t id = 0; id < 10; ++id) write(id, 1);
+    writer->detach();
+    {
+      RallyFiles files = rallyFiles();
+      ASSERT_EQ(files.queue().baseSeq, 0u);
+      files.control().latestSeq = Ledger::kMaxRallyOffset - headroom;
+    }
+    ASSERT_EQ(writer->attach(), Ledger::AttachResult::existing) << writer->validationError();
+    lastSeq.clear();
+  }
   // The queue files as they are in shared memory.
   RallyFiles rallyFiles() { return RallyFiles(root.path(), "rally"); }
 
@@ -231,18 +245,8 @@ TEST_F(RallyWriterQueue, AReaderDecodesTheEntriesTheWriterAppended) {
 // the append that would not fit swaps first, and the swap announces those entries again
 // above a new base. No offset wraps: every slot's live entry carries its latest sequence.
 TEST_F(RallyWriterQueue, AnAppendThatWouldOverflowItsOffsetSwapsFirst) {
-  for (uint64_t id = 0; id < 10; ++id) write(id, 1);
-  writer->detach();
   const uint64_t headroom = 5;
-  {
-    // The entries keep their sequences (base 0); the newest sequence moves on to 2^32 - 6,
-    // as if that many notifications had gone to other slots since.
-    RallyFiles files = rallyFiles();
-    ASSERT_EQ(files.queue().baseSeq, 0u);
-    files.control().latestSeq = Ledger::kMaxRallyOffset - headroom;
-  }
-  ASSERT_EQ(writer->attach(), Ledger::AttachResult::existing) << writer->validationError();
-  lastSeq.clear();
+  ASSERT_NO_FATAL_FAILURE(adoptWithOffsetsNearlyUsedUp(headroom));
   const uint64_t compactions = rally().compactions();
   for (uint64_t n = 0; n < headroom; ++n) write(20 + n, 1);
   EXPECT_EQ(rally().compactions(), compactions) << "the offsets still fit";
@@ -255,6 +259,18 @@ TEST_F(RallyWriterQueue, AnAppendThatWouldOverflowItsOffsetSwapsFirst) {
   expectOneLiveEntryPerSlot();
   TestValue v;
   for (uint64_t id = 0; id < 10; ++id) EXPECT_TRUE(writer->lookup(TestKey{id}, v)) << id;
+}
+
+// A reservation can swap the queue too, with no write after it: the entries that the swap
+// announced again are covered by the newest sequence in the control block at once, not only
+// from the next write on.
+TEST_F(RallyWriterQueue, EntriesAnnouncedAgainByAReservationAreCoveredAtOnce) {
+  const uint64_t headroom = 5;
+  ASSERT_NO_FATAL_FAILURE(adoptWithOffsetsNearlyUsedUp(headroom));
+  writer->reserveChanges(headroom + 1);
+  ASSERT_EQ(rally().reannounced(), 10u);
+  EXPECT_EQ(rallyFiles().control().latestSeq, writer->sequence());
+  EXPECT_TRUE(writer->validate()) << writer->validationError();
 }
 
 // A newest sequence that no count of notifications reaches (the fuzzer found 2^64 - 1, whose
