@@ -25,6 +25,7 @@
 
 #include <array>
 #include <deque>
+#include <map>
 #include <memory>
 #include <span>
 #include <unordered_map>
@@ -96,6 +97,9 @@ class LfibWriter : public Zinc::PtrInterface {
   // Writes the route's vias (the writeVias of its via type); the keys it added go to `added`.
   void writeViasOfType(const ConsolidatedLfibRoute& route, OldRoute& old, LfibViaSet& viaSet,
                        LfibViaIndexAllocator& allocator, std::vector<LfibViaKey>& added);
+  template <class Via>
+  std::map<Via, LfibViaKey> oldViasByContent(const ConsolidatedLfibRoute& route,
+                                             const OldRoute& old);
   template <class Via>
   void writeVias(const ConsolidatedLfibRoute& route, OldRoute& old, LfibViaSet& viaSet,
                  LfibViaIndexAllocator& allocator, std::vector<LfibViaKey>& added);

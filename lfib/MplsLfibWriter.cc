@@ -98,23 +98,30 @@ LfibViaSetKey LfibWriter::chooseViaSetKey(const ConsolidatedLfibRoute& route, co
   return allocator.getViaSetKey(route.viaType(), route.viaSetType());
 }
 
+// The old route's vias of record type Via, by content (the record with its key unset), for
+// the new vias to take their keys over when the writer updates adjacencies in place.
+template <class Via>
+std::map<Via, LfibViaKey> LfibWriter::oldViasByContent(const ConsolidatedLfibRoute& route,
+                                                       const OldRoute& old) {
+  std::map<Via, LfibViaKey> byContent;
+  if (!inPlaceAdjacencyUpdateSupported_) return byContent;
+  for (const LfibViaKey& k : old.viaKeys) {
+    Via stored;
+    if (k.viaType() != route.viaType() || k.source() != route.source() ||
+        !lfib_->elementLookup(k, stored)) {
+      continue;
+    }
+    stored.keyIs(LfibViaKey());
+    byContent.emplace(stored, k);
+  }
+  return byContent;
+}
+
 // Writes the route's vias of record type Via and places their keys in the new via set.
 template <class Via>
 void LfibWriter::writeVias(const ConsolidatedLfibRoute& route, OldRoute& old, LfibViaSet& viaSet,
                            LfibViaIndexAllocator& allocator, std::vector<LfibViaKey>& added) {
-  // The old route's vias of this type, by content (the record with its key unset).
-  std::map<Via, LfibViaKey> oldByContent;
-  if (inPlaceAdjacencyUpdateSupported_ && !old.viaKeys.empty()) {
-    for (const LfibViaKey& k : old.viaKeys) {
-      Via stored;
-      if (k.viaType() != route.viaType() || k.source() != route.source() ||
-          !lfib_->elementLookup(k, stored)) {
-        continue;
-      }
-      stored.keyIs(LfibViaKey());
-      oldByContent.emplace(stored, k);
-    }
-  }
+  const std::map<Via, LfibViaKey> oldByContent = oldViasByContent<Via>(route, old);
   // Queue room for each via's write and its undo, and for the removal of the old vias.
   const auto& vias = route.vias(static_cast<const Via*>(nullptr));
   const bool oldOfThisType = old.route && old.route->viaSetKey().viaType() == route.viaType();
