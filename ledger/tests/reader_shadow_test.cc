@@ -903,4 +903,49 @@ TEST(TornBulkCopy, IsReadAgainAndNotReported) {
   EXPECT_EQ(log.present[3], 2u);
   EXPECT_TRUE(log.errors.empty()) << log.errors.front();
 }
+// A slot's new key, read, may move again while the shadow's old key there is followed out:
+// the walk of that key's chain meets the writer's move, and the key that moved is followed
+// to its newest place and taken there, newer than the read. The slot is then read again, and
+// the older read is never taken as well: each key is told once, newest last.
+TEST(KeyMovedWhileAnOldKeyLeaves, IsNotTakenFromTheOlderRead) {
+  TempRoot root;
+  KickingWriter w(root.path(), "routes", 64);
+  // Keys 3, 1 and 2 in slots r < s < u; the others keep the table from shrinking.
+  for (uint64_t id : {3, 1, 2}) w.writer.write(makeValue(id, 1));
+  for (uint64_t id = 10; id < 40; ++id) w.writer.write(makeValue(id, 1));
+  Ledger::LedgerReader<TestKey, TestValue, DecodingOps> reader(
+      Ledger::ReaderConfig{root.path(), "routes"});
+  ASSERT_TRUE(reader.initialize());
+  auto slotOf = [&](uint64_t id) { return reader.findSlot(TestKey{id}); };
+  const uint32_t r = slotOf(3), s = slotOf(1), u = slotOf(2);
+  ASSERT_LT(r, s);
+  EventLog log;
+  Ledger::ShadowStore<TestKey, TestValue, DecodingOps> store(reader, log.notifier());
+  store.reserve();
+  store.syncSlots(0, reader.slotTable().numSlots(), true, [] { return false; });
+  // Keys 1 and 2 trade slots: key 2, now in s, is what the shadow reads there next.
+  w.writer.remove(TestKey{1});
+  w.writer.remove(TestKey{2});
+  w.writer.write(makeValue(1, 1));
+  w.writer.write(makeValue(2, 1));
+  ASSERT_EQ(slotOf(1), u);
+  ASSERT_EQ(slotOf(2), s);
+  // As the shadow looks for key 1 (leaving s) and decodes it in u, key 2 moves on to r,
+  // rewritten, and key 3 goes.
+  nextTear() = {reader.slotTable().value(u),
+                [&] {
+                  w.writer.remove(TestKey{2});
+                  w.writer.remove(TestKey{3});
+                  w.writer.write(makeValue(2, 2));
+                },
+                false};
+  store.doSlot(s, 0, true);
+  EXPECT_FALSE(nextTear().rewrite) << "the walk for key 1 met the move";
+  nextTear() = {};
+  ASSERT_EQ(slotOf(2), r);
+  EXPECT_TRUE(log.errors.empty()) << log.errors.front();
+  EXPECT_EQ(log.present, w.contents());
+  EXPECT_EQ(log.present[2], 2u);
+}
+
 }  // namespace
