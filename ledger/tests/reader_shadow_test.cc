@@ -948,4 +948,28 @@ TEST(KeyMovedWhileAnOldKeyLeaves, IsNotTakenFromTheOlderRead) {
   EXPECT_EQ(log.present[2], 2u);
 }
 
+// The writer's table shrinks by moving its upper keys down and then cutting the slots they
+// left. A shadow that has not yet followed those moves still holds the keys in its upper
+// slots: it drops only upper slots that hold nothing, so the moves are then followed as
+// moves (nothing told of a key whose value did not change) and not as keys new to it.
+TEST(ShadowShrink, KeepsUpperSlotsWhoseKeysHaveNotMovedDownYet) {
+  TempRoot root;
+  KickingWriter w(root.path(), "routes", 64);
+  for (uint64_t id = 0; id < 1000; ++id) w.writer.write(makeValue(id, 1));
+  Ledger::LedgerReader<TestKey, TestValue> reader(Ledger::ReaderConfig{root.path(), "routes"});
+  ASSERT_TRUE(reader.initialize());
+  EventLog log;
+  Ledger::ShadowStore<TestKey, TestValue> store(reader, log.notifier());
+  store.reserve();
+  const uint32_t before = reader.slotTable().numSlots();
+  store.syncSlots(0, before, true, [] { return false; });
+  for (uint64_t id = 0; id < 900; ++id) w.writer.remove(TestKey{id});
+  ASSERT_LT(2 * uint64_t{reader.slotTable().numSlots()} + 64, before) << "the table shrank";
+  store.tryShrink(reader.slotTable().numSlots());
+  for (uint32_t i = 0; i < before; ++i) store.doSlot(i, 0, true);
+  store.tryShrink(reader.slotTable().numSlots());
+  EXPECT_TRUE(log.errors.empty()) << log.errors.front();
+  EXPECT_EQ(log.present, w.contents());
+}
+
 }  // namespace
