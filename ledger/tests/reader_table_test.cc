@@ -361,6 +361,36 @@ TEST_F(ReaderTable, GarbageLinksAndKeysAreReported) {
   EXPECT_TRUE(reader.lookup(TestKey{2}, v)) << "the rest of the table still reads";
 }
 
+// A chain whose second slot sorts before its first: a lookup that walks past the first slot
+// meets the disorder and reports it, where an ordered walk would have ended in a miss.
+TEST_F(ReaderTable, AChainOutOfOrderIsReported) {
+  Writer& writer = startWriter(64, 40);
+  Reader& reader = attachReader();
+  const uint32_t mask = reader.bucketTable().numBuckets() - 1;
+  auto bucketOf = [&](uint64_t id) { return TestKey{id}.hash() & mask; };
+  auto rhashOf = [](uint64_t id) { return reverseBits(TestKey{id}.hash()); };
+  uint64_t first = 0, second = 0;  // two keys of one bucket, in chain order
+  for (uint64_t a = 0; a < 40 && second == first; ++a) {
+    for (uint64_t b = 0; b < 40; ++b) {
+      if (a != b && bucketOf(a) == bucketOf(b) && rhashOf(a) < rhashOf(b)) {
+        first = a, second = b;
+        break;
+      }
+    }
+  }
+  ASSERT_NE(first, second) << "two of 40 keys share one of " << mask + 1 << " buckets";
+  ASSERT_EQ(bucketOf(first), reverseBits(rhashOf(first) - 1) & mask) << "one below stays put";
+  writer.slotTable().slot(reader.findSlot(TestKey{second})).rhash = rhashOf(first) - 1;
+  std::vector<std::string> reports;
+  reader.corruptionHandlerIs([&](const std::string& why) { reports.push_back(why); });
+  TestValue v;
+  EXPECT_FALSE(reader.lookup(TestKey{second}, v));
+  ASSERT_EQ(reports.size(), 1u);
+  EXPECT_NE(reports[0].find("LedgerReader::doLookup() corrupt key detected. key:"),
+            std::string::npos)
+      << reports[0];
+}
+
 // A batch answers as the single lookups do, hits and misses alike, on short chains (the quick
 // walk) and on long ones (the full walk), and after the writer grew and shrank the table.
 TEST_F(ReaderTable, BatchedLookupsAgreeWithTheTable) {
