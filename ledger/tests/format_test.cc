@@ -389,6 +389,26 @@ TEST_F(WriterFormat, DirectInsertsDoubleTheBucketsAsWritesDo) {
   EXPECT_TRUE(w.validate()) << w.validationError();
 }
 
+// A walk in table order starts at the first non-empty bucket's head: a head that names no
+// slot of the table, or a slot that holds a key of another bucket, is reported, not read.
+TEST_F(WriterFormat, AWalkInTableOrderChecksTheFirstSlotItMeets) {
+  Writer w(config());
+  w.attach();
+  const uint32_t slot = slotIndexOf(w, w.write(makeValue(1, 1)));
+  const uint32_t n = w.numBuckets();
+  uint64_t other = 2;
+  while (bucketOf(other, n) == bucketOf(1, n)) ++other;
+  reinterpret_cast<TestValue*>(w.slotTable().value(slot))->k.id = other;
+  TestValue v;
+  EXPECT_THAT([&] { w.first(v); },
+              ThrowsMessage<CorruptionException>(
+                  "WriterHashMap::first() corrupt key detected, slot: " + std::to_string(slot) +
+                  " bucket: " + std::to_string(bucketOf(1, n))));
+  w.bucketTable().head(bucketOf(1, n)) = packLink(0, 1000);
+  EXPECT_THAT([&] { w.first(v); }, ThrowsMessage<CorruptionException>(
+                                       "WriterHashMap::first() corrupt link detected, slot: 1000"));
+}
+
 // A resize walks every chain from its bucket head: a head that names no slot of the table
 // is reported by the resize, which never indexes anything with it.
 TEST_F(WriterFormat, ABucketHeadBeyondTheSlotsStopsAResize) {
