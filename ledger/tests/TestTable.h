@@ -5,7 +5,9 @@
 #include <compare>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <string>
+#include <utility>
 
 #include "ledger/LedgerWriter.h"
 #include "platform/tests/TempDir.h"
@@ -78,6 +80,20 @@ inline Ledger::LedgerConfig tableConfig(const std::string& root, const std::stri
   c.capacity = capacity;
   c.minBuckets = minBuckets;
   return c;
+}
+
+// Two of the keys [0, ids) that share one of `numBuckets` buckets, in chain order (rhash,
+// then key): the first comes before the second. nullopt when no two do.
+inline std::optional<std::pair<uint64_t, uint64_t>> twoKeysOfOneBucket(uint32_t numBuckets,
+                                                                       uint64_t ids) {
+  auto bucket = [&](uint64_t id) { return TestKey{id}.hash() & (numBuckets - 1); };
+  auto order = [](uint64_t id) { return std::pair(Ledger::reverseBits(TestKey{id}.hash()), id); };
+  for (uint64_t a = 0; a < ids; ++a) {
+    for (uint64_t b = 0; b < ids; ++b) {
+      if (a != b && bucket(a) == bucket(b) && order(a) < order(b)) return std::pair(a, b);
+    }
+  }
+  return std::nullopt;
 }
 
 // The index of the slot whose value `writer` stored at `value`.

@@ -178,20 +178,11 @@ TEST_F(LiveCorruption, ACountBeyondTheCapacityIsCorruptionNotARead) {
 // it, and no longer holds it. It is told gone, and once the chain is whole again the shadow
 // and what its notifiee was told end equal to the writer's table.
 TEST_F(LiveCorruption, AKeyThatCannotBeFollowedIsToldGone) {
-  const uint32_t buckets = w.writer.numBuckets();
-  auto hash = [](uint64_t id) { return Ledger::Ops<TestKey, TestValue>::hash(TestKey{id}); };
-  auto order = [&](uint64_t id) { return std::pair(Ledger::reverseBits(hash(id)), id); };
   // `gone` shares its bucket with `first`, which comes before it in the chain.
-  uint64_t gone = 0, first = 0;
-  bool paired = false;
-  for (uint64_t a = 0; a < 40 && !paired; ++a) {
-    for (uint64_t b = 0; b < 40 && !paired; ++b) {
-      paired =
-          a != b && (hash(a) & (buckets - 1)) == (hash(b) & (buckets - 1)) && order(a) < order(b);
-      if (paired) first = a, gone = b;
-    }
-  }
-  ASSERT_TRUE(paired) << "two of 40 keys share one of " << buckets << " buckets";
+  const uint32_t buckets = w.writer.numBuckets();
+  const auto pair = LedgerTest::twoKeysOfOneBucket(buckets, 40);
+  ASSERT_TRUE(pair) << "two of 40 keys share one of " << buckets << " buckets";
+  const auto [first, gone] = *pair;
   w.writer.remove(TestKey{gone});
   auto& slots = w.writer.slotTable();
   uint32_t at = 0;

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <optional>
 #include <random>
 
 #include "ledger/tests/DecodingOps.h"
@@ -879,30 +880,45 @@ TEST_F(CorruptEntryTest, AKeyShadowReportsItWhenRead) {
   EXPECT_EQ(walked, goodKeys());
 }
 
+// A shadow store on a direct reader of <root>/routes (no loop, no queue: a test calls its
+// steps), with a notifiee that checks and logs every event.
+template <class OpsT = Ledger::Ops<TestKey, TestValue>>
+struct StoreOnReader {
+  explicit StoreOnReader(const std::string& root) : reader(Ledger::ReaderConfig{root, "routes"}) {
+    EXPECT_TRUE(reader.initialize()) << reader.error();
+    store.emplace(reader, log.notifier());
+    store->reserve();
+  }
+  // The whole table as a sync walks it.
+  void syncAll() {
+    store->syncSlots(0, reader.slotTable().numSlots(), true, [] { return false; });
+  }
+  uint32_t slotOf(uint64_t id) { return reader.findSlot(TestKey{id}); }
+
+  Ledger::LedgerReader<TestKey, TestValue, OpsT> reader;
+  EventLog log;
+  std::optional<Ledger::ShadowStore<TestKey, TestValue, OpsT>> store;
+};
+
 // A sync's bulk copy decodes each key before the slot's status word is checked again. A
 // rewrite may tear those bytes: the slot is read again, consistently, and nothing reported.
 TEST(TornBulkCopy, IsReadAgainAndNotReported) {
   TempRoot root;
   KickingWriter w(root.path(), "routes", 64);
   for (uint64_t id = 0; id < 10; ++id) w.writer.write(makeValue(id, 1));
-  Ledger::LedgerReader<TestKey, TestValue, DecodingOps> reader(
-      Ledger::ReaderConfig{root.path(), "routes"});
-  ASSERT_TRUE(reader.initialize());
-  EventLog log;
-  Ledger::ShadowStore<TestKey, TestValue, DecodingOps> store(reader, log.notifier());
+  StoreOnReader<DecodingOps> s(root.path());
   std::vector<std::string> reported;
-  store.corruptionHookIs([&](const std::string& why) { reported.push_back(why); });
-  nextTear() = {reader.slotTable().value(reader.findSlot(TestKey{3})),
-                [&] { w.writer.write(makeValue(3, 2)); }};
-  store.reserve();
-  store.syncSlots(0, reader.slotTable().numSlots(), true, [] { return false; });
+  s.store->corruptionHookIs([&](const std::string& why) { reported.push_back(why); });
+  nextTear() = {s.reader.slotTable().value(s.slotOf(3)), [&] { w.writer.write(makeValue(3, 2)); }};
+  s.syncAll();
   EXPECT_FALSE(nextTear().rewrite) << "the copy met the rewrite";
   nextTear() = {};
   EXPECT_TRUE(reported.empty()) << reported.front();
-  EXPECT_EQ(log.present, w.contents());
-  EXPECT_EQ(log.present[3], 2u);
-  EXPECT_TRUE(log.errors.empty()) << log.errors.front();
+  EXPECT_EQ(s.log.present, w.contents());
+  EXPECT_EQ(s.log.present[3], 2u);
+  EXPECT_TRUE(s.log.errors.empty()) << s.log.errors.front();
 }
+
 // A slot's new key, read, may move again while the shadow's old key there is followed out:
 // the walk of that key's chain meets the writer's move, and the key that moved is followed
 // to its newest place and taken there, newer than the read. The slot is then read again, and
@@ -913,39 +929,33 @@ TEST(KeyMovedWhileAnOldKeyLeaves, IsNotTakenFromTheOlderRead) {
   // Keys 3, 1 and 2 in slots r < s < u; the others keep the table from shrinking.
   for (uint64_t id : {3, 1, 2}) w.writer.write(makeValue(id, 1));
   for (uint64_t id = 10; id < 40; ++id) w.writer.write(makeValue(id, 1));
-  Ledger::LedgerReader<TestKey, TestValue, DecodingOps> reader(
-      Ledger::ReaderConfig{root.path(), "routes"});
-  ASSERT_TRUE(reader.initialize());
-  auto slotOf = [&](uint64_t id) { return reader.findSlot(TestKey{id}); };
-  const uint32_t r = slotOf(3), s = slotOf(1), u = slotOf(2);
+  StoreOnReader<DecodingOps> shadow(root.path());
+  const uint32_t r = shadow.slotOf(3), s = shadow.slotOf(1), u = shadow.slotOf(2);
   ASSERT_LT(r, s);
-  EventLog log;
-  Ledger::ShadowStore<TestKey, TestValue, DecodingOps> store(reader, log.notifier());
-  store.reserve();
-  store.syncSlots(0, reader.slotTable().numSlots(), true, [] { return false; });
+  shadow.syncAll();
   // Keys 1 and 2 trade slots: key 2, now in s, is what the shadow reads there next.
   w.writer.remove(TestKey{1});
   w.writer.remove(TestKey{2});
   w.writer.write(makeValue(1, 1));
   w.writer.write(makeValue(2, 1));
-  ASSERT_EQ(slotOf(1), u);
-  ASSERT_EQ(slotOf(2), s);
+  ASSERT_EQ(shadow.slotOf(1), u);
+  ASSERT_EQ(shadow.slotOf(2), s);
   // As the shadow looks for key 1 (leaving s) and decodes it in u, key 2 moves on to r,
   // rewritten, and key 3 goes.
-  nextTear() = {reader.slotTable().value(u),
+  nextTear() = {shadow.reader.slotTable().value(u),
                 [&] {
                   w.writer.remove(TestKey{2});
                   w.writer.remove(TestKey{3});
                   w.writer.write(makeValue(2, 2));
                 },
                 false};
-  store.doSlot(s, 0, true);
+  shadow.store->doSlot(s, 0, true);
   EXPECT_FALSE(nextTear().rewrite) << "the walk for key 1 met the move";
   nextTear() = {};
-  ASSERT_EQ(slotOf(2), r);
-  EXPECT_TRUE(log.errors.empty()) << log.errors.front();
-  EXPECT_EQ(log.present, w.contents());
-  EXPECT_EQ(log.present[2], 2u);
+  ASSERT_EQ(shadow.slotOf(2), r);
+  EXPECT_TRUE(shadow.log.errors.empty()) << shadow.log.errors.front();
+  EXPECT_EQ(shadow.log.present, w.contents());
+  EXPECT_EQ(shadow.log.present[2], 2u);
 }
 
 // The writer's table shrinks by moving its upper keys down and then cutting the slots they
@@ -956,20 +966,17 @@ TEST(ShadowShrink, KeepsUpperSlotsWhoseKeysHaveNotMovedDownYet) {
   TempRoot root;
   KickingWriter w(root.path(), "routes", 64);
   for (uint64_t id = 0; id < 1000; ++id) w.writer.write(makeValue(id, 1));
-  Ledger::LedgerReader<TestKey, TestValue> reader(Ledger::ReaderConfig{root.path(), "routes"});
-  ASSERT_TRUE(reader.initialize());
-  EventLog log;
-  Ledger::ShadowStore<TestKey, TestValue> store(reader, log.notifier());
-  store.reserve();
-  const uint32_t before = reader.slotTable().numSlots();
-  store.syncSlots(0, before, true, [] { return false; });
+  StoreOnReader<> shadow(root.path());
+  const uint32_t before = shadow.reader.slotTable().numSlots();
+  shadow.syncAll();
   for (uint64_t id = 0; id < 900; ++id) w.writer.remove(TestKey{id});
-  ASSERT_LT(2 * uint64_t{reader.slotTable().numSlots()} + 64, before) << "the table shrank";
-  store.tryShrink(reader.slotTable().numSlots());
-  for (uint32_t i = 0; i < before; ++i) store.doSlot(i, 0, true);
-  store.tryShrink(reader.slotTable().numSlots());
-  EXPECT_TRUE(log.errors.empty()) << log.errors.front();
-  EXPECT_EQ(log.present, w.contents());
+  const uint32_t after = shadow.reader.slotTable().numSlots();
+  ASSERT_LT(2 * uint64_t{after} + 64, before) << "the table shrank";
+  shadow.store->tryShrink(after);
+  for (uint32_t i = 0; i < before; ++i) shadow.store->doSlot(i, 0, true);
+  shadow.store->tryShrink(after);
+  EXPECT_TRUE(shadow.log.errors.empty()) << shadow.log.errors.front();
+  EXPECT_EQ(shadow.log.present, w.contents());
 }
 
 }  // namespace

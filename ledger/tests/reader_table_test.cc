@@ -367,19 +367,12 @@ TEST_F(ReaderTable, AChainOutOfOrderIsReported) {
   Writer& writer = startWriter(64, 40);
   Reader& reader = attachReader();
   const uint32_t mask = reader.bucketTable().numBuckets() - 1;
-  auto bucketOf = [&](uint64_t id) { return TestKey{id}.hash() & mask; };
   auto rhashOf = [](uint64_t id) { return reverseBits(TestKey{id}.hash()); };
-  uint64_t first = 0, second = 0;  // two keys of one bucket, in chain order
-  for (uint64_t a = 0; a < 40 && second == first; ++a) {
-    for (uint64_t b = 0; b < 40; ++b) {
-      if (a != b && bucketOf(a) == bucketOf(b) && rhashOf(a) < rhashOf(b)) {
-        first = a, second = b;
-        break;
-      }
-    }
-  }
-  ASSERT_NE(first, second) << "two of 40 keys share one of " << mask + 1 << " buckets";
-  ASSERT_EQ(bucketOf(first), reverseBits(rhashOf(first) - 1) & mask) << "one below stays put";
+  const auto pair = LedgerTest::twoKeysOfOneBucket(mask + 1, 40);  // in chain order
+  ASSERT_TRUE(pair) << "two of 40 keys share one of " << mask + 1 << " buckets";
+  const auto [first, second] = *pair;
+  ASSERT_EQ(TestKey{first}.hash() & mask, reverseBits(rhashOf(first) - 1) & mask)
+      << "one below stays put";
   writer.slotTable().slot(reader.findSlot(TestKey{second})).rhash = rhashOf(first) - 1;
   std::vector<std::string> reports;
   reader.corruptionHandlerIs([&](const std::string& why) { reports.push_back(why); });
