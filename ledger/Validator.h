@@ -116,8 +116,7 @@ class Validator {
       return ValidatorText::badNumBuckets(buckets_.header().numBuckets);
     }
     for (uint32_t b = 0; b < numBuckets; ++b) {
-      bool havePrev = false;
-      uint32_t prevRhash = 0, prevSlot = 0;
+      uint32_t prev = kNoSlot;
       for (uint32_t i = SlotWriterTable::loadLink(buckets_.head(b)); !isEndOfChain(i);) {
         if (i >= n) {
           return ValidatorText::badLink(i, b);
@@ -126,30 +125,37 @@ class Validator {
         if (++walked > occupied) {
           return ValidatorText::walkedTooMany(walked, occupied);
         }
-        const SlotHeader& s = slots_.slot(i);
-        if constexpr (requires { ops_.storedValid(nullptr); }) {
-          if (!ops_.storedValid(slots_.value(i))) {
-            return ValidatorText::noStoredValue(i);
-          }
-        }
-        Key key = ops_.storedKey(slots_.value(i));
-        uint32_t hash = OpsT::hash(key);
-        if ((hash & (numBuckets - 1)) != b || s.rhash != reverseBits(hash)) {
-          return ValidatorText::corruptKey(i, b);
-        }
-        if (havePrev &&
-            (s.rhash < prevRhash ||
-             (s.rhash == prevRhash && !OpsT::less(ops_.storedKey(slots_.value(prevSlot)), key)))) {
-          return ValidatorText::outOfOrder(i, b);
-        }
-        havePrev = true;
-        prevRhash = s.rhash;
-        prevSlot = i;
-        i = SlotWriterTable::loadLink(s.linkPair);
+        if (std::string problem = checkChainMember(i, b, prev); !problem.empty()) return problem;
+        prev = i;
+        i = SlotWriterTable::loadLink(slots_.slot(i).linkPair);
       }
     }
     if (walked != occupied) {
       return ValidatorText::occupiedMismatch(occupied, walked);
+    }
+    return {};
+  }
+
+  // Slot `i` of bucket `b`'s chain, after slot `prev` (kNoSlot for the first): a stored value
+  // whose key hashes to the bucket and to the slot's rhash, after its predecessor in (rhash,
+  // key) order.
+  std::string checkChainMember(uint32_t i, uint32_t b, uint32_t prev) {
+    const SlotHeader& s = slots_.slot(i);
+    if constexpr (requires { ops_.storedValid(nullptr); }) {
+      if (!ops_.storedValid(slots_.value(i))) {
+        return ValidatorText::noStoredValue(i);
+      }
+    }
+    Key key = ops_.storedKey(slots_.value(i));
+    uint32_t hash = OpsT::hash(key);
+    if ((hash & (buckets_.numBuckets() - 1)) != b || s.rhash != reverseBits(hash)) {
+      return ValidatorText::corruptKey(i, b);
+    }
+    if (prev == kNoSlot) return {};
+    const uint32_t prevRhash = slots_.slot(prev).rhash;
+    if (s.rhash < prevRhash ||
+        (s.rhash == prevRhash && !OpsT::less(ops_.storedKey(slots_.value(prev)), key))) {
+      return ValidatorText::outOfOrder(i, b);
     }
     return {};
   }
