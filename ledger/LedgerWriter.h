@@ -209,6 +209,11 @@ class LedgerWriter : public LedgerBase<Key, Value> {
     return Validator<Key, OpsT>(slots_, buckets_, rally_, ops_, config_.table);
   }
   AttachResult attachFiles();
+  // The files beside the slot table (storage, buckets, queue), adopted when `adopt` is set
+  // and they fit the slot table, made afresh otherwise.
+  void attachBesideSlots(bool adopt);
+  // An existing table that fails validation is recovered, or else formatted afresh.
+  AttachResult adoptOrRecover();
   // Lets go of every file and the lock, whatever was attached of them.
   void releaseFiles();
   void resetFresh();

@@ -45,37 +45,15 @@ AttachResult LedgerWriter<Key, Value, OpsT>::attachFiles() {
   auto slotResult = slots_.attach(slotConfig());
   map_.sizeIndex();  // recovery relinks before the index is built
   const bool existing = slotResult == SlotWriterTable::Attached::Existing;
-  attachStorage();
-  uint32_t minBuckets = std::max(config_.minBuckets, 1u);
-  buckets_.attach(config_.root, config_.table, slots_.emberId(), config_.perm, existing,
-                  minBuckets);
-  rally_.attach(config_.root, config_.table, slots_.emberId(), slots_.numSlots(), existing,
-                config_.perm);
+  attachBesideSlots(existing);
   setBucketThresholds();
-  AttachResult result = slotResult == SlotWriterTable::Attached::NewFile
-                            ? AttachResult::newFile
-                            : AttachResult::reformatted;
-  if (!existing) {
-    resetFresh();
-  } else if (auto v = validator(); v.validate()) {
-    result = AttachResult::existing;
+  AttachResult result;
+  if (existing) {
+    result = adoptOrRecover();
   } else {
-    ZTRACE_TO(trace(), 0,
-              "LedgerWriter::attach() recovering " << config_.table << ": " << v.error());
-    recover();
-    if (auto again = validator(); again.validate()) {
-      result = AttachResult::recovered;
-      ++counters_.recoveries;
-    } else {
-      slots_.reformat(slots_.config().capacity);
-      attachStorage();
-      buckets_.attach(config_.root, config_.table, slots_.emberId(), config_.perm, false,
-                      minBuckets);
-      rally_.attach(config_.root, config_.table, slots_.emberId(), slots_.numSlots(), false,
-                    config_.perm);
-      resetFresh();
-      ZTRACE_TO(trace(), 0, "SlotWriter::attach() re-formatted " << config_.table);
-    }
+    resetFresh();
+    result = slotResult == SlotWriterTable::Attached::NewFile ? AttachResult::newFile
+                                                              : AttachResult::reformatted;
   }
   // Chains emptied and linked again above were rebuilt inside a resize bracket.
   buckets_.endRebuild();
@@ -83,6 +61,32 @@ AttachResult LedgerWriter<Key, Value, OpsT>::attachFiles() {
   maybeGrowBuckets();
   map_.forgetMiss();  // recovery and re-formatting walked and changed chains
   return result;
+}
+
+template <class Key, class Value, class OpsT>
+void LedgerWriter<Key, Value, OpsT>::attachBesideSlots(bool adopt) {
+  attachStorage();
+  buckets_.attach(config_.root, config_.table, slots_.emberId(), config_.perm, adopt,
+                  std::max(config_.minBuckets, 1u));
+  rally_.attach(config_.root, config_.table, slots_.emberId(), slots_.numSlots(), adopt,
+                config_.perm);
+}
+
+template <class Key, class Value, class OpsT>
+AttachResult LedgerWriter<Key, Value, OpsT>::adoptOrRecover() {
+  auto v = validator();
+  if (v.validate()) return AttachResult::existing;
+  ZTRACE_TO(trace(), 0, "LedgerWriter::attach() recovering " << config_.table << ": " << v.error());
+  recover();
+  if (auto again = validator(); again.validate()) {
+    ++counters_.recoveries;
+    return AttachResult::recovered;
+  }
+  slots_.reformat(slots_.config().capacity);
+  attachBesideSlots(false);
+  resetFresh();
+  ZTRACE_TO(trace(), 0, "SlotWriter::attach() re-formatted " << config_.table);
+  return AttachResult::reformatted;
 }
 
 template <class Key, class Value, class OpsT>
