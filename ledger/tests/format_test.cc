@@ -194,6 +194,12 @@ class WriterFormat : public ::testing::Test {
   static uint32_t bucketOf(uint64_t id, uint32_t numBuckets) {
     return hashOf(id) & (numBuckets - 1);
   }
+  // The first key after `id` that falls in another of `numBuckets` buckets.
+  static uint64_t keyOfAnotherBucket(uint64_t id, uint32_t numBuckets) {
+    uint64_t other = id + 1;
+    while (bucketOf(other, numBuckets) == bucketOf(id, numBuckets)) ++other;
+    return other;
+  }
   TempRoot root;
 };
 
@@ -318,8 +324,7 @@ TEST_F(WriterFormat, ChainMembersOfAnotherBucketOrNotOccupiedAreReported) {
     const uint32_t n = w.numBuckets();
     SlotHeader& s = w.slotTable().slot(slot);
     if (occupied) {
-      uint64_t other = 2;
-      while (bucketOf(other, n) == bucketOf(1, n)) ++other;
+      const uint64_t other = keyOfAnotherBucket(1, n);
       reinterpret_cast<TestValue*>(w.slotTable().value(slot))->k.id = other;
       s.rhash = reverseBits(hashOf(other));
     } else {
@@ -396,8 +401,7 @@ TEST_F(WriterFormat, AWalkInTableOrderChecksTheFirstSlotItMeets) {
   w.attach();
   const uint32_t slot = slotIndexOf(w, w.write(makeValue(1, 1)));
   const uint32_t n = w.numBuckets();
-  uint64_t other = 2;
-  while (bucketOf(other, n) == bucketOf(1, n)) ++other;
+  const uint64_t other = keyOfAnotherBucket(1, n);
   reinterpret_cast<TestValue*>(w.slotTable().value(slot))->k.id = other;
   TestValue v;
   EXPECT_THAT([&] { w.first(v); },
