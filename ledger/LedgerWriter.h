@@ -228,6 +228,8 @@ class LedgerWriter : public LedgerBase<Key, Value> {
   }
   void recover();
   void relinkAll(std::vector<uint32_t>& occupied);
+  std::vector<std::pair<Key, uint32_t>> inChainOrder(const std::vector<uint32_t>& occupied,
+                                                     uint32_t numBuckets);
   uint32_t insertNew(const ChainPosition& pos, uint32_t hash);
   // write() of a key that is missing. Out of line: the rewrite stays short.
   [[gnu::noinline]] const void* insert(const Value& value, const Key& key, uint32_t hash);
@@ -243,6 +245,8 @@ class LedgerWriter : public LedgerBase<Key, Value> {
   void maybeGrowBuckets();
   void maybeShrinkBuckets();
   void doMaybeShrinkSlots();
+  uint32_t shrinkTarget() const;
+  void moveDown(uint32_t target, uint32_t n);
   void moveSlot(uint32_t from);
   [[gnu::always_inline]] void notify(uint32_t slot) { rally_.notify(slot); }
   [[gnu::cold]] [[gnu::noinline]] static void traceSlot(const char* what, uint32_t slot) {

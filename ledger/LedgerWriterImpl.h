@@ -139,10 +139,13 @@ void LedgerWriter<Key, Value, OpsT>::recover() {
   rally_.commit();
 }
 
+// The keys of the `occupied` slots, each with its slot, in chain order for `numBuckets`
+// buckets: by bucket, then rhash, then key; two copies of one key (an entry caught moving)
+// side by side, the lower slot first.
 template <class Key, class Value, class OpsT>
-void LedgerWriter<Key, Value, OpsT>::relinkAll(std::vector<uint32_t>& occupied) {
-  uint32_t numBuckets = std::max(config_.minBuckets, 1u);
-  while (numBuckets < occupied.size() && numBuckets <= kMaxSlots / 2) numBuckets *= 2;
+auto LedgerWriter<Key, Value, OpsT>::inChainOrder(const std::vector<uint32_t>& occupied,
+                                                  uint32_t numBuckets)
+    -> std::vector<std::pair<Key, uint32_t>> {
   std::vector<std::pair<Key, uint32_t>> entries;
   entries.reserve(occupied.size());
   for (uint32_t i : occupied) entries.emplace_back(ops_.storedKey(slots_.value(i)), i);
@@ -155,6 +158,15 @@ void LedgerWriter<Key, Value, OpsT>::relinkAll(std::vector<uint32_t>& occupied) 
     return a.second < b.second;
   };
   std::sort(entries.begin(), entries.end(), order);
+  return entries;
+}
+
+template <class Key, class Value, class OpsT>
+void LedgerWriter<Key, Value, OpsT>::relinkAll(std::vector<uint32_t>& occupied) {
+  uint32_t numBuckets = std::max(config_.minBuckets, 1u);
+  while (numBuckets < occupied.size() && numBuckets <= kMaxSlots / 2) numBuckets *= 2;
+  const std::vector<std::pair<Key, uint32_t>> entries = inChainOrder(occupied, numBuckets);
+  const uint32_t mask = numBuckets - 1;
   buckets_.reset(numBuckets);
   occupied.clear();
   LinkRef tail{0, true};
@@ -424,20 +436,9 @@ void LedgerWriter<Key, Value, OpsT>::maybeShrinkBuckets() {
 // in the queue tell readers which slots are being emptied.
 template <class Key, class Value, class OpsT>
 void LedgerWriter<Key, Value, OpsT>::doMaybeShrinkSlots() {
-  const uint32_t threshold = slots_.shrinkThreshold();
+  const uint32_t target = shrinkTarget();
+  if (target == 0) return;
   const uint32_t n = slots_.numSlots();
-  if (shrinking_) {
-    ZTRACE_TO(trace(), 1,
-              "LedgerWriter::doMaybeShrinkSlots() shrink started, ignoring shrinkThreshold:"
-                  << threshold);
-    return;  // the shrink in progress runs to its end
-  }
-  if (threshold == 0 || slots_.occupiedSlots() >= threshold / 2) return;
-  const uint32_t target = std::max(threshold, slots_.config().minSlots);
-  if (target >= n) return;
-  ZTRACE_TO(trace(), 1,
-            "LedgerWriter::doMaybeShrinkSlots() at threshold:" << threshold << " occupiedSlots:"
-                                                               << slots_.occupiedSlots());
   // Every move is announced twice, and none of it may fail half-way: room in the queue first,
   // or no shrink (the table keeps its size; the next removal tries again).
   try {
@@ -449,16 +450,44 @@ void LedgerWriter<Key, Value, OpsT>::doMaybeShrinkSlots() {
   shrinking_ = true;
   rally_.markShrinkStart(target, n);
   slots_.purgeFreeSlots(target);
+  moveDown(target, n);
+  slots_.cut(target);
+  rally_.markShrinkEnd();
+  shrinking_ = false;
+  ++counters_.slotShrinks;
+}
+
+// The slot count to cut the table to, or 0 for no shrink: none while one is in progress
+// (it runs to its end), none until occupancy falls below half the shrink threshold, and
+// never below the configured minimum.
+template <class Key, class Value, class OpsT>
+uint32_t LedgerWriter<Key, Value, OpsT>::shrinkTarget() const {
+  const uint32_t threshold = slots_.shrinkThreshold();
+  if (shrinking_) {
+    ZTRACE_TO(trace(), 1,
+              "LedgerWriter::doMaybeShrinkSlots() shrink started, ignoring shrinkThreshold:"
+                  << threshold);
+    return 0;
+  }
+  if (threshold == 0 || slots_.occupiedSlots() >= threshold / 2) return 0;
+  const uint32_t target = std::max(threshold, slots_.config().minSlots);
+  if (target >= slots_.numSlots()) return 0;
+  ZTRACE_TO(trace(), 1,
+            "LedgerWriter::doMaybeShrinkSlots() at threshold:" << threshold << " occupiedSlots:"
+                                                               << slots_.occupiedSlots());
+  return target;
+}
+
+// Moves every entry in slots [target, n) to a free slot below `target`, fetching the bucket
+// of the entry a few slots on while this one moves.
+template <class Key, class Value, class OpsT>
+void LedgerWriter<Key, Value, OpsT>::moveDown(uint32_t target, uint32_t n) {
   for (uint32_t from = target; from < n; ++from) {
     if (uint32_t ahead = from + 8; ahead < n && (slots_.slot(ahead).status & kOccupied)) {
       map_.prefetchBucket(OpsT::hash(ops_.storedKey(slots_.value(ahead))));
     }
     if (slots_.slot(from).status & kOccupied) moveSlot(from);
   }
-  slots_.cut(target);
-  rally_.markShrinkEnd();
-  shrinking_ = false;
-  ++counters_.slotShrinks;
 }
 
 template <class Key, class Value, class OpsT>
