@@ -120,59 +120,66 @@ bool sizeAckRecord(int fd) { return SharedMem::EmberFile::takePages(fd, 0, sizeo
 
 std::string readersDir(const std::string& tableDir) { return tableDir + "/readers"; }
 
+// The socket's path is checked before anything is made; whatever is made before a later step
+// fails is undone by its owner (a member) as the exception leaves.
 ReaderKickListener::ReaderKickListener(const std::string& tableDir) {
-  makeDir(tableDir);
-  makeDir(readersDir(tableDir));
   name_ = std::to_string(::getpid()) + "-" + std::to_string(listenerCount.fetch_add(1));
   path_ = readersDir(tableDir) + "/" + name_ + ".sock";
   ackPath_ = ackPathOf(path_);
-  openAckRecord();
   sockaddr_un addr;
   if (!fillAddress(path_, addr)) {
     throw Zinc::Exception("ReaderKickListener path too long for a socket: " + path_);
   }
-  fd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (fd_ < 0) throw Zinc::Exception("ReaderKickListener socket: " + errnoText(errno));
-  ::unlink(path_.c_str());  // a registration left by a dead process that had our pid
-  if (::bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
-    int err = errno;
-    ::close(fd_);
-    ::munmap(ack_, sizeof(ReaderAck));
-    ::close(ackFd_);
-    ::unlink(ackPath_.c_str());
-    throw Zinc::Exception("ReaderKickListener cannot bind " + path_ + ": " + errnoText(err));
-  }
-  ::chmod(path_.c_str(), 0620);  // the writer may be another user of the group
+  makeDir(tableDir);
+  makeDir(readersDir(tableDir));
+  openAckRecord();
+  openSocket(addr);
   openEventFd();
   ZTRACE(5, "ReaderKickListener() registered " << path_);
 }
 
-ReaderKickListener::~ReaderKickListener() {
-  ::unlink(path_.c_str());
-  ::close(fd_);
-  closeIfOpen(eventFd_);
-  closeIfOpen(pidFd_);
-  ::unlink(ackPath_.c_str());
-  ::munmap(ack_, sizeof(ReaderAck));
-  ::close(ackFd_);  // drops the flock
+void ReaderKickListener::OwnedFd::reset(int fd) {
+  if (fd_ >= 0) ::close(fd_);
+  fd_ = fd;
+}
+
+ReaderKickListener::OwnedFile::~OwnedFile() {
+  if (!path_.empty()) ::unlink(path_.c_str());
+}
+
+ReaderKickListener::AckMapping::~AckMapping() {
+  if (at_) ::munmap(at_, sizeof(ReaderAck));
+}
+
+// Bound after the record is made: a writer that finds the registration finds the record.
+void ReaderKickListener::openSocket(const sockaddr_un& addr) {
+  fd_.reset(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (fd_.get() < 0) throw Zinc::Exception("ReaderKickListener socket: " + errnoText(errno));
+  ::unlink(path_.c_str());  // a registration left by a dead process that had our pid
+  if (::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) != 0) {
+    const int err = errno;
+    throw Zinc::Exception("ReaderKickListener cannot bind " + path_ + ": " + errnoText(err));
+  }
+  socketFile_.own(path_);
+  ::chmod(path_.c_str(), 0620);  // the writer may be another user of the group
 }
 
 // Made fresh (a dead process with our pid may have left one), locked shared for our lifetime,
 // and mapped for plain stores.
 void ReaderKickListener::openAckRecord() {
   ::unlink(ackPath_.c_str());
-  ackFd_ = ::open(ackPath_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0640);
+  ackFd_.reset(::open(ackPath_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0640));
+  const int fd = ackFd_.get();
+  if (fd >= 0) ackFile_.own(ackPath_);
   void* at = MAP_FAILED;
-  if (ackFd_ >= 0 && ::flock(ackFd_, LOCK_SH) == 0 && sizeAckRecord(ackFd_)) {
-    at = ::mmap(nullptr, sizeof(ReaderAck), PROT_READ | PROT_WRITE, MAP_SHARED, ackFd_, 0);
+  if (fd >= 0 && ::flock(fd, LOCK_SH) == 0 && sizeAckRecord(fd)) {
+    at = ::mmap(nullptr, sizeof(ReaderAck), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   }
   if (at == MAP_FAILED) {
-    int err = errno;
-    if (ackFd_ >= 0) ::close(ackFd_);
-    ::unlink(ackPath_.c_str());
+    const int err = errno;
     throw Zinc::Exception("ReaderKickListener cannot make " + ackPath_ + ": " + errnoText(err));
   }
-  ack_ = static_cast<ReaderAck*>(at);
+  ack_.own(at);
   ack_->version = kAckVersion;
   ack_->pid = uint32_t(::getpid());
   std::atomic_ref<uint64_t>(ack_->consumed).store(kNotInStep, std::memory_order_relaxed);
@@ -183,12 +190,12 @@ void ReaderKickListener::openAckRecord() {
 
 // Both or neither: without them writers keep kicking by datagram.
 void ReaderKickListener::openEventFd() {
-  eventFd_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-  pidFd_ = int(::syscall(SYS_pidfd_open, ::getpid(), 0));
-  if (eventFd_ >= 0 && pidFd_ >= 0) return;
+  eventFd_.reset(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+  pidFd_.reset(int(::syscall(SYS_pidfd_open, ::getpid(), 0)));
+  if (eventFd_.get() >= 0 && pidFd_.get() >= 0) return;
   ZTRACE(1, "ReaderKickListener() no eventfd or pidfd, kicked by datagram: " << errnoText(errno));
-  closeIfOpen(eventFd_);
-  closeIfOpen(pidFd_);
+  eventFd_.reset();
+  pidFd_.reset();
 }
 
 void ReaderKickListener::acknowledge(uint64_t consumed) {
@@ -239,12 +246,12 @@ uint32_t ReaderKickListener::drainSocket() {
       messages[i].msg_hdr.msg_name = &senders[i];
       messages[i].msg_hdr.msg_namelen = sizeof(senders[i]);
     }
-    int n = ::recvmmsg(fd_, messages, kBatch, MSG_DONTWAIT, nullptr);
+    int n = ::recvmmsg(fd(), messages, kBatch, MSG_DONTWAIT, nullptr);
     if (n <= 0) return kicks;
     kicks += uint32_t(n);
     // Every writer heard from gets the handover once per batch; it stops sending datagrams
     // once it has it.
-    for (int i = 0; i < n && eventFd_ >= 0; ++i) {
+    for (int i = 0; i < n && eventFd() >= 0; ++i) {
       const socklen_t length = messages[i].msg_hdr.msg_namelen;
       if (length <= sizeof(sa_family_t) || length > sizeof(sockaddr_un)) continue;
       bool answered = false;
@@ -281,8 +288,8 @@ ssize_t sendDescriptorPair(int sock, const sockaddr_un& to, socklen_t length, co
 // The eventfd and the pidfd, to the writer's socket; never waiting. Lost answers are harmless:
 // the writer kicks by datagram until one arrives, and every datagram is answered.
 void ReaderKickListener::handOverTo(const sockaddr_un& writer, socklen_t length) {
-  const int fds[2] = {eventFd_, pidFd_};
-  if (sendDescriptorPair(fd_, writer, length, fds, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) {
+  const int fds[2] = {eventFd(), pidFd_.get()};
+  if (sendDescriptorPair(fd(), writer, length, fds, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) {
     ++handoversSent_;
   } else {
     ZTRACE(5, "ReaderKickListener::handOverTo() " << errnoText(errno));
@@ -290,33 +297,33 @@ void ReaderKickListener::handOverTo(const sockaddr_un& writer, socklen_t length)
 }
 
 void ReaderKickListener::watchOn(Zinc::Loop& loop, std::function<void()> onKick) {
-  if (eventFd_ >= 0) {
+  if (eventFd() >= 0) {
     loop.fdWatchIs(
-        eventFd_, [onKick](uint32_t) { onKick(); },
+        eventFd(), [onKick](uint32_t) { onKick(); },
         Zinc::Loop::readable | Zinc::Loop::edgeTriggered);
   }
-  loop.fdWatchIs(fd_, [this, onKick = std::move(onKick)](uint32_t) {
+  loop.fdWatchIs(fd(), [this, onKick = std::move(onKick)](uint32_t) {
     drainSocket();
     onKick();
   });
 }
 
 void ReaderKickListener::unwatch(Zinc::Loop& loop) {
-  loop.fdWatchDel(fd_);
-  if (eventFd_ >= 0) loop.fdWatchDel(eventFd_);
+  loop.fdWatchDel(fd());
+  if (eventFd() >= 0) loop.fdWatchDel(eventFd());
 }
 
 uint32_t ReaderKickListener::drainEvents() {
   uint64_t count = 0;
-  if (eventFd_ < 0 || ::read(eventFd_, &count, sizeof(count)) != sizeof(count)) return 0;
+  if (eventFd() < 0 || ::read(eventFd(), &count, sizeof(count)) != sizeof(count)) return 0;
   return uint32_t(std::min<uint64_t>(count, UINT32_MAX));
 }
 
 bool ReaderKickListener::wait(int timeoutMs) const {
-  pollfd pfds[2] = {{fd_, POLLIN, 0}, {eventFd_, POLLIN, 0}};
+  pollfd pfds[2] = {{fd(), POLLIN, 0}, {eventFd(), POLLIN, 0}};
   int rc;
   do {
-    rc = ::poll(pfds, eventFd_ >= 0 ? 2 : 1, timeoutMs);
+    rc = ::poll(pfds, eventFd() >= 0 ? 2 : 1, timeoutMs);
   } while (rc < 0 && errno == EINTR);
   return rc > 0;
 }
@@ -338,7 +345,7 @@ ReaderKickSm::ReaderKickSm(const std::string& tableDir, Defer defer)
   } else {
     watch(inotifyFd_, Watch::registrations);
   }
-  rescan();
+  rescanOwed_ = !rescan();
 }
 
 ReaderKickSm::~ReaderKickSm() {
@@ -361,8 +368,8 @@ void ReaderKickSm::commitNotify() {
 
 // Kicks first, with what is known, so that the readers' wake-ups are under way while the
 // writer looks at what changed since the last flush; readers that the look finds registered
-// get theirs after it. A reader whose kick failed is dropped after the look, unless the look
-// found it unregistered (a clean detach). A reader that the look finds exited is dropped
+// get theirs after it. A reader whose kick found it gone is dropped after the look, unless the
+// look found it unregistered (a clean detach). A reader that the look finds exited is dropped
 // there: the one write it cost, to an eventfd nobody reads any more, is the last.
 uint32_t ReaderKickSm::flush() {
   if (!pending_) return 0;
@@ -371,24 +378,25 @@ uint32_t ReaderKickSm::flush() {
   kickAll();
   if (pollChanges()) kickAll();
   for (size_t i = 0; i < readers_.size();) {
-    if (readers_[i].failed) {
+    if (readers_[i].kicked == Kicked::gone) {
       drop(i);
     } else {
       ++i;
     }
   }
-  const auto kicked = uint32_t(std::count_if(readers_.begin(), readers_.end(),
-                                             [&](auto& r) { return r.kickedIn == flushes_; }));
+  const auto kicked = uint32_t(std::count_if(readers_.begin(), readers_.end(), [&](auto& r) {
+    return r.kickedIn == flushes_ && r.kicked == Kicked::sent;
+  }));
   kicksSent_ += kicked;
   return kicked;
 }
 
-// Every reader not kicked in this flush yet.
+// Every reader not tried in this flush yet.
 void ReaderKickSm::kickAll() {
   for (auto& reader : readers_) {
     if (reader.kickedIn == flushes_) continue;
     reader.kickedIn = flushes_;
-    reader.failed = !kick(reader);
+    reader.kicked = kick(reader);
   }
 }
 
@@ -406,36 +414,46 @@ void ReaderKickSm::watch(int fd, Watch what) {
   }
 }
 
-// One look, never waiting, at everything that happened since the last flush: registrations
-// made or removed, handovers received, readers that exited. True when the registrations were
-// read anew.
+// A look, never waiting, at everything that happened since the last flush: registrations
+// made or removed, handovers received, readers that exited. Many handovers or exits at once
+// fill a batch of events and may hide the registrations' behind them: the look goes on while
+// batches come back full, and past kMaxBatches reads the registrations' inotify fd anyway.
+// True when the registrations were read anew.
 bool ReaderKickSm::pollChanges() {
-  bool changed = inotifyFd_ < 0;
-  epoll_event events[64];
-  const int n = ::epoll_wait(pollFd_, events, 64, 0);
-  for (int i = 0; i < n; ++i) {
-    const int fd = int(uint32_t(events[i].data.u64));
-    const auto what = Watch(events[i].data.u64 >> 32);
-    if (what == Watch::registrations) {
-      changed = true;
-    } else if (Registration* reader = findByFd(fd, what); reader && what == Watch::handover) {
-      takeHandover(*reader);
-    } else if (reader) {
-      // The fd may be another reader's by now (closed and reused within this batch).
-      pollfd exited{fd, POLLIN, 0};
-      if (::poll(&exited, 1, 0) != 1) continue;
-      drop(size_t(reader - readers_.data()));
-    }
+  constexpr int kBatch = 64;
+  constexpr int kMaxBatches = 16;
+  bool changed = inotifyFd_ < 0 || rescanOwed_;
+  int n = kBatch;
+  for (int batch = 0; batch < kMaxBatches && n == kBatch; ++batch) {
+    epoll_event events[kBatch];
+    n = ::epoll_wait(pollFd_, events, kBatch, 0);
+    for (int i = 0; i < n; ++i) changed |= takeEvent(events[i]);
   }
-  return changed && refreshIfChanged();
+  return (changed || n == kBatch) && refreshIfChanged();
+}
+
+// True when the event is about the registrations.
+bool ReaderKickSm::takeEvent(const epoll_event& event) {
+  const int fd = int(uint32_t(event.data.u64));
+  const auto what = Watch(event.data.u64 >> 32);
+  if (what == Watch::registrations) return true;
+  Registration* reader = findByFd(fd, what);
+  if (reader && what == Watch::handover) {
+    takeHandover(*reader);
+  } else if (reader) {
+    // The fd may be another reader's by now (closed and reused within this batch).
+    pollfd exited{fd, POLLIN, 0};
+    if (::poll(&exited, 1, 0) == 1) drop(size_t(reader - readers_.data()));
+  }
+  return false;
 }
 
 bool ReaderKickSm::refreshIfChanged() {
   alignas(inotify_event) char events[4096];
-  bool changed = inotifyFd_ < 0;
+  bool changed = inotifyFd_ < 0 || rescanOwed_;
   while (inotifyFd_ >= 0 && ::read(inotifyFd_, events, sizeof(events)) > 0) changed = true;
-  if (changed) rescan();
-  return changed;
+  if (changed) rescanOwed_ = !rescan();
+  return changed && !rescanOwed_;
 }
 
 ReaderKickSm::Registration* ReaderKickSm::findByFd(int fd, Watch what) {
@@ -445,14 +463,21 @@ ReaderKickSm::Registration* ReaderKickSm::findByFd(int fd, Watch what) {
   return nullptr;
 }
 
-void ReaderKickSm::rescan() {
-  std::vector<Registration> found;
-  if (DIR* dir = ::opendir(dir_.c_str())) {
-    while (dirent* entry = ::readdir(dir)) {
-      if (isSocketName(entry->d_name)) found.push_back({dir_ + "/" + entry->d_name});
-    }
-    ::closedir(dir);
+// False when the folder cannot be read (no descriptor left, say): the registrations known are
+// kept, and the folder read again at the next flush.
+bool ReaderKickSm::rescan() {
+  DIR* dir = ::opendir(dir_.c_str());
+  if (!dir) {
+    const int why = errno;
+    ZTRACE(0, "ReaderKickSm::rescan() cannot read "
+                  << dir_ << ", trying again at the next flush: " << errnoText(why));
+    return false;
   }
+  std::vector<Registration> found;
+  while (dirent* entry = ::readdir(dir)) {
+    if (isSocketName(entry->d_name)) found.push_back({dir_ + "/" + entry->d_name});
+  }
+  ::closedir(dir);
   // Keep the connections (and handovers) of readers still registered; close the others'.
   for (auto& old : readers_) {
     for (auto& now : found) {
@@ -464,20 +489,26 @@ void ReaderKickSm::rescan() {
     closeFds(old);
   }
   readers_ = std::move(found);
+  return true;
 }
 
 // Datagrams from this socket carry its (autobound, abstract) address, to which the reader
-// answers with its handover.
+// answers with its handover. On failure -1, with errno telling why.
 int ReaderKickSm::connectTo(const std::string& path) {
   sockaddr_un addr;
-  if (!fillAddress(path, addr)) return -1;
+  if (!fillAddress(path, addr)) {
+    errno = ENAMETOOLONG;
+    return -1;
+  }
   int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   if (fd < 0) return -1;
   sockaddr_un unnamed{};
   unnamed.sun_family = AF_UNIX;
   if (::bind(fd, reinterpret_cast<sockaddr*>(&unnamed), sizeof(sa_family_t)) != 0 ||
       ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+    const int err = errno;
     ::close(fd);
+    errno = err;
     return -1;
   }
   watch(fd, Watch::handover);
@@ -542,15 +573,22 @@ void ReaderKickSm::drop(size_t index) {
   readers_.pop_back();
 }
 
-// By eventfd when the reader handed one over, else one empty datagram; never waiting. A failed
-// send is tried once more on a fresh connection (the path may have been bound anew); false
-// when the reader is gone.
-bool ReaderKickSm::kick(Registration& reader) {
+// By eventfd when the reader handed one over, else one empty datagram; never waiting.
+ReaderKickSm::Kicked ReaderKickSm::kick(Registration& reader) {
   if (reader.eventFd >= 0) {
     const uint64_t one = 1;
-    if (::write(reader.eventFd, &one, sizeof(one)) == sizeof(one) || errno == EAGAIN) return true;
+    if (::write(reader.eventFd, &one, sizeof(one)) == sizeof(one) || errno == EAGAIN) {
+      return Kicked::sent;
+    }
     closeHandover(reader);
   }
+  return sendKick(reader);
+}
+
+// A failed send is tried once more on a fresh connection (the path may have been bound anew).
+// Only a socket that is not there, or that nobody is bound to, proves the reader gone; any
+// other failure (no descriptor or memory left here, no permission) keeps it for the next flush.
+ReaderKickSm::Kicked ReaderKickSm::sendKick(Registration& reader) {
   int why = 0;
   for (int attempt = 0; attempt < 2; ++attempt) {
     if (reader.fd < 0) reader.fd = connectTo(reader.path);
@@ -560,14 +598,19 @@ bool ReaderKickSm::kick(Registration& reader) {
     }
     if (::send(reader.fd, "", 0, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0 || errno == EAGAIN ||
         errno == EWOULDBLOCK || errno == ENOBUFS) {
-      return true;
+      return Kicked::sent;
     }
     why = errno;
     // Out of the poll set too: a child forked since may hold the same socket open.
     unwatchAndClose(reader.fd);
   }
-  ZTRACE(1, "ReaderKickSm::kick() nobody listens at " << reader.path << ": " << errnoText(why));
-  return false;
+  if (why == ECONNREFUSED || why == ENOENT) {
+    ZTRACE(1, "ReaderKickSm::kick() nobody listens at " << reader.path << ": " << errnoText(why));
+    return Kicked::gone;
+  }
+  ZTRACE(0, "ReaderKickSm::kick() cannot kick "
+                << reader.path << " now, trying again at the next flush: " << errnoText(why));
+  return Kicked::notNow;
 }
 
 }  // namespace Mem

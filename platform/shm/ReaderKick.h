@@ -13,12 +13,14 @@
 // and watches the pidfd: a reader that dies is dropped at the writer's next flush, which
 // costs it one write to an eventfd nobody reads. A reader that never answers stays on datagrams; a
 // socket nobody listens on any more (ECONNREFUSED, ENOENT) is unlinked and forgotten on the first
-// failed kick. Either way a dead reader costs the writer nothing.
+// failed kick. Either way a dead reader costs the writer nothing. A kick that fails for any other
+// reason (the writer out of descriptors or memory, say) proves nothing about the reader: it stays
+// registered and is kicked again at the next flush.
 //
 // The writer learns of new and removed registrations through inotify on the readers folder.
-// One non-blocking epoll_wait per flush tells it all that changed since the last one
-// (registrations, handovers, readers gone); then a kick costs one write or send per reader:
-// no directory scan and no path lookup.
+// A non-blocking epoll_wait per flush, repeated while it comes back full, tells it all that
+// changed since the last one (registrations, handovers, readers gone); then a kick costs one
+// write or send per reader: no directory scan and no path lookup.
 //
 // Beside its socket every reader keeps an acknowledgement record, <pid>-<n>.ack, in which it
 // publishes the last change sequence it has consumed (ReaderAck below). The reader's name is
@@ -26,6 +28,7 @@
 // it lives, so that the writer can tell a live reader's record from one a dead reader left.
 #pragma once
 
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -79,16 +82,17 @@ ssize_t sendDescriptorPair(int sock, const sockaddr_un& to, socklen_t length, co
 class ReaderKickListener {
  public:
   // Creates <tableDir>/readers if needed and binds a fresh socket there. Throws
-  // Zinc::Exception with the reason when the folder or socket cannot be made.
+  // Zinc::Exception with the reason when the folder, record or socket cannot be made, and then
+  // leaves no file, descriptor or mapping of its own behind.
   explicit ReaderKickListener(const std::string& tableDir);
   ReaderKickListener(const ReaderKickListener&) = delete;
   ReaderKickListener& operator=(const ReaderKickListener&) = delete;
-  ~ReaderKickListener();
+  ~ReaderKickListener() = default;
 
   // The datagram socket.
-  int fd() const { return fd_; }
+  int fd() const { return fd_.get(); }
   // The eventfd handed to writers; -1 when this system offers none (datagrams only).
-  int eventFd() const { return eventFd_; }
+  int eventFd() const { return eventFd_.get(); }
   const std::string& path() const { return path_; }
   // The registration's name, "<pid>-<n>", by which the writer asks about this reader.
   const std::string& name() const { return name_; }
@@ -112,6 +116,47 @@ class ReaderKickListener {
   uint64_t handoversSent() const { return handoversSent_; }
 
  private:
+  // Owners of what the listener makes, each undone when it goes; members, so that a
+  // constructor that throws half way undoes what it made so far.
+  class OwnedFd {
+   public:
+    OwnedFd() = default;
+    OwnedFd(const OwnedFd&) = delete;
+    OwnedFd& operator=(const OwnedFd&) = delete;
+    ~OwnedFd() { reset(); }
+    int get() const { return fd_; }
+    void reset(int fd = -1);
+
+   private:
+    int fd_ = -1;
+  };
+  // A file this listener made: unlinked.
+  class OwnedFile {
+   public:
+    OwnedFile() = default;
+    OwnedFile(const OwnedFile&) = delete;
+    OwnedFile& operator=(const OwnedFile&) = delete;
+    ~OwnedFile();
+    void own(const std::string& path) { path_ = path; }
+
+   private:
+    std::string path_;
+  };
+  // The acknowledgement record's mapping: unmapped.
+  class AckMapping {
+   public:
+    AckMapping() = default;
+    AckMapping(const AckMapping&) = delete;
+    AckMapping& operator=(const AckMapping&) = delete;
+    ~AckMapping();
+    void own(void* at) { at_ = static_cast<ReaderAck*>(at); }
+    ReaderAck* operator->() const { return at_; }
+
+   private:
+    ReaderAck* at_ = nullptr;
+  };
+
+  void openSocket(const sockaddr_un& addr);
   void openAckRecord();
   void openEventFd();
   void handOverTo(const sockaddr_un& writer, socklen_t length);
@@ -119,11 +164,14 @@ class ReaderKickListener {
   std::string name_;
   std::string path_;
   std::string ackPath_;
-  int fd_ = -1;
-  int eventFd_ = -1;
-  int pidFd_ = -1;
-  int ackFd_ = -1;
-  ReaderAck* ack_ = nullptr;
+  // Undone in the reverse order: the registration goes first, the record's lock last.
+  OwnedFd ackFd_;  // holds the record's shared flock
+  AckMapping ack_;
+  OwnedFile ackFile_;
+  OwnedFd pidFd_;
+  OwnedFd eventFd_;
+  OwnedFd fd_;
+  OwnedFile socketFile_;
   uint64_t handoversSent_ = 0;
 };
 
@@ -152,6 +200,9 @@ class ReaderKickSm {
   uint64_t readersDropped() const { return readersDropped_; }
 
  private:
+  // How a kick went: sent, failed for a reason that says nothing of the reader (tried again
+  // at the next flush), or found nobody listening (the reader is gone).
+  enum class Kicked : uint8_t { sent, notNow, gone };
   // A registered reader: the datagram socket connected to it (-1 until connected), and once
   // it handed them over, its eventfd and the pidfd of its process (-1 until then).
   struct Registration {
@@ -159,19 +210,21 @@ class ReaderKickSm {
     int fd = -1;
     int eventFd = -1;
     int pidFd = -1;
-    uint64_t kickedIn = 0;  // the last flush that kicked it
-    bool failed = false;    // that kick found nobody listening
+    uint64_t kickedIn = 0;         // the last flush that tried to kick it
+    Kicked kicked = Kicked::sent;  // how that went
   };
   // What an epoll event of pollFd_ is about.
   enum class Watch : uint32_t { registrations, handover, exit };
   void kickAll();
   bool pollChanges();
+  bool takeEvent(const epoll_event& event);
   void watch(int fd, Watch what);
   bool refreshIfChanged();
-  void rescan();
+  bool rescan();
   Registration* findByFd(int fd, Watch what);
   void takeHandover(Registration& reader);
-  bool kick(Registration& reader);
+  Kicked kick(Registration& reader);
+  Kicked sendKick(Registration& reader);
   void drop(size_t index);
   int connectTo(const std::string& path);
   void closeFds(Registration& reader);
@@ -184,6 +237,7 @@ class ReaderKickSm {
   int inotifyFd_ = -1;
   bool pending_ = false;
   bool flushScheduled_ = false;
+  bool rescanOwed_ = false;  // the readers folder could not be read when it changed
   uint64_t flushes_ = 0;
   std::vector<Registration> readers_;
   uint64_t kicksSent_ = 0;

@@ -2,10 +2,12 @@
 // this process plays the writer.
 #include "platform/shm/ReaderKick.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/epoll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -17,12 +19,14 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <set>
 #include <thread>
 #include <vector>
 
 #include "platform/tests/ForkedChild.h"
 #include "platform/tests/TempDir.h"
+#include "zinc/Exception.h"
 #include "zinc/Loop.h"
 
 namespace {
@@ -148,6 +152,135 @@ TEST_F(ReaderKick, DeadReaderIsDroppedOnFirstFailedKick) {
   EXPECT_EQ(alive.drain(), 2u);
 }
 
+// The names of the files in `dir`; none when there is no such folder.
+std::set<std::string> filesIn(const std::string& dir) {
+  std::set<std::string> files;
+  std::error_code missing;
+  for (auto& entry : std::filesystem::directory_iterator(dir, missing)) {
+    files.insert(entry.path().filename().string());
+  }
+  return files;
+}
+
+// While it lives, this process can open only `count` more descriptors: the soft limit is
+// lowered and every free number below it taken.
+class DescriptorsLeft {
+ public:
+  explicit DescriptorsLeft(int count) {
+    ::getrlimit(RLIMIT_NOFILE, &saved_);
+    const int anchor = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    rlimit low = saved_;
+    low.rlim_cur = rlim_t(anchor + 64);  // room enough above the lowest free number
+    ::setrlimit(RLIMIT_NOFILE, &low);
+    held_.push_back(anchor);
+    for (int fd; (fd = ::fcntl(anchor, F_DUPFD_CLOEXEC, 0)) >= 0;) held_.push_back(fd);
+    for (; count > 0; --count) {
+      ::close(held_.back());
+      held_.pop_back();
+    }
+  }
+  DescriptorsLeft(const DescriptorsLeft&) = delete;
+  DescriptorsLeft& operator=(const DescriptorsLeft&) = delete;
+  ~DescriptorsLeft() {
+    for (int fd : held_) ::close(fd);
+    ::setrlimit(RLIMIT_NOFILE, &saved_);
+  }
+
+ private:
+  rlimit saved_;
+  std::vector<int> held_;
+};
+
+// A writer out of descriptors for a while cannot open a connection to a reader. That says
+// nothing about the reader, alive all along: it stays registered and is kicked by the first
+// flush once the writer has descriptors again.
+TEST_F(ReaderKick, WriterOutOfDescriptorsKeepsTheReaderItCannotKick) {
+  ReaderChild child(table);
+  ReaderKickSm writer(table);
+  ASSERT_EQ(writer.readers(), 1u);
+  const auto registered = filesIn(Mem::readersDir(table));
+  {
+    DescriptorsLeft none(0);
+    writer.commitNotify();
+    EXPECT_EQ(writer.flush(), 0u) << "not kicked, and not counted as kicked";
+  }
+  EXPECT_EQ(writer.readersDropped(), 0u);
+  EXPECT_EQ(writer.readers(), 1u);
+  EXPECT_EQ(filesIn(Mem::readersDir(table)), registered) << "registration and record kept";
+  writer.commitNotify();
+  EXPECT_EQ(writer.flush(), 1u);
+  EXPECT_EQ(child.result(), 1);
+}
+
+// The same writer, when a reader registers while it cannot read the readers folder: it keeps
+// the readers it knows, and finds the new one once it has descriptors again.
+TEST_F(ReaderKick, WriterOutOfDescriptorsKeepsTheRegistrationsItCannotRead) {
+  ReaderChild known(table);
+  ReaderKickSm writer(table);
+  ReaderChild newcomer(table);
+  {
+    DescriptorsLeft none(0);
+    writer.commitNotify();
+    EXPECT_EQ(writer.flush(), 0u);
+    EXPECT_EQ(writer.readers(), 1u) << "the folder could not be read: nobody is forgotten";
+  }
+  writer.commitNotify();
+  EXPECT_EQ(writer.flush(), 2u);
+  EXPECT_EQ(writer.readersDropped(), 0u);
+  EXPECT_EQ(known.result(), 1);
+  EXPECT_EQ(newcomer.result(), 1);
+}
+
+// Descriptors open in this process.
+size_t openDescriptors() {
+  return size_t(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
+}
+
+// Lines of /proc/self/maps that map a file whose path contains `part`.
+std::vector<std::string> mappingsOf(const std::string& part) {
+  std::vector<std::string> found;
+  std::ifstream maps("/proc/self/maps");
+  for (std::string line; std::getline(maps, line);) {
+    if (line.find(part) != std::string::npos) found.push_back(line);
+  }
+  return found;
+}
+
+// Whether a listener could be made in `tableDir` with `descriptors` left (-1: no limit); it
+// is gone again when this returns.
+bool makeListener(const std::string& tableDir, int descriptors = -1) {
+  std::unique_ptr<DescriptorsLeft> left;
+  if (descriptors >= 0) left = std::make_unique<DescriptorsLeft>(descriptors);
+  try {
+    ReaderKickListener listener(tableDir);
+    return true;
+  } catch (const Zinc::Exception&) {
+    return false;
+  }
+}
+
+// A listener that cannot be made, at whatever step it fails, leaves nothing of its own: no
+// file in the readers folder (whose record a writer would take for a live reader's), no
+// descriptor, no mapping. Mounts that retry make no pile of them.
+TEST_F(ReaderKick, ListenerThatCannotBeMadeLeavesNothingBehind) {
+  const std::string tooLong = root / std::string(100, 'x');  // no socket can be bound there
+  const size_t descriptors = openDescriptors();
+  for (int retry = 0; retry < 3; ++retry) EXPECT_FALSE(makeListener(tooLong));
+  EXPECT_EQ(filesIn(Mem::readersDir(tooLong)), std::set<std::string>{});
+  EXPECT_EQ(openDescriptors(), descriptors);
+  EXPECT_EQ(mappingsOf(tooLong), std::vector<std::string>{});
+
+  // Out of descriptors at each step in turn, up to enough for all of them.
+  int failed = 0;
+  int left = 0;
+  for (; left < 16 && !makeListener(table, left); ++left) ++failed;
+  EXPECT_GE(failed, 2) << "the record and the socket each need a descriptor";
+  EXPECT_LT(left, 16) << "made with enough descriptors";
+  EXPECT_EQ(filesIn(Mem::readersDir(table)), std::set<std::string>{});
+  EXPECT_EQ(openDescriptors(), descriptors);
+  EXPECT_EQ(mappingsOf(table), std::vector<std::string>{});
+}
+
 TEST_F(ReaderKick, FullReaderQueueNeverBlocksWriter) {
   ReaderKickListener sleepy(table);
   ReaderKickSm writer(table);
@@ -243,6 +376,36 @@ TEST_F(ReaderKick, ReaderThatExitsAfterHandoverIsDroppedAtTheNextFlush) {
   writer.commitNotify();
   EXPECT_EQ(writer.flush(), 0u);
   EXPECT_EQ(writer.readersDropped(), 1u);
+}
+
+// More handovers arrive at once than one look at the writer's events takes in; a reader that
+// registers behind them, before a commit, is still kicked for that commit.
+TEST_F(ReaderKick, RegistrationBehindManyHandoversIsKickedForTheNextCommit) {
+  constexpr uint32_t kReaders = 80;
+  TestSupport::ForkedChild many([&](int out, int in) {
+    std::vector<std::unique_ptr<ReaderKickListener>> listeners;
+    for (uint32_t i = 0; i < kReaders; ++i) {
+      listeners.push_back(std::make_unique<ReaderKickListener>(table));
+    }
+    (void)!::write(out, "r", 1);
+    char go;
+    if (::read(in, &go, 1) != 1) return 2;
+    for (auto& listener : listeners) listener->drainSocket();  // answers with the handover
+    (void)!::write(out, "h", 1);
+    ::pause();
+    return 0;
+  });
+  ASSERT_EQ(many.read(1), "r");
+  ReaderKickSm writer(table);
+  writer.commitNotify();
+  ASSERT_EQ(writer.flush(), kReaders);
+  ASSERT_TRUE(many.tell('h'));
+  ASSERT_EQ(many.read(1), "h");
+  ReaderChild newcomer(table);
+  writer.commitNotify();
+  EXPECT_EQ(writer.flush(), kReaders + 1);
+  EXPECT_EQ(writer.readersHandedOver(), kReaders);
+  EXPECT_EQ(newcomer.result(), 1);
 }
 
 // Every entry of this process's epoll sets whose descriptor is no longer open here, or now
