@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <iomanip>
@@ -17,6 +18,7 @@
 #include <optional>
 #include <ostream>
 #include <sstream>
+#include <string_view>
 #include <thread>
 
 #include "ledger/BucketReader.h"
@@ -62,8 +64,8 @@ const char* const kUsageText =
     "  watch TABLE      follows the table and prints one line per added, changed or deleted\n"
     "                   entry as it happens; --count N stops after N lines\n"
     "\n"
-    "Run 'ledger COMMAND --help' for one command. Exit status 2: usage error, or a table\n"
-    "that is missing or unreadable.\n";
+    "Run 'ledger COMMAND --help' for one command. Exit status 1: a table that is corrupt or\n"
+    "cannot be read; 2: usage error, or no such table.\n";
 
 const std::map<std::string, std::string> kCommandHelp = {
     {"ls",
@@ -491,15 +493,10 @@ class Check {
       if (seen_[i] != 2) continue;
       Shape::Offset o;
       std::memcpy(&o, t_.slots.value(i), sizeof(o));
-      if (!o.valid() || o.sizeClass() >= Shape::kNumClasses || o.index() >= Ledger::kMaxSlots) {
+      if (!o.valid() || o.sizeClass() >= Shape::kNumClasses) {
         return ValidatorText::noStoredValue(i);
       }
-      auto& marks = referenced[o.sizeClass()];
-      if (o.index() >= marks.size()) marks.resize(o.index() + 1, false);
-      if (marks[o.index()]) {
-        return ValidatorText::storage(Shape::referencedTwice(o.sizeClass(), o.index()));
-      }
-      marks[o.index()] = true;
+      if (auto e = markReferenced(i, o, referenced[o.sizeClass()]); !e.empty()) return e;
     }
     for (uint32_t c = 0; c < Shape::kNumClasses; ++c) {
       std::string why;
@@ -508,6 +505,31 @@ class Check {
       if (!slab) return why;
       if (auto e = slab->check(&referenced[c]); !e.empty()) return ValidatorText::storage(e);
     }
+    return {};
+  }
+
+  // Marks the slab entry that slot `slot` refers to in `marks`, one mark per entry of its slab
+  // (sized on the first reference): the slab's own count of entries, as far as its file holds
+  // them, bounds the references and the marks alike.
+  std::string markReferenced(uint32_t slot, Shape::Offset o, std::vector<bool>& marks) {
+    if (marks.empty()) {
+      std::string why;
+      Shape::SlabReader* slab = t_.slabs->slabs.slab(o.sizeClass(), why);
+      if (!slab) return why;
+      const uint32_t entries = slab->header().numEntries;
+      if (entries > slab->mappedEntries()) slab->doResize();  // a writer grew it since
+      marks.assign(std::min(entries, slab->mappedEntries()), false);
+    }
+    if (o.index() >= marks.size()) {
+      return ValidatorText::storage("slot " + std::to_string(slot) + " refers to slab." +
+                                    std::to_string(o.sizeClass()) + " entry " +
+                                    std::to_string(o.index()) + " beyond its " +
+                                    std::to_string(marks.size()) + " entries");
+    }
+    if (marks[o.index()]) {
+      return ValidatorText::storage(Shape::referencedTwice(o.sizeClass(), o.index()));
+    }
+    marks[o.index()] = true;
     return {};
   }
 
@@ -673,12 +695,41 @@ int validate(const Options& o, std::ostream& out, std::ostream& err) {
   return kUnsettled;
 }
 
-std::string jsonEscaped(const std::string& text) {
+// Bytes of the well-formed UTF-8 character that `text` starts with (its first byte 0x80 or
+// above), or 0 when it starts none: a stray continuation byte, an overlong form, a surrogate,
+// a code point beyond U+10FFFF, a character cut short.
+size_t utf8Length(std::string_view text) {
+  const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
+  const unsigned char lead = byte(0);
+  const size_t n = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
+  // The second byte's range excludes the overlong forms, surrogates and what is too large.
+  const unsigned char low = lead == 0xe0 ? 0xa0 : lead == 0xf0 ? 0x90 : 0x80;
+  const unsigned char high = lead == 0xed ? 0x9f : lead == 0xf4 ? 0x8f : 0xbf;
+  if (lead < 0xc2 || lead > 0xf4 || text.size() < n || byte(1) < low || byte(1) > high) return 0;
+  for (size_t i = 2; i < n; ++i) {
+    if (byte(i) < 0x80 || byte(i) > 0xbf) return 0;
+  }
+  return n;
+}
+
+// The contents of a JSON string holding `text`, valid JSON whatever its bytes: quotes and
+// backslashes escaped, control characters as \u00XX, well-formed UTF-8 as it is. A table's
+// name or a record's text may hold any bytes; one that is no part of well-formed UTF-8 cannot
+// go out raw, and is written as \u00XX of its value (the character of that number).
+std::string jsonEscaped(std::string_view text) {
   std::string out;
-  for (char c : text) {
-    if (c == '"' || c == '\\') out += '\\';
-    if (static_cast<unsigned char>(c) < 0x20) continue;
-    out += c;
+  for (size_t i = 0; i < text.size();) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    const size_t n = c < 0x80 ? 1 : utf8Length(text.substr(i));
+    if (n == 0 || c < 0x20) {
+      char escaped[7];
+      std::snprintf(escaped, sizeof(escaped), "\\u%04x", c);
+      out += escaped;
+    } else {
+      if (c == '"' || c == '\\') out += '\\';
+      out.append(text.substr(i, n));
+    }
+    i += std::max<size_t>(n, 1);
   }
   return out;
 }
@@ -735,34 +786,22 @@ int dump(const Options& o, std::ostream& out, std::ostream& err) {
 }
 
 // Follows a table by slot: what each slot held last (rhash and bytes), compared when the
-// change queue names it.
+// change queue names it. A table that cannot be mapped whole again is left unmapped (nothing
+// walks it) and tried again on every kick and every second until it can.
 class Watcher {
  public:
   Watcher(const Options& o, Table& t, std::ostream& out) : o_(o), t_(t), out_(out) {}
 
   int run() {
-    Mem::ReaderKickListener kick(SharedMem::rootPath(o_.root) + "/" + o_.table);
+    kick_ = std::make_unique<Mem::ReaderKickListener>(tableDir());
     t_.rally.skipToEnd();
     for (uint32_t i = 0, n = slotsToLook(); i < n; ++i) look(i, false);
     out_ << "watching " << o_.name << ": " << t_.slots.occupiedSlots() << " entries, sequence "
          << t_.rally.lastSeq() << std::endl;
-    Zinc::Loop loop;
-    auto follow = [&] {
-      const auto result = t_.rally.handleAck([&](uint32_t slot, uint64_t) { look(slot, true); });
-      if (result == RallyReader::Result::resync) {
-        resync(t_.rally.incarnationChanged() ? "writer re-attached" : "queue out of step");
-      } else if (result == RallyReader::Result::corrupt) {
-        resync("corruption: " + t_.rally.corruption());
-      }
-      out_.flush();
-      if (done()) loop.stop();
-    };
-    kick.watchOn(loop, follow);
-    // A writer that re-attached tells us so with its first kick; this catches a table made anew.
-    loop.timerEvery(std::chrono::seconds(1), [&] {
-      if (t_.rally.incarnationChanged()) follow();
-    });
-    if (!done()) loop.run();
+    kick_->watchOn(loop_, [this] { follow(); });
+    loop_.timerEvery(std::chrono::seconds(1), [this] { check(); });
+    if (!done()) loop_.run();
+    kick_->unwatch(loop_);
     return kOk;
   }
 
@@ -774,19 +813,85 @@ class Watcher {
   };
 
   bool done() const { return o_.count && lines_ >= o_.count; }
+  std::string tableDir() const { return SharedMem::rootPath(o_.root) + "/" + o_.table; }
+
+  // A kick: the changes that the queue names since the last one.
+  void follow() {
+    if (!attached()) {
+      reattach();
+    } else {
+      const auto result = t_.rally.handleAck([&](uint32_t slot, uint64_t) { look(slot, true); });
+      if (result == RallyReader::Result::resync) {
+        resync(t_.rally.incarnationChanged() ? "writer re-attached" : "queue out of step");
+      } else if (result == RallyReader::Result::corrupt) {
+        resync("corruption: " + t_.rally.corruption());
+      }
+    }
+    out_.flush();
+    if (done()) loop_.stop();
+  }
+
+  // Every second: what no kick may tell. A writer that re-attached tells us so with its first
+  // kick; a table removed and made anew has new files, whose writer may not know us.
+  void check() {
+    if (attached() && slotFileReplaced()) {
+      resync("table removed or made anew");
+      out_.flush();
+      if (done()) loop_.stop();
+    } else if (!attached() || t_.rally.incarnationChanged()) {
+      follow();
+    }
+  }
+
+  bool attached() const { return t_.slots.attached() && t_.rally.attached(); }
+
+  // The file at the slot file's path is not the one mapped (or there is none): the table was
+  // removed, and maybe made again. Identified as SlotReaderTable::fileIdentity() does.
+  bool slotFileReplaced() const {
+    struct stat st;
+    const uint64_t now =
+        ::stat(t_.slots.path().c_str(), &st) == 0 ? (uint64_t(st.st_dev) << 40) ^ st.st_ino : 0;
+    return now != t_.slots.fileIdentity();
+  }
 
   void resync(const std::string& why) {
     out_ << "resync (" << why << ")\n";
+    reattach();
+  }
+
+  // Maps the table's files again and compares every slot with what it held; when they cannot
+  // be mapped, nothing stays mapped. A failure is told once, until another one or a success.
+  void reattach() {
     try {
       t_.slots.attach(o_.root, o_.table);
       attachSlabs(o_, t_);
       t_.rally.attach(o_.root, o_.table, t_.slots.emberId());
+      std::error_code ec;
+      if (!std::filesystem::exists(kick_->path(), ec)) reregister();
     } catch (const Zinc::Exception& e) {
-      out_ << "cannot re-attach: " << e.what() << "\n";
+      detach();
+      if (e.what() != attachError_) out_ << "cannot re-attach: " << e.what() << "\n";
+      attachError_ = e.what();
       return;
     }
+    attachError_.clear();
     const uint32_t n = std::max<uint32_t>(slotsToLook(), uint32_t(last_.size()));
     for (uint32_t i = 0; i < n; ++i) look(i, true);
+  }
+
+  void detach() {
+    t_.rally.detach();
+    t_.slots.outOfLineIs(nullptr);
+    t_.slabs.reset();
+    t_.slots.detach();
+  }
+
+  // A table removed whole took our registration with it: its new writer kicks only those
+  // registered in its own folder.
+  void reregister() {
+    kick_->unwatch(loop_);
+    kick_ = std::make_unique<Mem::ReaderKickListener>(tableDir());
+    kick_->watchOn(loop_, [this] { follow(); });
   }
 
   // The writer's slots, as far as its file holds them: a header that counts more is corrupt
@@ -847,6 +952,9 @@ class Watcher {
   const Options& o_;
   Table& t_;
   std::ostream& out_;
+  Zinc::Loop loop_;
+  std::unique_ptr<Mem::ReaderKickListener> kick_;
+  std::string attachError_;  // the last re-attach's failure, told once
   std::vector<Last> last_;
   uint64_t lines_ = 0;
   bool toldBeyond_ = false;  // slotsToLook() said that the header counts beyond the file

@@ -17,8 +17,8 @@
 
 namespace LedgerTool {
 
-// Runs one command; returns the process exit status (0 ok, 1 invalid table, 2 usage or
-// missing/unreadable table, 3 a table that validate never caught at rest).
+// Runs one command; returns the process exit status (0 ok, 1 a table that is invalid or
+// cannot be read, 2 usage or no such table, 3 a table that validate never caught at rest).
 int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 
 }  // namespace LedgerTool

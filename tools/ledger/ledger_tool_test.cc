@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,6 +16,7 @@
 #include "ledger/Shape.h"
 #include "ledger/tests/CheckedTable.h"
 #include "ledger/tests/ShadowHarness.h"
+#include "ledger/tests/SlabTestTypes.h"
 #include "lfib/LfibStatus.h"
 #include "platform/tests/ForkedChild.h"
 #include "tools/ledger/LedgerTool.h"
@@ -205,6 +207,68 @@ TEST(LedgerTool, ReportsACorruptChangeQueue) {
   EXPECT_TRUE(contains(tool(root, {"show", "routes"}).out, "writerAlive: no\n"));
 }
 
+// Table names (any bytes but '/' and NUL) as JSON strings: whatever the bytes, the string is
+// valid JSON, and well-formed UTF-8 stays as it is.
+TEST(LedgerTool, DumpJsonEscapesAnyBytes) {
+  TempRoot root;
+  const std::vector<std::pair<std::string, std::string>> names = {
+      {"ctl\x01\x1f\t\n", R"(ctl\u0001\u001f\u0009\u000a)"},
+      {"quote\"back\\", R"(quote\"back\\)"},
+      {"utf8-\xc3\xa9-\xe2\x82\xac-\xf0\x9f\x98\x80\x7f",
+       "utf8-\xc3\xa9-\xe2\x82\xac-\xf0\x9f\x98\x80\x7f"},
+      // A stray byte, a character cut short, an overlong '/', a surrogate, beyond U+10FFFF.
+      {"bad-\xff-\xc3", R"(bad-\u00ff-\u00c3)"},
+      {"bad-\xc0\xaf-\xed\xa0\x80-\xf4\x90\x80\x80",
+       R"(bad-\u00c0\u00af-\u00ed\u00a0\u0080-\u00f4\u0090\u0080\u0080)"},
+  };
+  for (const auto& [name, escaped] : names) {
+    Writer w(tableConfig(root.path(), name, 64));
+    w.attach();
+    w.write(makeValue(1, 1));
+    auto json = tool(root, {"dump", name, "--json"});
+    EXPECT_EQ(json.status, 0) << escaped << json.err;
+    EXPECT_EQ(json.out.substr(0, json.out.find(", \"valueSize\"")),
+              "{\"table\": \"" + escaped + "\"")
+        << escaped;
+  }
+}
+
+// A slot's slab reference is checked against the slab's own entries: one beyond them is
+// reported as such (and sizes nothing), not as a slab entry that no slot refers to.
+TEST(LedgerTool, ValidateFindsSlabReferencesBeyondTheSlab) {
+  TempRoot root;
+  Ledger::LedgerWriter<ViaSetKey, ViaSet, ViaOps> w(tableConfig(root.path(), "routes", 64));
+  w.attach();
+  w.write(makeViaSet(1, 2, 1));
+  uint32_t slot = 0;
+  while (!(w.slotTable().slot(slot).status & Ledger::kOccupied)) ++slot;
+  Shape::Offset offset;
+  std::memcpy(&offset, w.slotTable().value(slot), sizeof(offset));
+  const std::string slab = "slab." + std::to_string(offset.sizeClass());
+  uint32_t entries = 0;
+  patch(root, slab.c_str(),
+        [&](uint8_t* base) { entries = reinterpret_cast<Shape::SlabHeader*>(base)->numEntries; });
+  ASSERT_GT(entries, 0u);
+  const uint64_t valueAt = Ledger::kSlotTableHeaderSize +
+                           uint64_t{slot + 1} * w.slotTable().slotSize() + Ledger::kSlotHeaderSize;
+  for (uint32_t index : {entries, 0x7ffffff0u, 0xffffffffu}) {
+    patch(root, "slots", [&](uint8_t* base) {
+      const Shape::Offset beyond = Shape::Offset::of(offset.sizeClass(), index);
+      std::memcpy(base + valueAt, &beyond, sizeof(beyond));
+    });
+    auto run = tool(root, {"validate", "routes", "--once"});
+    EXPECT_EQ(run.status, 1) << index;
+    EXPECT_EQ(run.out,
+              "Validator::validate() Ledger routes validation failed: "
+              "Validator::doValidate() slot " +
+                  std::to_string(slot) + " refers to " + slab + " entry " + std::to_string(index) +
+                  " beyond its " + std::to_string(entries) + " entries\n");
+  }
+  patch(root, "slots",
+        [&](uint8_t* base) { std::memcpy(base + valueAt, &offset, sizeof(offset)); });
+  EXPECT_EQ(tool(root, {"validate", "routes", "--once"}).status, 0);
+}
+
 // Runs `ledger watch TABLE --count N` in a child process that writes to a file.
 class Watcher {
  public:
@@ -217,20 +281,42 @@ class Watcher {
   ~Watcher() { ::unlink(output_.c_str()); }
   // What it wrote, once that holds `what` (or after 20 s, whatever it holds).
   std::string waitFor(const std::string& what) const {
-    std::string text;
+    std::string text = printed();
     for (int i = 0; i < 20000 && !contains(text, what); ++i) {
-      if (i > 0) ::usleep(1000);
-      std::ifstream in(output_);
-      text.assign(std::istreambuf_iterator<char>(in), {});
+      ::usleep(1000);
+      text = printed();
     }
     return text;
   }
-  int wait() { return child_.wait(); }
+  // What it wrote so far.
+  std::string printed() const {
+    std::ifstream in(output_);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  }
+  // Its wait status once it has ended (its end of the pipe closed); one still running after
+  // 20 s is stuck, and killed.
+  int wait() {
+    child_.read(1);
+    ::kill(child_.pid(), SIGKILL);
+    return child_.wait();
+  }
 
  private:
   const std::string output_;
   ForkedChild child_;
 };
+
+// The watcher printed `line` and ended well (one that is stuck is killed): all that it printed.
+std::string expectSeen(Watcher& watcher, const std::string& line) {
+  watcher.waitFor(line);
+  const int status = watcher.wait();
+  const std::string out = watcher.printed();
+  EXPECT_TRUE(contains(out, line)) << out;
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+      << (WIFSIGNALED(status) ? "killed by signal " + std::to_string(WTERMSIG(status)) : "") << "\n"
+      << out;
+  return out;
+}
 
 TEST(LedgerTool, WatchPrintsEachChangeAsItHappens) {
   TempRoot root;
@@ -272,13 +358,7 @@ struct WatchedTable : ::testing::Test {
   Watcher watcher{root, "1"};
 
   void SetUp() override { watcher.waitFor("watching routes"); }
-  // The watcher printed `line` and ended well.
-  void expectSeen(const std::string& line) {
-    const std::string out = watcher.waitFor(line);
-    const int status = watcher.wait();
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
-    EXPECT_TRUE(contains(out, line)) << out;
-  }
+  void expectSeen(const std::string& line) { ::expectSeen(watcher, line); }
 };
 
 TEST_F(WatchedTable, WatchOutlivesASlotFarBeyondTheFile) {
@@ -323,6 +403,53 @@ TEST_F(WatchedTable, WatchSaysWhyItReadsTheTableAgain) {
   w.writer.write(makeValue(4, 2));
   w.flush();
   expectSeen("\nchanged ");
+}
+
+// Under `watch`, the slot header and the queue's generation go bad at once: the table cannot
+// be mapped again, and nothing of it stays mapped (a walk would find no header) until it can.
+// Once both are whole, the next kick maps it and shows what changed meanwhile.
+TEST_F(WatchedTable, WatchWaitsForATableThatCannotBeMappedAgain) {
+  uint32_t generation = 0;
+  patch(root, "rally", [&](uint8_t* base) {
+    auto& control = *reinterpret_cast<Ledger::RallyControl*>(base);
+    generation = control.generation;
+    control.generation += 1000;
+  });
+  patch(root, "slots", [](uint8_t* base) { base[0] = 'X'; });
+  w.writer.write(makeValue(1, 2));
+  w.flush();
+  const std::string said = watcher.waitFor("cannot re-attach: ");
+  EXPECT_TRUE(contains(said, "cannot re-attach: SlotTable::Header::validate() bad magic")) << said;
+  patch(root, "rally", [&](uint8_t* base) {
+    reinterpret_cast<Ledger::RallyControl*>(base)->generation = generation;
+  });
+  patch(root, "slots", [](uint8_t* base) { base[0] = Ledger::kSlotMagic[0]; });
+  w.writer.write(makeValue(2, 2));
+  w.flush();
+  expectSeen("\nchanged slot ");
+}
+
+// The table is removed whole (its readers' folder too) and a new writer makes it again: the
+// watcher finds the new files on its timer, shows how they differ from what it followed, and
+// registers again for the new writer's kicks.
+TEST(LedgerTool, WatchFollowsATableMadeAgain) {
+  TempRoot root;
+  auto first = std::make_unique<KickingWriter>(root.path(), "routes");
+  first->writer.write(makeValue(1, 1));
+  Watcher watcher(root, "3");
+  watcher.waitFor("watching routes");
+  first.reset();
+  std::filesystem::remove_all(root.path() + "/routes");
+  KickingWriter second(root.path(), "routes");
+  second.writer.write(makeValue(2, 1));
+  second.flush();
+  watcher.waitFor("\nadded ");
+  second.writer.write(makeValue(3, 1));
+  second.flush();
+  EXPECT_THAT(expectSeen(watcher, "\nadded slot"),
+              MatchesRegex("watching routes: [^\n]*\nresync \\(table removed or made anew\\)\n"
+                           "(cannot re-attach: [^\n]*\n)*(deleted [^\n]*\nadded|added "
+                           "[^\n]*\ndeleted) [^\n]*\nadded [^\n]*\n"));
 }
 
 // The via sets of a published LFIB live in slabs: the tool reads them through the slot's
