@@ -215,6 +215,8 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
     kick_.reset();
     if (healthTimer_) loop_.timerDel(healthTimer_);
     healthTimer_ = 0;
+    if (retryTimer_) loop_.timerDel(retryTimer_);
+    retryTimer_ = 0;
     rally_.detach();
     if (reader_.attached()) reader_.detach();
     state_ = ShadowState::detached;
@@ -327,8 +329,12 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
     state_ = ShadowState::attached;
     if (kick_) kick_->acknowledge(Mem::kNotInStep);
     if (onCorruption_) onCorruption_(why);
-    loop_.timerAfter(options_.mountRetry, [this, alive = alive_] {
-      if (*alive && state_ == ShadowState::attached) resync("after corruption");
+    if (state_ == ShadowState::detached) return;  // the handler detached the shadow
+    if (retryTimer_) return;  // one retry at a time, however often the table is found broken
+    retryTimer_ = loop_.timerAfter(options_.mountRetry, [this, alive = alive_] {
+      if (!*alive) return;
+      retryTimer_ = 0;
+      if (state_ == ShadowState::attached) resync("after corruption");
     });
   }
 
@@ -372,7 +378,10 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
 
   void healthCheck() {
     if (state_ == ShadowState::detached) return;
-    if (writerChanged() || state_ == ShadowState::attached) resync("health check");
+    // A shadow left attached by a corruption has its retry armed already.
+    if (writerChanged() || (state_ == ShadowState::attached && !retryTimer_)) {
+      resync("health check");
+    }
   }
 
   // The value of the shadow's slot `at`, or of the first after it that decodes, into `out`;
@@ -402,6 +411,7 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
   std::string lastMountError_;
   Zinc::Loop::TimerId mounterTimer_ = 0;
   Zinc::Loop::TimerId healthTimer_ = 0;
+  Zinc::Loop::TimerId retryTimer_ = 0;  // the resync after a corruption, while one is armed
   CorruptionHandler onCorruption_;
   std::function<void()> onReady_;
   bool advertised_ = false;

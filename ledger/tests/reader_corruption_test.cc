@@ -174,6 +174,20 @@ TEST_F(LiveCorruption, ACountBeyondTheCapacityIsCorruptionNotARead) {
       "unexpected position in queue count:");
 }
 
+// While the table stays broken, the shadow keeps one retry armed, not one more each time it
+// looks at the files: its retries do not multiply, and none is left when it goes.
+TEST_F(LiveCorruption, ATableThatStaysBrokenIsRetriedByOneTimerAtATime) {
+  const size_t timers = loop.timerCount();
+  int reports = 0;
+  shadow->corruptionHandlerIs([&](const std::string&) { ++reports; });
+  rally.queue().count = rally.queue().capacity + 1;
+  kick();
+  ASSERT_TRUE(runUntil(loop, [&] { return reports >= 20; }));
+  EXPECT_LE(loop.timerCount(), timers + 1);
+  shadow.reset();
+  EXPECT_EQ(loop.timerCount(), timers - 1) << "the health check's timer went with the shadow";
+}
+
 // A key leaves its slot while the chain it would be found in loops: the shadow cannot follow
 // it, and no longer holds it. It is told gone, and once the chain is whole again the shadow
 // and what its notifiee was told end equal to the writer's table.
