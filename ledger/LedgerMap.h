@@ -15,6 +15,8 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "ledger/LedgerBase.h"
 #include "ledger/LedgerShadow.h"
@@ -80,7 +82,13 @@ class LedgerMap {
 
   LedgerMap(LedgerConfig config, LedgerMode mode, OpsT ops = OpsT())
       : config_(std::move(config)), mode_(mode), ops_(std::move(ops)) {}
-  ~LedgerMap() { table_->detach(); }
+  // A writer's last changes are announced before it goes: detach() defers their kick to the
+  // loop, and the kicker goes with this map before the loop would run it.
+  ~LedgerMap() {
+    *alive_ = false;
+    table_->detach();
+    if (kicker_) kicker_->flush();
+  }
 
   // Writer mode: attaches a LedgerWriter (adopting, recovering or creating the files).
   // Read-only mode: the handle stays on the dummy until a reader is mounted into it.
@@ -96,7 +104,7 @@ class LedgerMap {
   }
   // The reader side hands its mounted table over here.
   void tableIs(std::unique_ptr<LedgerBase<Key, Value>> table) {
-    table_ = table ? std::move(table) : std::make_unique<LedgerBaseDummy<Key, Value>>();
+    replaceTable(table ? std::move(table) : std::make_unique<LedgerBaseDummy<Key, Value>>());
     writer_ = nullptr;
     initialized_ = true;
   }
@@ -110,11 +118,14 @@ class LedgerMap {
         ReaderConfig{config_.root, config_.table}, loop, std::move(notify), ops_, options);
     shadow->corruptionHandlerIs([this](const std::string& why) { corruptionDetected(why); });
     shadow->readyHookIs([this] { advertiseCollectionReady(); });
+    loop_ = &loop;
     bool mounted = shadow->initialize();
     tableIs(std::move(shadow));
     return mounted;
   }
-  // Writer mode: the loop on which readers are woken; set before initialize().
+  // The loop the map's tables run on. Writer mode: the readers are woken on it (set before
+  // initialize()). Read-only: the shadow mounted into tableIs() follows the table on it
+  // (mountShadow() sets it itself).
   void loopIs(Zinc::Loop* loop) { loop_ = loop; }
 
   // The bound collection learns once that the table is ready.
@@ -224,7 +235,7 @@ class LedgerMap {
   }
   void detach() {
     table_->detach();
-    table_ = std::make_unique<LedgerBaseDummy<Key, Value>>();
+    replaceTable(std::make_unique<LedgerBaseDummy<Key, Value>>());
     writer_ = nullptr;
     initialized_ = false;
   }
@@ -280,6 +291,22 @@ class LedgerMap {
   std::unique_ptr<Mem::ReaderKickSm> kicker_;
   std::function<void()> collectionReadyHandler_;
   bool collectionAdvertised_ = false;
+
+  // A shadow's notifiee, or its corruption handler, may detach or remount the map from inside
+  // the shadow's own call: the table it replaces lives on, detached, until the loop's next
+  // turn, so that the call returns through a live object.
+  std::vector<std::unique_ptr<LedgerBase<Key, Value>>> retired_;
+  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+
+  void replaceTable(std::unique_ptr<LedgerBase<Key, Value>> next) {
+    std::unique_ptr<LedgerBase<Key, Value>> old = std::exchange(table_, std::move(next));
+    if (!loop_) return;  // no table on a loop: nothing of the old one is running
+    retired_.push_back(std::move(old));
+    if (retired_.size() > 1) return;  // its clearing is on the way
+    loop_->defer([this, alive = alive_] {
+      if (*alive) retired_.clear();
+    });
+  }
 
   void wakeReadersOf(LedgerWriter<Key, Value, OpsT>& writer) {
     Zinc::Loop* loop = loop_;

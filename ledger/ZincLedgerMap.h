@@ -184,6 +184,7 @@ class ZincLedgerMap {
   ~ZincLedgerMap() {
     ZTRACE_TO(Detail::zincMapTrace(), 8,
               "ZincLedgerMap::~ZincLedgerMap() deleting state " << name_);
+    dropMap();
   }
   ZincLedgerMap(const ZincLedgerMap&) = delete;
   ZincLedgerMap& operator=(const ZincLedgerMap&) = delete;
@@ -191,7 +192,10 @@ class ZincLedgerMap {
   const std::string& name() const { return name_; }
   std::string classType() const { return ops_.classTypeName(); }
   const OpsT& ops() const { return ops_; }
+  // The mounted table's LedgerMap (mounted() first).
   Map& ledgerMap() { return *map_; }
+  // Corruptions this table has met so far: none while it is not mounted.
+  uint64_t corruptions() const { return map_ ? map_->corruptions() : 0; }
   bool mounted() const { return map_ && map_->initialized(); }
   // The folder under the root that holds this table.
   const std::string& tableName() const { return table_; }
@@ -211,9 +215,7 @@ class ZincLedgerMap {
   //  table, a power of two: with bucketsFor(n), n entries go in without re-chaining.
   void mountIs(LedgerMode mode, const std::string& root, const std::string& folder,
                uint32_t capacity = 64, Zinc::Loop* loop = nullptr, uint32_t minBuckets = 0) {
-    map_.reset();
-    kicker_.reset();
-    shadow_ = nullptr;
+    dropMap();
     LedgerConfig config;
     config.root = root;
     table_ = folder.empty() ? name_ : folder + "/" + name_;
@@ -232,6 +234,8 @@ class ZincLedgerMap {
     collectionChanged();
   }
   void readerIs(std::unique_ptr<LedgerBase<Key, Value>> table) {
+    if (!map_) throw Zinc::Exception("ZincLedgerMap::readerIs() " + name_ + " is not mounted");
+    shadow_ = nullptr;  // a shadow mounted before is replaced, and goes with its table
     map_->tableIs(std::move(table));
     controlChanged();
     collectionChanged();
@@ -245,6 +249,7 @@ class ZincLedgerMap {
   Shadow* shadow() const { return shadow_; }
   void unmount() {
     if (!map_) return;
+    shadow_ = nullptr;  // detach() drops the shadow with its table
     map_->detach();
     controlChanged();
   }
@@ -366,7 +371,16 @@ class ZincLedgerMap {
     shadow->corruptionHandlerIs(
         [map = map_.get()](const std::string& why) { map->corruptionDetected(why); });
     shadow->initialize();
+    map_->loopIs(&loop);
     map_->tableIs(std::move(shadow));
+  }
+  // The table goes, and then its kicker: a writer's last changes are announced first (its
+  // detach defers their kick to the loop, which would run it only after the kicker is gone).
+  void dropMap() {
+    shadow_ = nullptr;
+    map_.reset();
+    flushKicks();
+    kicker_.reset();
   }
   bool noMansLand(const char* operation) const {
     ZTRACE_TO(Detail::zincMapTrace(), 1,

@@ -13,9 +13,9 @@ namespace {
 // table (its corruption count rose) and counts as "try the next index".
 template <class Table, class Key, class Value>
 int probeIn(Table& table, const Key& key, Value& scratch) {
-  uint64_t corruptions = table.ledgerMap().corruptions();
-  bool present = table.lookup(key, scratch);
-  if (table.ledgerMap().corruptions() != corruptions) return 2;
+  const uint64_t corruptions = table.corruptions();
+  const bool present = table.lookup(key, scratch);
+  if (table.corruptions() != corruptions) return 2;
   return present ? 1 : 0;
 }
 
@@ -78,11 +78,7 @@ LfibViaIndexAllocator::Probe LfibViaIndexAllocator::probeVia(const LfibViaKey& k
 }
 
 LfibViaIndexAllocator::Probe LfibViaIndexAllocator::probeViaSet(const LfibViaSetKey& key) {
-  auto& table = lfibStatus_->viaSetLedger();
-  const uint64_t corruptions = table.ledgerMap().corruptions();
-  bool present = table.lookup(key, *viaSetScratch_);
-  if (table.ledgerMap().corruptions() != corruptions) return Probe::corrupt;
-  return present ? Probe::present : Probe::absent;
+  return static_cast<Probe>(probeIn(lfibStatus_->viaSetLedger(), key, *viaSetScratch_));
 }
 
 // Both probes step their counter by one per index tried (viaKeyIndexInc(type, 1)), reading it

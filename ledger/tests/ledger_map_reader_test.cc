@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -66,6 +67,54 @@ TEST_F(LedgerMapReaderTest, ReaderMountsWhenTheWriterAppearsAndAdvertisesOnce) {
   writer.write(makeValue(3, 2));
   ASSERT_TRUE(until([&] { return log.changes == 1; }));
   EXPECT_TRUE(log.errors.empty()) << log.errors.front();
+}
+
+// A writer's map destroyed in the loop turn of its last writes still wakes its readers for
+// them: the kick it deferred to the loop would have gone with it.
+TEST_F(LedgerMapReaderTest, AWriterGoneInTheTurnOfItsLastWritesHasWokenItsReaders) {
+  auto writer = std::make_unique<Map>(config(), Ledger::LedgerMode::writer);
+  writer->loopIs(&loop);
+  ASSERT_TRUE(writer->initialize());
+  writer->write(makeValue(1, 1));
+  Map reader(config(), Ledger::LedgerMode::readOnly);
+  reader.mountShadow(loop, log.notifier());
+  ASSERT_TRUE(until([&] { return reader.table().quiesced() && log.adds == 1; }));
+  writer->write(makeValue(2, 1));
+  writer.reset();
+  EXPECT_TRUE(until([&] { return log.adds == 2; }));
+}
+
+// A notifiee may detach its map, or mount it anew, from inside the shadow's call to it, in
+// step or during a sync: the shadow's call returns through a live object, and the map goes
+// on as told.
+TEST_F(LedgerMapReaderTest, ANotifieeDetachesOrRemountsItsMapFromInsideACall) {
+  Map writer(config(), Ledger::LedgerMode::writer);
+  writer.loopIs(&loop);
+  ASSERT_TRUE(writer.initialize());
+  for (uint64_t id = 0; id < 20; ++id) writer.write(makeValue(id, 1));
+  Map reader(config(), Ledger::LedgerMode::readOnly);
+  int told = 0, mounts = 0;
+  Ledger::Notify<TestKey, TestValue> detaching;
+  detaching.onKey = [&](const TestKey&, const TestValue*) {
+    ++told;
+    reader.detach();
+  };
+  reader.mountShadow(loop, detaching);  // the first key of the sync detaches it
+  loop.runFor(50ms);
+  EXPECT_EQ(told, 1);
+  EXPECT_FALSE(reader.table().connected());
+
+  Ledger::Notify<TestKey, TestValue> remounting;
+  remounting.onKey = [&](const TestKey& k, const TestValue*) {
+    if (k.id == 99 && mounts++ == 0) reader.mountShadow(loop, log.notifier());
+  };
+  reader.mountShadow(loop, remounting);
+  ASSERT_TRUE(until([&] { return reader.table().quiesced(); }));
+  writer.write(makeValue(99, 1));  // told in step: the notifiee mounts a new shadow
+  ASSERT_TRUE(until([&] { return log.adds == 21; }));
+  EXPECT_EQ(mounts, 1);
+  TestValue v;
+  EXPECT_TRUE(reader.lookup(TestKey{99}, v));
 }
 
 TEST_F(LedgerMapReaderTest, NotifyingOffKeepsTheShadowCurrentButSilent) {

@@ -234,6 +234,9 @@ TEST_F(LfibStatusTest, ReaderIsToldOfChangedKeysOnly) {
   EXPECT_FALSE(reader->lfibRouteHas(route.key()));
   EXPECT_EQ(reader->lfibRouteCount(), 0u);
   reader->ledgerUnmount();
+  // Unmounted, it follows nothing, so nothing is outstanding.
+  EXPECT_TRUE(reader->ledgerInStep());
+  EXPECT_EQ(reader->lfibRouteLedger().shadow(), nullptr);
 }
 
 // A reader's shadow that finds its table broken (the header counts slots that the file does

@@ -254,6 +254,18 @@ TEST(LfibWriterChecks, InvalidViaTypesAndSetKeysAreFatal) {
                         "key only"));
 }
 
+// A writer on a status whose tables are not mounted yet drops what it writes, as the tables
+// themselves do, instead of failing on the way.
+TEST(LfibWriterUnmounted, RoutesAreDroppedInNoMansLand) {
+  LfibStatus::Ptr status = lfibStatusFactory("status");
+  LfibWriter::Ptr writer = lfibWriterFactory(status);
+  writer->lfibRouteIs(route(16, 2));
+  writer->lfibRouteDel(route(16, 2).key());
+  EXPECT_EQ(status->lfibRouteCount(), 0u);
+  EXPECT_EQ(status->viaSetCount(), 0u);
+  EXPECT_EQ(status->mplsViaCount(), 0u);
+}
+
 TEST(ConsolidatedLfibRoute, StringFormAndEmptiness) {
   ConsolidatedLfibRoute r = route(100, 0);
   EXPECT_TRUE(!r);
