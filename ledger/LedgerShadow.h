@@ -16,8 +16,6 @@
 // (ReaderMounter) until the writer appears.
 #pragma once
 
-#include <sys/stat.h>
-
 #include <chrono>
 #include <memory>
 #include <string>
@@ -198,7 +196,7 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
       if (reader_.attached()) reader_.detach();
       return false;
     }
-    identity_ = fileIdentity();
+    identity_ = reader_.slotTable().fileIdentity();
     kick_->watchOn(loop_, [this] { onKick(); });
     healthTimer_ = loop_.timerEvery(options_.healthCheck, [this] { healthCheck(); });
     state_ = ShadowState::attached;
@@ -338,11 +336,8 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
     });
   }
 
-  uint64_t fileIdentity() const {
-    struct stat st;
-    std::string path = tableDir() + "/slots";
-    return ::stat(path.c_str(), &st) == 0 ? (uint64_t(st.st_dev) << 40) ^ st.st_ino : 0;
-  }
+  // The slot file at the table's path now (0 for none); identity_ is that of the one mapped.
+  uint64_t fileIdentity() const { return SharedMem::EmberFile::identityAt(tableDir() + "/slots"); }
   bool writerChanged() const {
     return rally_.incarnationChanged() || fileIdentity() != identity_ ||
            Shm::load(reader_.slotTable().header().emberId, std::memory_order_acquire) !=
@@ -355,7 +350,7 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
     try {
       reader_.attach();
       rally_.attach(config_.root, config_.table, reader_.emberId());
-      identity_ = fileIdentity();
+      identity_ = reader_.slotTable().fileIdentity();
       if (kick_ &&
           !SharedMem::EmberFile::exists(config_.root, config_.table, "readers/" + kickName())) {
         kick_->unwatch(loop_);

@@ -1,7 +1,6 @@
 #include "ledger/SlotReaderTable.h"
 
 #include <sys/mman.h>
-#include <sys/stat.h>
 
 #include <unistd.h>
 
@@ -50,8 +49,7 @@ void SlotReaderTable::attach(const std::string& root, const std::string& table, 
   emberId_ = h.emberId;
   slotSize_ = h.slotSize;
   valueSize_ = h.valueSize;
-  struct stat st;
-  identity_ = ::stat(file_.path().c_str(), &st) == 0 ? (uint64_t(st.st_dev) << 40) ^ st.st_ino : 0;
+  identity_ = file_.identity();
   bind();
   ZTRACE(3, "SlotReader::attach() " << file_.path() << " slots:" << mappedSlots_
                                     << " ember:" << emberId_);

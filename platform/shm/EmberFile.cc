@@ -31,6 +31,8 @@ namespace SharedMem {
 
 namespace {
 
+uint64_t identityOf(const struct stat& st) { return (uint64_t(st.st_dev) << 40) ^ st.st_ino; }
+
 std::string joinPath(std::string_view a, std::string_view b) {
   std::string path(a);
   if (!path.empty() && path.back() != '/') path += '/';
@@ -169,7 +171,13 @@ bool EmberFile::open(std::string_view root, std::string_view table, std::string_
     errno = EINVAL;
     return fail("not a regular file:");
   }
+  identity_ = identityOf(st);
   return mapLength(static_cast<size_t>(st.st_size));
+}
+
+uint64_t EmberFile::identityAt(const std::string& path) {
+  struct stat st;
+  return ::stat(path.c_str(), &st) == 0 ? identityOf(st) : 0;
 }
 
 void EmberFile::close() {
@@ -179,6 +187,7 @@ void EmberFile::close() {
   size_ = 0;
   reserved_ = 0;
   fd_ = -1;
+  identity_ = 0;
 }
 
 size_t EmberFile::fileSize() const {

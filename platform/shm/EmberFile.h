@@ -69,6 +69,10 @@ class EmberFile {
   uint8_t* base() const { return base_; }
   size_t size() const { return size_; }  // bytes mapped
   size_t fileSize() const;               // bytes in the file now (another process may grow it)
+  // Which file this is (its device and inode, as opened): a table removed and made again has
+  // other files at the same paths. identityAt() is that of the file at `path` now, 0 for none.
+  uint64_t identity() const { return identity_; }
+  static uint64_t identityAt(const std::string& path);
 
   // Grows the file to at least `bytes` (never shrinks it), reserves the first `reserveBytes`
   // of them (all by default), and maps `bytes`; the mapping may move. On failure the old
@@ -122,6 +126,7 @@ class EmberFile {
   bool writable_ = false;
   bool created_ = false;
   uint32_t emberId_ = 0;
+  uint64_t identity_ = 0;
   std::string path_;
   std::string error_;
 };

@@ -846,12 +846,9 @@ class Watcher {
   bool attached() const { return t_.slots.attached() && t_.rally.attached(); }
 
   // The file at the slot file's path is not the one mapped (or there is none): the table was
-  // removed, and maybe made again. Identified as SlotReaderTable::fileIdentity() does.
+  // removed, and maybe made again.
   bool slotFileReplaced() const {
-    struct stat st;
-    const uint64_t now =
-        ::stat(t_.slots.path().c_str(), &st) == 0 ? (uint64_t(st.st_dev) << 40) ^ st.st_ino : 0;
-    return now != t_.slots.fileIdentity();
+    return SharedMem::EmberFile::identityAt(t_.slots.path()) != t_.slots.fileIdentity();
   }
 
   void resync(const std::string& why) {
