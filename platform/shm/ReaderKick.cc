@@ -21,6 +21,7 @@
 #include <string_view>
 
 #include "platform/shm/EmberFile.h"
+#include "platform/shm/MappingGuard.h"
 #include "zinc/Exception.h"
 #include "zinc/Loop.h"
 #include "zinc/Trace.h"
@@ -219,6 +220,8 @@ std::optional<uint64_t> readerConsumed(const std::string& tableDir, const std::s
   if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size >= off_t(sizeof(ReaderAck))) {
     at = ::mmap(nullptr, sizeof(ReaderAck), PROT_READ, MAP_SHARED, fd, 0);
   }
+  // Any process that can open the record can cut it short under the mapping.
+  if (at != MAP_FAILED) SharedMem::MappingGuard::watch(at, sizeof(ReaderAck));
   const bool alive = ::flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
   if (at != MAP_FAILED) {
     const auto* record = static_cast<const ReaderAck*>(at);
@@ -228,6 +231,7 @@ std::optional<uint64_t> readerConsumed(const std::string& tableDir, const std::s
     const uint64_t seq = std::atomic_ref<uint64_t>(const_cast<uint64_t&>(record->consumed))
                              .load(std::memory_order_acquire);
     if (alive && wellFormed) consumed = seq;
+    SharedMem::MappingGuard::forget(at);
     ::munmap(at, sizeof(ReaderAck));
   }
   ::close(fd);  // drops the lock if we took it

@@ -20,6 +20,7 @@
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <set>
 #include <thread>
 #include <vector>
@@ -125,6 +126,22 @@ TEST_F(ReaderKick, ReaderRegisteredAfterWriterIsKicked) {
   EXPECT_EQ(writer.flush(), 2u);
   EXPECT_EQ(first.result(), 1);
   EXPECT_EQ(second.result(), 1);
+}
+
+// What a reader acknowledged, as a writer reads it from the reader's record: its sequence
+// while the reader lives, nothing for a record cut short (by whoever can open it) or left by
+// a reader that is gone.
+TEST_F(ReaderKick, AcknowledgementsAreReadFromLiveWholeRecordsOnly) {
+  auto reader = std::make_unique<ReaderKickListener>(table);
+  const std::string ack = Mem::readersDir(table) + "/" + reader->name() + ".ack";
+  reader->acknowledge(7);
+  EXPECT_EQ(Mem::readerConsumed(table, reader->name()), std::optional<uint64_t>(7));
+  std::filesystem::resize_file(ack, 8);
+  EXPECT_EQ(Mem::readerConsumed(table, reader->name()), std::nullopt);
+  const std::string name = reader->name();
+  reader.reset();
+  EXPECT_EQ(Mem::readerConsumed(table, name), std::nullopt);
+  EXPECT_EQ(Mem::readerConsumed(table, "../x"), std::nullopt) << "not a reader's name";
 }
 
 TEST_F(ReaderKick, DeadReaderIsDroppedOnFirstFailedKick) {
