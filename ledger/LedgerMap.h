@@ -245,7 +245,17 @@ class LedgerMap {
     ZTRACE_TO(Detail::mapTrace(), 0,
               "LedgerMap::corruptionDetected() " << config_.table << " " << reason);
     if (corruptionHandler_) corruptionHandler_(reason);
-    if (writer_) writer_->attach();  // validate, then recover or re-format
+    if (!writer_) return;
+    // Validate, then recover or re-format. Called from reads, which carry on as if the entry
+    // were absent: files that cannot be mapped again leave the table detached (writes to it
+    // are dropped, traced), not an exception out of a lookup.
+    try {
+      writer_->attach();
+    } catch (const Zinc::Exception& e) {
+      ZTRACE_TO(Detail::mapTrace(), 0,
+                "LedgerMap::corruptionDetected() " << config_.table
+                                                   << " cannot attach again: " << e.what());
+    }
   }
 
  private:

@@ -248,6 +248,7 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
     try {
       rally_.skipToEnd();
     } catch (const CorruptionException& e) {
+      syncer_.interrupt();  // a sync under way from before must not end this one in step
       corruptionDetected(e.what());
       return;
     }

@@ -102,6 +102,32 @@ TEST(LedgerMapModes, CorruptionIsReportedTheEntryTreatedAsAbsentAndTheTableRepai
   }
 }
 
+// A read that meets corruption carries on as if the entry were absent, even when the table's
+// files cannot be attached again to repair it: no exception out of the read.
+TEST(LedgerMapModes, ARepairThatCannotAttachLeavesTheReadAMiss) {
+  TempRoot root;
+  TraceCapture trace("LedgerMap/0-9");
+  Map map(mapConfig(root), LedgerMode::writer);
+  map.initialize();
+  for (uint64_t id = 0; id < 10; ++id) map.write(makeValue(id, 1));
+  auto& writer = dynamic_cast<LedgerWriter<TestKey, TestValue>&>(map.table());
+  const uint32_t slot = slotIndexOf(writer, writer.write(makeValue(4, 2)));
+  writer.slotTable().slot(slot).linkPair = packLink(0, slot);
+  // Whoever is told of the corruption first makes the slot file something no writer opens.
+  const std::string slots = writer.slotTable().path();
+  map.corruptionHandlerIs([&](const std::string&) {
+    std::filesystem::remove(slots);
+    std::filesystem::create_directory(slots);
+  });
+  TestValue v;
+  int steps = 0;
+  EXPECT_NO_THROW(
+      for (bool more = map.first(v); more && steps < 100; more = map.next(v.k, v))++ steps);
+  EXPECT_LT(steps, 10);
+  EXPECT_EQ(map.corruptions(), 1u);
+  EXPECT_TRUE(trace.has("LedgerMap::corruptionDetected() map cannot attach again: "));
+}
+
 TEST(LedgerTemporaryTable, LivesAndDiesWithItsObject) {
   TempRoot root;
   LedgerConfig c;
