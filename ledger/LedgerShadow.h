@@ -224,8 +224,10 @@ class LedgerShadow : public ReadOnlyLedger<Key, Value> {
     if (mounterTimer_) return;
     ZTRACE_TO(ShadowDetail::trace(), 1,
               "ReaderMounter::timeout() start retrying to mount "
-                  << config_.table << " (" << lastMountError_
-                  << "). This message can be safely ignored if the writer is not running.");
+                  << config_.table
+                  << ". This message can be safely ignored if the writer is not running.");
+    ZTRACE_TO(ShadowDetail::trace(), 1,
+              "ReaderMounter::timeout() " << config_.table << " not mounted: " << lastMountError_);
     mountTries_ = 0;
     mounterTimer_ = loop_.timerEvery(options_.mountRetry, [this] {
       ++mountTries_;
