@@ -105,6 +105,7 @@ struct Options {
   bool help = false;
   bool once = false;  // validate: one check, no waiting for a live writer
   uint64_t count = 0;
+  bool countGiven = false;
 };
 
 std::optional<Options> parse(const std::vector<std::string>& args, std::ostream& err) {
@@ -130,11 +131,12 @@ std::optional<Options> parse(const std::vector<std::string>& args, std::ostream&
       auto v = value();
       if (!v) return std::nullopt;
       const auto count = Tools::digitsOf<uint64_t>(*v);
-      if (!count) {
-        err << "ledger: --count wants a number, not '" << *v << "'\n";
+      if (!count || *count == 0) {
+        err << "ledger: --count wants a number of lines (1 or more), not '" << *v << "'\n";
         return std::nullopt;
       }
       o.count = *count;
+      o.countGiven = true;
     } else if (a.rfind("--", 0) == 0) {
       err << "ledger: unknown option " << a << "\n";
       return std::nullopt;
@@ -967,6 +969,26 @@ int watch(const Options& o, std::ostream& out, std::ostream& err) {
   return Watcher(o, t, out).run();
 }
 
+// An option that the command does not take is an error: ignoring it would hide a typo or a
+// wrong expectation (`ls --json` printing text).
+bool optionsFit(const Options& o, std::ostream& err) {
+  const struct {
+    bool given;
+    const char* option;
+    const char* command;
+  } options[] = {{o.json, "--json", "dump"},
+                 {o.once, "--once", "validate"},
+                 {o.countGiven, "--count", "watch"}};
+  for (const auto& x : options) {
+    if (x.given && o.command != x.command) {
+      err << "ledger: " << x.option << " is an option of '" << x.command << "' only, not of '"
+          << o.command << "'\n";
+      return false;
+    }
+  }
+  return true;
+}
+
 int runCommand(Options& o, std::ostream& out, std::ostream& err) {
   if (o.command == "ls") return ls(o, out, err);
   if (!resolveFolder(o, err)) return kUsage;
@@ -998,6 +1020,7 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     out << help->second;
     return kOk;
   }
+  if (!optionsFit(o, err)) return kUsage;
   // Each command reports what it finds wrong as it goes; anything a table's bytes make a lower
   // layer throw still ends as a report on the table, never as an abort.
   try {

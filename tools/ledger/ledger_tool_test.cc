@@ -65,15 +65,22 @@ TEST(LedgerTool, HelpUsageAndMissingTables) {
   EXPECT_EQ(tool(root, {"show", "../etc"}).status, 2);
   // Bad options: each refused with what is wrong, before anything is opened.
   const std::vector<std::pair<std::vector<std::string>, std::string>> badOptions = {
-      {{"watch", "routes", "--count", "12x"}, "--count wants a number, not '12x'"},
-      {{"watch", "routes", "--count", ""}, "--count wants a number, not ''"},
-      {{"watch", "routes", "--count", "-5"}, "--count wants a number, not '-5'"},
+      {{"watch", "routes", "--count", "12x"},
+       "--count wants a number of lines (1 or more), not '12x'"},
+      {{"watch", "routes", "--count", ""}, "--count wants a number of lines (1 or more), not ''"},
+      {{"watch", "routes", "--count", "-5"},
+       "--count wants a number of lines (1 or more), not '-5'"},
+      {{"watch", "routes", "--count", "0"}, "--count wants a number of lines (1 or more), not '0'"},
       {{"watch", "routes", "--count", "99999999999999999999"},
-       "--count wants a number, not '99999999999999999999'"},
+       "--count wants a number of lines (1 or more), not '99999999999999999999'"},
       {{"watch", "routes", "--count"}, "--count needs a value"},
       {{"ls", "--root"}, "--root needs a value"},
       {{"dump", "routes", "--frob"}, "unknown option --frob"},
       {{"dump", "routes", "extra"}, "unexpected argument extra"},
+      // Each option belongs to one command; elsewhere it is refused, not ignored.
+      {{"ls", "--json"}, "--json is an option of 'dump' only, not of 'ls'"},
+      {{"show", "routes", "--once"}, "--once is an option of 'validate' only, not of 'show'"},
+      {{"dump", "routes", "--count", "3"}, "--count is an option of 'watch' only, not of 'dump'"},
   };
   for (const auto& [args, message] : badOptions) {
     auto r = tool(root, args);
