@@ -82,12 +82,10 @@ class LedgerMap {
 
   LedgerMap(LedgerConfig config, LedgerMode mode, OpsT ops = OpsT())
       : config_(std::move(config)), mode_(mode), ops_(std::move(ops)) {}
-  // A writer's last changes are announced before it goes: detach() defers their kick to the
-  // loop, and the kicker goes with this map before the loop would run it.
+  // The table detaches before the kicker goes, which announces the writer's last changes.
   ~LedgerMap() {
     *alive_ = false;
     table_->detach();
-    if (kicker_) kicker_->flush();
   }
 
   // Writer mode: attaches a LedgerWriter (adopting, recovering or creating the files).

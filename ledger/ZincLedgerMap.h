@@ -374,12 +374,10 @@ class ZincLedgerMap {
     map_->loopIs(&loop);
     map_->tableIs(std::move(shadow));
   }
-  // The table goes, and then its kicker: a writer's last changes are announced first (its
-  // detach defers their kick to the loop, which would run it only after the kicker is gone).
+  // The table goes, and then its kicker, which announces the writer's last changes.
   void dropMap() {
     shadow_ = nullptr;
     map_.reset();
-    flushKicks();
     kicker_.reset();
   }
   bool noMansLand(const char* operation) const {

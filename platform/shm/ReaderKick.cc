@@ -352,7 +352,10 @@ ReaderKickSm::ReaderKickSm(const std::string& tableDir, Defer defer)
   rescanOwed_ = !rescan();
 }
 
+// A commit not announced yet is announced now: the flush deferred to the loop will find this
+// kicker gone (its writer went in the same loop turn as its last changes).
 ReaderKickSm::~ReaderKickSm() {
+  flush();
   *alive_ = false;
   for (auto& reader : readers_) closeFds(reader);
   closeIfOpen(inotifyFd_);
